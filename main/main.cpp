@@ -1,0 +1,40 @@
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "platform/Log.h"
+#include "platform/Root.h"
+
+namespace {
+
+void Usage(FILE* out) {
+    fprintf(out,
+            "usage: tarnisd [--root DIR]\n"
+            "Runs the diagnostics daemon in the foreground. Device paths resolve below DIR\n"
+            "(default: $TARNIS_ROOT, else /).\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            Usage(stdout);
+            return 0;
+        } else if (arg == "--root" && i + 1 < argc) {
+            platform::SetRoot(argv[++i]);
+        } else if (arg.compare(0, 7, "--root=") == 0) {
+            platform::SetRoot(arg.substr(7));
+        } else {
+            fprintf(stderr, "tarnisd: unknown argument '%s'\n", arg.c_str());
+            Usage(stderr);
+            return 2;
+        }
+    }
+    LOG(INFO) << "Velmar Tarnis-System Service is starting...";
+    // Nothing stops the daemon in an orderly way: it serves until killed.
+    for (;;) pause();
+    return 1;
+}

@@ -1,0 +1,49 @@
+#include "platform/Clock.h"
+
+#include <time.h>
+
+#include <atomic>
+#include <cerrno>
+
+namespace platform {
+namespace {
+
+SystemClock& RealClock() {
+    static auto* clock = new SystemClock;
+    return *clock;
+}
+
+std::atomic<Clock*> gClock{nullptr};
+
+}  // namespace
+
+Clock& GetClock() {
+    Clock* clock = gClock.load(std::memory_order_acquire);
+    return clock != nullptr ? *clock : RealClock();
+}
+
+Clock* SetClockForTesting(Clock* clock) {
+    Clock* previous = gClock.exchange(clock, std::memory_order_acq_rel);
+    return previous != nullptr ? previous : &RealClock();
+}
+
+int64_t SystemClock::SteadyNowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int64_t SystemClock::WallNowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void SystemClock::SleepMs(int64_t ms) {
+    if (ms <= 0) return;
+    struct timespec left = {static_cast<time_t>(ms / 1000), static_cast<long>((ms % 1000) * 1000000)};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace platform

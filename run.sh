@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Builds if needed, prepares a sandbox root and runs tarnisd on it in the
+# foreground. The root is $TARNIS_ROOT, else ./sandbox.
+set -euo pipefail
+cd "$(dirname "$0")"
+scripts/install-deps.sh
+scripts/build.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ROOT="${TARNIS_ROOT:-$PWD/sandbox}"
+scripts/prepare-sandbox.sh "$ROOT"
+echo "run.sh: tarnisd --root $ROOT (try: build/tarnisctl --root $ROOT getprop)"
+exec build/tarnisd --root "$ROOT"

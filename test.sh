@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: once plainly, once
+# under AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency
+# suites under ThreadSanitizer. Exits non-zero when anything fails.
+set -uo pipefail
+cd "$(dirname "$0")"
+scripts/install-deps.sh || exit 1
+
+# Suites whose threads ThreadSanitizer checks.
+TSAN_SUITES="framework;binder"
+JOBS=$(nproc)
+passed=0
+failed=0
+status=0
+logdir=$(mktemp -d)
+
+run_suite() {  # NAME DIR [cmake options...]
+  local name=$1 dir=$2; shift 2
+  echo "=== $name: build ($dir)"
+  if ! scripts/build.sh "$dir" "$@"; then
+    echo "=== $name: BUILD FAILED"
+    status=1
+    failed=$((failed + 1))
+    return
+  fi
+  echo "=== $name: tests"
+  ctest --test-dir "$dir" --output-on-failure -j"$JOBS" --timeout 600 2>&1 | tee "$logdir/$name.log"
+  local rc=${PIPESTATUS[0]}
+  local line
+  line=$(grep -E '[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$logdir/$name.log" | tail -1)
+  if [ -n "$line" ]; then
+    local f t
+    f=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/')
+    t=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\2/')
+    passed=$((passed + t - f))
+    failed=$((failed + f))
+  elif [ "$rc" -ne 0 ]; then
+    failed=$((failed + 1))
+  fi
+  [ "$rc" -ne 0 ] && status=1
+}
+
+run_suite plain build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+run_suite asan-ubsan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
+  -DTARNIS_SANITIZE=address,undefined
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+run_suite tsan build-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
+  -DTARNIS_SANITIZE=thread "-DTARNIS_TEST_SUBSET=$TSAN_SUITES"
+
+rm -rf "$logdir"
+echo "test.sh: $passed passed, $failed failed"
+exit $status

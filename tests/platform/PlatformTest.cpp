@@ -1,0 +1,181 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <regex>
+#include <thread>
+
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "platform/Properties.h"
+#include "platform/Root.h"
+#include "tests/support/TempDir.h"
+
+using namespace std::chrono_literals;
+using tarnis_test::RunShell;
+using tarnis_test::TempDir;
+
+namespace {
+
+class PlatformTest : public ::testing::Test {
+protected:
+    void SetUp() override { platform::SetRoot(dir_.path()); }
+    void TearDown() override { platform::SetRoot("/"); }
+    TempDir dir_;
+};
+
+std::string Ctl() { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl"; }
+
+}  // namespace
+
+TEST_F(PlatformTest, DevicePathsResolveBelowTheRoot) {
+    EXPECT_EQ(platform::DevicePath("/data/dorva/"), dir_.path() + "/data/dorva/");
+    // Mapping twice, or mapping a relative path, changes nothing.
+    EXPECT_EQ(platform::DevicePath(platform::DevicePath("/proc/mounts")), dir_.path() + "/proc/mounts");
+    EXPECT_EQ(platform::DevicePath("relative/x"), "relative/x");
+    platform::SetRoot(dir_.path() + "///");
+    EXPECT_EQ(platform::GetRoot(), dir_.path());
+    platform::SetRoot("/");
+    EXPECT_EQ(platform::DevicePath("/data/x"), "/data/x");
+}
+
+TEST_F(PlatformTest, LogLinesReachCapturesAndStderrInThreadtimeLayout) {
+    platform::LogCapture capture;
+    __android_log_print(ANDROID_LOG_WARN, "Tarnis-Test", "[%s] value %d", "op", 7);
+    LOG(ERROR) << "stream " << 42;
+    errno = ENOENT;
+    PLOG(INFO) << "opening";
+    auto lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].tag, "Tarnis-Test");
+    EXPECT_EQ(lines[0].prio, ANDROID_LOG_WARN);
+    EXPECT_EQ(lines[0].text, "[op] value 7");
+    EXPECT_EQ(lines[1].text, "stream 42");
+    EXPECT_EQ(lines[1].tag, platform::DefaultLogTag());
+    EXPECT_EQ(lines[2].text, "opening: No such file or directory");
+    EXPECT_TRUE(capture.Contains("value 7", "Tarnis-Test", ANDROID_LOG_WARN));
+    EXPECT_FALSE(capture.Contains("value 7", "Other"));
+
+    // The printed layout, read back from a child's standard error.
+    testing::internal::CaptureStderr();
+    __android_log_print(ANDROID_LOG_INFO, "Tarnis-Layout", "first\nsecond\n");
+    std::string printed = testing::internal::GetCapturedStderr();
+    std::regex line(R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d +\d+ +\d+ I Tarnis-Layout: (first|second)\n)");
+    std::smatch m;
+    std::string rest = printed;
+    int count = 0;
+    while (std::regex_search(rest, m, line) && m.position(0) == 0) {
+        ++count;
+        rest = m.suffix();
+    }
+    EXPECT_EQ(count, 2) << printed;
+    EXPECT_TRUE(rest.empty()) << printed;
+}
+
+TEST(PlatformDeathTest, CheckEqAbortsNamingBothValues) {
+    int status = 3;
+    const int kOk = 0;
+    EXPECT_DEATH({ CHECK_EQ(status, kOk); }, "Check failed: status == kOk \\(status=3, kOk=0\\)");
+    EXPECT_DEATH({ LOG(FATAL) << "gone"; }, "gone");
+}
+
+TEST_F(PlatformTest, PropertiesStoreAndParse) {
+    EXPECT_EQ(android::base::GetProperty("tarnis.test.x", "dflt"), "dflt");
+    EXPECT_TRUE(android::base::SetProperty("tarnis.test.x", "hello"));
+    EXPECT_EQ(android::base::GetProperty("tarnis.test.x", "dflt"), "hello");
+    // An empty value reads as unset.
+    EXPECT_TRUE(android::base::SetProperty("tarnis.test.x", ""));
+    EXPECT_EQ(android::base::GetProperty("tarnis.test.x", "dflt"), "dflt");
+
+    for (const char* yes : {"1", "y", "yes", "on", "true"}) {
+        android::base::SetProperty("tarnis.test.b", yes);
+        EXPECT_TRUE(android::base::GetBoolProperty("tarnis.test.b", false)) << yes;
+    }
+    for (const char* no : {"0", "n", "no", "off", "false"}) {
+        android::base::SetProperty("tarnis.test.b", no);
+        EXPECT_FALSE(android::base::GetBoolProperty("tarnis.test.b", true)) << no;
+    }
+    android::base::SetProperty("tarnis.test.b", "maybe");
+    EXPECT_TRUE(android::base::GetBoolProperty("tarnis.test.b", true));
+    EXPECT_FALSE(android::base::GetBoolProperty("tarnis.test.b", false));
+
+    android::base::SetProperty("tarnis.test.i", "0x10");
+    EXPECT_EQ(android::base::GetIntProperty("tarnis.test.i", 5), 16);
+    EXPECT_EQ(android::base::GetIntProperty("tarnis.test.i", 5, 0, 10), 5);
+
+    char value[PROPERTY_VALUE_MAX];
+    EXPECT_EQ(property_get("tarnis.test.none", value, "fallback"), 8);
+    EXPECT_STREQ(value, "fallback");
+    EXPECT_EQ(property_set("tarnis.test.c", "abc"), 0);
+    EXPECT_EQ(property_get("tarnis.test.c", value, nullptr), 3);
+    EXPECT_STREQ(value, "abc");
+
+    // The store lives below the root.
+    struct stat st;
+    EXPECT_EQ(stat((dir_.path() + "/dev/__properties__/tarnis.test.c").c_str(), &st), 0);
+}
+
+TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly) {
+    EXPECT_FALSE(android::base::SetProperty("", "x"));
+    EXPECT_FALSE(android::base::SetProperty("../escape", "x"));
+    EXPECT_FALSE(android::base::SetProperty("a/b", "x"));
+    EXPECT_FALSE(android::base::SetProperty(".hidden", "x"));
+    EXPECT_EQ(android::base::GetProperty("../escape", "none"), "none");
+    EXPECT_FALSE(android::base::SetProperty("tarnis.test.long", std::string(PROPERTY_VALUE_MAX, 'v')));
+    EXPECT_TRUE(android::base::SetProperty("tarnis.test.long", std::string(PROPERTY_VALUE_MAX - 1, 'v')));
+    // Read-only properties take one value, of any length.
+    EXPECT_TRUE(android::base::SetProperty("ro.tarnis.fp", std::string(200, 'f')));
+    EXPECT_FALSE(android::base::SetProperty("ro.tarnis.fp", "other"));
+    EXPECT_EQ(android::base::GetProperty("ro.tarnis.fp", ""), std::string(200, 'f'));
+    EXPECT_EQ(platform::ListProperties().count("ro.tarnis.fp"), 1u);
+}
+
+TEST_F(PlatformTest, WaitForPropertyIsWokenByAnotherProcess) {
+    EXPECT_FALSE(android::base::WaitForProperty("tarnis.test.wait", "go", 50ms));
+    auto start = std::chrono::steady_clock::now();
+    std::thread setter([this] {
+        std::this_thread::sleep_for(100ms);
+        int status = -1;
+        RunShell(Ctl() + " --root " + dir_.path() + " setprop tarnis.test.wait go", &status);
+        EXPECT_EQ(status, 0);
+    });
+    EXPECT_TRUE(android::base::WaitForProperty("tarnis.test.wait", "go", 20s));
+    auto waited = std::chrono::steady_clock::now() - start;
+    setter.join();
+    EXPECT_LT(waited, 10s);
+    EXPECT_TRUE(android::base::WaitForPropertyCreation("tarnis.test.wait", 10ms));
+}
+
+TEST_F(PlatformTest, TarnisctlGetpropAndSetprop) {
+    const std::string ctl = Ctl() + " --root " + dir_.path();
+    int status = -1;
+    RunShell(ctl + " setprop persist.tarnis.a 1", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(RunShell(ctl + " getprop persist.tarnis.a", &status), "1\n");
+    EXPECT_EQ(RunShell(ctl + " getprop persist.tarnis.none dflt", &status), "dflt\n");
+    EXPECT_EQ(RunShell(ctl + " getprop", &status), "[persist.tarnis.a]: [1]\n");
+    RunShell(ctl + " setprop bad/name 1 2>/dev/null", &status);
+    EXPECT_NE(status, 0);
+    RunShell(ctl + " --bogus getprop 2>/dev/null", &status);
+    EXPECT_EQ(status, 2);
+    RunShell(ctl + " nosuchcommand 2>/dev/null", &status);
+    EXPECT_EQ(status, 2);
+}
+
+TEST(ClockTest, TestClockReplacesTheRealOne) {
+    struct Fake : platform::Clock {
+        int64_t now = 1000;
+        int64_t SteadyNowMs() override { return now; }
+        int64_t WallNowMs() override { return now; }
+        void SleepMs(int64_t ms) override { now += ms; }
+    } fake;
+    platform::Clock* previous = platform::SetClockForTesting(&fake);
+    platform::GetClock().SleepMs(20 * 60 * 1000);
+    EXPECT_EQ(platform::GetClock().SteadyNowMs(), 1000 + 20 * 60 * 1000);
+    platform::SetClockForTesting(previous);
+    int64_t a = platform::GetClock().SteadyNowMs();
+    platform::GetClock().SleepMs(5);
+    EXPECT_GE(platform::GetClock().SteadyNowMs() - a, 5);
+}

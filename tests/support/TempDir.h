@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+namespace tarnis_test {
+
+// A fresh directory below $TMPDIR (or /tmp), removed with everything in it
+// when the object goes away.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    // path() + "/" + relative
+    std::string Sub(const std::string& relative) const { return path_ + "/" + relative; }
+
+private:
+    std::string path_;
+};
+
+// Small file helpers for fixtures.
+bool WriteFile(const std::string& path, const std::string& content);
+std::string ReadFile(const std::string& path);
+// Runs a shell command line and returns its standard output; `status` gets
+// the exit status when not null.
+std::string RunShell(const std::string& command, int* status = nullptr);
+
+}  // namespace tarnis_test

@@ -1,0 +1,41 @@
+#include <cstdio>
+
+#include "platform/Properties.h"
+#include "tools/tarnisctl/CtlCommand.h"
+
+namespace tarnisctl {
+namespace {
+
+int GetProp(const std::vector<std::string>& args) {
+    if (args.size() > 2) return UsageError("getprop takes at most NAME and DEFAULT");
+    if (args.empty()) {
+        for (const auto& [name, value] : platform::ListProperties()) {
+            printf("[%s]: [%s]\n", name.c_str(), value.c_str());
+        }
+        return 0;
+    }
+    printf("%s\n", android::base::GetProperty(args[0], args.size() > 1 ? args[1] : "").c_str());
+    return 0;
+}
+
+int SetProp(const std::vector<std::string>& args) {
+    if (args.size() != 2) return UsageError("setprop needs NAME and VALUE");
+    if (!platform::IsValidPropertyName(args[0])) {
+        fprintf(stderr, "tarnisctl: invalid property name '%s'\n", args[0].c_str());
+        return 1;
+    }
+    if (!android::base::SetProperty(args[0], args[1])) {
+        fprintf(stderr, "tarnisctl: failed to set property '%s' to '%s'\n", args[0].c_str(),
+                args[1].c_str());
+        return 1;
+    }
+    return 0;
+}
+
+CtlCommandRegister gGetProp({"getprop", "[NAME [DEFAULT]]",
+                             "print a property (or DEFAULT), or every property when no NAME is given",
+                             GetProp});
+CtlCommandRegister gSetProp({"setprop", "NAME VALUE", "set a property", SetProp});
+
+}  // namespace
+}  // namespace tarnisctl
