@@ -1,0 +1,199 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <regex>
+#include <thread>
+
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "platform/Properties.h"
+#include "tests/dump/DumpTestSupport.h"
+#include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/CmdTool.h"
+
+using android::CaptureLogUtil;
+using android::CmdTool;
+using dump_test::SandboxTest;
+using dump_test::StderrToFile;
+using tarnis_test::ReadFile;
+using tarnis_test::WriteFile;
+
+namespace {
+
+class CommandRunnerTest : public SandboxTest {
+protected:
+    std::string Capture(const std::string& name) { return root_.Sub(name); }
+    // A script that records its argument count and arguments in `out`, then
+    // exits with `code`.
+    std::string ArgRecorder(const std::string& out, int code) {
+        std::string script = root_.Sub("record.sh");
+        WriteFile(script, "#!/bin/sh\nprintf '%s\\n' \"$#\" \"$@\" > '" + out + "'\nexit " +
+                              std::to_string(code) + "\n");
+        chmod(script.c_str(), 0755);
+        return script;
+    }
+};
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+TEST_F(CommandRunnerTest, ResultLinesForExitCodesSignalsAndExecFailures) {
+    const std::string file = Capture("cap");
+    CaptureLogUtil::run_command({"sh", "-c", "echo out; echo err >&2; exit 3"}, file.c_str(), 5);
+    CaptureLogUtil::run_command({"true"}, file.c_str(), 5);
+    CaptureLogUtil::run_command({"sh", "-c", "kill -9 $$"}, file.c_str(), 5);
+    CaptureLogUtil::run_command({"tarnis-no-such-tool", "x"}, file.c_str(), 0);
+    const std::string text = ReadFile(file);
+    const std::regex expected(
+        "------ \\(sh -c echo out; echo err >&2; exit 3\\) in 5s ------\n"
+        "out\nerr\n"
+        "\\*\\*\\* sh: Exit code 3, [0-9]+\n"
+        "\\[sh: 0\\.[0-9]{3}s elapsed\\]\n\n"
+        "------ \\(true\\) in 5s ------\n"
+        "\\[true: 0\\.[0-9]{3}s elapsed\\]\n\n"
+        "------ \\(sh -c kill -9 \\$\\$\\) in 5s ------\n"
+        "\\*\\*\\* sh: Killed by signal 9\n"
+        "\\[sh: 0\\.[0-9]{3}s elapsed\\]\n\n"
+        "------ \\(tarnis-no-such-tool x\\) in 0s ------\n"
+        "\\*\\*\\* exec\\(tarnis-no-such-tool\\): No such file or directory\n"
+        "\\*\\*\\* tarnis-no-such-tool: Exit code 255, [0-9]+\n"
+        "\\[tarnis-no-such-tool: 0\\.[0-9]{3}s elapsed\\]\n\n");
+    EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+TEST_F(CommandRunnerTest, TimedOutChildIgnoringSigtermIsKilled) {
+    const std::string file = Capture("cap");
+    platform::LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    CaptureLogUtil::run_command({"sh", "-c", "trap '' TERM; echo started; exec sleep 30"},
+                                file.c_str(), 1);
+    // One second to time out, one for SIGTERM to be ignored, then SIGKILL.
+    EXPECT_LT(SecondsSince(start), 5.0);
+    const std::string text = ReadFile(file);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(
+        text, match, std::regex("started\n\\*\\*\\* sh: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n$")))
+        << text;
+    EXPECT_EQ(text.find("elapsed"), std::string::npos);
+    EXPECT_EQ(text.find("Cannot kill"), std::string::npos);
+    const pid_t pid = std::stoi(match[1]);
+    EXPECT_EQ(kill(pid, 0), -1);  // reaped: no zombie left behind
+    EXPECT_TRUE(log.Contains("*** sh: Timed out after 1.", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.Contains("run_command: sh -c trap '' TERM; echo started; exec sleep 30", "dorvad"));
+}
+
+TEST_F(CommandRunnerTest, DefaultTimeoutFollowsTestModeAndKeepsIt) {
+    const std::string file = Capture("cap");
+    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
+    EXPECT_FALSE(CaptureLogUtil::isTestMode());
+    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "true"));
+    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), -1);
+    EXPECT_TRUE(CaptureLogUtil::isTestMode());
+    // Without the property the flag keeps the longer default.
+    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "false"));
+    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
+    const std::string text = ReadFile(file);
+    const std::regex expected(
+        "------ \\(sleep 10\\) in 0s ------\n"
+        "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n"
+        "------ \\(sleep 10\\) in -1s ------\n"
+        "\\*\\*\\* sleep: Timed out after 2\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n"
+        "------ \\(sleep 10\\) in 0s ------\n"
+        "\\*\\*\\* sleep: Timed out after 2\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n");
+    EXPECT_TRUE(std::regex_match(text, expected)) << text;
+}
+
+TEST_F(CommandRunnerTest, SynchronousWritesOnlyForPowerCaptures) {
+    auto flagsOfStdout = [&](const std::string& file) {
+        CaptureLogUtil::run_command({"sh", "-c", "grep flags /proc/self/fdinfo/1"}, file.c_str(), 5);
+        std::smatch match;
+        const std::string text = ReadFile(file);
+        EXPECT_TRUE(std::regex_search(text, match, std::regex("flags:\\s+([0-7]+)"))) << text;
+        return match.empty() ? 0 : std::stoi(match[1], nullptr, 8);
+    };
+    const int power = flagsOfStdout(Capture("dumpsys_by_power_1"));
+    const int plain = flagsOfStdout(Capture("dumpsys_other"));
+    EXPECT_EQ(power & O_SYNC, O_SYNC);
+    EXPECT_EQ(power & O_APPEND, O_APPEND);
+    EXPECT_EQ(plain & O_SYNC & ~O_DSYNC, 0);
+    EXPECT_EQ(plain & O_APPEND, O_APPEND);
+    // A capture file the child cannot open: the reason on its standard error.
+    StderrToFile err(root_.Sub("stderr"));
+    CaptureLogUtil::run_command({"true"}, root_.Sub("missing/dir/cap").c_str(), 5);
+    EXPECT_NE(err.Take().find("failed to open " + root_.Sub("missing/dir/cap") +
+                              ": No such file or directory\n"),
+              std::string::npos);
+}
+
+TEST_F(CommandRunnerTest, LiteRunnerSplitsParametersAndReportsInTheLog) {
+    const std::string out = root_.Sub("args");
+    const std::string script = ArgRecorder(out, 3);
+    platform::LogCapture log;
+    EXPECT_EQ(CmdTool::run_command_lite(script.c_str(), "-a,,-b", 5), 0);
+    EXPECT_EQ(ReadFile(out), "2\n-a\n-b\n");
+    EXPECT_TRUE(log.Contains("dorvad cmdtool *** " + script + ": Exit code 3\n", "", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.Contains("dorvad cmdtool [" + script + ": 0.", "", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log.Contains("s elapsed57]\n\n"));
+
+    // 1023 bytes still pass as one parameter; 1024 are refused by the child.
+    const std::string longest(1023, 'p');
+    EXPECT_EQ(CmdTool::run_command_lite(android::String16FromUtf8(script),
+                                        android::String16FromUtf8(longest), 5),
+              0);
+    EXPECT_EQ(ReadFile(out), "1\n" + longest + "\n");
+    unlink(out.c_str());
+    StderrToFile err(root_.Sub("stderr"));
+    log.Clear();
+    EXPECT_EQ(CmdTool::run_command_lite(script.c_str(), std::string(1024, 'p').c_str(), 5), 0);
+    EXPECT_NE(err.Take().find("dorvad cmdtool *** param too long: 1024 bytes"), std::string::npos);
+    EXPECT_TRUE(log.Contains("dorvad cmdtool *** " + script + ": Exit code 255\n"));
+    struct stat st;
+    EXPECT_NE(stat(out.c_str(), &st), 0);  // never ran
+
+    log.Clear();
+    EXPECT_EQ(CmdTool::run_command_lite("tarnis-no-such-tool", "", 5), 0);
+    EXPECT_TRUE(log.Contains("dorvad cmdtool *** tarnis-no-such-tool: Exit code 255\n"));
+}
+
+TEST_F(CommandRunnerTest, LiteRunnerTimesOut) {
+    platform::LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", 1), -1);
+    EXPECT_LT(SecondsSince(start), 3.0);
+    EXPECT_TRUE(log.Contains("dorvad cmdtool *** sleep: Timed out after 1.", "", ANDROID_LOG_ERROR));
+    EXPECT_FALSE(log.Contains("Cannot kill"));
+}
+
+// Captures run on several threads at once: children ending on one thread
+// must not cut short, or count as time-outs, the waits of another.
+TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
+    platform::LogCapture log;
+    const std::string slow = Capture("slow");
+    std::thread slowRunner([&] {
+        CaptureLogUtil::run_command({"sh", "-c", "sleep 1.5; echo done; exit 4"}, slow.c_str(), 4);
+    });
+    std::atomic<int> liteFailures{0};
+    std::thread busy([&] {
+        for (int i = 0; i < 20; ++i) {
+            CaptureLogUtil::run_command({"true"}, Capture("fast").c_str(), 4);
+            if (CmdTool::run_command_lite("true", "", 4) != 0) ++liteFailures;
+        }
+    });
+    busy.join();
+    slowRunner.join();
+    EXPECT_EQ(liteFailures.load(), 0);
+    const std::string text = ReadFile(slow);
+    EXPECT_TRUE(std::regex_search(text, std::regex("done\n\\*\\*\\* sh: Exit code 4, [0-9]+\n\\[sh: 1\\.[0-9]{3}s elapsed\\]\n\n$")))
+        << text;
+    const std::string fast = ReadFile(Capture("fast"));
+    EXPECT_EQ(std::count(fast.begin(), fast.end(), '['), 20) << fast;
+    EXPECT_FALSE(log.Contains("Waiting for pid"));
+    EXPECT_FALSE(log.Contains("Timed out"));
+    EXPECT_FALSE(log.Contains("killing pid"));
+}

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "utils/dump/DumpAction.h"
+#include "utils/dump/DumpData.h"
+#include "utils/dump/String16.h"
+
+namespace android {
+
+// Test and pre-release build probes.
+bool ismtbftest();   // "persist.mtbf.test"
+bool isomnitest();   // "persist.omni.test"
+// "ro.zel.development" or "persist.sys.internal_trial_user" is true, or the
+// hardware level (read once) is not exactly "MP".
+bool isUnrelease();
+
+// Directory helpers shared with other parts of the daemon. Paths are used as
+// given: callers map device paths.
+int create_dir_if_needed(const char* path, unsigned mode);
+int delete_dir_contents(const char* path, bool deleteSelf,
+                        std::function<bool(const char* name, bool isDir)> exclude);
+int copy_file(const char* from, const char* to);
+
+// Captures: runs tools into capture files, writes bug-report style dumps and
+// packs them into archives. Every entry point runs on its caller's thread;
+// device paths handed in are mapped below the sandbox root.
+class CaptureLogUtil {
+public:
+    // ---- command runner ----
+    // Runs args[0] (searched on PATH) with the rest as arguments, appending
+    // its output and a result line to `logPath`. `timeoutSeconds` below 1
+    // means the default (60 s, 90 s in test mode).
+    static void run_command(const std::vector<std::string>& args, const char* logPath,
+                            int timeoutSeconds);
+    // True when `pid` was reaped within the time; false otherwise, errno
+    // ETIMEDOUT when the time ran out.
+    static bool waitpid_with_timeout(pid_t pid, int timeoutSeconds, int* status);
+    // In the child only: makes `path` standard output and standard error.
+    static void redirect_output(const char* path);
+    // The process-wide test-mode flag: set once a run finds a test mode.
+    static bool isTestMode();
+
+    // ---- dumps ----
+    static void dump_all(String16& type, String16& headline, Vector<String16>& actions,
+                         Vector<String16>& params, bool offline, int id, bool useId,
+                         String16& where, Vector<String16>& files, bool isRecordInLocal);
+    static void dump_for_actions(const char* outDir, const char* path,
+                                 std::vector<DumpAction>& actions);
+    static void dump_by_power(Vector<String16> actions, Vector<String16> params, const char* path,
+                              int timeoutSeconds);
+    static void dump_lite_bugreport(const char* target, const char* path);
+
+    // The SUPPORT_ACTION test: `action` occurs in the whitelist string.
+    static bool isSupportAction(const std::string& action);
+    // Headline as it goes into headers and file names.
+    static std::string sanitizeHeadline(const std::string& headline);
+
+    // ---- packaging ----
+    static int do_compress(const char* path, const char* where, Vector<String16>* files,
+                           int timeoutSeconds, bool isRecordInLocal);
+    static int CompressWithTimeout(const std::string& zipPath, const std::string& path,
+                                   Vector<String16>* files, int timeoutSeconds);
+    static void include_zip_files(const char* path, int* count);
+
+    // ---- seams for tests ----
+    struct Timeouts {
+        int defaultSeconds = 60;   // run_command's default
+        int testModeSeconds = 90;  // ... in test mode
+        int killWaitSeconds = 5;   // after SIGTERM, and again after SIGKILL
+    };
+    static void SetTimeoutsForTesting(const Timeouts& timeouts);
+    static void ResetTestModeForTesting();
+    // Called with the time-out of each packing, before it starts; and run on
+    // the worker before it packs (to make it slow).
+    static void SetCompressHooksForTesting(std::function<void(int timeoutSeconds)> onCompress,
+                                           std::function<void()> beforePack);
+};
+
+}  // namespace android

@@ -1,0 +1,154 @@
+#define LOG_TAG nullptr
+
+#include "utils/dump/CmdTool.h"
+
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "platform/Log.h"
+#include "utils/dump/ChildWait.h"
+
+namespace android {
+namespace {
+
+// Everything this runner logs carries the default tag and this prefix.
+#define CMDTOOL "dorvad cmdtool "
+
+constexpr size_t kParamBufferSize = 1024;
+constexpr size_t kArgSlots = 1024;
+constexpr size_t kMaxParams = kArgSlots - 2;
+
+std::atomic<int> gKillWaitSeconds{5};
+
+double SecondsSince(const struct timespec& start) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long ns = (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000000000LL +
+                         (now.tv_nsec - start.tv_nsec);
+    return static_cast<float>(ns) / 1e9;
+}
+
+}  // namespace
+
+void CmdTool::SetKillWaitForTesting(int seconds) { gKillWaitSeconds.store(seconds); }
+
+bool CmdTool::waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* status) {
+    int err = 0;
+    switch (ChildWait::Wait(pid, timeoutSeconds, status, &err)) {
+        case ChildWait::kReaped:
+            return true;
+        case ChildWait::kTimedOut:
+            errno = ETIMEDOUT;
+            return false;
+        case ChildWait::kWaitFailed:
+            // The wait is per child now, but its failure keeps the line that
+            // log readers know.
+            ALOGE(CMDTOOL "*** sigtimedwait failed: %s\n", strerror(err));
+            break;
+        case ChildWait::kReapFailed:
+            ALOGE(CMDTOOL "*** waitpid failed: %s\n", strerror(err));
+            break;
+        case ChildWait::kNotReaped:
+            ALOGE(CMDTOOL "*** Waiting for pid %d, got pid %d instead\n", pid, 0);
+            err = ECHILD;
+            break;
+    }
+    errno = err;
+    return false;
+}
+
+int CmdTool::run_command_lite(const char* program, const char* params, int timeoutSeconds) {
+    if (program == nullptr || program[0] == '\0') {
+        ALOGE(CMDTOOL "*** no program to run\n");
+        return -1;
+    }
+    if (params == nullptr) params = "";
+
+    // The daemon is multi-threaded: the child may not allocate or take locks,
+    // so the argument array is split here and the child only execs it.
+    const size_t paramLength = strlen(params);
+    const bool tooLong = paramLength >= kParamBufferSize;
+    char buffer[kParamBufferSize];
+    std::vector<char*> argv(kArgSlots, nullptr);
+    argv[0] = const_cast<char*>(program);
+    if (!tooLong) {
+        memcpy(buffer, params, paramLength + 1);
+        size_t argc = 1;
+        char* save = nullptr;
+        for (char* field = strtok_r(buffer, ",", &save); field != nullptr && argc <= kMaxParams;
+             field = strtok_r(nullptr, ",", &save)) {
+            argv[argc++] = field;
+        }
+        argv[argc] = nullptr;
+    }
+
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    const pid_t pid = fork();
+    if (pid < 0) {
+        ALOGD(CMDTOOL "*** fork: %s\n", strerror(errno));
+        return -1;
+    }
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        signal(SIGPIPE, SIG_IGN);
+        // The forking thread may have signals blocked; the tool must be
+        // stoppable with SIGTERM.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (tooLong) {
+            ALOGE(CMDTOOL "*** param too long: %zu bytes\n", paramLength);
+            _exit(-1);
+        }
+        ALOGD(CMDTOOL "*** (%s): %s\n", program, params);
+        execvp(program, argv.data());
+        // strerrordesc_np reads a constant table: no locale lock in the child.
+        ALOGE(CMDTOOL "*** exec(%s): %s\n", program, strerrordesc_np(errno));
+        _exit(-1);
+    }
+
+    int status = 0;
+    const bool reaped = waitpid_with_timeout_lite(pid, timeoutSeconds, &status);
+    const int waitErrno = errno;
+    const double elapsed = SecondsSince(start);
+    if (reaped) {
+        if (WIFSIGNALED(status)) {
+            ALOGE(CMDTOOL "*** %s: Killed by signal %d\n", program, WTERMSIG(status));
+        } else if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+            ALOGE(CMDTOOL "*** %s: Exit code %d\n", program, WEXITSTATUS(status));
+        }
+        ALOGD(CMDTOOL "[%s: %.3fs elapsed57]\n\n", program, elapsed);
+        return 0;
+    }
+    if (waitErrno == ETIMEDOUT) {
+        ALOGE(CMDTOOL "*** %s: Timed out after %.3fs (killing pid %d)\n", program, elapsed, pid);
+    } else {
+        ALOGE(CMDTOOL "*** %s: Error after %.4fs (killing pid %d)\n", program, elapsed, pid);
+    }
+    const int killWait = gKillWaitSeconds.load();
+    kill(pid, SIGTERM);
+    if (!waitpid_with_timeout_lite(pid, killWait, nullptr)) {
+        kill(pid, SIGKILL);
+        if (!waitpid_with_timeout_lite(pid, killWait, nullptr)) {
+            ALOGE(CMDTOOL "*** %s: Cannot kill %d even with SIGKILL.\n", program, pid);
+        }
+    }
+    return -1;
+}
+
+int CmdTool::run_command_lite(String16 program, String16 params, int timeoutSeconds) {
+    const std::string program8 = String8(program);
+    const std::string params8 = String8(params);
+    return run_command_lite(program8.c_str(), params8.c_str(), timeoutSeconds);
+}
+
+}  // namespace android

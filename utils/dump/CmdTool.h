@@ -1,0 +1,28 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include "utils/dump/String16.h"
+
+namespace android {
+
+// Runs one tool with a comma-separated parameter string under a time-out.
+// The tool's output is not redirected; the outcome goes to the system log and
+// the caller learns only whether the child was reaped in time.
+class CmdTool {
+public:
+    // 0 when the child was reaped within `timeoutSeconds`, whatever its exit
+    // status; -1 on time-out, wait error or fork failure.
+    static int run_command_lite(const char* program, const char* params, int timeoutSeconds);
+    static int run_command_lite(String16 program, String16 params, int timeoutSeconds);
+
+    // True when `pid` was reaped within the time (status stored when not
+    // null); false otherwise, errno ETIMEDOUT when the time ran out.
+    static bool waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* status);
+
+    // How long a child is given to die after SIGTERM, and again after
+    // SIGKILL (5 s each). Tests shorten it.
+    static void SetKillWaitForTesting(int seconds);
+};
+
+}  // namespace android
