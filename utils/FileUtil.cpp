@@ -1,0 +1,358 @@
+#include "utils/FileUtil.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "platform/Log.h"
+#include "platform/Root.h"
+#include "utils/StringUtil.h"
+
+#define LOG_TAG "Tarnis-FileUtil"
+
+namespace velmar {
+namespace kolto {
+namespace {
+
+class ScopedFd {
+public:
+    explicit ScopedFd(int fd = -1) : fd_(fd) {}
+    ~ScopedFd() { reset(); }
+    ScopedFd(const ScopedFd&) = delete;
+    ScopedFd& operator=(const ScopedFd&) = delete;
+    int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+using ScopedDir = std::unique_ptr<DIR, DirCloser>;
+
+// Opens a directory below an already opened one without following a link, so
+// that a link swapped in for a subdirectory never leads the walk elsewhere.
+ScopedDir OpenDirAt(int parentFd, const char* name) {
+    int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) ::close(fd);
+    return ScopedDir(dir);
+}
+
+bool IsDotOrDotDot(const char* name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+long DirectorySizeAt(int parentFd, const std::string& path, const char* openName) {
+    ScopedDir dir = OpenDirAt(parentFd, openName);
+    if (!dir) {
+        ALOGE("[%s] Cannot open dir: %s", "GetDirectorySize", path.c_str());
+        return -1;
+    }
+    struct stat st {};
+    long total = 0;
+    if (fstat(dirfd(dir.get()), &st) == 0) total = st.st_size;
+    while (struct dirent* entry = readdir(dir.get())) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            long sub = DirectorySizeAt(dirfd(dir.get()), path + "/" + entry->d_name, entry->d_name);
+            if (sub > 0) total += sub;
+        } else {
+            total += st.st_size;
+        }
+    }
+    return total;
+}
+
+// Empties the directory open as `dir` and removes each entry; links and other
+// non-directories are unlinked as themselves. Adds the bytes removed to
+// `freed` and the directory's own size at the end (the caller removes it).
+int EmptyDirectory(ScopedDir dir, unsigned long* freed) {
+    const int fd = dirfd(dir.get());
+    struct stat st {};
+    while (struct dirent* entry = readdir(dir.get())) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+        if (S_ISDIR(st.st_mode)) {
+            ScopedDir sub = OpenDirAt(fd, entry->d_name);
+            if (!sub) return -1;
+            unsigned long subFreed = 0;
+            int result = EmptyDirectory(std::move(sub), &subFreed);
+            *freed += subFreed;
+            if (result != 0) return result;
+            result = unlinkat(fd, entry->d_name, AT_REMOVEDIR);
+            if (result != 0) return result;
+        } else {
+            *freed += st.st_size;
+            int result = unlinkat(fd, entry->d_name, 0);
+            if (result != 0) return result;
+        }
+    }
+    if (fstat(fd, &st) == 0) *freed += st.st_size;
+    return 0;
+}
+
+bool CopyRegularFile(const std::string& src, const std::string& dst) {
+    ScopedFd in(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (in.get() < 0) {
+        ALOGE("[%s] Error opening source file: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
+    }
+    struct stat st {};
+    const int statError = fstat(in.get(), &st) != 0 ? errno : 0;
+    if (statError != 0 || !S_ISREG(st.st_mode)) {
+        // A fifo or a device has no end to copy up to: refuse it.
+        ALOGE("[%s] Error opening source file: %s", "CopyFileOrDirectory",
+              strerror(statError != 0 ? statError : EINVAL));
+        return false;
+    }
+    // Never write through a link planted at the destination.
+    ScopedFd out(open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (out.get() < 0) {
+        ALOGE("[%s] Error opening destination file: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
+    }
+    char buffer[4096];
+    for (;;) {
+        ssize_t got = read(in.get(), buffer, sizeof(buffer));
+        if (got == 0) return true;
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            ALOGE("[%s] Error reading source file: %s", "CopyFileOrDirectory", strerror(errno));
+            return false;
+        }
+        for (ssize_t done = 0; done < got;) {
+            ssize_t put = write(out.get(), buffer + done, got - done);
+            if (put < 0) {
+                if (errno == EINTR) continue;
+                ALOGE("[%s] Error writing destination file: %s", "CopyFileOrDirectory",
+                      strerror(errno));
+                return false;
+            }
+            done += put;
+        }
+    }
+}
+
+bool CopyTree(const std::string& src, const std::string& dst, bool topLevel);
+
+// One entry of a tree being copied: links that do not lead to a regular file
+// are recreated as links, so that a link to a directory (perhaps to one of its
+// own parents) is never entered.
+bool CopyEntry(const std::string& src, const std::string& dst) {
+    struct stat st {};
+    if (lstat(src.c_str(), &st) != 0) {
+        ALOGE("[%s] Error checking path: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
+    }
+    if (S_ISLNK(st.st_mode)) {
+        struct stat target {};
+        if (stat(src.c_str(), &target) != 0 || !S_ISREG(target.st_mode)) {
+            std::string link(static_cast<size_t>(st.st_size > 0 ? st.st_size : 0) + 1, '\0');
+            ssize_t len = readlink(src.c_str(), &link[0], link.size());
+            if (len < 0 || symlink(link.substr(0, len).c_str(), dst.c_str()) != 0) {
+                ALOGE("[%s] Error copying link: %s", "CopyFileOrDirectory", strerror(errno));
+                return false;
+            }
+            return true;
+        }
+        return CopyRegularFile(src, dst);
+    }
+    return CopyTree(src, dst, false);
+}
+
+bool CopyTree(const std::string& src, const std::string& dst, bool topLevel) {
+    struct stat st {};
+    int statResult = topLevel ? stat(src.c_str(), &st) : lstat(src.c_str(), &st);
+    if (statResult != 0) {
+        ALOGE("[%s] Error checking path: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
+    }
+    if (!S_ISDIR(st.st_mode)) return CopyRegularFile(src, dst);
+
+    ScopedDir dir(topLevel ? opendir(src.c_str()) : OpenDirAt(AT_FDCWD, src.c_str()).release());
+    if (!dir) {
+        ALOGE("[%s] Error opening directory: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
+    }
+    if (mkdir(dst.c_str(), 0755) != 0) {
+        ALOGE("[%s] Error creating directory: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
+    }
+    while (struct dirent* entry = readdir(dir.get())) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        if (!CopyEntry(src + "/" + entry->d_name, dst + "/" + entry->d_name)) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool FileUtil::FileExist(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+bool FileUtil::ChangeMode(const std::string& path, const unsigned int& mode) {
+    if (!FileExist(path)) return false;
+    return chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
+}
+
+bool FileUtil::CreateDirectoryWithOwner(const std::string& path, int uid, int gid) {
+    if (!FileExist(path)) {
+        const std::string trimmed = StringUtil::TrimStr(path, '/');
+        if (trimmed.empty()) {
+            ALOGE("[%s] mkdir %s failed, %s, err:%s", "CreateDirectory", path.c_str(),
+                  path.c_str(), strerror(EINVAL));
+            return false;
+        }
+        // A relative path is taken as beginning at the root. On a device that
+        // is "/", but a sandboxed host daemon must not create "/a/b" on the
+        // host, so the walk starts at the mapped root. Absolute paths are
+        // used as given: their callers have already mapped them.
+        std::string base;
+        if (path[0] != '/') {
+            base = platform::DevicePath("/");
+            while (!base.empty() && base.back() == '/') base.pop_back();
+        }
+        std::string work = base + "/" + trimmed + "/";
+        size_t firstCreated = std::string::npos;
+        for (size_t pos = base.size() + 1; pos < work.size(); ++pos) {
+            if (work[pos] != '/') continue;
+            const std::string prefix = work.substr(0, pos);
+            if (access(prefix.c_str(), F_OK) == 0) continue;
+            if (mkdir(prefix.c_str(), 0777) != 0) {
+                ALOGE("[%s] mkdir %s failed, %s, err:%s", "CreateDirectory", prefix.c_str(),
+                      path.c_str(), strerror(errno));
+                return false;
+            }
+            if (firstCreated == std::string::npos) firstCreated = pos;
+        }
+        // The creation mode went through the umask; settle 0775 on everything
+        // we created (only the deepest directory when it all existed).
+        std::string dir = work;
+        for (;;) {
+            const size_t cut = dir.rfind('/');
+            if (cut == std::string::npos || cut <= base.size()) break;
+            dir.resize(cut);
+            if (access(dir.c_str(), F_OK) != 0 || chmod(dir.c_str(), 0775) != 0) {
+                ALOGE("[%s] change mode %s failed", "CreateDirectory", dir.c_str());
+                return false;
+            }
+            if (firstCreated == std::string::npos || dir.size() <= firstCreated) break;
+        }
+    }
+    // Only the requested directory changes hands, and the path as the caller
+    // wrote it. The result is deliberately ignored: callers mostly run as the
+    // owner already and the directory is usable either way.
+    if (chown(path.c_str(), uid, gid) != 0) {
+    }
+    return true;
+}
+
+bool FileUtil::IsDirectory(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int32_t FileUtil::GetFileSize(const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return 0;
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(st.st_size)));
+}
+
+long FileUtil::GetDirectorySize(const std::string& path) {
+    // The top-level path may itself be a link to a directory; only links met
+    // inside the tree are counted as links.
+    ScopedDir dir(opendir(path.c_str()));
+    if (!dir) {
+        ALOGE("[%s] Cannot open dir: %s", "GetDirectorySize", path.c_str());
+        return -1;
+    }
+    struct stat st {};
+    long total = 0;
+    if (lstat(path.c_str(), &st) == 0) total = st.st_size;
+    const int fd = dirfd(dir.get());
+    while (struct dirent* entry = readdir(dir.get())) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            long sub = DirectorySizeAt(fd, path + "/" + entry->d_name, entry->d_name);
+            if (sub > 0) total += sub;
+        } else {
+            total += st.st_size;
+        }
+    }
+    return total;
+}
+
+int FileUtil::DeleteDirectoryOrFile(const std::string& path, unsigned long* freed) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) return -1;
+    if (!S_ISDIR(st.st_mode)) {
+        // A file, or a link removed as a link whatever it points at.
+        if (freed != nullptr) *freed = static_cast<unsigned long>(st.st_size);
+        return unlink(path.c_str());
+    }
+    ScopedDir dir = OpenDirAt(AT_FDCWD, path.c_str());
+    if (!dir) return -1;
+    unsigned long removed = 0;
+    int result = EmptyDirectory(std::move(dir), &removed);
+    if (result == 0) result = rmdir(path.c_str());
+    if (freed != nullptr) *freed = removed;
+    return result;
+}
+
+bool FileUtil::CopyFileOrDirectory(const std::string& src, const std::string& dst) {
+    return CopyTree(src, dst, true);
+}
+
+bool FileUtil::GetFileListOnDirectory(const std::string& dir, std::vector<std::string>& out) {
+    ScopedDir handle(opendir(dir.c_str()));
+    if (!handle) {
+        ALOGE("[%s] Open dir error...", "GetFileListOnDirectory");
+        return false;
+    }
+    while (struct dirent* entry = readdir(handle.get())) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        const std::string full = dir + "/" + entry->d_name;
+        if (entry->d_type == DT_DIR) {
+            GetFileListOnDirectory(full, out);
+        } else if (entry->d_type == DT_REG || entry->d_type == DT_LNK) {
+            out.push_back(full);
+        }
+    }
+    return true;
+}
+
+std::string FileUtil::formatHumanSize(unsigned long bytes) {
+    if (bytes == 0) return "0 bytes";
+    static const char kUnits[] = {'B', 'K', 'M', 'G'};
+    double size = static_cast<double>(bytes);
+    int unit = 0;
+    while (size >= 1024.0 && unit < 3) {
+        size /= 1024.0;
+        ++unit;
+    }
+    char text[50];
+    snprintf(text, sizeof(text), "%.2f %cB", size, kUnits[unit]);
+    return text;
+}
+
+}  // namespace kolto
+}  // namespace velmar
