@@ -1,0 +1,194 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "platform/Properties.h"
+#include "tests/dump/DumpTestSupport.h"
+#include "utils/dump/CaptureLogUtil.h"
+
+using android::CaptureLogUtil;
+using android::String16;
+using android::String16FromUtf8;
+using android::Vector;
+using dump_test::SandboxTest;
+using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
+using tarnis_test::WriteFile;
+
+namespace {
+
+class PackagingTest : public SandboxTest {
+protected:
+    // Creates a device file (and its directories) with some content.
+    std::string Make(const std::string& devicePath, const std::string& content = "content\n") {
+        const std::string path = Path(devicePath);
+        RunShell("mkdir -p \"$(dirname '" + path + "')\"");
+        WriteFile(path, content);
+        return path;
+    }
+    void MakeDir(const std::string& devicePath) { RunShell("mkdir -p '" + Path(devicePath) + "'"); }
+    // Entry names of an archive, one a line, sorted.
+    static std::string Entries(const std::string& zip) { return RunShell("unzip -Z1 '" + zip + "' | sort"); }
+    static Vector<String16> List(std::initializer_list<const char*> paths) {
+        Vector<String16> list;
+        for (const char* path : paths) list.push_back(String16FromUtf8(path));
+        return list;
+    }
+};
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+TEST_F(PackagingTest, ArchivePathAndEntryNames) {
+    Make("/data/dorva/ne/online/cap", "capture text\n");
+    Make("/data/anr/trace_1", "trace\n");
+    MakeDir("/data/x");
+    Vector<String16> files = List({"/data/anr/trace_1"});
+    // A writable directory written with its final slash receives the archive.
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x/", &files, 5, false), 0);
+    const std::string zip = Path("/data/x/cap.zip");
+    ASSERT_TRUE(Exists(zip));
+    // The capture file's entry is its bare name; attachments keep their parent.
+    EXPECT_EQ(Entries(zip), "anr/trace_1\ncap\n");
+    EXPECT_EQ(RunShell("unzip -p '" + zip + "' cap"), "capture text\n");
+    struct stat st;
+    ASSERT_EQ(stat(zip.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0774u);
+
+    // Without the final slash (or a directory that is missing), the archive
+    // goes beside the capture.
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x", &files, 5, false), 0);
+    EXPECT_TRUE(Exists(Path("/data/dorva/ne/online/cap.zip")));
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/none/", nullptr, 5, false), 0);
+    EXPECT_EQ(Entries(Path("/data/dorva/ne/online/cap.zip")), "cap\n");
+
+    // Outside the online directories the capture keeps its parent as well.
+    Make("/data/other/cap2");
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, nullptr, 5, false), 0);
+    EXPECT_EQ(Entries(Path("/data/other/cap2.zip")), "other/cap2\n");
+
+    // A "gbg" attachment renames the archive.
+    Make("/data/gbg/dump.bin");
+    Vector<String16> gbg = List({"/data/gbg/dump.bin"});
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, &gbg, 5, false), 0);
+    EXPECT_TRUE(Exists(Path("/data/other/cap2.zip.mtk")));
+    EXPECT_EQ(Entries(Path("/data/other/cap2.zip.mtk")), "gbg/dump.bin\nother/cap2\n");
+}
+
+TEST_F(PackagingTest, SlowWorkerTimesOutButFinishesItsArchive) {
+    Make("/data/dorva/t/online/cap", "slow\n");
+    std::mutex lock;
+    std::string workerName;
+    cpu_set_t workerCpus;
+    CPU_ZERO(&workerCpus);
+    CaptureLogUtil::SetCompressHooksForTesting(nullptr, [&] {
+        char name[32] = {};
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        std::lock_guard<std::mutex> guard(lock);
+        workerName = name;
+        sched_getaffinity(0, sizeof(workerCpus), &workerCpus);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/t/online/cap", nullptr, nullptr, 1, false), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
+    // The detached worker still completes the archive.
+    const std::string zip = Path("/data/dorva/t/online/cap.zip");
+    int status = -1;
+    for (int i = 0; i < 100 && status != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        RunShell("unzip -tq '" + zip + "' >/dev/null 2>&1", &status);
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(RunShell("unzip -p '" + zip + "' cap"), "slow\n");
+    std::lock_guard<std::mutex> guard(lock);
+    EXPECT_EQ(workerName, "CaptureLog_Comp");
+    EXPECT_GT(CPU_COUNT(&workerCpus), 0);
+    for (int cpu = 6; cpu < CPU_SETSIZE; ++cpu) EXPECT_FALSE(CPU_ISSET(cpu, &workerCpus)) << cpu;
+}
+
+TEST_F(PackagingTest, NativeCrashFilesDeletedOrKeptPerProperties) {
+    const std::string core = Make("/data/nuvilog/stability/nativecrash/core_1", "core");
+    const std::string tomb = Make("/data/nuvilog/stability/nativecrash/tombstones/tomb_1", "tomb");
+    Make("/data/dorva/ne/online/1_ne_x");
+    std::atomic<int> seenTimeout{0};
+    CaptureLogUtil::SetCompressHooksForTesting([&](int timeout) { seenTimeout = timeout; }, nullptr);
+    Vector<String16> files = List({"/data/nuvilog/stability/nativecrash/core_1",
+                                   "/data/nuvilog/stability/nativecrash/tombstones/tomb_1"});
+
+    ASSERT_TRUE(android::base::SetProperty("persist.reboot.coredump", "true"));
+    {
+        platform::LogCapture log;
+        EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
+        EXPECT_EQ(log.Count("skip delete file(", "dorvad", ANDROID_LOG_ERROR), 2u);
+    }
+    // Each native crash adds four minutes for its core dump.
+    EXPECT_EQ(seenTimeout.load(), 5 + 2 * 240);
+    EXPECT_TRUE(Exists(core));
+    EXPECT_TRUE(Exists(tomb));
+    EXPECT_EQ(Entries(Path("/data/dorva/ne/online/1_ne_x.zip")),
+              "1_ne_x\nnativecrash/core_1\ntombstones/tomb_1\n");
+
+    ASSERT_TRUE(android::base::SetProperty("persist.reboot.coredump", "false"));
+    platform::LogCapture log;
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
+    EXPECT_FALSE(Exists(core));
+    EXPECT_TRUE(Exists(tomb));  // the tombstone monitor's own copies stay
+    EXPECT_TRUE(log.Contains("delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.Contains("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_WARN));
+
+    // Only captures of native crashes ("_ne_") clean up.
+    Make("/data/nuvilog/stability/nativecrash/core_2");
+    Make("/data/dorva/je/online/1_je_x");
+    Vector<String16> other = List({"/data/nuvilog/stability/nativecrash/core_2"});
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/je/online/1_je_x", nullptr, &other, 5, false), 0);
+    EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/nativecrash/core_2")));
+}
+
+TEST_F(PackagingTest, OfflineDatabaseAndLocalRecordCopies) {
+    ASSERT_TRUE(android::base::SetProperty("persist.sys.nuviofflinedb", "true"));
+    MakeDir("/data/nuvilog/stability");
+    Make("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789");
+    platform::LogCapture log;
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789", nullptr, nullptr,
+                                          5, true),
+              0);
+    // Fields 1, 5, 6, 7 and 3 of "/7_ne_head_dev_inc_123_456_789.zip".
+    const std::string copies = RunShell("cd '" + Path("/data/nuvilog") + "' && ls *.zip");
+    EXPECT_TRUE(std::regex_match(copies, std::regex("ne_[0-9]{4}(-[0-9]{2}){5}_123_456_789\\.zip_dev\\.zip\n")))
+        << copies;
+    // The local record copy keeps the archive's name.
+    EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/reboot/7_ne_head_dev_inc_123_456_789.zip")));
+    EXPECT_TRUE(log.Contains("start copy log which ruleid is not -1", "dorvad"));
+
+    // A name with too few fields is skipped, never read past its end.
+    Make("/data/dorva/ne/online/short_name");
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/short_name", nullptr, nullptr, 5, false), 0);
+    EXPECT_TRUE(log.Contains("skip offline db copy of " + Path("/data/dorva/ne/online/short_name.zip")));
+}
+
+TEST_F(PackagingTest, AtMostSixteenFilesOpenedUpPerAttachment) {
+    MakeDir("/data/many");
+    for (int i = 0; i < 40; ++i) {
+        const std::string file = Path("/data/many/f" + std::to_string(i));
+        WriteFile(file, "x");
+        chmod(file.c_str(), 0600);
+    }
+    int count = 0;
+    CaptureLogUtil::include_zip_files(Path("/data/many").c_str(), &count);
+    EXPECT_EQ(count, 16);
+    EXPECT_EQ(RunShell("find '" + Path("/data/many") + "' -type f -perm 0777 | wc -l"), "16\n");
+}

@@ -1,0 +1,294 @@
+#define LOG_TAG "dorvad"
+
+// Packing a capture and its attachments into an archive under a time-out.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "platform/Log.h"
+#include "platform/Properties.h"
+#include "platform/Root.h"
+#include "utils/FileUtil.h"
+#include "utils/ZipFile.h"
+#include "utils/dump/CaptureLogUtilInternal.h"
+#include "utils/dump/CmdTool.h"
+
+namespace android {
+namespace {
+
+using velmar::kolto::FileUtil;
+using velmar::kolto::ZipFile;
+
+constexpr char kCompressTag[] = "Tarnis-CaptureLogUtils";
+constexpr int kNativeCrashExtraSeconds = 240;
+constexpr int kMaxOpenedPerAttachment = 15;
+constexpr int kWorkerCpus = 6;  // CPUs 0 to 5
+constexpr uid_t kSystemId = 1000;
+
+// What the caller and the worker share. A worker that outlives the caller's
+// deadline keeps its own reference, so nothing it touches is ever freed
+// under it.
+struct CompressJob {
+    std::shared_ptr<ZipFile> zip;
+    std::string zipPath;
+    std::atomic<bool> done{false};
+    std::mutex lock;
+    std::condition_variable finished;
+    std::function<void()> beforePack;
+};
+
+// Binds the calling thread to CPUs 0 to 5, or to those of them this machine
+// lets it run on.
+void BindToFirstCpus() {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return;
+    cpu_set_t wanted;
+    CPU_ZERO(&wanted);
+    for (int cpu = 0; cpu < kWorkerCpus; ++cpu) {
+        if (CPU_ISSET(cpu, &allowed)) CPU_SET(cpu, &wanted);
+    }
+    if (CPU_COUNT(&wanted) == 0) return;
+    if (sched_setaffinity(0, sizeof(wanted), &wanted) != 0) {
+        ALOGW("failed to bind CaptureLog_Comp to CPUs 0-5: %s", strerror(errno));
+    }
+}
+
+void RunCompressJob(const std::shared_ptr<CompressJob>& job) {
+    pthread_setname_np(pthread_self(), "CaptureLog_Comp");
+    BindToFirstCpus();
+    if (job->beforePack) job->beforePack();
+    ALOGD("_compress fullPath %s", job->zipPath.c_str());
+    if (!job->zip->create(job->zipPath)) {
+        __android_log_print(ANDROID_LOG_ERROR, kCompressTag, "[%s] Create new zip failed!!",
+                            "_compress");
+    } else {
+        job->zip->close();
+        const int fd = open(job->zipPath.c_str(), O_WRONLY | O_CLOEXEC);
+        if (fd < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kCompressTag,
+                                "[%s] failed to open file for fsync after compressing",
+                                "_compress");
+        } else {
+            fsync(fd);
+            close(fd);
+        }
+        FileUtil::ChangeMode(job->zipPath, 0777);
+    }
+    {
+        std::lock_guard<std::mutex> guard(job->lock);
+        job->done.store(true);
+    }
+    job->finished.notify_all();
+}
+
+void* CompressThreadMain(void* arg) {
+    std::unique_ptr<std::shared_ptr<CompressJob>> job(static_cast<std::shared_ptr<CompressJob>*>(arg));
+    RunCompressJob(*job);
+    return nullptr;
+}
+
+bool Contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
+
+std::string FileNameOf(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+    std::vector<std::string> fields;
+    size_t begin = 0;
+    for (;;) {
+        const size_t end = text.find(separator, begin);
+        fields.push_back(text.substr(begin, end == std::string::npos ? std::string::npos : end - begin));
+        if (end == std::string::npos) break;
+        begin = end + 1;
+    }
+    return fields;
+}
+
+bool IsWritableDir(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(path.c_str(), W_OK) == 0;
+}
+
+// The offline database keeps archives under a name built from fields of the
+// archive's own name; names with too few fields are not copied.
+void CopyToOfflineDatabase(const std::string& zipPath) {
+    const std::string name = zipPath.substr(zipPath.find_last_of('/'));
+    const std::vector<std::string> f = Split(name, '_');
+    if (f.size() < 8) {
+        ALOGE("skip offline db copy of %s: %zu name fields, 8 needed", zipPath.c_str(), f.size());
+        return;
+    }
+    char stamp[32];
+    const time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    strftime(stamp, sizeof(stamp), "%Y-%m-%d-%H-%M-%S", &local);
+    const std::string copy = platform::DevicePath("/data/nuvilog/") + f[1] + "_" + stamp + "_" + f[5] +
+                             "_" + f[6] + "_" + f[7] + "_" + f[3] + ".zip";
+    if (copy_file(zipPath.c_str(), copy.c_str()) == 0) chmod(copy.c_str(), 0775);
+}
+
+}  // namespace
+
+void CaptureLogUtil::include_zip_files(const char* path, int* count) {
+    if (*count > kMaxOpenedPerAttachment) return;
+    struct stat st;
+    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        if (platform::DevicePath("/data/system/uiderrors.txt") != path) chmod(path, 0777);
+        ++*count;
+        return;
+    }
+    DIR* dir = opendir(path);
+    if (dir == nullptr) {
+        ALOGE("Error in open dir %s", path);
+        return;
+    }
+    std::vector<std::string> children;
+    while (struct dirent* entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+        children.push_back(std::string(path) + "/" + entry->d_name);
+    }
+    closedir(dir);
+    for (const std::string& child : children) include_zip_files(child.c_str(), count);
+}
+
+int CaptureLogUtil::CompressWithTimeout(const std::string& zipPath, const std::string& path,
+                                        Vector<String16>* files, int timeoutSeconds) {
+    std::vector<std::string> packing;
+    if (files != nullptr) {
+        for (const String16& file : *files) packing.push_back(platform::DevicePath(String8(file)));
+    }
+    // With the tail depth of 2, an extra slash before the last one makes the
+    // capture file's entry carry its bare name.
+    std::string capture = path;
+    if ((Contains(capture, "data/dorva/") && Contains(capture, "online")) ||
+        Contains(capture, "data/nuvilog/stability/reboot")) {
+        const size_t slash = capture.find_last_of('/');
+        if (slash != std::string::npos) capture.insert(slash, "/");
+        ALOGD("after addSlashBeforeLastSlash filePath %s", capture.c_str());
+    }
+    packing.push_back(capture);
+
+    auto job = std::make_shared<CompressJob>();
+    job->zip = std::make_shared<ZipFile>(std::move(packing), 2);
+    job->zipPath = zipPath;
+    job->beforePack = capture_internal::BeforePackHook();
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+    pthread_t thread;
+    auto* ref = new std::shared_ptr<CompressJob>(job);
+    if (pthread_create(&thread, nullptr, CompressThreadMain, ref) != 0) {
+        delete ref;
+        LOG(FATAL) << "thread constructor failed";
+    }
+    {
+        std::unique_lock<std::mutex> guard(job->lock);
+        job->finished.wait_until(guard, deadline, [&] { return job->done.load(); });
+    }
+    if (job->done.load()) {
+        pthread_join(thread, nullptr);
+        return 0;
+    }
+    // The worker finishes the archive on its own; it holds the job alive.
+    pthread_detach(thread);
+    return -1;
+}
+
+int CaptureLogUtil::do_compress(const char* rawPath, const char* rawWhere, Vector<String16>* files,
+                                int timeoutSeconds, bool isRecordInLocal) {
+    const std::string path = platform::DevicePath(rawPath);
+    std::string zipPath = path + ".zip";
+    if (rawWhere != nullptr) {
+        const std::string where = platform::DevicePath(rawWhere);
+        if (!where.empty() && where.back() == '/' && IsWritableDir(where)) {
+            zipPath = where + FileNameOf(path) + ".zip";
+        }
+    }
+
+    int timeout = timeoutSeconds;
+    bool hasGbg = false;
+    std::vector<std::string> nativeCrashFiles;
+    if (files != nullptr) {
+        for (const String16& entry : *files) {
+            const std::string file = platform::DevicePath(String8(entry));
+            if (Contains(file, "/data/nuvilog/stability/nativecrash")) {
+                timeout += kNativeCrashExtraSeconds;
+                nativeCrashFiles.push_back(file);
+            }
+            if (Contains(file, "gbg")) hasGbg = true;
+            if (access(file.c_str(), F_OK) == 0) {
+                int count = 0;
+                include_zip_files(file.c_str(), &count);
+            }
+        }
+    }
+
+    if (auto observer = capture_internal::CompressObserver()) observer(timeout);
+    const int result = CompressWithTimeout(zipPath, path, files, timeout);
+
+    if (hasGbg) {
+        const std::string params = zipPath + "," + zipPath + ".mtk";
+        CmdTool::run_command_lite("mv", params.c_str(), timeout);
+        zipPath += ".mtk";
+    }
+
+    if (Contains(path, "_ne_") && !nativeCrashFiles.empty()) {
+        if (ismtbftest() || base::GetBoolProperty("persist.reboot.coredump", false)) {
+            for (const std::string& file : nativeCrashFiles) ALOGE("skip delete file(%s) \n", file.c_str());
+        } else {
+            for (const std::string& file : nativeCrashFiles) {
+                const std::string keepDir = platform::DevicePath(base::GetProperty(
+                    "sys.tombstone.monitor.out.dir", "/data/nuvilog/stability/nativecrash/tombstones/"));
+                if (Contains(file, keepDir.c_str())) {
+                    ALOGW("skip delete file(%s) \n", file.c_str());
+                    continue;
+                }
+                ALOGE("delete file(%s) \n", file.c_str());
+                if (access(file.c_str(), F_OK) == 0 && remove(file.c_str()) != 0) {
+                    ALOGW("failed to remove file(%s) \n", file.c_str());
+                }
+            }
+        }
+    }
+
+    if (chown(zipPath.c_str(), 0, kSystemId) != 0 && errno != ENOENT) {
+        ALOGD("chown %s failed: %s", zipPath.c_str(), strerror(errno));
+    }
+    chmod(zipPath.c_str(), 0774);
+
+    if (base::GetBoolProperty("persist.sys.nuviofflinedb", false)) CopyToOfflineDatabase(zipPath);
+
+    if (isRecordInLocal && Contains(zipPath, "/data/dorva/")) {
+        ALOGE("start copy log which ruleid is not -1");
+        const std::string recordDir = platform::DevicePath("/data/nuvilog/stability/reboot/");
+        if (create_dir_if_needed(recordDir.c_str(), 0777) == 0) {
+            if (chown(recordDir.c_str(), kSystemId, kSystemId) != 0) {
+                ALOGD("chown %s failed: %s", recordDir.c_str(), strerror(errno));
+            }
+            chmod(recordDir.c_str(), 0777);
+            const std::string params = "-p," + zipPath + "," + recordDir;
+            CmdTool::run_command_lite("cp", params.c_str(), 60);
+            ALOGE("copy %s", zipPath.c_str());
+        } else {
+            ALOGE("failed to create %s: %s", recordDir.c_str(), strerror(errno));
+        }
+    }
+    return result;
+}
+
+}  // namespace android
