@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/InitServices.h"
 #include "platform/Log.h"
 #include "platform/Root.h"
 
@@ -197,7 +198,9 @@ bool SetProperty(const std::string& key, const std::string& value) {
         std::string current;
         if (platform::ReadValue(key, &current)) return false;
     }
-    return platform::WriteValue(key, value);
+    if (!platform::WriteValue(key, value)) return false;
+    platform::HandleControlProperty(key, value);
+    return true;
 }
 
 bool WaitForProperty(const std::string& key, const std::string& expected_value,

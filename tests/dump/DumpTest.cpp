@@ -1,0 +1,369 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <utime.h>
+
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <thread>
+
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "platform/Properties.h"
+#include "platform/Sockets.h"
+#include "tests/dump/DumpTestSupport.h"
+#include "utils/dump/CaptureLogUtil.h"
+
+using android::CaptureLogUtil;
+using android::DumpAction;
+using android::String16;
+using android::String16FromUtf8;
+using android::Vector;
+using dump_test::SandboxTest;
+using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
+using tarnis_test::WriteFile;
+
+namespace {
+
+// Sleeps cost nothing; the time they would have taken is counted.
+class CountingClock : public platform::Clock {
+public:
+    int64_t SteadyNowMs() override { return slept_; }
+    int64_t WallNowMs() override { return slept_; }
+    void SleepMs(int64_t ms) override { slept_ += ms; }
+    int64_t slept() const { return slept_; }
+
+private:
+    std::atomic<int64_t> slept_{0};
+};
+
+// One connection on the reserved "dumpstate" socket: receives the request,
+// lets the test react, sends the reply.
+class FakeDumpstate {
+public:
+    // `readsRequest`: the client writes a request before it reads the reply.
+    FakeDumpstate(bool readsRequest, std::function<std::string(const std::string& request)> answer)
+        : answer_(std::move(answer)) {
+        const std::string path = platform::ReservedSocketPath("dumpstate");
+        RunShell("mkdir -p \"$(dirname '" + path + "')\"");
+        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(listen(listener_, 1), 0);
+        thread_ = std::thread([this, readsRequest] {
+            const int fd = accept(listener_, nullptr, nullptr);
+            if (fd < 0) return;
+            if (readsRequest) {
+                char buffer[1024] = {};
+                const ssize_t n = recv(fd, buffer, sizeof(buffer) - 1, 0);
+                request_ = std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+            }
+            const std::string reply = answer_(request_);
+            send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+            close(fd);
+        });
+    }
+    ~FakeDumpstate() {
+        shutdown(listener_, SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        close(listener_);
+        unlink(platform::ReservedSocketPath("dumpstate").c_str());
+    }
+    std::string Request() {
+        if (thread_.joinable()) thread_.join();
+        return request_;
+    }
+
+private:
+    std::function<std::string(const std::string&)> answer_;
+    int listener_ = -1;
+    std::thread thread_;
+    std::string request_;
+};
+
+class DumpTest : public SandboxTest {
+protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        RunShell("mkdir -p '" + Path("/data/dorva") + "' '" + Path("/data/system") + "' '" + Path("/data/anr") +
+                 "'");
+        android::base::SetProperty("ro.product.device", "host");
+        android::base::SetProperty("ro.build.version.incremental", "42");
+        android::base::SetProperty("ro.debuggable", "1");
+        platform::SetClockForTesting(&clock_);
+    }
+    void TearDown() override {
+        platform::SetClockForTesting(nullptr);
+        SandboxTest::TearDown();
+    }
+    static Vector<String16> List(std::initializer_list<const char*> items) {
+        Vector<String16> list;
+        for (const char* item : items) list.push_back(String16FromUtf8(item));
+        return list;
+    }
+    void DumpAll(const std::string& type, const std::string& headline, Vector<String16> actions,
+                 Vector<String16> params, bool offline, int id = -1, bool useId = false,
+                 Vector<String16> files = {}) {
+        String16 type16 = String16FromUtf8(type);
+        String16 headline16 = String16FromUtf8(headline);
+        String16 where;
+        CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, false);
+        files_ = files;
+    }
+    // Names in a device directory, one a line, sorted.
+    std::string Names(const std::string& deviceDir) {
+        return RunShell("ls -1 '" + Path(deviceDir) + "' 2>/dev/null");
+    }
+    CountingClock clock_;
+    Vector<String16> files_;
+};
+
+}  // namespace
+
+TEST_F(DumpTest, HeadlineHeaderAndOnlineName) {
+    platform::LogCapture log;
+    DumpAll("hangTemp", "a/b:c\"%&'()*<>?\\{|}", List({"ps", "rm", "cat", "do_dmesg"}),
+            List({"-o,pid", "-rf /", "/data/vendor/diag/last_kmsg,/data/vendor/diag/last_tzlog", ""}), false, 7,
+            true);
+    const std::string dir = "/data/dorva//hangTemp/online";
+    const std::string name = Names(dir);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(name, match,
+                                 std::regex("7_hangTemp_aXbXcXXXXXXXXXXXXXX_host_42_[0-9]+_-?[0-9]+\n")))
+        << name;
+    // hangTemp captures stay as text.
+    const std::string text = ReadFile(Path(dir + "/" + name.substr(0, name.size() - 1)));
+    const std::string rule(56, '=');
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex("^" + rule + "\n== date: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}\n"
+                         "== headline: aXbXcXXXXXXXXXXXXXX\n== debuggable: 1\n== hwlevel: unkown\n" +
+                         rule + "\n------ \\(uptime\\) in 1s ------\n")))
+        << text;
+    EXPECT_NE(text.find("------ (ps -o pid) in "), std::string::npos) << text;
+    EXPECT_EQ(text.find("(rm "), std::string::npos);
+    EXPECT_NE(text.find("------ cat(/data/vendor/diag/last_kmsg,/data/vendor/diag/last_tzlog) ------\n"
+                        "can not cat this file because there is no kolto.\n"),
+              std::string::npos);
+    EXPECT_TRUE(text.find("------ KERNEL LOG (dmesg) ------\n") != std::string::npos ||
+                text.find("Unexpected klogctl return value: ") != std::string::npos ||
+                text.find("klogctl failure\n\n") != std::string::npos)
+        << text;
+    EXPECT_TRUE(log.Contains("There is no kolto on this device", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.Contains("dump begin path=" + Path(dir) + "/7_hangTemp_", "dorvad"));
+
+    // An empty headline is "null", and so is the id unless asked for.
+    DumpAll("hangTemp", "", List({"do_dumpheap"}), List({""}), false, 7, false);
+    EXPECT_TRUE(std::regex_search(Names(dir), std::regex("(^|\n)null_hangTemp_null_host_42_")));
+}
+
+TEST_F(DumpTest, RefusesMismatchedListsAndOverlongPaths) {
+    platform::LogCapture log;
+    DumpAll("anr", "x", List({"ps", "df"}), List({""}), false);
+    DumpAll("anr", "x", {}, {}, false);
+    EXPECT_EQ(log.Count("Error in dump: actions or params exception.", "dorvad", ANDROID_LOG_ERROR), 2u);
+    DumpAll(std::string(88, 't'), "x", List({"ps"}), List({""}), false);
+    EXPECT_TRUE(log.Contains("The length of where or type is too long and the type is " + std::string(88, 't')));
+    EXPECT_EQ(Names("/data/dorva"), "");
+}
+
+TEST_F(DumpTest, OfflineCapturesRotateOverFiveSlots) {
+    const std::string dir = "/data/dorva//hangTemp/offline";
+    RunShell("mkdir -p '" + Path(dir) + "'");
+    // Slots 0..4 all taken; slot 3's archive is the oldest.
+    for (int slot = 0; slot < 5; ++slot) {
+        const std::string zip = Path(dir + "/hangTemp_" + std::to_string(slot) + ".zip");
+        WriteFile(zip, "zip");
+        struct utimbuf times = {1000000 + slot * 10, slot == 3 ? 500000 : 1000000 + slot * 10};
+        utime(zip.c_str(), &times);
+    }
+    DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
+    EXPECT_NE(Names(dir).find("hangTemp_hX1_3\n"), std::string::npos) << Names(dir);
+    // A free slot is taken first.
+    unlink(Path(dir + "/hangTemp_1.zip").c_str());
+    DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
+    EXPECT_NE(Names(dir).find("hangTemp_hX1_1\n"), std::string::npos) << Names(dir);
+    // The capture file is created exclusively: an existing one is not reused.
+    platform::LogCapture log;
+    DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
+    EXPECT_TRUE(log.Contains("failed to open tombstone file '" + Path(dir) + "/hangTemp_hX1_1': File exists"));
+}
+
+TEST_F(DumpTest, CompressionTimeoutAndArchiveOfACapture) {
+    std::vector<int> timeouts;
+    CaptureLogUtil::SetCompressHooksForTesting([&](int timeout) { timeouts.push_back(timeout); }, nullptr);
+    DumpAll("anr", "one", List({"do_dumpheap"}), List({""}), false);
+    DumpAll("anr", "two", List({"ps"}), List({"-o,pid"}), false);
+    EXPECT_EQ(timeouts, (std::vector<int>{600, 120}));
+    // The text files are gone; their archives hold them under bare names.
+    const std::string names = Names("/data/dorva//anr/online");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(names, match, std::regex("(null_anr_two_[^\n]*)\\.zip\n"))) << names;
+    EXPECT_EQ(std::count(names.begin(), names.end(), '\n'), 2) << names;
+    const std::string zip = Path("/data/dorva//anr/online/" + match[1].str() + ".zip");
+    EXPECT_EQ(RunShell("unzip -Z1 '" + zip + "'"), match[1].str() + "\n");
+    EXPECT_NE(RunShell("unzip -p '" + zip + "'").find("== headline: two\n"), std::string::npos);
+}
+
+TEST_F(DumpTest, BugreportFromTheDumpstateService) {
+    // The sandbox declares the bug-report service: init starts and stops it.
+    const std::string marker = Path("/service-ran");
+    RunShell("mkdir -p '" + Path("/system/etc/init/host") + "'");
+    WriteFile(Path("/system/etc/init/host/tarnBugreportState"),
+              "echo \"$TARNIS_ROOT\" > \"$TARNIS_ROOT/service-ran\"\nexec sleep 30\n");
+    const std::string logDir = Path("/data/dorva//anr/online");
+    const std::string report = logDir + "/tarnBugreport-1.zip";
+    FakeDumpstate server(true, [&](const std::string&) {
+        // A real report takes a while: long enough for the service to start.
+        for (int i = 0; i < 200 && ReadFile(marker).empty(); ++i) usleep(10 * 1000);
+        WriteFile(report, "bugreport bytes");
+        WriteFile(logDir + "/tarnBugreport-1.tmp", "leftover");
+        return report;
+    });
+    platform::LogCapture log;
+    DumpAll("anr", "bug", List({"tarnbugreport", "do_dumpheap"}), List({"full", ""}), false);
+    EXPECT_EQ(server.Request(), logDir + "|full");
+    EXPECT_TRUE(log.Contains("recv response from dumpstate: " + report, "dorvad", ANDROID_LOG_INFO));
+    // The report went into the archive, then was removed with its leftovers.
+    ASSERT_EQ(files_.size(), 1u);
+    EXPECT_EQ(android::String8(files_[0]), report);
+    const std::string names = Names("/data/dorva//anr/online");
+    EXPECT_EQ(names.find("tarnBugreport"), std::string::npos) << names;
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(names, match, std::regex("[^\n]*\\.zip"))) << names;
+    EXPECT_EQ(RunShell("unzip -p '" + logDir + "/" + match[0].str() + "' online/tarnBugreport-1.zip"),
+              "bugreport bytes");
+    // The service ran with the sandbox root and was stopped again.
+    EXPECT_EQ(ReadFile(marker), root_.path() + "\n");
+    EXPECT_EQ(android::base::GetProperty("ctl.stop", ""), "tarnBugreportState");
+    EXPECT_EQ(android::base::GetProperty("init.svc.tarnBugreportState", ""), "stopped");
+}
+
+TEST_F(DumpTest, LiteBugreportRecordsItsPathAndTalksToDumpstate) {
+    android::base::SetProperty("ro.build.ab_update", "true");
+    RunShell("mkdir -p '" + Path("/mnt/rescue/dorva") + "'");
+    std::string zipProperty;
+    platform::LogCapture log;
+    {
+        FakeDumpstate server(false, [&](const std::string&) {
+            zipProperty = android::base::GetProperty("sys.nuvi.bm_zip", "");
+            return std::string(255, 'k');
+        });
+        CaptureLogUtil::dump_lite_bugreport("boot_1", "/data/dorva/lite.txt");
+    }
+    EXPECT_EQ(zipProperty, "@boot_1");
+    EXPECT_EQ(ReadFile(Path("/mnt/rescue/dorva/bootmonitor_log.txt")), Path("/data/dorva/lite.txt"));
+    EXPECT_TRUE(log.Contains("read response from dumpstate: " + std::string(255, 'k'), "dorvad", ANDROID_LOG_DEBUG));
+    EXPECT_EQ(android::base::GetProperty("sys.nuvi.bm_zip", "unset"), "unset");  // cleared
+    EXPECT_EQ(android::base::GetProperty("ctl.stop", ""), "nuvibmdump");
+    // No dumpstate at all: twenty tries half a second apart, then the error.
+    log.Clear();
+    const int64_t before = clock_.slept();
+    CaptureLogUtil::dump_lite_bugreport("boot_2", "/data/dorva/lite.txt");
+    EXPECT_EQ(clock_.slept() - before, 19 * 500);
+    EXPECT_TRUE(log.Contains("Failed to connect dumpstate socket: ", "dorvad", ANDROID_LOG_ERROR));
+}
+
+TEST_F(DumpTest, CoredumpWaitsUntilTheFileStopsGrowing) {
+    android::base::SetProperty("persist.sys.enable_nuvi_coredump", "true");
+    const std::string core = "/data/nuvilog/stability/nativecrash/core_9";
+    RunShell("mkdir -p '" + Path("/data/nuvilog/stability/nativecrash") + "'");
+    WriteFile(Path(core), "0123456789");
+    platform::LogCapture log;
+    DumpAll("ne", "crash", List({"do_dumpheap"}), List({""}), false, -1, false,
+            List({core.c_str(), "/data/nuvilog/stability/nativecrash/missing"}));
+    EXPECT_TRUE(log.Contains("coredump(" + Path(core) + ") file has created\n"));
+    EXPECT_TRUE(log.Contains("dump coredump(" + Path(core) + ") completed, filesize:10\n"));
+    const std::string missing = Path("/data/nuvilog/stability/nativecrash/missing");
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        EXPECT_TRUE(log.Contains("wait coredump(" + missing + ") created " + std::to_string(attempt) + " times \n"));
+    }
+    EXPECT_TRUE(log.Contains("coredump(" + missing + ") file stat fail: No such file or directory\n"));
+    EXPECT_EQ(clock_.slept(), 1000 + 3000);  // one poll interval, three creation waits
+}
+
+TEST_F(DumpTest, AnrTracesOfThisBuildNewestFirst) {
+    android::base::SetProperty("ro.build.fingerprint", "velmar/host:16/T/1:user");
+    android::base::SetProperty("sys.service.watchdog.timestamp", "10799999");
+    WriteFile(Path("/data/system/uiderrors.txt"), "uid errors\n");
+    for (int i = 0; i < 12; ++i) {
+        const std::string trace = Path("/data/anr/trace_" + std::to_string(i));
+        WriteFile(trace, "----- pid 1 -----\nBuild fingerprint: 'velmar/host:16/T/1:user'\nrest\n");
+        struct utimbuf times = {2000000 + i, 2000000 + i};
+        utime(trace.c_str(), &times);
+    }
+    WriteFile(Path("/data/anr/other_build"), "Build fingerprint: 'velmar/host:15/S/1:user'\n");
+    WriteFile(Path("/data/anr/no_fingerprint"), "nothing here\n");
+    RunShell("mkdir -p '" + Path("/data/x") + "'");
+    std::vector<DumpAction> actions{{"TITLE ONE", {"echo", "hello"}, 5}, {"", {"true"}, 5}};
+    platform::LogCapture log;
+    CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap", actions);
+    EXPECT_TRUE(log.Contains("Faild to match " + Path("/data/anr/no_fingerprint")));
+    EXPECT_TRUE(log.Contains("build.fingerprint prop mismatch"));
+    std::string expected = "anr/trace_10\nanr/trace_11\n";
+    for (int i = 2; i < 10; ++i) expected += "anr/trace_" + std::to_string(i) + "\n";
+    expected += "system/uiderrors.txt\nx/cap\n";
+    EXPECT_EQ(RunShell("unzip -Z1 '" + Path("/data/x/cap.zip") + "' | sort"), expected);
+    const std::string text = RunShell("unzip -p '" + Path("/data/x/cap.zip") + "' x/cap");
+    EXPECT_TRUE(std::regex_search(text, std::regex("^={56}\n=== Date: [0-9-]{10} [0-9:]{8} ===\n={56}\n"
+                                                   "TITLE ONE\n------ \\(echo hello\\) in 5s ------\nhello\n")))
+        << text;
+    EXPECT_FALSE(std::ifstream(Path("/data/x/cap")).good());  // packed, then removed
+
+    // A watchdog stamp past three hours skips the traces.
+    android::base::SetProperty("sys.service.watchdog.timestamp", "10800000");
+    CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap2", actions);
+    EXPECT_EQ(RunShell("unzip -Z1 '" + Path("/data/x/cap2.zip") + "' | sort"), "system/uiderrors.txt\nx/cap2\n");
+}
+
+TEST_F(DumpTest, DumpByPowerRunsOnlyWhitelistedActions) {
+    platform::LogCapture log;
+    CaptureLogUtil::dump_by_power(List({"ps", "sh"}), List({"-o,pid", "-c,echo bad"}), "/data/dorva/dumpsys_by_power", 5);
+    const std::string text = ReadFile(Path("/data/dorva/dumpsys_by_power"));
+    EXPECT_NE(text.find("------ (ps -o pid) in 5s ------\n"), std::string::npos);
+    EXPECT_EQ(text.find("bad"), std::string::npos);
+    EXPECT_TRUE(log.Contains("dump_by_power: action 'sh' not in SUPPORT_ACTION whitelist, skipping"));
+    EXPECT_TRUE(CaptureLogUtil::isSupportAction("logc"));
+    EXPECT_FALSE(CaptureLogUtil::isSupportAction("rm"));
+}
+
+TEST_F(DumpTest, DirectoryHelpers) {
+    const std::string dir = root_.Sub("tree");
+    RunShell("mkdir -p '" + dir + "/keep' '" + dir + "/sub/deeper' '" + root_.Sub("outside") + "'");
+    WriteFile(dir + "/a", "a");
+    WriteFile(dir + "/keep/k", "k");
+    WriteFile(dir + "/sub/deeper/d", "d");
+    WriteFile(root_.Sub("outside/precious"), "p");
+    symlink(root_.Sub("outside").c_str(), (dir + "/link").c_str());
+    EXPECT_EQ(android::delete_dir_contents(dir.c_str(), false,
+                                           [](const char* name, bool isDir) { return isDir && strcmp(name, "keep") == 0; }),
+              0);
+    EXPECT_EQ(RunShell("cd '" + dir + "' && find . | sort"), ".\n./keep\n./keep/k\n");
+    EXPECT_EQ(ReadFile(root_.Sub("outside/precious")), "p");
+    EXPECT_EQ(android::delete_dir_contents(dir.c_str(), true, nullptr), 0);
+    EXPECT_NE(access(dir.c_str(), F_OK), 0);
+
+    const std::string made = root_.Sub("made");
+    EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
+    chmod(made.c_str(), 0700);
+    platform::LogCapture log;
+    EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
+    struct stat st;
+    ASSERT_EQ(stat(made.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+    EXPECT_TRUE(log.Contains(made + "perm 700 expected 750", "dorvad", ANDROID_LOG_WARN));
+    WriteFile(root_.Sub("file"), "12345");
+    EXPECT_EQ(android::create_dir_if_needed(root_.Sub("file").c_str(), 0750), -1);
+    EXPECT_TRUE(log.Contains(root_.Sub("file") + " is not a dir."));
+
+    EXPECT_EQ(android::copy_file(root_.Sub("file").c_str(), root_.Sub("copy").c_str()), 0);
+    EXPECT_EQ(ReadFile(root_.Sub("copy")), "12345");
+    EXPECT_EQ(android::copy_file(root_.Sub("none").c_str(), root_.Sub("copy").c_str()), -1);
+    EXPECT_TRUE(log.Contains("Failed to open copy from " + root_.Sub("none") + "  reason: No such file"));
+}
