@@ -7,5 +7,7 @@ scripts/install-deps.sh
 scripts/build.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ROOT="${TARNIS_ROOT:-$PWD/sandbox}"
 scripts/prepare-sandbox.sh "$ROOT"
+# Captures run tools by name: the sandbox's bin/ (getprop and the host tools) first.
+export PATH="$ROOT/bin:$PATH"
 echo "run.sh: tarnisd --root $ROOT (try: build/tarnisctl --root $ROOT getprop)"
 exec build/tarnisd --root "$ROOT"

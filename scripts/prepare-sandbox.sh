@@ -11,7 +11,30 @@ for d in data/misc/tarnis data/dorva data/anr data/system data/nuvilog/stability
          dev/socket dev/binder dev/block/by-name proc sys/fs/f2fs system_ext/etc/tarnsys; do
   mkdir -p "$ROOT/$d"
 done
-ctl=build/tarnisctl
+REPO=$(cd "$(dirname "$0")/.." && pwd)
+BUILD_DIR="${TARNIS_BUILD_DIR:-$REPO/build}"
+ctl="$BUILD_DIR/tarnisctl"
+
+# Tools that captures run by name. tarnisd puts $ROOT/bin first on its PATH:
+# the host's own tools where it has them, and a getprop that reads this
+# sandbox's properties. Tools the host lacks (logcat, dumpsys) stay missing,
+# and a capture records their exec failure.
+mkdir -p "$ROOT/bin"
+for tool in uptime df ps top cat dmesg netstat; do
+  # Looked up on the standard PATH only, so that a link never points back into bin/.
+  if host_tool=$(PATH="$(getconf PATH):/usr/sbin:/sbin:/usr/local/bin" command -v "$tool" 2>/dev/null) &&
+     [ "${host_tool#/}" != "$host_tool" ]; then
+    ln -sfn "$host_tool" "$ROOT/bin/$tool"
+  fi
+done
+cat > "$ROOT/bin/getprop" <<GETPROP
+#!/bin/sh
+exec "$BUILD_DIR/getprop" --root "$ROOT" "\$@"
+GETPROP
+chmod 755 "$ROOT/bin/getprop"
+# Host commands of the services that captures start with ctl.start (none by
+# default: see platform/InitServices.h).
+mkdir -p "$ROOT/system/etc/init/host"
 defprop() {
   if [ -z "$("$ctl" --root "$ROOT" getprop "$1")" ]; then
     "$ctl" --root "$ROOT" setprop "$1" "$2"

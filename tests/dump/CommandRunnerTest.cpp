@@ -1,3 +1,6 @@
+// GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -196,4 +199,23 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     EXPECT_FALSE(log.Contains("Waiting for pid"));
     EXPECT_FALSE(log.Contains("Timed out"));
     EXPECT_FALSE(log.Contains("killing pid"));
+}
+
+// On the host, captures run our getprop from the sandbox's PATH; it lists the
+// sandbox's properties, as the daemon's environment names them.
+TEST_F(CommandRunnerTest, CapturesListTheSandboxProperties) {
+    ASSERT_TRUE(android::base::SetProperty("ro.product.device", "sandboxed"));
+    const std::string oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "";
+    setenv("PATH", (std::string(TARNIS_BUILD_DIR) + ":" + oldPath).c_str(), 1);
+    setenv("TARNIS_ROOT", root_.path().c_str(), 1);
+    const std::string file = Capture("cap");
+    CaptureLogUtil::run_command({"getprop"}, file.c_str(), 5);
+    CaptureLogUtil::run_command({"getprop", "ro.product.device"}, file.c_str(), 5);
+    setenv("PATH", oldPath.c_str(), 1);
+    unsetenv("TARNIS_ROOT");
+    const std::string text = ReadFile(file);
+    EXPECT_NE(text.find("------ (getprop) in 5s ------\n[ro.product.device]: [sandboxed]\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("------ (getprop ro.product.device) in 5s ------\nsandboxed\n[getprop: "), std::string::npos)
+        << text;
 }

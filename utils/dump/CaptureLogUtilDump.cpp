@@ -18,7 +18,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <regex>
 
 #include "platform/Clock.h"
 #include "platform/Log.h"
@@ -298,6 +297,21 @@ void DoDmesg(const std::string& path) {
     fputs("\n\n", file.get());
 }
 
+// The first "Build fingerprint: '...'" of a trace's head, quotes on one line
+// (what the pattern .*?Build fingerprint: '(.*?)'.*? finds).
+bool FindFingerprint(const std::string& head, std::string* fingerprint) {
+    static const std::string kKey = "Build fingerprint: '";
+    for (size_t at = head.find(kKey); at != std::string::npos; at = head.find(kKey, at + 1)) {
+        const size_t begin = at + kKey.size();
+        const size_t end = head.find_first_of("'\n\r", begin);
+        if (end != std::string::npos && head[end] == '\'') {
+            *fingerprint = head.substr(begin, end - begin);
+            return true;
+        }
+    }
+    return false;
+}
+
 // ANR traces of the running build, newest first, at most ten. The caller
 // closes the descriptors.
 std::vector<DumpData> CollectAnrTraces() {
@@ -321,7 +335,6 @@ std::vector<DumpData> CollectAnrTraces() {
         ALOGE("Unable to open directory %s: %s\n", anrDir.c_str(), strerror(errno));
         return kept;
     }
-    static const std::regex kFingerprint(".*?Build fingerprint: '(.*?)'.*?");
     while (struct dirent* entry = readdir(dir)) {
         const std::string path = anrDir + entry->d_name;
         struct stat lst;
@@ -344,14 +357,14 @@ std::vector<DumpData> CollectAnrTraces() {
             n = read(fd, head, sizeof(head));
         } while (n < 0 && errno == EINTR);
         const std::string text(head, n > 0 ? static_cast<size_t>(n) : 0);
-        std::smatch match;
-        if (!std::regex_search(text, match, kFingerprint)) {
+        std::string traceFingerprint;
+        if (!FindFingerprint(text, &traceFingerprint)) {
             ALOGE("Faild to match %s\n", path.c_str());
             close(fd);
             continue;
         }
         ALOGE("=============match success!!!=============\n");
-        if (match[1].str() != fingerprint) {
+        if (traceFingerprint != fingerprint) {
             ALOGE("read file for %d byte, build.fingerprint prop mismatch\n", static_cast<int>(text.size()));
             close(fd);
             continue;
