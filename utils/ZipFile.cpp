@@ -25,9 +25,11 @@ namespace {
 // working copy stays small however long the list is.
 constexpr size_t kBatchSize = 50;
 
-// Bytes read from a file per system call. Large enough that packing is bound
-// by deflate rather than by read calls; the whole file is never held.
-constexpr size_t kReadChunk = 256 * 1024;
+// Bytes read from a file per system call: the size of the writer's own output
+// buffer. Packing is bound by deflate at any size from 8 KiB up (measured in
+// bench/ZipBench.cpp); 64 KiB keeps read calls well under 1 % of the time
+// while a file is still never held whole.
+constexpr size_t kReadChunk = 64 * 1024;
 
 // Names are UTF-8 (general-purpose flag bit 11).
 constexpr uLong kFlagUtf8 = 1 << 11;
