@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
@@ -178,24 +179,45 @@ TEST_F(CommandRunnerTest, LiteRunnerTimesOut) {
 TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     platform::LogCapture log;
     const std::string slow = Capture("slow");
+    // Threads of a daemon often run with SIGCHLD blocked (the threads below
+    // inherit it): every child's end is then a process-wide signal that any
+    // waiting thread could take for its own.
+    sigset_t chld, oldMask;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &chld, &oldMask);
+    std::atomic<bool> slowDone{false};
     std::thread slowRunner([&] {
         CaptureLogUtil::run_command({"sh", "-c", "sleep 1.5; echo done; exit 4"}, slow.c_str(), 4);
+        slowDone = true;
     });
+    // Children keep ending on this thread for as long as the slow one runs.
     std::atomic<int> liteFailures{0};
+    std::atomic<int> fastRuns{0};
     std::thread busy([&] {
-        for (int i = 0; i < 20; ++i) {
-            CaptureLogUtil::run_command({"true"}, Capture("fast").c_str(), 4);
-            if (CmdTool::run_command_lite("true", "", 4) != 0) ++liteFailures;
+        while (!slowDone || fastRuns < 20) {
+            CaptureLogUtil::run_command({"sleep", "0.02"}, Capture("fast").c_str(), 4);
+            if (CmdTool::run_command_lite("sleep", "0.02", 4) != 0) ++liteFailures;
+            ++fastRuns;
         }
     });
+    // And children that are not the runners' own end meanwhile too.
+    while (!slowDone) {
+        const pid_t other = fork();
+        if (other == 0) _exit(0);
+        waitpid(other, nullptr, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     busy.join();
     slowRunner.join();
+    pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     EXPECT_EQ(liteFailures.load(), 0);
     const std::string text = ReadFile(slow);
     EXPECT_TRUE(std::regex_search(text, std::regex("done\n\\*\\*\\* sh: Exit code 4, [0-9]+\n\\[sh: 1\\.[0-9]{3}s elapsed\\]\n\n$")))
         << text;
     const std::string fast = ReadFile(Capture("fast"));
-    EXPECT_EQ(std::count(fast.begin(), fast.end(), '['), 20) << fast;
+    EXPECT_EQ(std::count(fast.begin(), fast.end(), '['), fastRuns.load()) << fast;
+    EXPECT_EQ(fast.find("***"), std::string::npos) << fast;
     EXPECT_FALSE(log.Contains("Waiting for pid"));
     EXPECT_FALSE(log.Contains("Timed out"));
     EXPECT_FALSE(log.Contains("killing pid"));
