@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "platform/Log.h"
@@ -13,6 +14,18 @@ void Usage(FILE* out) {
             "usage: tarnisd [--root DIR]\n"
             "Runs the diagnostics daemon in the foreground. Device paths resolve below DIR\n"
             "(default: $TARNIS_ROOT, else /).\n");
+}
+
+// On a sandboxed host run, children must see the same root, and captures run
+// tools by name: the sandbox's bin/ (our getprop, the host's tools) comes
+// first. Done before any work is posted, since setenv is not thread-safe.
+void PrepareHostEnvironment() {
+    const std::string root = platform::GetRoot();
+    if (root == "/") return;
+    setenv("TARNIS_ROOT", root.c_str(), 1);
+    const char* path = getenv("PATH");
+    const std::string sandboxBin = platform::DevicePath("/bin");
+    setenv("PATH", (sandboxBin + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
 }
 
 }  // namespace
@@ -33,6 +46,7 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
+    PrepareHostEnvironment();
     LOG(INFO) << "Velmar Tarnis-System Service is starting...";
     // Nothing stops the daemon in an orderly way: it serves until killed.
     for (;;) pause();
