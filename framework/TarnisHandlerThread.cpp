@@ -1,0 +1,112 @@
+#include "framework/TarnisHandlerThread.h"
+
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "framework/TarnisLooper.h"
+#include "framework/TarnisLooperManager.h"
+#include "platform/Log.h"
+
+#define LOG_TAG "Tarnis-HandlerThread"
+
+namespace velmar {
+namespace kolto {
+
+namespace {
+
+int KernelTid() { return static_cast<int>(syscall(SYS_gettid)); }
+
+}  // namespace
+
+TarnisHandlerThread::TarnisHandlerThread(std::string name) : name_(std::move(name)) {}
+
+TarnisHandlerThread* TarnisHandlerThread::create(std::string name) {
+    TarnisHandlerThread* thread = new (std::nothrow) TarnisHandlerThread(std::move(name));
+    if (thread == nullptr) LOG(FATAL) << "thread constructor failed";
+    if (pthread_create(&thread->thread_, nullptr, &TarnisHandlerThread::threadMain, thread) != 0) {
+        LOG(FATAL) << "thread constructor failed";
+    }
+    thread->started_ = true;
+    return thread;
+}
+
+void* TarnisHandlerThread::threadMain(void* self) {
+    static_cast<TarnisHandlerThread*>(self)->run();
+    return nullptr;
+}
+
+void TarnisHandlerThread::run() {
+    // The kernel keeps 15 characters of a thread's name.
+    prctl(PR_SET_NAME, name_.substr(0, 15).c_str(), 0, 0, 0);
+    int tid = KernelTid();
+    quitting_.store(false);
+    exited_.store(false);
+    TarnisLooper::prepare();
+    TarnisLooper* looper = TarnisLooper::myLooper();
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        looper_ = looper;
+        cond_.notify_all();
+    }
+    ALOGI("[%s] %s(%d) entered loop.", "run", name_.c_str(), tid);
+    if (looper != nullptr) looper->_loop();
+    ALOGI("[%s] %s(%d) exit loop.", "run", name_.c_str(), tid);
+    {
+        // The looper is deleted under the lock so that a concurrent quit()
+        // never reaches a looper that is going away.
+        std::lock_guard<std::mutex> guard(lock_);
+        TarnisLooperManager::getInstance().remove(TarnisLooperManager::currentThreadId());
+        quitting_.store(false);
+        looper_ = nullptr;
+        cond_.notify_all();
+        exited_.store(true);
+    }
+    ALOGI("[%s] %s(%d) exited.", "run", name_.c_str(), tid);
+}
+
+TarnisLooper* TarnisHandlerThread::getLooper() {
+    std::unique_lock<std::mutex> guard(lock_);
+    if (exited_.load()) {
+        ALOGI("[%s] %s() thread had exit.", "getLooper", "getLooper");
+        return nullptr;
+    }
+    if (looper_ == nullptr) {
+        ALOGI("[%s] %s() wait.", "getLooper", "getLooper");
+        cond_.wait(guard, [this] { return looper_ != nullptr || exited_.load(); });
+    }
+    return looper_;
+}
+
+void TarnisHandlerThread::quit() { quitImpl(false); }
+
+bool TarnisHandlerThread::quitSafely() { return quitImpl(true); }
+
+bool TarnisHandlerThread::quitImpl(bool safely) {
+    if (exited_.load() || quitting_.exchange(true)) return false;
+    std::unique_lock<std::mutex> guard(lock_);
+    cond_.wait(guard, [this] { return looper_ != nullptr || exited_.load(); });
+    if (looper_ == nullptr) return false;
+    looper_->quit(safely);
+    looper_ = nullptr;
+    return true;
+}
+
+TarnisHandlerThread::~TarnisHandlerThread() {
+    ALOGD("[%s] ~TarnisHandlerThread", "~TarnisHandlerThread");
+    if (started_ && pthread_equal(thread_, pthread_self())) {
+        ALOGE("[%s] DO NOT CALL DESTRUCTOR ON THE THREAD YOU WANT TO QUIT!! Will Abort when join "
+              "yourself!!",
+              "~TarnisHandlerThread");
+        abort();
+    }
+    quit();
+    if (started_) pthread_join(thread_, nullptr);
+    ALOGD("[%s] ~TarnisHandlerThread Done", "~TarnisHandlerThread");
+}
+
+}  // namespace kolto
+}  // namespace velmar

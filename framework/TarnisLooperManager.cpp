@@ -1,0 +1,52 @@
+#include "framework/TarnisLooperManager.h"
+
+#include <pthread.h>
+
+#include "framework/TarnisLooper.h"
+#include "platform/Log.h"
+
+#define LOG_TAG "Tarnis-TarnisLooper"
+
+namespace velmar {
+namespace kolto {
+
+TarnisLooperManager& TarnisLooperManager::getInstance() {
+    static TarnisLooperManager* instance = new TarnisLooperManager;
+    return *instance;
+}
+
+long TarnisLooperManager::currentThreadId() { return static_cast<long>(pthread_self()); }
+
+TarnisLooper* TarnisLooperManager::prepare() {
+    long tid = currentThreadId();
+    std::lock_guard<std::mutex> guard(lock_);
+    auto found = loopers_.find(tid);
+    if (found != loopers_.end()) {
+        ALOGE("[%s] TarnisLooper::prepare has been called.", "prepare");
+        return found->second;
+    }
+    TarnisLooper* looper = new TarnisLooper;
+    loopers_.emplace(tid, looper);
+    return looper;
+}
+
+TarnisLooper* TarnisLooperManager::get(long tid) {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto found = loopers_.find(tid);
+    return found == loopers_.end() ? nullptr : found->second;
+}
+
+void TarnisLooperManager::remove(long tid) {
+    TarnisLooper* looper = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        auto found = loopers_.find(tid);
+        if (found == loopers_.end()) return;
+        looper = found->second;
+        loopers_.erase(found);
+    }
+    delete looper;
+}
+
+}  // namespace kolto
+}  // namespace velmar
