@@ -1,0 +1,19 @@
+#include "framework/ModuleBase.h"
+
+#include "platform/Log.h"
+
+#define LOG_TAG "Tarnis-ModuleBase"
+
+namespace velmar {
+namespace kolto {
+
+ModuleBase::~ModuleBase() { ALOGD("[%s] Bye~ %s", "~ModuleBase", name.c_str()); }
+
+bool ModuleBase::OnInit() { return true; }
+
+void ModuleBase::OnAllModulesLoaded() {}
+
+void ModuleBase::dump(int, const char**, unsigned int) {}
+
+}  // namespace kolto
+}  // namespace velmar
