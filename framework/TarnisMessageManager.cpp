@@ -25,9 +25,12 @@ TarnisMessage* TarnisMessageManager::obtain(int what, Object* obj, short flags) 
     if (msg == nullptr) {
         msg = new (std::nothrow) TarnisMessage;
         if (msg == nullptr) LOG(FATAL) << "TarnisMessage: out of memory";
-        msg->when = 0;
-        msg->target = nullptr;
     }
+    // A pooled message must not carry the due time or the handler of its
+    // previous use: a message sent straight to a looper would otherwise be
+    // dispatched to a handler that may be gone.
+    msg->when = 0;
+    msg->target = nullptr;
     msg->what = what;
     msg->obj = obj;
     msg->arg1 = 0;

@@ -305,6 +305,9 @@ TEST(MessageLoop, PoolResetsRecycledMessagesAndRunnablesRunOnce) {
     msg->name = "custom";
     msg->data = std::make_shared<int>(5);
     std::weak_ptr<void> data = msg->data;
+    TarnisHandler stale(nullptr, nullptr);
+    msg->target = &stale;
+    msg->when = 12345;
     msg->runnable = new TarnisRunnable([&runs](Object* o) { runs += o == nullptr ? 1 : 100; });
     msg->runnable->run(nullptr);
     msg->runnable->run(nullptr);
@@ -335,6 +338,8 @@ TEST(MessageLoop, PoolResetsRecycledMessagesAndRunnablesRunOnce) {
     EXPECT_EQ(again, msg);
     EXPECT_EQ(again->what, 8);
     EXPECT_EQ(again->flags, 2);
+    EXPECT_EQ(again->target, nullptr);
+    EXPECT_EQ(again->when, 0);
     for (TarnisMessage* m : taken) pool.recycle(m);
 
     Object a, b;
