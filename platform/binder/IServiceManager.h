@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include "platform/binder/IBinder.h"
+
+// The classic (libbinder) view of the same service manager, for services
+// registered under UTF-16 names: defaultServiceManager()->addService(...).
+namespace android {
+
+class IServiceManager {
+public:
+    // The platform's dump priority flags; DEFAULT is what addService uses
+    // unless told otherwise.
+    static constexpr int DUMP_FLAG_PRIORITY_CRITICAL = 1 << 0;
+    static constexpr int DUMP_FLAG_PRIORITY_HIGH = 1 << 1;
+    static constexpr int DUMP_FLAG_PRIORITY_NORMAL = 1 << 2;
+    static constexpr int DUMP_FLAG_PRIORITY_DEFAULT = 1 << 3;
+
+    // allowIsolated and dumpsysPriority are recorded by the platform's
+    // manager; the host has no isolated processes and no dumpsys, so they
+    // only have to be valid.
+    status_t addService(const std::u16string& name, const sp<IBinder>& service, bool allowIsolated = false,
+                        int dumpsysPriority = DUMP_FLAG_PRIORITY_DEFAULT);
+    sp<IBinder> checkService(const std::u16string& name);
+    // Waits for a declared service (as waitForService), null at once otherwise.
+    sp<IBinder> getService(const std::u16string& name);
+    sp<IBinder> waitForService(const std::u16string& name);
+    bool isDeclared(const std::u16string& name);
+};
+
+sp<IServiceManager> defaultServiceManager();
+
+}  // namespace android

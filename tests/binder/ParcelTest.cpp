@@ -1,0 +1,167 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/Unicode.h"
+#include "platform/binder/Parcel.h"
+
+using android::Parcel;
+
+namespace {
+
+TEST(ParcelTest, EveryTypeRoundTripsInOrder) {
+    Parcel p;
+    const std::u16string astral = u"caf\u00e9 \U0001F600";
+    ASSERT_EQ(p.writeInt32(-7), android::OK);
+    p.writeInt64(INT64_MIN + 5);
+    p.writeBool(true);
+    p.writeString(std::string("a\0b\xff", 4));  // bytes, not C strings
+    p.writeString16(astral);
+    p.writeUtf8AsUtf16("\xc3\xa9t\xc3\xa9");
+    p.writeInt32Vector({1, -2, 3});
+    p.writeInt64Vector({});
+    p.writeBoolVector({true, false, true});
+    p.writeStringVector({"x", "", "yz"});
+    p.writeString16Vector({u"one", astral});
+    p.writeByteVector({0, 255, 10});
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    ASSERT_EQ(p.writeFileDescriptor(pipeFds[1]), android::OK);
+    close(pipeFds[1]);  // the parcel holds its own duplicate
+    p.writeFileDescriptor(-1);
+    p.writeStatus(ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(-1, "runCommand:152: no"));
+
+    // Move through setData, as the transport does with received bytes.
+    Parcel q;
+    std::vector<android::base::unique_fd> fds;
+    for (int fd : p.rawFds()) fds.emplace_back(dup(fd));
+    q.setData(p.data(), std::move(fds));
+
+    int32_t i32;
+    int64_t i64;
+    bool b;
+    std::string s;
+    std::u16string s16;
+    std::vector<int32_t> v32;
+    std::vector<int64_t> v64{9};
+    std::vector<bool> vb;
+    std::vector<std::string> vs;
+    std::vector<std::u16string> vs16;
+    std::vector<uint8_t> bytes;
+    ASSERT_EQ(q.readInt32(&i32), android::OK);
+    EXPECT_EQ(i32, -7);
+    q.readInt64(&i64);
+    EXPECT_EQ(i64, INT64_MIN + 5);
+    q.readBool(&b);
+    EXPECT_TRUE(b);
+    q.readString(&s);
+    EXPECT_EQ(s, std::string("a\0b\xff", 4));
+    q.readString16(&s16);
+    EXPECT_EQ(s16, astral);
+    q.readUtf8FromUtf16(&s);
+    EXPECT_EQ(s, "\xc3\xa9t\xc3\xa9");
+    q.readInt32Vector(&v32);
+    EXPECT_EQ(v32, (std::vector<int32_t>{1, -2, 3}));
+    q.readInt64Vector(&v64);
+    EXPECT_TRUE(v64.empty());
+    q.readBoolVector(&vb);
+    EXPECT_EQ(vb, (std::vector<bool>{true, false, true}));
+    q.readStringVector(&vs);
+    EXPECT_EQ(vs, (std::vector<std::string>{"x", "", "yz"}));
+    q.readString16Vector(&vs16);
+    EXPECT_EQ(vs16, (std::vector<std::u16string>{u"one", astral}));
+    q.readByteVector(&bytes);
+    EXPECT_EQ(bytes, (std::vector<uint8_t>{0, 255, 10}));
+    android::base::unique_fd fd, none;
+    ASSERT_EQ(q.readUniqueFileDescriptor(&fd), android::OK);
+    ASSERT_TRUE(fd.ok());
+    ASSERT_EQ(write(fd.get(), "ping", 4), 4);
+    char buf[4];
+    ASSERT_EQ(read(pipeFds[0], buf, 4), 4);
+    EXPECT_EQ(std::string(buf, 4), "ping");
+    close(pipeFds[0]);
+    ASSERT_EQ(q.readUniqueFileDescriptor(&none), android::OK);
+    EXPECT_FALSE(none.ok());
+    ndk::ScopedAStatus status;
+    ASSERT_EQ(q.readStatus(&status), android::OK);
+    EXPECT_EQ(status.getExceptionCode(), EX_SERVICE_SPECIFIC);
+    EXPECT_EQ(status.getServiceSpecificError(), -1);
+    EXPECT_EQ(status.getMessage(), "runCommand:152: no");
+    EXPECT_EQ(q.dataAvail(), 0u);
+    EXPECT_EQ(q.readInt32(&i32), android::NOT_ENOUGH_DATA);
+}
+
+TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
+    // A string claiming more bytes than the parcel holds.
+    Parcel p;
+    p.writeInt32(1000);
+    p.writeInt32(0);
+    std::string s;
+    EXPECT_EQ(p.readString(&s), android::BAD_VALUE);
+    // A vector count that no data backs: refused before allocating.
+    Parcel v;
+    v.writeInt32(INT32_MAX);
+    std::vector<std::string> list;
+    EXPECT_EQ(v.readStringVector(&list), android::BAD_VALUE);
+    // A descriptor index with no descriptor, and one taken twice.
+    Parcel f;
+    f.writeInt32(3);
+    android::base::unique_fd fd;
+    EXPECT_EQ(f.readUniqueFileDescriptor(&fd), android::BAD_VALUE);
+    Parcel g;
+    g.writeFileDescriptor(STDERR_FILENO);
+    g.writeInt32(0);  // the same index again
+    EXPECT_EQ(g.readUniqueFileDescriptor(&fd), android::OK);
+    EXPECT_EQ(g.readUniqueFileDescriptor(&fd), android::BAD_VALUE);
+    // A truncated int64 and a wrong interface token.
+    Parcel t;
+    t.writeInt32(5);
+    int64_t i64;
+    EXPECT_EQ(t.readInt64(&i64), android::NOT_ENOUGH_DATA);
+    Parcel token;
+    token.writeInterfaceToken("velmar.system.tarnis.common.ITarnisSsiIntl");
+    EXPECT_FALSE(token.enforceInterface("velmar.system.tarnis.common.ITarnisSsi"));
+}
+
+TEST(ParcelTest, Utf8AndUtf16ConvertBothWaysAndRepairBadInput) {
+    const std::string text = "A\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80";  // A é € 😀
+    std::u16string wide = platform::Utf8ToUtf16(text);
+    EXPECT_EQ(wide, u"A\u00e9\u20ac\U0001F600");
+    EXPECT_EQ(platform::Utf16ToUtf8(wide), text);
+    // Stray continuation byte, truncated sequence, overlong form, encoded surrogate.
+    EXPECT_EQ(platform::Utf8ToUtf16("a\x80" "b"), u"a\ufffdb");
+    EXPECT_EQ(platform::Utf8ToUtf16("a\xe2\x82"), u"a\ufffd");
+    EXPECT_EQ(platform::Utf8ToUtf16("\xc0\xaf"), u"\ufffd");
+    EXPECT_EQ(platform::Utf8ToUtf16("\xed\xa0\x80"), u"\ufffd");
+    // Unpaired surrogates on the way back.
+    EXPECT_EQ(platform::Utf16ToUtf8(std::u16string(1, char16_t(0xD800)) + u"x"), "\xef\xbf\xbdx");
+    EXPECT_EQ(platform::Utf16ToUtf8(std::u16string(1, char16_t(0xDC00))), "\xef\xbf\xbd");
+}
+
+TEST(ParcelTest, StatusKeepsItsKindAcrossTheWire) {
+    struct Case {
+        ndk::ScopedAStatus status;
+        binder_status_t expectedStatus;
+    };
+    Case cases[] = {
+        {ndk::ScopedAStatus::ok(), STATUS_OK},
+        {ndk::ScopedAStatus::fromStatus(STATUS_UNKNOWN_ERROR), STATUS_UNKNOWN_ERROR},
+        {ndk::ScopedAStatus::fromExceptionCodeWithMessage(EX_ILLEGAL_ARGUMENT, "bad"), STATUS_FAILED_TRANSACTION},
+    };
+    for (auto& c : cases) {
+        Parcel p;
+        p.writeStatus(c.status);
+        ndk::ScopedAStatus back;
+        ASSERT_EQ(p.readStatus(&back), android::OK);
+        EXPECT_EQ(back.getStatus(), c.expectedStatus);
+        EXPECT_EQ(back.getExceptionCode(), c.status.getExceptionCode());
+        EXPECT_EQ(back.getMessage(), c.status.getMessage());
+    }
+    EXPECT_EQ(STATUS_UNKNOWN_ERROR, static_cast<int32_t>(0x80000000));
+    EXPECT_EQ(ndk::ScopedAStatus::fromServiceSpecificError(-3, "attachSockFilter:182: illegal argument!")
+                  .getDescription(),
+              "Status(-8, EX_SERVICE_SPECIFIC): '-3: attachSockFilter:182: illegal argument!'");
+}
+
+}  // namespace

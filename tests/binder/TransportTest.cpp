@@ -1,0 +1,281 @@
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "platform/LogCapture.h"
+#include "platform/Root.h"
+#include "platform/binder/BinderProcess.h"
+#include "platform/binder/BnTarnisSsiIntl.h"
+#include "platform/binder/BpBinder.h"
+#include "platform/binder/ITarnisIntl.h"
+#include "platform/binder/IServiceManager.h"
+#include "platform/binder/ServiceManager.h"
+#include "platform/binder/WireIo.h"
+#include "tests/binder/EchoSsi.h"
+#include "tests/support/TempDir.h"
+
+using aidl::velmar::system::tarnis::common::ITarnisSsi;
+using aidl::velmar::system::tarnis::common::ITarnisSsiIntl;
+using android::ServiceManager;
+
+namespace {
+
+const std::string kSsiName = std::string(ITarnisSsi::descriptor) + "/default";
+
+class TransportTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        chmod(root_.path().c_str(), 0755);  // reachable by a test child that drops to another uid
+        platform::SetRoot(root_.path());
+    }
+    void TearDown() override {
+        for (const auto& name : ServiceManager::instance().listServices()) {
+            ServiceManager::instance().removeService(name);
+        }
+        platform::SetRoot("/");
+    }
+    void Declare(const std::string& name) {
+        ASSERT_EQ(system(("mkdir -p " + root_.Sub("vendor/etc/vintf")).c_str()), 0);
+        ASSERT_TRUE(tarnis_test::WriteFile(root_.Sub("vendor/etc/vintf/manifest.txt"),
+                                           "# instances\n  " + name + "  \n"));
+    }
+    static void StartPool() {
+        // Few threads, so that a connection that held one would starve the rest.
+        android::BinderProcess::self().setMaxThreads(2);
+        ABinderProcess_startThreadPool();
+    }
+
+    tarnis_test::TempDir root_;
+};
+
+TEST_F(TransportTest, SocketNamesEncodeEveryByteReversibly) {
+    EXPECT_EQ(ServiceManager::EncodeName(kSsiName), "velmar.system.tarnis.common.ITarnisSsi%2Fdefault");
+    EXPECT_EQ(ServiceManager::EncodeName("../x y"), "%2E.%2Fx%20y");
+    for (std::string name : {kSsiName, std::string("../evil/\n\xff"), std::string("a%2F")}) {
+        EXPECT_EQ(ServiceManager::DecodeName(ServiceManager::EncodeName(name)), name);
+        EXPECT_EQ(ServiceManager::EncodeName(name).find('/'), std::string::npos);
+    }
+    std::string longName(300, 'n');
+    std::string encoded = ServiceManager::EncodeName(longName);
+    EXPECT_LE(encoded.size(), 100u);
+    EXPECT_NE(encoded, ServiceManager::EncodeName(longName + "x"));
+}
+
+TEST_F(TransportTest, RemoteCallsCarryEveryArgumentStatusAndDescriptor) {
+    Declare(kSsiName);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // The server appears only after the client has started waiting.
+        usleep(100 * 1000);
+        auto impl = ndk::SharedRefBase::make<EchoSsi>();
+        if (AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()) != STATUS_OK) _exit(3);
+        ABinderProcess_joinThreadPool();
+        _exit(4);
+    }
+    ndk::SpAIBinder binder = ServiceManager::instance().waitForService(kSsiName, 5000);
+    ASSERT_NE(binder, nullptr);
+    EXPECT_TRUE(AIBinder_isRemote(binder.get()));
+    std::shared_ptr<ITarnisSsi> ssi = ITarnisSsi::fromBinder(binder);
+    ASSERT_NE(ssi, nullptr);
+    EXPECT_TRUE(ssi->isRemote());
+    EXPECT_EQ(ITarnisSsiIntl::fromBinder(binder), nullptr);  // not that interface
+
+    const std::string who = "|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid());
+    EXPECT_TRUE(ssi->reportSimpleEvent(1, "quiet").isOk());
+    auto st = ssi->reportSimpleEvent(-5, "echo");
+    EXPECT_EQ(st.getServiceSpecificError(), 7);
+    EXPECT_EQ(st.getMessage(), "-5" + who);
+    EXPECT_EQ(ssi->reportEventV2("a", "\xc3\xa9", "", true).getMessage(), "a,\xc3\xa9,,true" + who);
+    EXPECT_EQ(ssi->reportNativeFeatureEvent("x", "y", "z").getMessage(), "xyz" + who);
+    EXPECT_EQ(ssi->appCaptureLog("1", "2", "3", "4").getMessage(), "1234" + who);
+    EXPECT_EQ(ssi->reportEventsV2("h", {"e1", "", "e3"}, "t", false).getMessage(), "h[e1][][e3]t0" + who);
+    EXPECT_EQ(ssi->reportTrelvoEvents("app", "pkg", {"{}"}, 9).getMessage(), "apppkg[{}]9" + who);
+    EXPECT_TRUE(ssi->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
+    EXPECT_EQ(ssi->reportTrelvoEvent("app", "pkg", "{}", 1).getStatus(), STATUS_UNKNOWN_ERROR);
+    std::string big(512 * 1024, 'b');  // large but within the transaction limit
+    EXPECT_EQ(ssi->reportNativeFeatureEvent(big, "", "").getMessage().size(), big.size() + who.size());
+
+    // The dump's descriptor crosses over; output arrives through our pipe.
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const char* args[] = {"list", "\xc3\xa9"};
+    EXPECT_EQ(AIBinder_dump(binder.get(), fds[1], args, 2), STATUS_OK);
+    close(fds[1]);
+    char buf[64] = {};
+    ASSERT_GT(read(fds[0], buf, sizeof(buf) - 1), 0);
+    close(fds[0]);
+    EXPECT_STREQ(buf, "dump list \xc3\xa9\n");
+
+    // A dead server is a transport failure, not a hang.
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(ssi->reportSimpleEvent(1, "quiet").getStatus(), STATUS_DEAD_OBJECT);
+    // Its socket stays behind: a new server replaces it.
+    auto impl = ndk::SharedRefBase::make<EchoSsi>();
+    EXPECT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+}
+
+TEST_F(TransportTest, InProcessCallersGetTheLocalObject) {
+    auto impl = ndk::SharedRefBase::make<EchoSsi>();
+    ASSERT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    EXPECT_TRUE(AServiceManager_isDeclared(kSsiName.c_str()));
+    for (ndk::SpAIBinder binder : {AServiceManager_checkService(kSsiName.c_str()),
+                                   AServiceManager_waitForService(kSsiName.c_str())}) {
+        ASSERT_NE(binder, nullptr);
+        EXPECT_FALSE(AIBinder_isRemote(binder.get()));
+        std::shared_ptr<ITarnisSsi> ssi = ITarnisSsi::fromBinder(binder);
+        EXPECT_EQ(ssi.get(), impl.get());
+    }
+    // A local call runs on our thread, as ourselves.
+    impl->reportSimpleEvent(0, "quiet");
+    EXPECT_EQ(impl->lastUid.load(), getuid());
+    // A second process may not take over the name while we serve it.
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto other = ndk::SharedRefBase::make<EchoSsi>();
+        _exit(AServiceManager_addService(other->asBinder().get(), kSsiName.c_str()) == STATUS_ALREADY_EXISTS
+                  ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    // The classic manager sees the same registry under UTF-16 names.
+    EXPECT_EQ(android::defaultServiceManager()->checkService(u"velmar.system.tarnis.common.ITarnisSsi/default"),
+              impl->asBinder());
+    class Intl : public aidl::velmar::system::tarnis::common::BnTarnisSsiIntl {
+        ndk::ScopedAStatus transferMessage(const std::string&, const std::string&) override {
+            return ndk::ScopedAStatus::ok();
+        }
+    };
+    auto intl = ndk::SharedRefBase::make<Intl>();
+    EXPECT_EQ(android::defaultServiceManager()->addService(u"nuvi.dorva.IDorvaNative", intl->asBinder(), false,
+                                                           android::IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT),
+              android::OK);
+}
+
+TEST_F(TransportTest, UndeclaredIsEmptyAtOnceDeclaredWaits) {
+    std::string vendorName = std::string(aidl::vendor::velmar::hardware::kolto::common::ITarnisIntl::descriptor) +
+                             "/default";
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(AServiceManager_isDeclared(vendorName.c_str()));
+    EXPECT_EQ(AServiceManager_waitForService(vendorName.c_str()), nullptr);  // would block for ever if it waited
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+
+    Declare(kSsiName);
+    EXPECT_TRUE(AServiceManager_isDeclared(kSsiName.c_str()));
+    EXPECT_EQ(AServiceManager_checkService(kSsiName.c_str()), nullptr);
+    EXPECT_EQ(ServiceManager::instance().waitForService(kSsiName, 50), nullptr);  // declared, not running
+    auto impl = ndk::SharedRefBase::make<EchoSsi>();
+    std::thread adder([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str());
+    });
+    ndk::SpAIBinder binder = ServiceManager::instance().waitForService(kSsiName, 5000);
+    adder.join();
+    EXPECT_EQ(binder, impl->asBinder());
+}
+
+TEST_F(TransportTest, GarbageStallsAndOversizeDoNotDisturbOtherCallers) {
+    platform::LogCapture capture;
+    auto impl = ndk::SharedRefBase::make<EchoSsi>();
+    ASSERT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    StartPool();
+    std::string path = ServiceManager::SocketPath(kSsiName);
+
+    // More stalled clients than the pool has threads: silent ones and one
+    // that sent half a transaction.
+    std::vector<android::base::unique_fd> stalled;
+    for (int i = 0; i < 4; ++i) stalled.push_back(android::WireIo::Connect(path));
+    android::WireHeader half{android::WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 100, 0};
+    ASSERT_EQ(write(stalled[0].get(), &half, sizeof(half)), static_cast<ssize_t>(sizeof(half)));
+    ASSERT_EQ(write(stalled[0].get(), "abc", 3), 3);
+
+    android::base::unique_fd garbage = android::WireIo::Connect(path);
+    const char junk[] = "GET / HTTP/1.0\r\n\r\n";
+    ASSERT_EQ(write(garbage.get(), junk, sizeof(junk)), static_cast<ssize_t>(sizeof(junk)));
+    android::base::unique_fd oversized = android::WireIo::Connect(path);
+    android::WireHeader huge{android::WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 2 * 1024 * 1024, 0};
+    ASSERT_EQ(write(oversized.get(), &huge, sizeof(huge)), static_cast<ssize_t>(sizeof(huge)));
+
+    // A proxy (not the local object) calls through while the others hang on.
+    auto proxy = ITarnisSsi::fromBinder(android::BpBinder::Connect(kSsiName, path));
+    ASSERT_NE(proxy, nullptr);
+    ASSERT_TRUE(proxy->isRemote());
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(proxy->reportSimpleEvent(i, "quiet").isOk());
+    EXPECT_EQ(proxy->reportSimpleEvent(3, "echo").getMessage(),
+              "3|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid()));
+
+    // The bad ones were closed: reading gives end of stream.
+    char c;
+    EXPECT_EQ(read(garbage.get(), &c, 1), 0);
+    EXPECT_EQ(read(oversized.get(), &c, 1), 0);
+    EXPECT_TRUE(capture.Contains("malformed transaction (bad header)", "", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.Contains("transaction of 2097152 bytes exceeds the limit of 1048576 bytes", "",
+                                 ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.Contains("binder: closing connection from pid " + std::to_string(getpid())));
+    // A wrong transaction code and a wrong interface token are refused, the
+    // connection survives.
+    android::Parcel in, reply;
+    in.writeInterfaceToken(ITarnisSsi::descriptor);
+    EXPECT_EQ(proxy->asBinder()->transact(FIRST_CALL_TRANSACTION + 99, in, &reply), STATUS_UNKNOWN_TRANSACTION);
+    android::Parcel wrong;
+    wrong.writeInterfaceToken("someone.else");
+    EXPECT_EQ(proxy->asBinder()->transact(FIRST_CALL_TRANSACTION, wrong, &reply), STATUS_BAD_TYPE);
+    EXPECT_TRUE(proxy->reportSimpleEvent(1, "quiet").isOk());
+}
+
+TEST_F(TransportTest, ConcurrentCallersAreServedInParallel) {
+    auto impl = ndk::SharedRefBase::make<EchoSsi>();
+    ASSERT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    StartPool();
+    auto proxy = ITarnisSsi::fromBinder(
+        android::BpBinder::Connect(kSsiName, ServiceManager::SocketPath(kSsiName)));
+    ASSERT_NE(proxy, nullptr);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 100; ++i) {
+                auto st = proxy->reportEventsV2("t" + std::to_string(t), {std::to_string(i)}, "", true);
+                if (st.getMessage().rfind("t" + std::to_string(t) + "[" + std::to_string(i) + "]1", 0) != 0) {
+                    failures++;
+                }
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+TEST_F(TransportTest, CallingUidIsThePeersCredential) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to call as another uid";
+    auto impl = ndk::SharedRefBase::make<EchoSsi>();
+    ASSERT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    StartPool();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (setgid(2000) != 0 || setuid(2000) != 0) _exit(2);
+        // Another process: the look-up gives a proxy.
+        auto ssi = ITarnisSsi::fromBinder(AServiceManager_checkService(kSsiName.c_str()));
+        if (ssi == nullptr || !ssi->isRemote()) _exit(3);
+        _exit(ssi->reportSimpleEvent(0, "quiet").isOk() ? 0 : 4);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(impl->lastUid.load(), 2000u);
+}
+
+}  // namespace
