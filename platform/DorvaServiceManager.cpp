@@ -1,0 +1,120 @@
+#include "platform/DorvaServiceManager.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include <memory>
+
+#include "platform/Log.h"
+#include "platform/Properties.h"
+#include "platform/Root.h"
+#include "platform/Unicode.h"
+#include "platform/UniqueFd.h"
+
+namespace android {
+namespace {
+
+constexpr const char* kTag = "DorvaServiceManager";
+constexpr const char* kJournalDir = "/data/misc/tarnis";
+
+Json::Value Strings16(const std::vector<std::u16string>& list) {
+    Json::Value out(Json::arrayValue);
+    for (const auto& s : list) out.append(platform::Utf16ToUtf8(s));
+    return out;
+}
+
+Json::Value Args(std::initializer_list<Json::Value> values) {
+    Json::Value out(Json::arrayValue);
+    for (const auto& v : values) out.append(v);
+    return out;
+}
+
+void MakeDirs(const std::string& path) {
+    for (size_t pos = 1; pos <= path.size(); ++pos) {
+        if (pos == path.size() || path[pos] == '/') mkdir(path.substr(0, pos).c_str(), 0771);
+    }
+}
+
+}  // namespace
+
+DorvaServiceManager& DorvaServiceManager::getInstance() {
+    static DorvaServiceManager* instance = new DorvaServiceManager();  // lives as long as the process
+    return *instance;
+}
+
+std::string DorvaServiceManager::JournalPath() {
+    return platform::DevicePath(std::string(kJournalDir) + "/events.jsonl");
+}
+
+int DorvaServiceManager::record(const char* call, const Json::Value& args) {
+    int forced = forcedResult_.load();
+    if (forced == 0) {
+        forced = static_cast<int>(base::GetIntProperty(kResultProperty, 0, INT32_MIN, INT32_MAX));
+    }
+    if (forced != 0) return forced;
+
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    // Built by hand so that "call" comes first (jsoncpp orders keys by name).
+    std::string text = "{\"call\":" + Json::writeString(builder, Json::Value(call)) +
+                       ",\"args\":" + Json::writeString(builder, args) + "}\n";
+
+    std::string path = JournalPath();
+    MakeDirs(platform::DevicePath(kJournalDir));
+    base::unique_fd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+    if (!fd.ok()) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot open %s: %s", path.c_str(), strerror(errno));
+        return -1;
+    }
+    // One write per line: O_APPEND makes each one land whole at the end.
+    ssize_t n;
+    do {
+        n = write(fd.get(), text.data(), text.size());
+    } while (n < 0 && errno == EINTR);
+    if (n != static_cast<ssize_t>(text.size())) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot append %s to %s: %s", call, path.c_str(),
+                            n < 0 ? strerror(errno) : "short write");
+        return -1;
+    }
+    return 0;
+}
+
+int DorvaServiceManager::reportSensorException(const std::string& event) {
+    return record("reportSensorException", Args({event}));
+}
+
+int DorvaServiceManager::reportEventV2(const std::string& a, const std::string& b, const std::string& c,
+                                       bool flag) {
+    return record("reportEventV2", Args({a, b, c, flag}));
+}
+
+int DorvaServiceManager::reportNativeFeatureEvent(const std::string& a, const std::string& b,
+                                                  const std::string& c) {
+    return record("reportNativeFeatureEvent", Args({a, b, c}));
+}
+
+int DorvaServiceManager::appCaptureLog(const std::string& a, const std::string& b, const std::string& c,
+                                       const std::string& d) {
+    return record("appCaptureLog", Args({a, b, c, d}));
+}
+
+int DorvaServiceManager::reportEventsV2(const std::string& a, const std::vector<std::u16string>& events,
+                                        const std::string& c, bool flag) {
+    return record("reportEventsV2", Args({a, Strings16(events), c, flag}));
+}
+
+int DorvaServiceManager::reportTrelvoEvent(const std::string& appId, const std::string& packageName,
+                                           const std::string& payload, int flags) {
+    return record("reportTrelvoEvent", Args({appId, packageName, payload, flags}));
+}
+
+int DorvaServiceManager::reportTrelvoEvents(const std::string& appId, const std::string& packageName,
+                                            const std::vector<std::u16string>& payloads, int flags) {
+    return record("reportTrelvoEvents", Args({appId, packageName, Strings16(payloads), flags}));
+}
+
+}  // namespace android

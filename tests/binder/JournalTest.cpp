@@ -1,0 +1,107 @@
+#include <json/json.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "platform/DorvaServiceManager.h"
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "platform/Properties.h"
+#include "platform/Root.h"
+#include "tests/support/TempDir.h"
+
+using android::DorvaServiceManager;
+
+namespace {
+
+class JournalTest : public ::testing::Test {
+protected:
+    void SetUp() override { platform::SetRoot(root_.path()); }
+    void TearDown() override {
+        DorvaServiceManager::getInstance().setResultForTesting(0);
+        platform::SetRoot("/");
+    }
+    std::vector<std::string> Lines() {
+        std::istringstream in(tarnis_test::ReadFile(root_.Sub("data/misc/tarnis/events.jsonl")));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
+    tarnis_test::TempDir root_;
+};
+
+TEST_F(JournalTest, EachCallIsOneLineWithItsArgumentsInOrder) {
+    auto& dsm = DorvaServiceManager::getInstance();
+    EXPECT_EQ(DorvaServiceManager::JournalPath(), root_.Sub("data/misc/tarnis/events.jsonl"));
+    EXPECT_EQ(dsm.reportSensorException("sensor \"x\"\n"), 0);
+    EXPECT_EQ(dsm.reportEventV2("a", "b", "c", true), 0);
+    EXPECT_EQ(dsm.reportNativeFeatureEvent("n1", "n2", "n3"), 0);
+    EXPECT_EQ(dsm.appCaptureLog("1", "2", "3", "4"), 0);
+    EXPECT_EQ(dsm.reportEventsV2("h", {u"e\u00e9", u""}, "t", false), 0);
+    EXPECT_EQ(dsm.reportTrelvoEvent("app", "pkg", "{\"k\":1}", 0), 0);
+    EXPECT_EQ(dsm.reportTrelvoEvents("app", "pkg", {u"{}", u"[]"}, -2), 0);
+    std::vector<std::string> expected = {
+        R"({"call":"reportSensorException","args":["sensor \"x\"\n"]})",
+        R"({"call":"reportEventV2","args":["a","b","c",true]})",
+        R"({"call":"reportNativeFeatureEvent","args":["n1","n2","n3"]})",
+        R"({"call":"appCaptureLog","args":["1","2","3","4"]})",
+        "{\"call\":\"reportEventsV2\",\"args\":[\"h\",[\"e\xc3\xa9\",\"\"],\"t\",false]}",
+        R"({"call":"reportTrelvoEvent","args":["app","pkg","{\"k\":1}",0]})",
+        R"({"call":"reportTrelvoEvents","args":["app","pkg",["{}","[]"],-2]})",
+    };
+    EXPECT_EQ(Lines(), expected);
+}
+
+TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
+    const std::string payload(20000, 'p');
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                DorvaServiceManager::getInstance().reportTrelvoEvent(std::to_string(t), std::to_string(i), payload,
+                                                                     0);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    std::vector<std::string> lines = Lines();
+    ASSERT_EQ(lines.size(), 400u);
+    std::set<std::string> seen;
+    for (const auto& line : lines) {
+        Json::Value v;
+        Json::CharReaderBuilder builder;
+        std::string errors;
+        std::istringstream in(line);
+        ASSERT_TRUE(Json::parseFromStream(builder, in, &v, &errors)) << errors;
+        ASSERT_EQ(v["args"][2].asString(), payload);
+        seen.insert(v["args"][0].asString() + "/" + v["args"][1].asString());
+    }
+    EXPECT_EQ(seen.size(), 400u);
+}
+
+TEST_F(JournalTest, FailureSwitchAndUnwritableJournal) {
+    auto& dsm = DorvaServiceManager::getInstance();
+    dsm.setResultForTesting(3);
+    EXPECT_EQ(dsm.reportTrelvoEvent("a", "b", "c", 0), 3);
+    dsm.setResultForTesting(0);
+    ASSERT_TRUE(android::base::SetProperty(DorvaServiceManager::kResultProperty, "-5"));
+    EXPECT_EQ(dsm.reportEventV2("a", "b", "c", false), -5);
+    ASSERT_TRUE(android::base::SetProperty(DorvaServiceManager::kResultProperty, "0"));
+    EXPECT_TRUE(Lines().empty());  // failed calls record nothing
+    EXPECT_EQ(dsm.reportSensorException("ok"), 0);
+    EXPECT_EQ(Lines().size(), 1u);
+
+    // A journal that cannot be opened: -1 and a clear line, nothing else lost.
+    ASSERT_EQ(unlink(root_.Sub("data/misc/tarnis/events.jsonl").c_str()), 0);
+    ASSERT_EQ(mkdir(root_.Sub("data/misc/tarnis/events.jsonl").c_str(), 0755), 0);
+    platform::LogCapture capture;
+    EXPECT_EQ(dsm.reportSensorException("lost"), -1);
+    EXPECT_TRUE(capture.Contains("cannot open " + root_.Sub("data/misc/tarnis/events.jsonl"), "DorvaServiceManager",
+                                 ANDROID_LOG_ERROR));
+}
+
+}  // namespace
