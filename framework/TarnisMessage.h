@@ -15,23 +15,34 @@ class TarnisHandler;
 // One unit of work for a looper: a code for a handler's callback, or a task.
 // Messages come from the process-wide pool (TarnisMessageManager) and go back
 // to it after dispatch; `obj` and `runnable` are owned by the message.
-class TarnisMessage {
+class alignas(64) TarnisMessage {
 public:
     // Routes the message to the looper's priority queue.
     static constexpr short kFlagPriority = 4;
 
+    // The fields every send and dispatch touch come first, in one cache
+    // line; the argument words, the label and the shared payload follow.
     int32_t what = 0;
+    short flags = 0;
     // Due time in steady-clock milliseconds; 0 means "now".
     int64_t when = 0;
+    Object* obj = nullptr;
+    TarnisRunnable* runnable = nullptr;
+    TarnisHandler* target = nullptr;
+
+private:
+    friend class TarnisMessageQueue;
+    friend class TarnisMessageManager;
+    // Link of the queue or pool the message is in; both are intrusive lists
+    // so that sending and recycling never allocate.
+    TarnisMessage* next = nullptr;
+
+public:
     int32_t arg1 = 0;
     int64_t arg2 = 0;
     int64_t arg3 = 0;
     std::string name = "Undef";
-    Object* obj = nullptr;
-    TarnisRunnable* runnable = nullptr;
     std::shared_ptr<void> data;
-    short flags = 0;
-    TarnisHandler* target = nullptr;
 
     // The oldest pooled message, reinitialised, or a new one.
     static TarnisMessage* obtain(int what, Object* obj, short flags);
@@ -41,12 +52,6 @@ public:
     ~TarnisMessage();
     TarnisMessage(const TarnisMessage&) = delete;
     TarnisMessage& operator=(const TarnisMessage&) = delete;
-
-private:
-    friend class TarnisMessageQueue;
-    // Link of the queue the message is in; queues are intrusive lists so that
-    // enqueuing never allocates.
-    TarnisMessage* next = nullptr;
 };
 
 }  // namespace kolto

@@ -14,31 +14,20 @@ TarnisMessageManager& TarnisMessageManager::getInstance() {
 }
 
 TarnisMessage* TarnisMessageManager::obtain(int what, Object* obj, short flags) {
-    TarnisMessage* msg = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (!pool_.empty()) {
-            msg = pool_.front();
-            pool_.pop_front();
-        }
-    }
+    TarnisMessage* msg = pool_.take();
     if (msg == nullptr) {
         msg = new (std::nothrow) TarnisMessage;
         if (msg == nullptr) LOG(FATAL) << "TarnisMessage: out of memory";
     }
-    // A pooled message must not carry the due time or the handler of its
-    // previous use: a message sent straight to a looper would otherwise be
-    // dispatched to a handler that may be gone.
+    // Recycling already reset the argument words, the name and the runnable;
+    // a pooled message must not carry the due time or the handler of its
+    // previous use either: a message sent straight to a looper would
+    // otherwise be dispatched to a handler that may be gone.
     msg->when = 0;
     msg->target = nullptr;
     msg->what = what;
     msg->obj = obj;
-    msg->arg1 = 0;
-    msg->arg2 = 0;
-    msg->arg3 = 0;
-    msg->name = "Undef";
     msg->flags = flags;
-    msg->runnable = nullptr;
     return msg;
 }
 
@@ -53,7 +42,7 @@ void TarnisMessageManager::recycle(TarnisMessage* msg) {
     msg->arg2 = 0;
     msg->arg3 = 0;
     msg->what = -1;
-    msg->name = "Undef";
+    if (msg->name != "Undef") msg->name = "Undef";
     msg->flags = 1;
     msg->obj = nullptr;
     msg->runnable = nullptr;
@@ -61,12 +50,10 @@ void TarnisMessageManager::recycle(TarnisMessage* msg) {
     delete obj;
     delete runnable;
     data.reset();
-    std::lock_guard<std::mutex> guard(lock_);
-    pool_.push_back(msg);
+    pool_.give(msg);
 }
 
 size_t TarnisMessageManager::pooled() {
-    std::lock_guard<std::mutex> guard(lock_);
     return pool_.size();
 }
 

@@ -1,17 +1,19 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
-#include <mutex>
+
+#include "framework/TarnisFreeList.h"
+#include "framework/TarnisMessage.h"
 
 namespace velmar {
 namespace kolto {
 
-class Object;
-class TarnisMessage;
 
 // The process-wide message pool. Unbounded: every recycled message is kept and
-// handed out again oldest first; pooled messages are never freed.
+// handed out again oldest first (per thread cache, then the shared list);
+// pooled messages are never freed. The pool is threaded through the
+// messages' own links, so that pooling never allocates (a std::deque would
+// allocate and free a block every few dozen messages as it cycles).
 class TarnisMessageManager {
 public:
     // Made on first use (safe during static initialisation), never destroyed.
@@ -25,8 +27,10 @@ public:
 private:
     TarnisMessageManager() = default;
 
-    std::mutex lock_;
-    std::deque<TarnisMessage*> pool_;
+    struct Link {
+        TarnisMessage*& operator()(TarnisMessage* msg) const { return msg->next; }
+    };
+    TarnisFreeList<TarnisMessage, Link> pool_;
 };
 
 }  // namespace kolto

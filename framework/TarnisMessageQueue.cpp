@@ -1,6 +1,6 @@
 #include "framework/TarnisMessageQueue.h"
 
-#include <chrono>
+#include <time.h>
 
 #include "framework/TarnisMessage.h"
 
@@ -9,28 +9,62 @@ namespace kolto {
 
 namespace {
 
+// The clock the condition waits on (and that steady_clock reads).
 int64_t SteadyNowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 }  // namespace
 
+// Holds a queue's lock for a scope; can be released early.
+class QueueLock {
+public:
+    explicit QueueLock(TarnisMessageQueue& queue) : mutex_(&queue.lock_) {
+        pthread_mutex_lock(mutex_);
+    }
+    ~QueueLock() { unlock(); }
+    void unlock() {
+        if (mutex_ != nullptr) pthread_mutex_unlock(mutex_);
+        mutex_ = nullptr;
+    }
+    QueueLock(const QueueLock&) = delete;
+    QueueLock& operator=(const QueueLock&) = delete;
+
+private:
+    pthread_mutex_t* mutex_;
+};
+
+TarnisMessageQueue::TarnisMessageQueue() {
+    pthread_mutexattr_t mutexAttr;
+    pthread_mutexattr_init(&mutexAttr);
+    pthread_mutexattr_settype(&mutexAttr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&lock_, &mutexAttr);
+    pthread_mutexattr_destroy(&mutexAttr);
+    pthread_condattr_t condAttr;
+    pthread_condattr_init(&condAttr);
+    pthread_condattr_setclock(&condAttr, CLOCK_MONOTONIC);
+    pthread_cond_init(&cond_, &condAttr);
+    pthread_condattr_destroy(&condAttr);
+}
+
 TarnisMessageQueue::~TarnisMessageQueue() {
     TarnisMessage* list;
     {
-        std::lock_guard<std::mutex> guard(lock_);
+        QueueLock guard(*this);
         closed_ = true;
-        cond_.notify_all();
+        pthread_cond_broadcast(&cond_);
         list = detachLocked();
     }
     deleteList(list);
+    pthread_cond_destroy(&cond_);
+    pthread_mutex_destroy(&lock_);
 }
 
 void TarnisMessageQueue::offer(TarnisMessage* msg) {
     if (msg == nullptr) return;
-    std::unique_lock<std::mutex> guard(lock_);
+    QueueLock guard(*this);
     if (closed_) {
         guard.unlock();
         delete msg;
@@ -49,18 +83,18 @@ void TarnisMessageQueue::offer(TarnisMessage* msg) {
     size_.fetch_add(1, std::memory_order_release);
     // Notified under the lock: the queue may be destroyed as soon as its
     // looper's thread ends.
-    if (waiters_ > 0) cond_.notify_all();
+    if (waiters_ > 0) pthread_cond_broadcast(&cond_);
 }
 
 TarnisMessage* TarnisMessageQueue::take(bool immediate) {
-    std::unique_lock<std::mutex> guard(lock_);
+    QueueLock guard(*this);
     if (closed_) return nullptr;
     for (;;) {
         if (head_ == nullptr) {
             deadline_ = -1;
             if (nonBlock_) return nullptr;
             ++waiters_;
-            cond_.wait(guard);
+            pthread_cond_wait(&cond_, &lock_);
             --waiters_;
             if (closed_) return nullptr;
             if (head_ == nullptr) {
@@ -69,15 +103,17 @@ TarnisMessage* TarnisMessageQueue::take(bool immediate) {
             }
         }
         if (!immediate && deadline_ >= 1 && head_->when != 0) {
-            auto until = std::chrono::steady_clock::time_point(std::chrono::milliseconds(deadline_));
+            struct timespec until;
+            until.tv_sec = static_cast<time_t>(deadline_ / 1000);
+            until.tv_nsec = static_cast<long>(deadline_ % 1000) * 1000000L;
             ++waiters_;
-            cond_.wait_until(guard, until);
+            pthread_cond_timedwait(&cond_, &lock_, &until);
             --waiters_;
             if (closed_) return nullptr;
             if (head_ == nullptr) continue;
         }
         TarnisMessage* msg = head_;
-        if (immediate || msg->when <= SteadyNowMs()) {
+        if (immediate || msg->when == 0 || msg->when <= SteadyNowMs()) {
             head_ = msg->next;
             msg->next = nullptr;
             size_.fetch_sub(1, std::memory_order_release);
@@ -89,7 +125,7 @@ TarnisMessage* TarnisMessageQueue::take(bool immediate) {
 }
 
 void TarnisMessageQueue::removeMessage(TarnisMessage* msg, bool keep) {
-    std::unique_lock<std::mutex> guard(lock_);
+    QueueLock guard(*this);
     if (closed_ || msg == nullptr) return;
     for (TarnisMessage** link = &head_; *link != nullptr; link = &(*link)->next) {
         if (*link == msg) {
@@ -104,7 +140,7 @@ void TarnisMessageQueue::removeMessage(TarnisMessage* msg, bool keep) {
 }
 
 bool TarnisMessageQueue::hasMessages(int what) {
-    std::lock_guard<std::mutex> guard(lock_);
+    QueueLock guard(*this);
     if (closed_) return false;
     for (TarnisMessage* m = head_; m != nullptr; m = m->next) {
         if (m->what == what) return true;
@@ -113,7 +149,7 @@ bool TarnisMessageQueue::hasMessages(int what) {
 }
 
 bool TarnisMessageQueue::hasMessage(TarnisMessage* msg) {
-    std::lock_guard<std::mutex> guard(lock_);
+    QueueLock guard(*this);
     if (closed_) return false;
     for (TarnisMessage* m = head_; m != nullptr; m = m->next) {
         if (m == msg) return true;
@@ -122,16 +158,16 @@ bool TarnisMessageQueue::hasMessage(TarnisMessage* msg) {
 }
 
 void TarnisMessageQueue::setNonBlockWhenTake(bool nonBlock) {
-    std::lock_guard<std::mutex> guard(lock_);
+    QueueLock guard(*this);
     nonBlock_ = nonBlock;
-    if (nonBlock) cond_.notify_all();
+    if (nonBlock) pthread_cond_broadcast(&cond_);
 }
 
 void TarnisMessageQueue::clear() {
     TarnisMessage* list;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        cond_.notify_all();
+        QueueLock guard(*this);
+        pthread_cond_broadcast(&cond_);
         list = detachLocked();
     }
     deleteList(list);

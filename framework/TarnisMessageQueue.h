@@ -1,10 +1,10 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 
 namespace velmar {
 namespace kolto {
@@ -16,7 +16,7 @@ class TarnisMessage;
 // head; the rest are kept in due-time order, equal times in arrival order.
 class TarnisMessageQueue {
 public:
-    TarnisMessageQueue() = default;
+    TarnisMessageQueue();
     // Closes the queue and deletes whatever is still in it.
     ~TarnisMessageQueue();
     TarnisMessageQueue(const TarnisMessageQueue&) = delete;
@@ -42,8 +42,12 @@ private:
     TarnisMessage* detachLocked();
     static void deleteList(TarnisMessage* list);
 
-    std::mutex lock_;
-    std::condition_variable cond_;
+    friend class QueueLock;
+    // An adaptive mutex: the poster and the looper's thread hold it for a few
+    // instructions at a time, so spinning briefly beats sleeping in the
+    // kernel. The condition waits on the monotonic clock.
+    pthread_mutex_t lock_;
+    pthread_cond_t cond_;
     TarnisMessage* head_ = nullptr;
     std::atomic<size_t> size_{0};
     bool closed_ = false;

@@ -1,9 +1,9 @@
 #include "framework/TarnisRunnable.h"
 
 #include <cstdlib>
-#include <mutex>
 #include <new>
 
+#include "framework/TarnisFreeList.h"
 #include "platform/Log.h"
 
 namespace velmar {
@@ -17,10 +17,11 @@ struct FreeBlock {
     FreeBlock* next;
 };
 
-struct RunnableFreeList {
-    std::mutex lock;
-    FreeBlock* head = nullptr;
+struct BlockLink {
+    FreeBlock*& operator()(FreeBlock* block) const { return block->next; }
 };
+
+using RunnableFreeList = TarnisFreeList<FreeBlock, BlockLink>;
 
 RunnableFreeList& FreeList() {
     static RunnableFreeList* list = new RunnableFreeList;
@@ -47,15 +48,12 @@ void TarnisRunnable::run(Object* obj) {
 
 void* TarnisRunnable::operator new(std::size_t size, const std::nothrow_t&) noexcept {
     if (size == sizeof(TarnisRunnable)) {
-        RunnableFreeList& list = FreeList();
-        std::lock_guard<std::mutex> guard(list.lock);
-        if (list.head != nullptr) {
-            FreeBlock* block = list.head;
-            list.head = block->next;
-            return block;
-        }
+        if (FreeBlock* block = FreeList().take()) return block;
     }
-    return ::operator new(size < sizeof(FreeBlock) ? sizeof(FreeBlock) : size, std::nothrow);
+    // Cache-line aligned: a runnable is written on the posting thread and
+    // read on the looper's, and should cost one line to hand over.
+    return ::operator new(size < sizeof(FreeBlock) ? sizeof(FreeBlock) : size, std::align_val_t(64),
+                          std::nothrow);
 }
 
 void* TarnisRunnable::operator new(std::size_t size) {
@@ -68,11 +66,7 @@ void* TarnisRunnable::operator new(std::size_t size) {
 
 void TarnisRunnable::operator delete(void* p) noexcept {
     if (p == nullptr) return;
-    RunnableFreeList& list = FreeList();
-    std::lock_guard<std::mutex> guard(list.lock);
-    FreeBlock* block = static_cast<FreeBlock*>(p);
-    block->next = list.head;
-    list.head = block;
+    FreeList().give(static_cast<FreeBlock*>(p));
 }
 
 }  // namespace kolto
