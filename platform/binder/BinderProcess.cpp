@@ -179,61 +179,72 @@ void BinderProcess::closeConnection(const Endpoint& conn, const std::string& why
 
 bool BinderProcess::readAndServe(Endpoint& conn) {
     for (;;) {
-        // Serve every complete transaction already buffered.
-        while (conn.buffer.size() >= sizeof(WireHeader)) {
-            WireHeader header;
-            memcpy(&header, conn.buffer.data(), sizeof(header));
-            if (header.magic != WireIo::kRequestMagic) {
-                closeConnection(conn, "malformed transaction (bad header)");
-                return false;
-            }
-            if (header.dataSize > WireIo::kMaxDataSize) {
-                closeConnection(conn, "transaction of " + std::to_string(header.dataSize) +
-                                          " bytes exceeds the limit of " +
-                                          std::to_string(WireIo::kMaxDataSize) + " bytes");
-                return false;
-            }
-            if (header.fdCount > WireIo::kMaxFds) {
-                closeConnection(conn, "transaction with " + std::to_string(header.fdCount) +
-                                          " descriptors exceeds the limit");
-                return false;
-            }
-            size_t total = sizeof(header) + header.dataSize;
-            if (conn.buffer.size() < total) break;
-            if (conn.fds.size() < header.fdCount) {
-                closeConnection(conn, "malformed transaction (descriptors missing)");
-                return false;
-            }
-            std::vector<base::unique_fd> fds;
-            for (uint32_t i = 0; i < header.fdCount; ++i) fds.push_back(std::move(conn.fds[i]));
-            conn.fds.erase(conn.fds.begin(), conn.fds.begin() + header.fdCount);
-            Parcel data, reply;
-            data.setData(conn.buffer.substr(sizeof(header), header.dataSize), std::move(fds));
-            conn.buffer.erase(0, total);
-            status_t st;
-            {
-                IPCThreadState::ScopedIdentity identity(conn.uid, conn.pid);
-                st = conn.binder->transact(header.codeOrStatus, data, &reply);
-            }
-            if (st != OK) reply.clear();
-            if (WireIo::Send(conn.fd.get(), WireIo::kReplyMagic, static_cast<uint32_t>(st), reply,
-                             kReplyTimeoutMs) != OK) {
-                closeConnection(conn, "cannot send the reply");
-                return false;
-            }
-        }
         ssize_t n = WireIo::ReceiveSome(conn.fd.get(), &conn.buffer, &conn.fds);
-        if (n > 0) continue;
         if (n == 0) {
-            // The client went away; an unfinished transaction is dropped silently
-            // unless it left bytes behind.
+            // The client went away; an unfinished transaction is worth a line.
             closeConnection(conn, conn.buffer.empty() ? "" : "connection closed mid-transaction");
             return false;
         }
-        if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
-        closeConnection(conn, std::string("receive failed: ") + strerror(errno));
-        return false;
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+            closeConnection(conn, std::string("receive failed: ") + strerror(errno));
+            return false;
+        }
+        if (conn.fds.size() > WireIo::kMaxFds) {
+            closeConnection(conn, "more descriptors than any transaction carries");
+            return false;
+        }
+        if (!serveBuffered(conn)) return false;
+        // Nothing half-received: let epoll say when more comes, rather than
+        // paying a read that would only find the socket empty.
+        if (conn.buffer.empty()) return true;
     }
+}
+
+bool BinderProcess::serveBuffered(Endpoint& conn) {
+    while (conn.buffer.size() >= sizeof(WireHeader)) {
+        WireHeader header;
+        memcpy(&header, conn.buffer.data(), sizeof(header));
+        if (header.magic != WireIo::kRequestMagic) {
+            closeConnection(conn, "malformed transaction (bad header)");
+            return false;
+        }
+        if (header.dataSize > WireIo::kMaxDataSize) {
+            closeConnection(conn, "transaction of " + std::to_string(header.dataSize) +
+                                      " bytes exceeds the limit of " +
+                                      std::to_string(WireIo::kMaxDataSize) + " bytes");
+            return false;
+        }
+        if (header.fdCount > WireIo::kMaxFds) {
+            closeConnection(conn, "transaction with " + std::to_string(header.fdCount) +
+                                      " descriptors exceeds the limit");
+            return false;
+        }
+        size_t total = sizeof(header) + header.dataSize;
+        if (conn.buffer.size() < total) break;
+        if (conn.fds.size() < header.fdCount) {
+            closeConnection(conn, "malformed transaction (descriptors missing)");
+            return false;
+        }
+        std::vector<base::unique_fd> fds;
+        for (uint32_t i = 0; i < header.fdCount; ++i) fds.push_back(std::move(conn.fds[i]));
+        conn.fds.erase(conn.fds.begin(), conn.fds.begin() + header.fdCount);
+        Parcel data, reply;
+        data.setData(conn.buffer.substr(sizeof(header), header.dataSize), std::move(fds));
+        conn.buffer.erase(0, total);
+        status_t st;
+        {
+            IPCThreadState::ScopedIdentity identity(conn.uid, conn.pid);
+            st = conn.binder->transact(header.codeOrStatus, data, &reply);
+        }
+        if (st != OK) reply.clear();
+        if (WireIo::Send(conn.fd.get(), WireIo::kReplyMagic, static_cast<uint32_t>(st), reply,
+                         kReplyTimeoutMs) != OK) {
+            closeConnection(conn, "cannot send the reply");
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace android

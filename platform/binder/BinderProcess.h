@@ -61,6 +61,8 @@ private:
     void acceptAll(const std::shared_ptr<Endpoint>& listener);
     // False when the connection must close.
     bool readAndServe(Endpoint& conn);
+    // Serves the complete transactions in the buffer; false when the connection closed.
+    bool serveBuffered(Endpoint& conn);
     void closeConnection(const Endpoint& conn, const std::string& why);
     void rearm(const Endpoint& ep);
 

@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/UniqueFd.h"
 #include "platform/binder/BinderStatus.h"
+#include "platform/binder/ParcelFileDescriptor.h"
 #include "platform/binder/ScopedAStatus.h"
 
 // The container of one transaction's arguments or reply. Values are packed
@@ -94,6 +96,13 @@ public:
     status_t read(std::vector<std::u16string>* v) const { return readString16Vector(v); }
     status_t read(std::vector<uint8_t>* v) const { return readByteVector(v); }
     status_t read(base::unique_fd* v) const { return readUniqueFileDescriptor(v); }
+    status_t write(const os::ParcelFileDescriptor& v) { return writeFileDescriptor(v.get()); }
+    status_t read(os::ParcelFileDescriptor* v) const {
+        base::unique_fd fd;
+        status_t st = readUniqueFileDescriptor(&fd);
+        if (st == OK) v->reset(std::move(fd));
+        return st;
+    }
 
     // Transport access.
     const std::string& data() const { return data_; }

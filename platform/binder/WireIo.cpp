@@ -95,7 +95,7 @@ status_t WireIo::Send(int sock, uint32_t magic, uint32_t codeOrStatus, const Par
     return OK;
 }
 
-ssize_t WireIo::ReceiveSome(int sock, std::string* buffer, std::vector<base::unique_fd>* fds) {
+ssize_t WireIo::ReceiveSome(int sock, std::string* buffer, std::vector<base::unique_fd>* fds, bool block) {
     char chunk[64 * 1024];
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFds)];
     iovec iov{chunk, sizeof(chunk)};
@@ -106,7 +106,7 @@ ssize_t WireIo::ReceiveSome(int sock, std::string* buffer, std::vector<base::uni
     msg.msg_controllen = sizeof(control);
     ssize_t n;
     do {
-        n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC | (block ? 0 : MSG_DONTWAIT));
     } while (n < 0 && errno == EINTR);
     if (n < 0) return n;
     for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
@@ -139,7 +139,9 @@ status_t WireIo::Receive(int sock, uint32_t magic, uint32_t* codeOrStatus, Parce
             }
             if (buffer.size() >= sizeof(header) + header.dataSize) break;
         }
-        ssize_t n = ReceiveSome(sock, &buffer, &fds);
+        // Blocking reads on a blocking socket: one system call per reply
+        // in the common case.
+        ssize_t n = ReceiveSome(sock, &buffer, &fds, true);
         if (n == 0) return DEAD_OBJECT;
         if (n < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) {

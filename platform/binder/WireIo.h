@@ -47,10 +47,11 @@ public:
     // Binds a new listening-ready (non-blocking, close-on-exec) socket to `path`.
     static base::unique_fd Bind(const std::string& path);
 
-    // Receives whatever is available without blocking: bytes are appended to
-    // `buffer`, descriptors to `fds`. Returns the byte count, 0 on end of
-    // stream, -1 with errno (EAGAIN when nothing was there).
-    static ssize_t ReceiveSome(int sock, std::string* buffer, std::vector<base::unique_fd>* fds);
+    // Receives what is available (waiting for something when `block`):
+    // bytes are appended to `buffer`, descriptors to `fds`. Returns the byte
+    // count, 0 on end of stream, -1 with errno (EAGAIN when nothing was there).
+    static ssize_t ReceiveSome(int sock, std::string* buffer, std::vector<base::unique_fd>* fds,
+                               bool block = false);
 };
 
 }  // namespace android

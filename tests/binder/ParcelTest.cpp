@@ -30,6 +30,7 @@ TEST(ParcelTest, EveryTypeRoundTripsInOrder) {
     ASSERT_EQ(p.writeFileDescriptor(pipeFds[1]), android::OK);
     close(pipeFds[1]);  // the parcel holds its own duplicate
     p.writeFileDescriptor(-1);
+    p.write(android::os::ParcelFileDescriptor(android::base::unique_fd(dup(STDOUT_FILENO))));
     p.writeStatus(ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(-1, "runCommand:152: no"));
 
     // Move through setData, as the transport does with received bytes.
@@ -83,6 +84,9 @@ TEST(ParcelTest, EveryTypeRoundTripsInOrder) {
     close(pipeFds[0]);
     ASSERT_EQ(q.readUniqueFileDescriptor(&none), android::OK);
     EXPECT_FALSE(none.ok());
+    android::os::ParcelFileDescriptor pfd;
+    ASSERT_EQ(q.read(&pfd), android::OK);
+    EXPECT_GE(fcntl(pfd.get(), F_GETFD), 0);
     ndk::ScopedAStatus status;
     ASSERT_EQ(q.readStatus(&status), android::OK);
     EXPECT_EQ(status.getExceptionCode(), EX_SERVICE_SPECIFIC);
