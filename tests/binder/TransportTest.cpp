@@ -192,13 +192,17 @@ TEST_F(TransportTest, GarbageStallsAndOversizeDoNotDisturbOtherCallers) {
     StartPool();
     std::string path = ServiceManager::SocketPath(kSsiName);
 
-    // More stalled clients than the pool has threads: silent ones and one
+    // More stalled clients than the pool has threads: silent ones and ones
     // that sent half a transaction.
     std::vector<android::base::unique_fd> stalled;
-    for (int i = 0; i < 4; ++i) stalled.push_back(android::WireIo::Connect(path));
+    const uint32_t count = android::BinderProcess::self().maxThreads() + 1;
     android::WireHeader half{android::WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 100, 0};
-    ASSERT_EQ(write(stalled[0].get(), &half, sizeof(half)), static_cast<ssize_t>(sizeof(half)));
-    ASSERT_EQ(write(stalled[0].get(), "abc", 3), 3);
+    for (uint32_t i = 0; i < 2 * count; ++i) {
+        stalled.push_back(android::WireIo::Connect(path));
+        if (i % 2 == 1) continue;
+        ASSERT_EQ(write(stalled.back().get(), &half, sizeof(half)), static_cast<ssize_t>(sizeof(half)));
+        ASSERT_EQ(write(stalled.back().get(), "abc", 3), 3);
+    }
 
     android::base::unique_fd garbage = android::WireIo::Connect(path);
     const char junk[] = "GET / HTTP/1.0\r\n\r\n";
