@@ -25,7 +25,7 @@ void TarnisHandler::sendMessage(TarnisMessage* msg) {
 
 TarnisMessage* TarnisHandler::wrap(std::function<void()> task) {
     TarnisMessage* msg = TarnisMessage::obtain(0, nullptr, 1);
-    msg->runnable = new TarnisRunnable(std::move(task));
+    msg->emplaceTask(std::move(task));
     return msg;
 }
 

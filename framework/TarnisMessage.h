@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -36,6 +37,18 @@ private:
     // Link of the queue or pool the message is in; both are intrusive lists
     // so that sending and recycling never allocate.
     TarnisMessage* next = nullptr;
+
+public:
+    // Makes the runnable for a posted task in the message's own storage, so
+    // that the task travels to the looper's thread with the message instead
+    // of in a block of its own. It is destroyed like any other runnable when
+    // the message is recycled or deleted.
+    TarnisRunnable* emplaceTask(std::function<void()> task);
+    // Destroys and clears `runnable`, wherever it lives.
+    void releaseRunnable();
+
+private:
+    alignas(64) unsigned char taskStorage_[sizeof(TarnisRunnable)];
 
 public:
     int32_t arg1 = 0;

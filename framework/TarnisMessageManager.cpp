@@ -36,7 +36,6 @@ void TarnisMessageManager::recycle(TarnisMessage* msg) {
     // Payloads are freed outside the pool lock: their destructors may do
     // anything, including obtaining messages.
     Object* obj = msg->obj;
-    TarnisRunnable* runnable = msg->runnable;
     std::shared_ptr<void> data;
     msg->arg1 = 0;
     msg->arg2 = 0;
@@ -45,10 +44,9 @@ void TarnisMessageManager::recycle(TarnisMessage* msg) {
     if (msg->name != "Undef") msg->name = "Undef";
     msg->flags = 1;
     msg->obj = nullptr;
-    msg->runnable = nullptr;
     data.swap(msg->data);
     delete obj;
-    delete runnable;
+    msg->releaseRunnable();
     data.reset();
     pool_.give(msg);
 }

@@ -1,5 +1,6 @@
 #include "framework/TarnisMessageQueue.h"
 
+#include <sched.h>
 #include <time.h>
 
 #include "framework/TarnisMessage.h"
@@ -37,6 +38,7 @@ private:
 };
 
 TarnisMessageQueue::TarnisMessageQueue() {
+    (void)pad_;
     pthread_mutexattr_t mutexAttr;
     pthread_mutexattr_init(&mutexAttr);
     pthread_mutexattr_settype(&mutexAttr, PTHREAD_MUTEX_ADAPTIVE_NP);
@@ -53,50 +55,101 @@ TarnisMessageQueue::~TarnisMessageQueue() {
     TarnisMessage* list;
     {
         QueueLock guard(*this);
-        closed_ = true;
+        closed_.store(true);
         pthread_cond_broadcast(&cond_);
         list = detachLocked();
     }
     deleteList(list);
+    while (senders_.load(std::memory_order_acquire) != 0) sched_yield();
+    // A sender that saw the queue open just before it closed pushed after
+    // the list was taken.
+    deleteList(incoming_.exchange(nullptr, std::memory_order_acquire));
     pthread_cond_destroy(&cond_);
     pthread_mutex_destroy(&lock_);
 }
 
 void TarnisMessageQueue::offer(TarnisMessage* msg) {
     if (msg == nullptr) return;
+    if (msg->when == 0) {
+        senders_.fetch_add(1, std::memory_order_seq_cst);
+        if (closed_.load(std::memory_order_seq_cst)) {
+            senders_.fetch_sub(1, std::memory_order_release);
+            delete msg;
+            return;
+        }
+        TarnisMessage* top = incoming_.load(std::memory_order_relaxed);
+        do {
+            msg->next = top;
+        } while (!incoming_.compare_exchange_weak(top, msg, std::memory_order_seq_cst,
+                                                  std::memory_order_relaxed));
+        // Pairs with waitLocked(): the taker announces itself before it looks
+        // at the stack a last time, so either it sees this message or this
+        // sees it waiting.
+        if (waiters_.load(std::memory_order_seq_cst) > 0) {
+            QueueLock guard(*this);
+            pthread_cond_broadcast(&cond_);
+        }
+        senders_.fetch_sub(1, std::memory_order_release);
+        return;
+    }
     QueueLock guard(*this);
-    if (closed_) {
+    if (closed_.load()) {
         guard.unlock();
         delete msg;
         return;
     }
-    if (msg->when == 0 || msg->when < deadline_) {
+    if (msg->when < deadline_) {
         msg->next = head_;
         head_ = msg;
-        if (msg->when != 0) deadline_ = msg->when;
+        deadline_ = msg->when;
     } else {
         TarnisMessage** link = &head_;
         while (*link != nullptr && (*link)->when <= msg->when) link = &(*link)->next;
         msg->next = *link;
         *link = msg;
     }
-    size_.fetch_add(1, std::memory_order_release);
-    // Notified under the lock: the queue may be destroyed as soon as its
-    // looper's thread ends.
-    if (waiters_ > 0) pthread_cond_broadcast(&cond_);
+    listChangedLocked();
+    if (waiters_.load() > 0) pthread_cond_broadcast(&cond_);
+}
+
+// Moves the "now" stack to the head of the list, keeping its order. The
+// taker takes the whole stack with one exchange rather than popping message
+// by message: the stack's top is the one place senders and the taker share,
+// and each exchange or CAS there costs a cache-line transfer.
+void TarnisMessageQueue::drainIncomingLocked() {
+    if (incoming_.load(std::memory_order_acquire) == nullptr) return;
+    TarnisMessage* chain = incoming_.exchange(nullptr, std::memory_order_acquire);
+    if (chain == nullptr) return;
+    TarnisMessage* last = chain;
+    while (last->next != nullptr) last = last->next;
+    last->next = head_;
+    head_ = chain;
+    listChangedLocked();
+}
+
+void TarnisMessageQueue::waitLocked(const struct timespec* until) {
+    waiters_.fetch_add(1, std::memory_order_seq_cst);
+    if (incoming_.load(std::memory_order_seq_cst) == nullptr) {
+        if (until == nullptr) {
+            pthread_cond_wait(&cond_, &lock_);
+        } else {
+            pthread_cond_timedwait(&cond_, &lock_, until);
+        }
+    }
+    waiters_.fetch_sub(1, std::memory_order_seq_cst);
 }
 
 TarnisMessage* TarnisMessageQueue::take(bool immediate) {
     QueueLock guard(*this);
-    if (closed_) return nullptr;
+    if (closed_.load()) return nullptr;
     for (;;) {
+        drainIncomingLocked();
         if (head_ == nullptr) {
             deadline_ = -1;
             if (nonBlock_) return nullptr;
-            ++waiters_;
-            pthread_cond_wait(&cond_, &lock_);
-            --waiters_;
-            if (closed_) return nullptr;
+            waitLocked(nullptr);
+            if (closed_.load()) return nullptr;
+            drainIncomingLocked();
             if (head_ == nullptr) {
                 deadline_ = -1;
                 return nullptr;
@@ -106,17 +159,16 @@ TarnisMessage* TarnisMessageQueue::take(bool immediate) {
             struct timespec until;
             until.tv_sec = static_cast<time_t>(deadline_ / 1000);
             until.tv_nsec = static_cast<long>(deadline_ % 1000) * 1000000L;
-            ++waiters_;
-            pthread_cond_timedwait(&cond_, &lock_, &until);
-            --waiters_;
-            if (closed_) return nullptr;
+            waitLocked(&until);
+            if (closed_.load()) return nullptr;
+            drainIncomingLocked();
             if (head_ == nullptr) continue;
         }
         TarnisMessage* msg = head_;
         if (immediate || msg->when == 0 || msg->when <= SteadyNowMs()) {
             head_ = msg->next;
             msg->next = nullptr;
-            size_.fetch_sub(1, std::memory_order_release);
+            listChangedLocked();
             deadline_ = -1;
             return msg;
         }
@@ -126,12 +178,13 @@ TarnisMessage* TarnisMessageQueue::take(bool immediate) {
 
 void TarnisMessageQueue::removeMessage(TarnisMessage* msg, bool keep) {
     QueueLock guard(*this);
-    if (closed_ || msg == nullptr) return;
+    if (closed_.load() || msg == nullptr) return;
+    drainIncomingLocked();
     for (TarnisMessage** link = &head_; *link != nullptr; link = &(*link)->next) {
         if (*link == msg) {
             *link = msg->next;
             msg->next = nullptr;
-            size_.fetch_sub(1, std::memory_order_release);
+            listChangedLocked();
             guard.unlock();
             if (!keep) delete msg;
             return;
@@ -141,7 +194,8 @@ void TarnisMessageQueue::removeMessage(TarnisMessage* msg, bool keep) {
 
 bool TarnisMessageQueue::hasMessages(int what) {
     QueueLock guard(*this);
-    if (closed_) return false;
+    if (closed_.load()) return false;
+    drainIncomingLocked();
     for (TarnisMessage* m = head_; m != nullptr; m = m->next) {
         if (m->what == what) return true;
     }
@@ -150,7 +204,8 @@ bool TarnisMessageQueue::hasMessages(int what) {
 
 bool TarnisMessageQueue::hasMessage(TarnisMessage* msg) {
     QueueLock guard(*this);
-    if (closed_) return false;
+    if (closed_.load()) return false;
+    drainIncomingLocked();
     for (TarnisMessage* m = head_; m != nullptr; m = m->next) {
         if (m == msg) return true;
     }
@@ -174,9 +229,10 @@ void TarnisMessageQueue::clear() {
 }
 
 TarnisMessage* TarnisMessageQueue::detachLocked() {
+    drainIncomingLocked();
     TarnisMessage* list = head_;
     head_ = nullptr;
-    size_.store(0, std::memory_order_release);
+    listChangedLocked();
     return list;
 }
 
