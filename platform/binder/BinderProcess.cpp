@@ -172,6 +172,7 @@ void BinderProcess::closeConnection(const Endpoint& conn, const std::string& why
         LOG(ERROR) << "binder: closing connection from pid " << conn.pid << " uid " << conn.uid << " to "
                    << conn.name << ": " << why;
     }
+    buffered_ -= conn.buffer.size();
     std::lock_guard<std::mutex> lock(lock_);
     epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, conn.fd.get(), nullptr);
     if (endpoints_.erase(conn.id) > 0) --connections_;
@@ -180,6 +181,11 @@ void BinderProcess::closeConnection(const Endpoint& conn, const std::string& why
 bool BinderProcess::readAndServe(Endpoint& conn) {
     for (;;) {
         ssize_t n = WireIo::ReceiveSome(conn.fd.get(), &conn.buffer, &conn.fds);
+        if (n > 0 && buffered_.fetch_add(n) + n > kMaxBufferedBytes) {
+            closeConnection(conn, "unfinished transactions exceed " + std::to_string(kMaxBufferedBytes) +
+                                      " bytes in all");
+            return false;
+        }
         if (n == 0) {
             // The client went away; an unfinished transaction is worth a line.
             closeConnection(conn, conn.buffer.empty() ? "" : "connection closed mid-transaction");
@@ -232,6 +238,7 @@ bool BinderProcess::serveBuffered(Endpoint& conn) {
         Parcel data, reply;
         data.setData(conn.buffer.substr(sizeof(header), header.dataSize), std::move(fds));
         conn.buffer.erase(0, total);
+        buffered_ -= total;
         status_t st;
         {
             IPCThreadState::ScopedIdentity identity(conn.uid, conn.pid);

@@ -50,6 +50,9 @@ public:
 
     // Accepted connections at most; further clients are turned away with a log line.
     static constexpr size_t kMaxConnections = 1024;
+    // Unfinished transactions of all connections together may hold this
+    // much memory; the connection that would pass it is closed.
+    static constexpr size_t kMaxBufferedBytes = 64 * 1024 * 1024;
     // How long a reply may wait for a client that does not read.
     static constexpr int kReplyTimeoutMs = 5000;
 
@@ -72,6 +75,7 @@ private:
     std::unordered_map<std::string, uint64_t> listenerIds_;
     uint64_t nextId_ = 1;
     size_t connections_ = 0;
+    std::atomic<size_t> buffered_{0};  // bytes in every connection's buffer
     std::atomic<uint32_t> maxThreads_{15};
     bool started_ = false;
     std::vector<std::thread> threads_;
