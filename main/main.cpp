@@ -1,11 +1,23 @@
 #include <unistd.h>
 
+#include <memory>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "framework/ModuleManager.h"
+#include "framework/TarnisUtil.h"
 #include "platform/Log.h"
+#include "platform/binder/NdkBinder.h"
 #include "platform/Root.h"
+#include "service/TarnisInternal.h"
+#include "service/TarnisSsiImpl.h"
+
+using aidl::velmar::system::tarnis::common::TarnisInternal;
+using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
+using velmar::kolto::ModuleManager;
+using velmar::kolto::TarnisUtil;
 
 namespace {
 
@@ -48,7 +60,26 @@ int main(int argc, char** argv) {
     }
     PrepareHostEnvironment();
     LOG(INFO) << "Velmar Tarnis-System Service is starting...";
-    // Nothing stops the daemon in an orderly way: it serves until killed.
-    for (;;) pause();
+    // Module loading runs on the ModuleManager thread while the services come up.
+    ModuleManager::loadModules();
+
+    std::shared_ptr<TarnisSsiImpl> ssi = ndk::SharedRefBase::make<TarnisSsiImpl>();
+    const std::string ssiInstance = std::string(TarnisSsiImpl::descriptor) + "/default";
+    binder_status_t status = AServiceManager_addService(ssi->asBinder().get(), ssiInstance.c_str());
+    LOG(INFO) << "Velmar Tarnis-System Service is added in ServiceManager...";
+    CHECK_EQ(status, STATUS_OK);
+
+    std::shared_ptr<TarnisInternal> internal = ndk::SharedRefBase::make<TarnisInternal>();
+    const std::string internalInstance = std::string(TarnisInternal::descriptor) + "/default";
+    status = AServiceManager_addService(internal->asBinder().get(), internalInstance.c_str());
+    LOG(INFO) << "Velmar Tarnis-System Internal Service is added in ServiceManager...";
+    CHECK_EQ(status, STATUS_OK);
+
+    TarnisUtil::SetTarnisSsiAidl(ssi);
+    TarnisUtil::SetTarnisSsiIntl(internal);
+
+    ABinderProcess_startThreadPool();
+    ABinderProcess_joinThreadPool();
+    // The pool never gives the thread back; if it does, init restarts us.
     return 1;
 }

@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "framework/InternalBroadcastManager.h"
+#include "framework/LocalBroadcastManager.h"
+#include "framework/ModuleManager.h"
+#include "framework/TarnisHandler.h"
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+
+using namespace velmar::kolto;
+
+namespace {
+
+// Records what it receives; Wait() returns once `expected` intents arrived.
+class RecordingReceiver : public BroadcastReceiver {
+public:
+    explicit RecordingReceiver(std::chrono::milliseconds delay = std::chrono::milliseconds(0)) : delay_(delay) {}
+    void onReceive(Intent intent) const override {
+        std::this_thread::sleep_for(delay_);
+        std::lock_guard<std::mutex> guard(lock_);
+        received_.push_back(std::move(intent));
+        cond_.notify_all();
+    }
+    bool Wait(size_t expected, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
+        std::unique_lock<std::mutex> guard(lock_);
+        return cond_.wait_for(guard, timeout, [&] { return received_.size() >= expected; });
+    }
+    std::vector<Intent> Received() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return received_;
+    }
+
+private:
+    std::chrono::milliseconds delay_;
+    mutable std::mutex lock_;
+    mutable std::condition_variable cond_;
+    mutable std::vector<Intent> received_;
+};
+
+// Holds the module manager's thread busy until Release().
+class ManagerThreadBlocker {
+public:
+    ManagerThreadBlocker() {
+        ModuleManager::GetManagerHandler()->post([this] {
+            std::unique_lock<std::mutex> guard(lock_);
+            running_ = true;
+            cond_.notify_all();
+            cond_.wait(guard, [this] { return released_; });
+        });
+        std::unique_lock<std::mutex> guard(lock_);
+        cond_.wait(guard, [this] { return running_; });
+    }
+    ~ManagerThreadBlocker() { Release(); }
+    void Release() {
+        std::lock_guard<std::mutex> guard(lock_);
+        released_ = true;
+        cond_.notify_all();
+    }
+
+private:
+    std::mutex lock_;
+    std::condition_variable cond_;
+    bool running_ = false;
+    bool released_ = false;
+};
+
+// Waits until everything queued on the manager's thread so far has run.
+void DrainManagerThread() {
+    std::mutex lock;
+    std::condition_variable cond;
+    bool done = false;
+    ModuleManager::GetManagerHandler()->post([&] {
+        std::lock_guard<std::mutex> guard(lock);
+        done = true;
+        cond.notify_all();
+    });
+    std::unique_lock<std::mutex> guard(lock);
+    cond.wait(guard, [&] { return done; });
+}
+
+}  // namespace
+
+TEST(BroadcastTest, ExtrasSerialiseInKeyOrderWithTypeCodes) {
+    Intent intent("tarnis.test.SERIALISE");
+    intent.putExtra("c", 7);
+    intent.putExtra("b", std::string("x"));
+    intent.putExtra("a", true);
+    EXPECT_EQ(InternalBroadcastManager::intentToJsonStr(intent),
+              "{\"extras\":[{\"key\":\"a\",\"value\":true,\"value_type\":1},"
+              "{\"key\":\"b\",\"value\":\"x\",\"value_type\":2},"
+              "{\"key\":\"c\",\"value\":7,\"value_type\":6}]}\n");
+
+    // A C string travels as a string; an "any" value has no value and is logged.
+    Intent other("tarnis.test.SERIALISE");
+    other.putExtra("s", "text");
+    struct Opaque {};
+    other.putExtra("z", Opaque{});
+    platform::LogCapture capture;
+    EXPECT_EQ(InternalBroadcastManager::intentToJsonStr(other),
+              "{\"extras\":[{\"key\":\"s\",\"value\":\"text\",\"value_type\":2},"
+              "{\"key\":\"z\",\"value_type\":7}]}\n");
+    EXPECT_TRUE(capture.Contains("[generateJsonValueByExtra] Unknown Type! value is not the supported type. "
+                                 "Supported type: int boot string float int64_t Json::Value, current type is 7",
+                                 "Tarnis-InternalBroadcastManager", ANDROID_LOG_ERROR));
+}
+
+TEST(BroadcastTest, EveryExtraTypeSurvivesTheWireRoundTrip) {
+    RecordingReceiver receiver;
+    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.ROUND"}));
+    Intent intent("tarnis.test.ROUND");
+    Json::Value json(Json::objectValue);
+    json["n"] = 3;
+    json["list"].append("v");
+    intent.putExtra("json", json);
+    intent.putExtra("bool", false);
+    intent.putExtra("string", std::string("héllo \"quoted\""));
+    intent.putExtra("cstring", "plain");
+    intent.putExtra("float", 1.5f);
+    intent.putExtra("int64", static_cast<int64_t>(-9000000000123LL));
+    intent.putExtra("int32", static_cast<int32_t>(-42));
+    InternalBroadcastManager::onTarnisIntlMessageReceived(intent.action,
+                                                          InternalBroadcastManager::intentToJsonStr(intent));
+    ASSERT_TRUE(receiver.Wait(1));
+    Intent got = receiver.Received()[0];
+    EXPECT_EQ(got.action, "tarnis.test.ROUND");
+    EXPECT_EQ(got.fromInternalManager, 1);
+    EXPECT_EQ(got.getExtra<Json::Value>("json", Json::Value()), json);
+    EXPECT_FALSE(got.getExtra<bool>("bool", true));
+    EXPECT_EQ(got.getExtra<std::string>("string", ""), "héllo \"quoted\"");
+    // Read back as an ordinary string.
+    EXPECT_EQ(got.getExtra<std::string>("cstring", ""), "plain");
+    EXPECT_EQ(got.getExtra<float>("float", 0.0f), 1.5f);
+    EXPECT_EQ(got.getExtra<int64_t>("int64", 0), -9000000000123LL);
+    EXPECT_EQ(got.getExtra<int32_t>("int32", 0), -42);
+    EXPECT_EQ(got.extras.size(), 7u);
+    InternalBroadcastManager::unregisterReceiver(&receiver);
+}
+
+TEST(BroadcastTest, MalformedPeerJsonStillDeliversTheAction) {
+    RecordingReceiver receiver;
+    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.BAD"}));
+    platform::LogCapture capture;
+    const char* bodies[] = {
+        "",
+        "{not json",
+        "{\"extras\":5}",
+        "[1,2]",
+        "{\"extras\":[7,{\"key\":\"k\",\"value_type\":9,\"value\":1},"
+        "{\"key\":\"n\",\"value_type\":6,\"value\":\"NaN\"},{\"key\":[1],\"value_type\":\"2\"},"
+        "{\"key\":\"ok\",\"value_type\":2,\"value\":\"yes\"}]}",
+    };
+    for (const char* body : bodies) InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.BAD", body);
+    ASSERT_TRUE(receiver.Wait(5));
+    auto got = receiver.Received();
+    for (const Intent& intent : got) EXPECT_EQ(intent.action, "tarnis.test.BAD");
+    EXPECT_TRUE(got[0].extras.empty());
+    EXPECT_TRUE(got[2].extras.empty());
+    EXPECT_EQ(got[4].getExtra<std::string>("ok", ""), "yes");
+    EXPECT_EQ(got[4].getExtra<int32_t>("n", -1), 0);
+    EXPECT_FALSE(got[4].hasExtra("k"));
+    EXPECT_TRUE(capture.Contains("[jsonStrToIntent] ConvertStringToJson failed!"));
+    EXPECT_TRUE(capture.Contains("[jsonStrToIntent] extras is null or not the valid array! intent will no extra info"));
+    EXPECT_TRUE(capture.Contains("current type is 9"));
+    InternalBroadcastManager::unregisterReceiver(&receiver);
+}
+
+TEST(BroadcastTest, MatchingHonoursActionAndInternalMarker) {
+    RecordingReceiver internalOnly;
+    RecordingReceiver anyLocal;
+    LocalBroadcastManager& local = LocalBroadcastManager::getInstance();
+    InternalBroadcastManager::registerReceiver(&internalOnly, IntentFilter({"tarnis.test.MATCH"}));
+    local.registerReceiver(&anyLocal, IntentFilter({"tarnis.test.MATCH", "tarnis.test.OTHER"}));
+
+    EXPECT_FALSE(local.sendBroadcast(Intent("tarnis.test.NOBODY"), false));
+    platform::LogCapture capture;
+    EXPECT_TRUE(local.sendBroadcast(Intent("tarnis.test.MATCH"), false));
+    ASSERT_TRUE(anyLocal.Wait(1));
+    DrainManagerThread();
+    EXPECT_TRUE(internalOnly.Received().empty());
+    EXPECT_TRUE(capture.Contains("[sendBroadcast] filter not matched. Reason: filter require internal 1 but this "
+                                 "broadcast is 0",
+                                 "Tarnis-LocalBroadcastManager", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.MATCH"), false));
+    ASSERT_TRUE(internalOnly.Wait(1));
+    local.unregisterReceiver(&anyLocal);
+    InternalBroadcastManager::unregisterReceiver(&internalOnly);
+    // With every receiver gone, nobody listens to the action any more.
+    EXPECT_FALSE(local.sendBroadcast(Intent("tarnis.test.MATCH"), true));
+}
+
+TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregistered) {
+    RecordingReceiver kept;
+    RecordingReceiver dropped;
+    InternalBroadcastManager::registerReceiver(&kept, IntentFilter({"tarnis.test.BURST"}));
+    InternalBroadcastManager::registerReceiver(&dropped, IntentFilter({"tarnis.test.BURST"}));
+    platform::LogCapture capture;
+    {
+        ManagerThreadBlocker blocker;
+        for (int i = 0; i < 100; ++i) {
+            Intent intent("tarnis.test.BURST");
+            intent.putExtra("i", i);
+            EXPECT_TRUE(InternalBroadcastManager::sendBroadcast(intent, false));
+        }
+        EXPECT_TRUE(ModuleManager::GetManagerHandler() != nullptr);
+        InternalBroadcastManager::unregisterReceiver(&dropped);
+    }
+    ASSERT_TRUE(kept.Wait(100));
+    DrainManagerThread();
+    auto got = kept.Received();
+    ASSERT_EQ(got.size(), 100u);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(got[i].getExtra<int32_t>("i", -1), i);
+    EXPECT_TRUE(dropped.Received().empty());
+    // A single delivery pass served the whole burst.
+    EXPECT_EQ(capture.Count("[executePendingBroadcasts] Called all onReceive callback tooked"), 1u);
+    InternalBroadcastManager::unregisterReceiver(&kept);
+}
+
+TEST(BroadcastTest, SlowReceiverIsNamedInAWarning) {
+    RecordingReceiver slow(std::chrono::milliseconds(320));
+    InternalBroadcastManager::registerReceiver(&slow, IntentFilter({"tarnis.test.SLOW"}));
+    platform::LogCapture capture;
+    InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.SLOW"), false);
+    ASSERT_TRUE(slow.Wait(1));
+    // The warning follows the call within the same delivery pass.
+    DrainManagerThread();
+    EXPECT_TRUE(capture.Contains("[executePendingBroadcasts] The time that calling onReceive is too long!! spend time ",
+                                 "Tarnis-LocalBroadcastManager", ANDROID_LOG_WARN));
+    EXPECT_TRUE(capture.Contains("action: tarnis.test.SLOW"));
+    InternalBroadcastManager::unregisterReceiver(&slow);
+}

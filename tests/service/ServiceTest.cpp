@@ -1,0 +1,231 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "framework/InternalBroadcastManager.h"
+#include "framework/ModuleBase.h"
+#include "framework/ModuleManager.h"
+#include "framework/ModuleRegister.h"
+#include "framework/TarnisHandler.h"
+#include "framework/TarnisUtil.h"
+#include "platform/DorvaServiceManager.h"
+#include "platform/Properties.h"
+#include "platform/Root.h"
+#include "platform/binder/NdkBinder.h"
+#include "platform/binder/ServiceManager.h"
+#include "service/TarnisInternal.h"
+#include "service/TarnisSsiImpl.h"
+#include "tests/support/TempDir.h"
+
+using aidl::velmar::system::tarnis::common::TarnisInternal;
+using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
+using namespace velmar::kolto;
+using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
+using tarnis_test::TempDir;
+
+namespace {
+
+class EchoModule : public ModuleBase {
+public:
+    void dump(int fd, const char** args, unsigned int argc) override {
+        std::string text = "echo";
+        for (unsigned int i = 0; i < argc; ++i) text += std::string(" ") + args[i];
+        text += "\n";
+        if (write(fd, text.data(), text.size()) < 0) return;
+    }
+};
+class RefusingModule : public ModuleBase {
+public:
+    bool OnInit() override { return false; }
+};
+TARNIS_MODULE_REGISTER(EchoModuleRegister, EchoModule, "Echo", 0);
+TARNIS_MODULE_REGISTER(RefusingModuleRegister, RefusingModule, "Refusing", 0);
+
+std::string Ctl() { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl"; }
+
+// Runs on the manager thread after everything queued there so far.
+void DrainManagerThread() {
+    std::mutex lock;
+    std::condition_variable cond;
+    bool done = false;
+    ModuleManager::GetManagerHandler()->post([&] {
+        std::lock_guard<std::mutex> guard(lock);
+        done = true;
+        cond.notify_all();
+    });
+    std::unique_lock<std::mutex> guard(lock);
+    cond.wait(guard, [&] { return done; });
+}
+
+// The daemon's two services, served from this process below a fresh root.
+class ServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        platform::SetRoot(root_.path());
+        ctl_ = Ctl() + " --root " + root_.path();
+        ssi_ = ndk::SharedRefBase::make<TarnisSsiImpl>();
+        internal_ = ndk::SharedRefBase::make<TarnisInternal>();
+        ASSERT_EQ(AServiceManager_addService(ssi_->asBinder().get(),
+                                             (std::string(TarnisSsiImpl::descriptor) + "/default").c_str()),
+                  STATUS_OK);
+        ASSERT_EQ(AServiceManager_addService(internal_->asBinder().get(),
+                                             (std::string(TarnisInternal::descriptor) + "/default").c_str()),
+                  STATUS_OK);
+        ABinderProcess_startThreadPool();
+    }
+    void TearDown() override {
+        android::ServiceManager::instance().removeService(std::string(TarnisSsiImpl::descriptor) + "/default");
+        android::ServiceManager::instance().removeService(std::string(TarnisInternal::descriptor) + "/default");
+        TarnisUtil::SetTarnisSsiAidl(nullptr);
+        TarnisUtil::SetTarnisSsiIntl(nullptr);
+        android::DorvaServiceManager::getInstance().setResultForTesting(0);
+        platform::SetRoot("/");
+    }
+
+    TempDir root_;
+    std::string ctl_;
+    std::shared_ptr<TarnisSsiImpl> ssi_;
+    std::shared_ptr<TarnisInternal> internal_;
+};
+
+}  // namespace
+
+TEST_F(ServiceTest, DumpFromAnotherProcessIsExactToTheByte) {
+    ModuleManager::loadModules();
+    DrainManagerThread();  // loading
+    DrainManagerThread();  // the removal of the module whose OnInit failed
+    int status = -1;
+    EXPECT_EQ(RunShell(ctl_ + " dump ModuleManager dump", &status),
+              "Current Modules:\n-------------------------\nName \t\t Status\n"
+              "Echo\t\tRunning\nRefusing\t\tStopped\n");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(RunShell(ctl_ + " dump", &status),
+              "Dumping module Echo: \necho\n\n-------------------------------------\n");
+    EXPECT_EQ(RunShell(ctl_ + " dump Echo x", &status),
+              "Dumping module Echo: \necho Echo x\n\n-------------------------------------\n");
+    EXPECT_EQ(RunShell(ctl_ + " dump ModuleManager", &status),
+              "Tarnis ModuleManager:\nload <module name> \t\t Load a module that is not running\n"
+              "dump \t\t Get Current Modules Status.\n");
+    EXPECT_EQ(RunShell(ctl_ + " dump Nope", &status), "Module Nope not found!!\n");
+    EXPECT_EQ(RunShell(ctl_ + " dump Refusing", &status), "Module Refusing is not running\n");
+}
+
+TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
+    struct Receiver : BroadcastReceiver {
+        mutable std::mutex lock;
+        mutable std::condition_variable cond;
+        mutable std::vector<Intent> got;
+        void onReceive(Intent intent) const override {
+            std::lock_guard<std::mutex> guard(lock);
+            got.push_back(std::move(intent));
+            cond.notify_all();
+        }
+    } receiver;
+    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.TOOL"}));
+    int status = -1;
+    RunShell(ctl_ +
+                 " intent tarnis.test.TOOL "
+                 "'{\"extras\":[{\"key\":\"dir\",\"value_type\":2,\"value\":\"/data/x\"},"
+                 "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'",
+             &status);
+    EXPECT_EQ(status, 0);
+    std::unique_lock<std::mutex> guard(receiver.lock);
+    ASSERT_TRUE(receiver.cond.wait_for(guard, std::chrono::seconds(10), [&] { return !receiver.got.empty(); }));
+    EXPECT_EQ(receiver.got[0].getStringExtra("dir"), "/data/x");
+    EXPECT_EQ(receiver.got[0].getExtra<int32_t>("n", 0), 12);
+    guard.unlock();
+    InternalBroadcastManager::unregisterReceiver(&receiver);
+}
+
+TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) {
+    int status = -1;
+    RunShell(ctl_ + " event reportEventV2 a b c true", &status);
+    EXPECT_EQ(status, 0);
+    RunShell(ctl_ + " event reportEventsV2 a '[\"x\",\"y\"]' c false", &status);
+    EXPECT_EQ(status, 0);
+    RunShell(ctl_ + " event reportSimpleEvent 99 only-text", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(ReadFile(root_.path() + "/data/misc/tarnis/events.jsonl"),
+              "{\"call\":\"reportEventV2\",\"args\":[\"a\",\"b\",\"c\",true]}\n"
+              "{\"call\":\"reportEventsV2\",\"args\":[\"a\",[\"x\",\"y\"],\"c\",false]}\n"
+              "{\"call\":\"reportSensorException\",\"args\":[\"only-text\"]}\n");
+    RunShell(ctl_ + " event reportEventsV2 a not-a-list c false 2>/dev/null", &status);
+    EXPECT_EQ(status, 2);
+
+    android::DorvaServiceManager::getInstance().setResultForTesting(1);
+    EXPECT_TRUE(ssi_->reportEventV2("a", "b", "c", false).isOk());
+    EXPECT_TRUE(ssi_->reportSimpleEvent(0, "x").isOk());
+    EXPECT_EQ(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).getStatus(), STATUS_UNKNOWN_ERROR);
+    EXPECT_EQ(ssi_->reportTrelvoEvents("app", "pkg", {"{}"}, 0).getStatus(), STATUS_UNKNOWN_ERROR);
+    // A client in another process sees the failure and says so.
+    std::string err = RunShell(ctl_ + " event reportTrelvoEvent app pkg '{}' 0 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(err.find("reportTrelvoEvent: "), std::string::npos) << err;
+    android::DorvaServiceManager::getInstance().setResultForTesting(0);
+    EXPECT_TRUE(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
+}
+
+TEST_F(ServiceTest, InProcessCallersGetTheLocalObjects) {
+    TarnisUtil::SetTarnisSsiAidl(ssi_);
+    TarnisUtil::SetTarnisSsiIntl(internal_);
+    EXPECT_EQ(TarnisUtil::GetTarnisSsiAidl().get(), ssi_.get());
+    EXPECT_EQ(TarnisUtil::GetTarnisSsiIntl().get(), internal_.get());
+    TarnisUtil::SetTarnisSsiAidl(nullptr);
+    // Looked up through the service manager, the service added by this very
+    // process still comes back as the object itself.
+    EXPECT_EQ(TarnisUtil::GetTarnisSsiAidl().get(), ssi_.get());
+    // The vendor peer is not declared here: empty at once, no wait.
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(TarnisUtil::GetTarnisIntl(), nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST(DaemonTest, StartsServesAndAbortsWhenItsServiceIsRefused) {
+    TempDir root;
+    const std::string daemon = std::string(TARNIS_BUILD_DIR) + "/tarnisd --root " + root.path();
+    pid_t first = fork();
+    ASSERT_GE(first, 0);
+    if (first == 0) {
+        execl("/bin/sh", "sh", "-c", (daemon + " >" + root.Sub("out1") + " 2>" + root.Sub("err1")).c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    const std::string ctl = Ctl() + " --root " + root.path();
+    std::string dump;
+    int status = -1;
+    for (int i = 0; i < 100; ++i) {
+        dump = RunShell(ctl + " dump ModuleManager dump 2>/dev/null", &status);
+        if (status == 0) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(dump, "Current Modules:\n-------------------------\nName \t\t Status\n");
+    EXPECT_EQ(ReadFile(root.Sub("out1")), "TarnisSsiImpl impl ready!\n");
+
+    // A second daemon on the same root finds the name taken: it logs the
+    // registration line and then dies on the check.
+    int second = -1;
+    RunShell(daemon + " >/dev/null 2>" + root.Sub("err2"), &second);
+    std::string err2 = ReadFile(root.Sub("err2"));
+    EXPECT_NE(second, 0);
+    size_t added = err2.find("Velmar Tarnis-System Service is added in ServiceManager...");
+    size_t check = err2.find("Check failed: status == STATUS_OK (status=");
+    EXPECT_NE(added, std::string::npos) << err2;
+    EXPECT_NE(check, std::string::npos) << err2;
+    EXPECT_LT(added, check);
+    EXPECT_EQ(err2.find("Internal Service is added"), std::string::npos);
+
+    // The first one still serves.
+    EXPECT_EQ(RunShell(ctl + " dump ModuleManager dump", &status), dump);
+    RunShell("pkill -f '" + daemon + "'");
+    waitpid(first, nullptr, 0);
+    EXPECT_NE(ReadFile(root.Sub("err1")).find("Velmar Tarnis-System Internal Service is added in ServiceManager..."),
+              std::string::npos);
+}
