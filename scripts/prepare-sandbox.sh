@@ -35,6 +35,15 @@ chmod 755 "$ROOT/bin/getprop"
 # Host commands of the services that captures start with ctl.start (none by
 # default: see platform/InitServices.h).
 mkdir -p "$ROOT/system/etc/init/host"
+# The binder instances this "device" declares: clients wait for the daemon's
+# two services; the vendor peer is not declared, so lookups of it come back
+# empty at once.
+mkdir -p "$ROOT/system/etc/vintf"
+cat > "$ROOT/system/etc/vintf/manifest.txt" <<'MANIFEST'
+# One binder instance name per line.
+velmar.system.tarnis.common.ITarnisSsi/default
+velmar.system.tarnis.common.ITarnisSsiIntl/default
+MANIFEST
 defprop() {
   if [ -z "$("$ctl" --root "$ROOT" getprop "$1")" ]; then
     "$ctl" --root "$ROOT" setprop "$1" "$2"
