@@ -3,7 +3,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <regex>
+#include <cstring>
+#include <vector>
 #include <thread>
 
 #include "platform/Clock.h"
@@ -62,16 +63,27 @@ TEST_F(PlatformTest, LogLinesReachCapturesAndStderrInThreadtimeLayout) {
     testing::internal::CaptureStderr();
     __android_log_print(ANDROID_LOG_INFO, "Tarnis-Layout", "first\nsecond\n");
     std::string printed = testing::internal::GetCapturedStderr();
-    std::regex line(R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d +\d+ +\d+ I Tarnis-Layout: (first|second)\n)");
-    std::smatch m;
-    std::string rest = printed;
-    int count = 0;
-    while (std::regex_search(rest, m, line) && m.position(0) == 0) {
-        ++count;
-        rest = m.suffix();
+    // MM-DD HH:MM:SS.mmm  PID  TID L TAG: message, one line each.
+    std::vector<std::string> printedLines;
+    for (size_t at = 0, nl; (nl = printed.find('\n', at)) != std::string::npos; at = nl + 1) {
+        printedLines.push_back(printed.substr(at, nl - at));
     }
-    EXPECT_EQ(count, 2) << printed;
-    EXPECT_TRUE(rest.empty()) << printed;
+    ASSERT_EQ(printedLines.size(), 2u) << printed;
+    const char* messages[] = {"first", "second"};
+    for (size_t i = 0; i < printedLines.size(); ++i) {
+        const std::string& l = printedLines[i];
+        ASSERT_GT(l.size(), 19u) << l;
+        EXPECT_TRUE(l[2] == '-' && l[5] == ' ' && l[8] == ':' && l[11] == ':' && l[14] == '.' && l[18] == ' ')
+            << l;
+        int pid = 0, tid = 0;
+        char level = 0;
+        char tag[64] = {0};
+        ASSERT_EQ(sscanf(l.c_str() + 18, "%d %d %c %63[^:]", &pid, &tid, &level, tag), 4) << l;
+        EXPECT_EQ(pid, getpid());
+        EXPECT_EQ(level, 'I');
+        EXPECT_STREQ(tag, "Tarnis-Layout");
+        EXPECT_EQ(l.substr(l.size() - strlen(messages[i]) - 2), std::string(": ") + messages[i]) << l;
+    }
 }
 
 TEST(PlatformDeathTest, CheckEqAbortsNamingBothValues) {
