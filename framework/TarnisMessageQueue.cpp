@@ -86,7 +86,10 @@ void TarnisMessageQueue::offer(TarnisMessage* msg) {
         // at the stack a last time, so either it sees this message or this
         // sees it waiting.
         if (waiters_.load(std::memory_order_seq_cst) > 0) {
-            QueueLock guard(*this);
+            // Taking the lock once makes sure a taker that counted itself has
+            // got into its wait; waking it after the lock is released spares
+            // it from waking only to block on the lock we hold.
+            { QueueLock guard(*this); }
             pthread_cond_broadcast(&cond_);
         }
         senders_.fetch_sub(1, std::memory_order_release);
