@@ -16,6 +16,9 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisUtil.h"
 #include "platform/DorvaServiceManager.h"
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "platform/binder/BnTarnisIntl.h"
 #include "platform/Properties.h"
 #include "platform/Root.h"
 #include "platform/binder/NdkBinder.h"
@@ -186,6 +189,42 @@ TEST_F(ServiceTest, InProcessCallersGetTheLocalObjects) {
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(TarnisUtil::GetTarnisIntl(), nullptr);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
+    struct Peer : aidl::vendor::velmar::hardware::kolto::common::BnTarnisIntl {
+        std::mutex lock;
+        std::vector<std::pair<std::string, std::string>> got;
+        ndk::ScopedAStatus transferMessage(const std::string& action, const std::string& json) override {
+            std::lock_guard<std::mutex> guard(lock);
+            got.emplace_back(action, json);
+            return ndk::ScopedAStatus::ok();
+        }
+    };
+    auto peer = ndk::SharedRefBase::make<Peer>();
+    const std::string peerName = std::string(Peer::descriptor) + "/default";
+    platform::LogCapture capture;
+    // This end holds the system internal service, so its peer is the vendor one;
+    // while the vendor peer is absent only the local half happens.
+    TarnisUtil::SetTarnisSsiIntl(internal_);
+    InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.PEER"), true);
+    EXPECT_TRUE(capture.Contains("[sendBroadcast] Failed to get Tarnis Vendor instance!",
+                                 "Tarnis-InternalBroadcastManager", ANDROID_LOG_WARN));
+
+    ASSERT_EQ(AServiceManager_addService(peer->asBinder().get(), peerName.c_str()), STATUS_OK);
+    Intent intent("tarnis.test.PEER");
+    intent.putExtra("n", 5);
+    InternalBroadcastManager::sendBroadcast(intent, true);
+    InternalBroadcastManager::sendBroadcast(intent, false);
+    // A message from the peer is delivered here but not returned to it.
+    InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.PEER", "{\"extras\":[]}");
+    {
+        std::lock_guard<std::mutex> guard(peer->lock);
+        ASSERT_EQ(peer->got.size(), 1u);
+        EXPECT_EQ(peer->got[0].first, "tarnis.test.PEER");
+        EXPECT_EQ(peer->got[0].second, "{\"extras\":[{\"key\":\"n\",\"value\":5,\"value_type\":6}]}\n");
+    }
+    android::ServiceManager::instance().removeService(peerName);
 }
 
 TEST(DaemonTest, StartsServesAndAbortsWhenItsServiceIsRefused) {
