@@ -14,7 +14,7 @@ public:
     static int64_t getCurrentTimeMs();
     // Microseconds since the epoch.
     static int64_t getCurrentTimeUS();
-    // A time specification for a duration in milliseconds.
+    // The timespec of a duration in milliseconds.
     static struct timespec ms2ts(long ms);
 };
 

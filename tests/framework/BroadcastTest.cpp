@@ -12,6 +12,7 @@
 #include "framework/TarnisHandler.h"
 #include "platform/Log.h"
 #include "platform/LogCapture.h"
+#include "tests/support/ManagerThread.h"
 
 using namespace velmar::kolto;
 
@@ -70,19 +71,7 @@ private:
     bool released_ = false;
 };
 
-// Waits until everything queued on the manager's thread so far has run.
-void DrainManagerThread() {
-    std::mutex lock;
-    std::condition_variable cond;
-    bool done = false;
-    ModuleManager::GetManagerHandler()->post([&] {
-        std::lock_guard<std::mutex> guard(lock);
-        done = true;
-        cond.notify_all();
-    });
-    std::unique_lock<std::mutex> guard(lock);
-    cond.wait(guard, [&] { return done; });
-}
+using tarnis_test::DrainManagerThread;
 
 }  // namespace
 

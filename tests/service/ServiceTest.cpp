@@ -18,6 +18,7 @@
 #include "platform/DorvaServiceManager.h"
 #include "platform/Log.h"
 #include "platform/LogCapture.h"
+#include "tests/support/ManagerThread.h"
 #include "platform/binder/BnTarnisIntl.h"
 #include "platform/Properties.h"
 #include "platform/Root.h"
@@ -54,19 +55,7 @@ TARNIS_MODULE_REGISTER(RefusingModuleRegister, RefusingModule, "Refusing", 0);
 
 std::string Ctl() { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl"; }
 
-// Runs on the manager thread after everything queued there so far.
-void DrainManagerThread() {
-    std::mutex lock;
-    std::condition_variable cond;
-    bool done = false;
-    ModuleManager::GetManagerHandler()->post([&] {
-        std::lock_guard<std::mutex> guard(lock);
-        done = true;
-        cond.notify_all();
-    });
-    std::unique_lock<std::mutex> guard(lock);
-    cond.wait(guard, [&] { return done; });
-}
+using tarnis_test::DrainManagerThread;
 
 // The daemon's two services, served from this process below a fresh root.
 class ServiceTest : public ::testing::Test {
