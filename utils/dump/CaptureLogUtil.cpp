@@ -69,14 +69,6 @@ struct iovec Piece(const char* text) {
     return {const_cast<char*>(text), strlen(text)};
 }
 
-double SecondsSince(const struct timespec& start) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long ns = (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000000000LL +
-                         (now.tv_nsec - start.tv_nsec);
-    return static_cast<float>(ns) / 1e9;
-}
-
 }  // namespace
 
 namespace capture_internal {
@@ -241,7 +233,7 @@ void CaptureLogUtil::run_command(const std::vector<std::string>& args, const cha
     int status = 0;
     const bool reaped = waitpid_with_timeout(pid, timeout, &status);
     const int waitErrno = errno;
-    const double elapsed = SecondsSince(start);
+    const double elapsed = ChildWait::SecondsSince(start);
 
     FILE* log = fopen(logPath, "ae+");
     if (log == nullptr) {

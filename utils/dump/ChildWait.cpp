@@ -95,4 +95,12 @@ ChildWait::Result ChildWait::Wait(pid_t pid, int timeoutSeconds, int* status, in
     }
 }
 
+double ChildWait::SecondsSince(const struct timespec& start) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long ns = (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000000000LL +
+                         (now.tv_nsec - start.tv_nsec);
+    return static_cast<float>(ns) / 1e9;
+}
+
 }  // namespace android

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <time.h>
+
 #include <sys/types.h>
 
 namespace android {
@@ -20,6 +22,9 @@ public:
     // Waits up to `timeoutSeconds` (0 or less: only looks) for `pid` to end
     // and reaps it. `status` and `savedErrno` may be null.
     static Result Wait(pid_t pid, int timeoutSeconds, int* status, int* savedErrno);
+    // Monotonic seconds since `start`, through a single-precision float as
+    // the runners print them.
+    static double SecondsSince(const struct timespec& start);
 };
 
 }  // namespace android

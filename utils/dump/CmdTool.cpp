@@ -28,14 +28,6 @@ constexpr size_t kMaxParams = kArgSlots - 2;
 
 std::atomic<int> gKillWaitSeconds{5};
 
-double SecondsSince(const struct timespec& start) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long ns = (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000000000LL +
-                         (now.tv_nsec - start.tv_nsec);
-    return static_cast<float>(ns) / 1e9;
-}
-
 }  // namespace
 
 void CmdTool::SetKillWaitForTesting(int seconds) { gKillWaitSeconds.store(seconds); }
@@ -119,7 +111,7 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
     int status = 0;
     const bool reaped = waitpid_with_timeout_lite(pid, timeoutSeconds, &status);
     const int waitErrno = errno;
-    const double elapsed = SecondsSince(start);
+    const double elapsed = ChildWait::SecondsSince(start);
     if (reaped) {
         if (WIFSIGNALED(status)) {
             ALOGE(CMDTOOL "*** %s: Killed by signal %d\n", program, WTERMSIG(status));
