@@ -1,13 +1,18 @@
+#include <fcntl.h>
+#include <malloc.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
-
-#include <memory>
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
+#include <thread>
 
 #include "framework/ModuleManager.h"
 #include "framework/TarnisUtil.h"
+#include "platform/Host.h"
 #include "platform/Log.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/Root.h"
@@ -40,6 +45,56 @@ void PrepareHostEnvironment() {
     setenv("PATH", (sandboxBin + ":" + (path != nullptr ? path : "/usr/bin:/bin")).c_str(), 1);
 }
 
+// A daemon that lives as long as the phone: no client may end it by going
+// away, descriptors are as many as the system grants, and the large
+// transient buffers of transactions go back to the system when freed instead
+// of staying in the heap for good.
+void HardenProcess() {
+    signal(SIGPIPE, SIG_IGN);
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+}
+
+int gStopPipe[2] = {-1, -1};
+
+void OnStopSignal(int sig) {
+    const char byte = static_cast<char>(sig);
+    ssize_t ignored = write(gStopPipe[1], &byte, 1);
+    (void)ignored;
+}
+
+// SIGTERM and SIGINT end a host run cleanly: the services are withdrawn (their
+// sockets removed, so clients learn at once that nobody serves them) and the
+// instance lock is given up. The process then ends without running static
+// destructors under the feet of module threads that are still working.
+void InstallStopHandler(android::base::unique_fd lock) {
+    if (pipe2(gStopPipe, O_CLOEXEC) != 0) {
+        PLOG(ERROR) << "tarnisd: no pipe for stop signals; SIGTERM will end the daemon abruptly";
+        return;
+    }
+    std::thread([lock = std::move(lock)]() mutable {
+        char sig = 0;
+        while (read(gStopPipe[0], &sig, 1) < 0 && errno == EINTR) {
+        }
+        LOG(INFO) << "tarnisd: " << (sig == SIGINT ? "SIGINT" : "SIGTERM")
+                  << " received; withdrawing the services and exiting";
+        platform::host::WithdrawServices();
+        platform::host::ReleaseInstanceLock("tarnisd", std::move(lock));
+        fflush(stdout);
+        _exit(0);
+    }).detach();
+    struct sigaction action {};
+    action.sa_handler = OnStopSignal;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -59,6 +114,14 @@ int main(int argc, char** argv) {
         }
     }
     PrepareHostEnvironment();
+    std::string why;
+    android::base::unique_fd lock = platform::host::AcquireInstanceLock("tarnisd", &why);
+    if (!lock.ok()) {
+        fprintf(stderr, "tarnisd: %s\n", why.c_str());
+        return 1;
+    }
+    HardenProcess();
+    InstallStopHandler(std::move(lock));
     LOG(INFO) << "Velmar Tarnis-System Service is starting...";
     // Module loading runs on the ModuleManager thread while the services come up.
     ModuleManager::loadModules();

@@ -92,6 +92,8 @@ void StartService(const std::string& name) {
         const pid_t service = fork();
         if (service == 0) {
             setsid();
+            // The daemon ignores SIGPIPE; a service starts with the default, as under init.
+            signal(SIGPIPE, SIG_DFL);
             sigset_t none;
             sigemptyset(&none);
             sigprocmask(SIG_SETMASK, &none, nullptr);

@@ -3,7 +3,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/binder/BinderProcess.h"
+#include "platform/binder/DumpRelay.h"
 #include "platform/binder/ICInterface.h"
+#include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
 #include "platform/Unicode.h"
 
@@ -25,7 +28,9 @@ status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
 }
 
 // The dump command carries the output descriptor and the arguments as UTF-16
-// strings, as the platform's dump transaction does.
+// strings, as the platform's dump transaction does. The caller's descriptor
+// is never written directly: a caller that stops reading must not hold a
+// binder thread for longer than dumpsys would wait.
 status_t BBinder::handleDump(const Parcel& data) {
     base::unique_fd fd;
     std::vector<std::u16string> args16;
@@ -39,7 +44,12 @@ status_t BBinder::handleDump(const Parcel& data) {
     std::vector<const char*> argv;
     argv.reserve(args.size());
     for (const auto& a : args) argv.push_back(a.c_str());
-    return impl_->dump(fd.get(), argv.data(), static_cast<uint32_t>(argv.size()));
+    IPCThreadState* caller = IPCThreadState::self();
+    const std::string who = descriptor_ + " for pid " + std::to_string(caller->getCallingPid()) + " uid " +
+                            std::to_string(caller->getCallingUid());
+    return DumpRelay::Run(fd.get(), BinderProcess::DumpTimeoutMs(), who, [&](int out) {
+        return impl_->dump(out, argv.data(), static_cast<uint32_t>(argv.size()));
+    });
 }
 
 }  // namespace android

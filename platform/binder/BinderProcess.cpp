@@ -1,29 +1,118 @@
 #include "platform/binder/BinderProcess.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "platform/Log.h"
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
+#include "platform/binder/WireDecoder.h"
 #include "platform/binder/WireIo.h"
 
 namespace android {
+namespace {
 
-struct BinderProcess::Endpoint {
+constexpr uint64_t kSweepId = 1;
+constexpr uint64_t kResumeId = 2;
+constexpr uint64_t kReadyId = 3;
+// A listener that ran out of descriptors rests this long before trying again.
+constexpr int kAcceptPauseMs = 100;
+constexpr auto kLogInterval = std::chrono::seconds(10);
+
+using Clock = std::chrono::steady_clock;
+
+std::string Seconds(int ms) {
+    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
+}
+
+void SetTimer(int fd, int firstMs, int intervalMs) {
+    itimerspec spec{};
+    spec.it_value.tv_sec = firstMs / 1000;
+    spec.it_value.tv_nsec = static_cast<long>(firstMs % 1000) * 1000000L;
+    spec.it_interval.tv_sec = intervalMs / 1000;
+    spec.it_interval.tv_nsec = static_cast<long>(intervalMs % 1000) * 1000000L;
+    timerfd_settime(fd, 0, &spec, nullptr);
+}
+
+}  // namespace
+
+struct BinderProcess::Service {
+    struct Share {
+        size_t connections = 0;
+        size_t buffered = 0;
+    };
     uint64_t id = 0;
-    bool listening = false;
-    base::unique_fd fd;
     std::string name;
+    base::unique_fd fd;
     sp<IBinder> binder;
+    size_t connections = 0;
+    size_t buffered = 0;
+    std::unordered_map<uid_t, Share> shares;
+    bool paused = false;
+    bool removed = false;
+};
+
+struct BinderProcess::Connection {
+    enum class State { kArmed, kActive, kDeferred, kClosed };
+    uint64_t id = 0;
+    base::unique_fd fd;
+    std::shared_ptr<Service> service;
     uid_t uid = 0;
     pid_t pid = 0;
-    std::string buffer;                 // bytes of the transaction being received
-    std::vector<base::unique_fd> fds;   // descriptors received with them
+    WireDecoder decoder{{WireIo::kRequestMagic}};
+    size_t accounted = 0;  // bytes of the decoder counted against the budgets
+    State state = State::kArmed;
+    Clock::time_point lastActive;
+    std::unique_ptr<WireMessage> pending;  // a transaction waiting for its uid's turn
+};
+
+struct BinderProcess::UidWork {
+    size_t busy = 0;  // threads serving this uid now
+    std::deque<std::shared_ptr<Connection>> deferred;
+};
+
+// At most `burst` lines per interval; the rest are counted, and the count
+// rides on the next line that is printed.
+class BinderProcess::RateLimitedLog {
+public:
+    explicit RateLimitedLog(int burst) : burst_(burst) {}
+    void log(base::LogSeverity severity, const std::string& line) {
+        uint64_t carried = 0;
+        {
+            std::lock_guard<std::mutex> lock(lock_);
+            auto now = Clock::now();
+            if (now - windowStart_ >= kLogInterval) {
+                carried = std::exchange(suppressed_, 0);
+                windowStart_ = now;
+                printed_ = 0;
+            }
+            if (printed_ >= burst_) {
+                ++suppressed_;
+                return;
+            }
+            ++printed_;
+        }
+        base::LogMessage message(severity, nullptr, -1);
+        message.stream() << line;
+        if (carried > 0) message.stream() << " (" << carried << " more such lines were not logged)";
+    }
+
+private:
+    const int burst_;
+    std::mutex lock_;
+    Clock::time_point windowStart_{};
+    int printed_ = 0;
+    uint64_t suppressed_ = 0;
 };
 
 BinderProcess& BinderProcess::self() {
@@ -40,38 +129,57 @@ BinderProcess& BinderProcess::self() {
     return *instance;
 }
 
-BinderProcess::BinderProcess() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
-    CHECK(epoll_.ok()) << "binder: cannot create the epoll set: " << strerror(errno);
+BinderProcess::BinderProcess()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      sweepTimer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      resumeTimer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      readyEvent_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)),
+      reserve_(open("/dev/null", O_RDONLY | O_CLOEXEC)),
+      closeLog_(std::make_unique<RateLimitedLog>(20)),
+      refuseLog_(std::make_unique<RateLimitedLog>(5)),
+      descriptorLog_(std::make_unique<RateLimitedLog>(1)) {
+    CHECK(epoll_.ok() && sweepTimer_.ok() && resumeTimer_.ok() && readyEvent_.ok())
+        << "binder: cannot create the pool's epoll set and timers: " << strerror(errno);
+    const std::pair<int, uint64_t> internal[] = {
+        {sweepTimer_.get(), kSweepId}, {resumeTimer_.get(), kResumeId}, {readyEvent_.get(), kReadyId}};
+    for (const auto& [fd, id] : internal) {
+        epoll_event ev{};
+        // The ready event stays level-triggered: each deferred connection
+        // counts one, and as many threads as there are take one each.
+        ev.events = id == kReadyId ? EPOLLIN : EPOLLIN | EPOLLONESHOT;
+        ev.data.u64 = id;
+        CHECK_EQ(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &ev), 0);
+    }
 }
 
 void BinderProcess::addListener(const std::string& key, const std::string& name, base::unique_fd listener,
                                 sp<IBinder> binder) {
     removeListener(key);
-    auto ep = std::make_shared<Endpoint>();
-    ep->listening = true;
-    ep->fd = std::move(listener);
-    ep->name = name;
-    ep->binder = std::move(binder);
+    auto service = std::make_shared<Service>();
+    service->fd = std::move(listener);
+    service->name = name;
+    service->binder = std::move(binder);
     std::lock_guard<std::mutex> lock(lock_);
-    ep->id = nextId_++;
-    endpoints_[ep->id] = ep;
-    listenerIds_[key] = ep->id;
+    service->id = nextId_++;
+    services_[service->id] = service;
+    serviceIds_[key] = service->id;
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLONESHOT;
-    ev.data.u64 = ep->id;
-    CHECK_EQ(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, ep->fd.get(), &ev), 0);
+    ev.data.u64 = service->id;
+    CHECK_EQ(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, service->fd.get(), &ev), 0);
 }
 
 void BinderProcess::removeListener(const std::string& key) {
     std::lock_guard<std::mutex> lock(lock_);
-    auto it = listenerIds_.find(key);
-    if (it == listenerIds_.end()) return;
-    auto ep = endpoints_.find(it->second);
-    if (ep != endpoints_.end()) {
-        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, ep->second->fd.get(), nullptr);
-        endpoints_.erase(ep);  // a thread handling it still holds its own reference
+    auto it = serviceIds_.find(key);
+    if (it == serviceIds_.end()) return;
+    auto service = services_.find(it->second);
+    if (service != services_.end()) {
+        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, service->second->fd.get(), nullptr);
+        service->second->removed = true;
+        services_.erase(service);  // a thread accepting on it still holds its own reference
     }
-    listenerIds_.erase(it);
+    serviceIds_.erase(it);
 }
 
 bool BinderProcess::setMaxThreads(uint32_t count) {
@@ -79,6 +187,32 @@ bool BinderProcess::setMaxThreads(uint32_t count) {
     if (started_ || count == 0) return false;
     maxThreads_ = count;
     return true;
+}
+
+void BinderProcess::setTimeouts(const Timeouts& timeouts) {
+    std::lock_guard<std::mutex> lock(lock_);
+    timeouts_ = timeouts;
+    if (sweepArmed_) {
+        sweepArmed_ = false;
+        armSweepLocked();
+    }
+}
+
+BinderProcess::Timeouts BinderProcess::timeouts() const {
+    std::lock_guard<std::mutex> lock(lock_);
+    return timeouts_;
+}
+
+BinderProcess::Usage BinderProcess::usage(const std::string& key) {
+    std::lock_guard<std::mutex> lock(lock_);
+    Usage usage;
+    auto id = serviceIds_.find(key);
+    if (id == serviceIds_.end()) return usage;
+    auto service = services_.find(id->second);
+    if (service == services_.end()) return usage;
+    usage.connections = service->second->connections;
+    usage.bufferedBytes = service->second->buffered;
+    return usage;
 }
 
 void BinderProcess::startThreadPool() {
@@ -93,6 +227,7 @@ void BinderProcess::startThreadPool() {
 void BinderProcess::joinThreadPool() { serveLoop(); }
 
 void BinderProcess::serveLoop() {
+    ++serving_;
     for (;;) {
         epoll_event ev;
         int n = epoll_wait(epoll_.get(), &ev, 1, -1);
@@ -100,158 +235,377 @@ void BinderProcess::serveLoop() {
             if (n < 0 && errno != EINTR) PLOG(ERROR) << "binder: epoll_wait";
             continue;
         }
-        std::shared_ptr<Endpoint> ep;
+        const uint64_t id = ev.data.u64;
+        if (id == kSweepId || id == kResumeId) {
+            onTimer(id == kSweepId ? sweepTimer_.get() : resumeTimer_.get(), id);
+            continue;
+        }
+        if (id == kReadyId) {
+            uint64_t one;
+            if (read(readyEvent_.get(), &one, sizeof(one)) != sizeof(one)) continue;  // another thread took it
+            std::shared_ptr<Connection> conn;
+            {
+                std::lock_guard<std::mutex> lock(lock_);
+                if (ready_.empty()) continue;
+                conn = std::move(ready_.front());
+                ready_.pop_front();
+                conn->state = Connection::State::kActive;
+            }
+            handleConnection(conn, true);
+            continue;
+        }
+        std::shared_ptr<Service> service;
+        std::shared_ptr<Connection> conn;
         {
             std::lock_guard<std::mutex> lock(lock_);
-            auto it = endpoints_.find(ev.data.u64);
-            if (it == endpoints_.end()) continue;
-            ep = it->second;
+            auto s = services_.find(id);
+            if (s != services_.end()) {
+                service = s->second;
+            } else {
+                auto c = connections_.find(id);
+                // Gone (closed as idle meanwhile) or already taken: nothing to do.
+                if (c == connections_.end() || c->second->state != Connection::State::kArmed) continue;
+                conn = c->second;
+                conn->state = Connection::State::kActive;
+            }
         }
-        handle(ep);
+        if (service) {
+            if (acceptAll(service)) rearmListener(*service);
+        } else {
+            handleConnection(conn, false);
+        }
     }
 }
 
-void BinderProcess::rearm(const Endpoint& ep) {
+void BinderProcess::onTimer(int fd, uint64_t id) {
+    uint64_t expirations;
+    if (read(fd, &expirations, sizeof(expirations)) == sizeof(expirations)) {
+        if (id == kSweepId) {
+            sweepIdle();
+        } else {
+            std::vector<std::shared_ptr<Service>> paused;
+            {
+                std::lock_guard<std::mutex> lock(lock_);
+                resumeArmed_ = false;
+                for (auto& [sid, service] : services_) {
+                    if (service->paused) {
+                        service->paused = false;
+                        paused.push_back(service);
+                    }
+                }
+            }
+            for (const auto& service : paused) rearmListener(*service);
+        }
+    }
     epoll_event ev{};
-    ev.events = EPOLLIN | EPOLLONESHOT | (ep.listening ? 0u : static_cast<uint32_t>(EPOLLRDHUP));
-    ev.data.u64 = ep.id;
-    // Under the lock so that the next thread to take this endpoint (it looks
-    // it up under the same lock) sees everything this one did to it.
-    std::lock_guard<std::mutex> lock(lock_);
-    // Fails only when the endpoint was removed meanwhile, which is fine.
-    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, ep.fd.get(), &ev);
+    ev.events = EPOLLIN | EPOLLONESHOT;
+    ev.data.u64 = id;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &ev);
 }
 
-void BinderProcess::handle(const std::shared_ptr<Endpoint>& ep) {
-    if (ep->listening) {
-        acceptAll(ep);
-        rearm(*ep);
-        return;
+size_t BinderProcess::serviceCapLocked() const {
+    rlimit limit{};
+    size_t room = kMaxConnections * std::max<size_t>(services_.size(), 1);
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+        room = limit.rlim_cur > kReservedFds ? limit.rlim_cur - kReservedFds : 1;
     }
-    if (readAndServe(*ep)) rearm(*ep);
+    return std::max<size_t>(1, std::min(kMaxConnections, room / std::max<size_t>(services_.size(), 1)));
 }
 
-void BinderProcess::acceptAll(const std::shared_ptr<Endpoint>& listener) {
+size_t BinderProcess::uidWorkCapLocked() const { return std::max<uint32_t>(1, serving_.load() / 2); }
+
+void BinderProcess::armSweepLocked() {
+    if (sweepArmed_) return;
+    int period = std::clamp(std::min(timeouts_.idleMs, timeouts_.stalledMs) / 4, 10, 5000);
+    SetTimer(sweepTimer_.get(), period, period);
+    sweepArmed_ = true;
+}
+
+bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
     for (;;) {
-        base::unique_fd conn(accept4(listener->fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!conn.ok()) {
+        base::unique_fd fd(accept4(service->fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!fd.ok()) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) PLOG(ERROR) << "binder: accept on " << listener->name;
-            return;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                // Retrying now would fail the same way, for ever: turn one
+                // client away so the backlog moves, and rest a moment.
+                const int saved = errno;
+                shedOne(service);
+                descriptorLog_->log(base::ERROR, "binder: cannot accept on " + service->name + ": " +
+                                                     strerror(saved) + "; pausing for " +
+                                                     std::to_string(kAcceptPauseMs) + " ms");
+                std::lock_guard<std::mutex> lock(lock_);
+                service->paused = true;
+                if (!resumeArmed_) {
+                    SetTimer(resumeTimer_.get(), kAcceptPauseMs, 0);
+                    resumeArmed_ = true;
+                }
+                return false;
+            }
+            descriptorLog_->log(base::ERROR, "binder: accept on " + service->name + ": " + strerror(errno));
+            return true;
         }
         ucred cred{};
         socklen_t len = sizeof(cred);
-        if (getsockopt(conn.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) < 0) {
-            PLOG(ERROR) << "binder: no credentials for a client of " << listener->name;
+        if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) < 0) {
+            refuseLog_->log(base::ERROR, "binder: no credentials for a client of " + service->name + ": " +
+                                             strerror(errno));
             continue;
         }
-        auto ep = std::make_shared<Endpoint>();
-        ep->fd = std::move(conn);
-        ep->name = listener->name;
-        ep->binder = listener->binder;
-        ep->uid = cred.uid;
-        ep->pid = cred.pid;
-        std::lock_guard<std::mutex> lock(lock_);
-        if (connections_ >= kMaxConnections) {
-            LOG(ERROR) << "binder: refusing a connection from pid " << cred.pid << " to " << ep->name
-                       << ": " << kMaxConnections << " connections are open";
-            continue;
+        std::string refusal;
+        {
+            std::lock_guard<std::mutex> lock(lock_);
+            const size_t cap = serviceCapLocked();
+            const size_t uidCap = std::max<size_t>(1, cap / kUidShareDivisor);
+            auto share = service->shares.find(cred.uid);
+            const size_t held = share == service->shares.end() ? 0 : share->second.connections;
+            if (service->connections >= cap) {
+                refusal = "the service " + service->name + " has too many connections (limit " +
+                          std::to_string(cap) + "); try again later";
+            } else if (held >= uidCap) {
+                refusal = "too many connections from uid " + std::to_string(cred.uid) + " (limit " +
+                          std::to_string(uidCap) + " for service " + service->name + ")";
+            } else {
+                auto conn = std::make_shared<Connection>();
+                conn->id = nextId_++;
+                conn->fd = std::move(fd);
+                conn->service = service;
+                conn->uid = cred.uid;
+                conn->pid = cred.pid;
+                conn->lastActive = Clock::now();
+                ++service->connections;
+                ++service->shares[cred.uid].connections;
+                epoll_event ev{};
+                ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+                ev.data.u64 = conn->id;
+                CHECK_EQ(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, conn->fd.get(), &ev), 0);
+                connections_[conn->id] = std::move(conn);
+                armSweepLocked();
+            }
         }
-        ep->id = nextId_++;
-        endpoints_[ep->id] = ep;
-        ++connections_;
-        epoll_event ev{};
-        ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
-        ev.data.u64 = ep->id;
-        CHECK_EQ(epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, ep->fd.get(), &ev), 0);
+        if (!refusal.empty()) {
+            WireIo::Refuse(fd.get(), FAILED_TRANSACTION, refusal);
+            refuseLog_->log(base::WARNING, "binder: refused a connection from pid " + std::to_string(cred.pid) +
+                                               ": " + refusal);
+        }
     }
 }
 
-void BinderProcess::closeConnection(const Endpoint& conn, const std::string& why) {
-    if (!why.empty()) {
-        LOG(ERROR) << "binder: closing connection from pid " << conn.pid << " uid " << conn.uid << " to "
-                   << conn.name << ": " << why;
-    }
-    buffered_ -= conn.buffer.size();
+void BinderProcess::shedOne(const std::shared_ptr<Service>& service) {
+    std::lock_guard<std::mutex> lock(reserveLock_);
+    if (!reserve_.ok()) return;
+    reserve_.reset();
+    base::unique_fd fd(accept4(service->fd.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (fd.ok()) WireIo::Refuse(fd.get(), FAILED_TRANSACTION, "the daemon is out of file descriptors; try again later");
+    fd.reset();
+    reserve_.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+void BinderProcess::rearmListener(const Service& service) {
     std::lock_guard<std::mutex> lock(lock_);
-    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, conn.fd.get(), nullptr);
-    if (endpoints_.erase(conn.id) > 0) --connections_;
+    if (service.removed || service.paused) return;
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLONESHOT;
+    ev.data.u64 = service.id;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, service.fd.get(), &ev);
 }
 
-bool BinderProcess::readAndServe(Endpoint& conn) {
+void BinderProcess::rearm(Connection& conn) {
+    epoll_event ev{};
+    ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+    ev.data.u64 = conn.id;
+    // Under the lock so that the next thread to take this connection (it
+    // looks it up under the same lock) sees everything this one did to it.
+    std::lock_guard<std::mutex> lock(lock_);
+    if (conn.state == Connection::State::kClosed) return;
+    conn.state = Connection::State::kArmed;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, conn.fd.get(), &ev);
+}
+
+void BinderProcess::handleConnection(const std::shared_ptr<Connection>& conn, bool resumed) {
+    Outcome outcome = readAndServe(conn, resumed);
+    if (outcome == Outcome::kRearm) rearm(*conn);
+}
+
+void BinderProcess::eraseLocked(Connection& conn) {
+    if (conn.state == Connection::State::kClosed) return;
+    conn.state = Connection::State::kClosed;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, conn.fd.get(), nullptr);
+    connections_.erase(conn.id);
+    Service& service = *conn.service;
+    --service.connections;
+    service.buffered -= conn.accounted;
+    auto share = service.shares.find(conn.uid);
+    if (share != service.shares.end()) {
+        --share->second.connections;
+        share->second.buffered -= conn.accounted;
+        if (share->second.connections == 0) service.shares.erase(share);
+    }
+    conn.accounted = 0;
+    conn.fd.reset();
+}
+
+void BinderProcess::closeConnection(Connection& conn, const std::string& why) {
+    if (!why.empty()) {
+        closeLog_->log(base::ERROR, "binder: closing connection from pid " + std::to_string(conn.pid) + " uid " +
+                                        std::to_string(conn.uid) + " to " + conn.service->name + ": " + why);
+    }
+    std::lock_guard<std::mutex> lock(lock_);
+    eraseLocked(conn);
+}
+
+bool BinderProcess::account(Connection& conn) {
+    const size_t now = conn.decoder.bufferedBytes();
+    std::string why;
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        Service& service = *conn.service;
+        Service::Share& share = service.shares[conn.uid];
+        service.buffered = service.buffered - conn.accounted + now;
+        share.buffered = share.buffered - conn.accounted + now;
+        conn.accounted = now;
+        const size_t uidBudget = kMaxBufferedBytes / kUidShareDivisor;
+        if (share.buffered > uidBudget) {
+            why = "unfinished transactions of uid " + std::to_string(conn.uid) + " exceed " +
+                  std::to_string(uidBudget) + " bytes";
+        } else if (service.buffered > kMaxBufferedBytes) {
+            why = "unfinished transactions exceed " + std::to_string(kMaxBufferedBytes) + " bytes in all";
+        }
+    }
+    if (why.empty()) return true;
+    closeConnection(conn, why);
+    return false;
+}
+
+bool BinderProcess::acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message) {
+    std::lock_guard<std::mutex> lock(lock_);
+    UidWork& work = work_[conn->uid];
+    if (work.busy < uidWorkCapLocked()) {
+        ++work.busy;
+        return true;
+    }
+    conn->pending = std::make_unique<WireMessage>(std::move(message));
+    conn->state = Connection::State::kDeferred;
+    work.deferred.push_back(conn);
+    return false;
+}
+
+void BinderProcess::releaseWork(uid_t uid) {
+    std::lock_guard<std::mutex> lock(lock_);
+    auto it = work_.find(uid);
+    if (it == work_.end()) return;
+    UidWork& work = it->second;
+    if (!work.deferred.empty()) {
+        // The thread slot passes to the oldest waiting transaction of the uid.
+        ready_.push_back(std::move(work.deferred.front()));
+        work.deferred.pop_front();
+        uint64_t one = 1;
+        if (write(readyEvent_.get(), &one, sizeof(one)) != sizeof(one)) {
+            PLOG(ERROR) << "binder: cannot wake a thread for a waiting transaction";
+        }
+        return;
+    }
+    if (--work.busy == 0) work_.erase(it);
+}
+
+BinderProcess::Outcome BinderProcess::readAndServe(const std::shared_ptr<Connection>& shared, bool resumed) {
+    Connection& conn = *shared;
+    if (resumed) {
+        std::unique_ptr<WireMessage> pending = std::move(conn.pending);
+        bool ok = serveOne(conn, *pending);
+        releaseWork(conn.uid);
+        if (!ok) return Outcome::kClosed;
+    }
+    bool mustRead = !resumed;
+    WireMessage message;
+    std::string error;
     for (;;) {
-        ssize_t n = WireIo::ReceiveSome(conn.fd.get(), &conn.buffer, &conn.fds);
-        if (n > 0 && buffered_.fetch_add(n) + n > kMaxBufferedBytes) {
-            closeConnection(conn, "unfinished transactions exceed " + std::to_string(kMaxBufferedBytes) +
-                                      " bytes in all");
-            return false;
+        if (mustRead) {
+            ssize_t n = WireIo::ReceiveSome(conn.fd.get(), conn.decoder.buffer(), conn.decoder.fds());
+            if (n == 0) {
+                // The client went away; an unfinished transaction is worth a line.
+                closeConnection(conn, conn.decoder.empty() ? "" : "connection closed mid-transaction");
+                return Outcome::kClosed;
+            }
+            if (n < 0) {
+                if (errno == EAGAIN || errno == EWOULDBLOCK) return Outcome::kRearm;
+                closeConnection(conn, std::string("receive failed: ") + strerror(errno));
+                return Outcome::kClosed;
+            }
+            conn.lastActive = Clock::now();
+            if (!account(conn)) return Outcome::kClosed;
         }
-        if (n == 0) {
-            // The client went away; an unfinished transaction is worth a line.
-            closeConnection(conn, conn.buffer.empty() ? "" : "connection closed mid-transaction");
-            return false;
+        mustRead = true;
+        for (;;) {
+            WireDecoder::Result result = conn.decoder.next(&message, &error);
+            if (result == WireDecoder::Result::kError) {
+                closeConnection(conn, error);
+                return Outcome::kClosed;
+            }
+            if (result == WireDecoder::Result::kNeedMore) break;
+            account(conn);  // the buffer only shrank: within every budget
+            if (!acquireWork(shared, message)) return Outcome::kDeferred;
+            bool ok = serveOne(conn, message);
+            releaseWork(conn.uid);
+            if (!ok) return Outcome::kClosed;
         }
-        if (n < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK) return true;
-            closeConnection(conn, std::string("receive failed: ") + strerror(errno));
-            return false;
-        }
-        if (conn.fds.size() > WireIo::kMaxFds) {
-            closeConnection(conn, "more descriptors than any transaction carries");
-            return false;
-        }
-        if (!serveBuffered(conn)) return false;
         // Nothing half-received: let epoll say when more comes, rather than
         // paying a read that would only find the socket empty.
-        if (conn.buffer.empty()) return true;
+        if (conn.decoder.bufferedBytes() == 0) return Outcome::kRearm;
     }
 }
 
-bool BinderProcess::serveBuffered(Endpoint& conn) {
-    while (conn.buffer.size() >= sizeof(WireHeader)) {
-        WireHeader header;
-        memcpy(&header, conn.buffer.data(), sizeof(header));
-        if (header.magic != WireIo::kRequestMagic) {
-            closeConnection(conn, "malformed transaction (bad header)");
-            return false;
+bool BinderProcess::serveOne(Connection& conn, WireMessage& message) {
+    Parcel data, reply;
+    data.setData(std::move(message.data), std::move(message.fds));
+    status_t st;
+    {
+        IPCThreadState::ScopedIdentity identity(conn.uid, conn.pid);
+        st = conn.service->binder->transact(message.codeOrStatus, data, &reply);
+    }
+    if (st != OK) reply.clear();
+    if (WireIo::Send(conn.fd.get(), WireIo::kReplyMagic, static_cast<uint32_t>(st), reply, kReplyTimeoutMs) != OK) {
+        closeConnection(conn, "cannot send the reply");
+        return false;
+    }
+    conn.lastActive = Clock::now();
+    return true;
+}
+
+void BinderProcess::sweepIdle() {
+    std::vector<std::shared_ptr<Connection>> closed;
+    size_t idle = 0, stalled = 0;
+    Timeouts limits;
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        limits = timeouts_;
+        const auto now = Clock::now();
+        for (auto& [id, conn] : connections_) {
+            if (conn->state != Connection::State::kArmed) continue;
+            const bool partial = !conn->decoder.empty();
+            if (now - conn->lastActive < std::chrono::milliseconds(partial ? limits.stalledMs : limits.idleMs)) {
+                continue;
+            }
+            // Bytes waiting mean a thread is about to serve it: not idle.
+            pollfd pfd{conn->fd.get(), POLLIN, 0};
+            if (poll(&pfd, 1, 0) > 0 && !(pfd.revents & (POLLHUP | POLLERR))) continue;
+            closed.push_back(conn);
+            ++(partial ? stalled : idle);
         }
-        if (header.dataSize > WireIo::kMaxDataSize) {
-            closeConnection(conn, "transaction of " + std::to_string(header.dataSize) +
-                                      " bytes exceeds the limit of " +
-                                      std::to_string(WireIo::kMaxDataSize) + " bytes");
-            return false;
-        }
-        if (header.fdCount > WireIo::kMaxFds) {
-            closeConnection(conn, "transaction with " + std::to_string(header.fdCount) +
-                                      " descriptors exceeds the limit");
-            return false;
-        }
-        size_t total = sizeof(header) + header.dataSize;
-        if (conn.buffer.size() < total) break;
-        if (conn.fds.size() < header.fdCount) {
-            closeConnection(conn, "malformed transaction (descriptors missing)");
-            return false;
-        }
-        std::vector<base::unique_fd> fds;
-        for (uint32_t i = 0; i < header.fdCount; ++i) fds.push_back(std::move(conn.fds[i]));
-        conn.fds.erase(conn.fds.begin(), conn.fds.begin() + header.fdCount);
-        Parcel data, reply;
-        data.setData(conn.buffer.substr(sizeof(header), header.dataSize), std::move(fds));
-        conn.buffer.erase(0, total);
-        buffered_ -= total;
-        status_t st;
-        {
-            IPCThreadState::ScopedIdentity identity(conn.uid, conn.pid);
-            st = conn.binder->transact(header.codeOrStatus, data, &reply);
-        }
-        if (st != OK) reply.clear();
-        if (WireIo::Send(conn.fd.get(), WireIo::kReplyMagic, static_cast<uint32_t>(st), reply,
-                         kReplyTimeoutMs) != OK) {
-            closeConnection(conn, "cannot send the reply");
-            return false;
+        for (auto& conn : closed) eraseLocked(*conn);
+        if (connections_.empty()) {
+            SetTimer(sweepTimer_.get(), 0, 0);
+            sweepArmed_ = false;
         }
     }
-    return true;
+    if (idle > 0) {
+        LOG(INFO) << "binder: closed " << idle << " connection(s) idle for more than " << Seconds(limits.idleMs);
+    }
+    if (stalled > 0) {
+        LOG(WARNING) << "binder: closed " << stalled << " connection(s) stalled mid-transaction for more than "
+                     << Seconds(limits.stalledMs);
+    }
 }
 
 }  // namespace android

@@ -1,5 +1,8 @@
 #include "platform/binder/BpBinder.h"
 
+#include <poll.h>
+
+#include <atomic>
 #include <cstring>
 #include <utility>
 
@@ -9,66 +12,115 @@
 
 namespace android {
 namespace {
+
 constexpr size_t kMaxIdleConnections = 16;
+std::atomic<int> gCallTimeoutMs{-1};
+thread_local std::string tLastError;
+
+// A pooled connection is fit for a call when the server has neither closed it
+// nor sent anything on it (a refusal, say) since its last reply.
+bool StillQuiet(int fd) {
+    pollfd pfd{fd, POLLIN | POLLRDHUP, 0};
+    return poll(&pfd, 1, 0) == 0;
 }
 
+std::string Seconds(int ms) {
+    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
+}
+
+}  // namespace
+
+void BpBinder::SetCallTimeoutMs(int timeoutMs) { gCallTimeoutMs = timeoutMs < 0 ? -1 : timeoutMs; }
+
+int BpBinder::CallTimeoutMs() { return gCallTimeoutMs.load(); }
+
+const std::string& BpBinder::LastError() { return tLastError; }
+
 sp<BpBinder> BpBinder::Connect(const std::string& name, const std::string& socketPath) {
-    base::unique_fd conn = WireIo::Connect(socketPath);
+    base::unique_fd conn = WireIo::Connect(socketPath, CallTimeoutMs());
     if (!conn.ok()) return nullptr;
     return std::make_shared<BpBinder>(name, socketPath, std::move(conn));
 }
 
 BpBinder::BpBinder(std::string name, std::string socketPath, base::unique_fd first)
     : name_(std::move(name)), path_(std::move(socketPath)) {
-    idle_.push_back(std::move(first));
+    idle_.push_back({std::move(first), std::chrono::steady_clock::now()});
 }
 
 base::unique_fd BpBinder::takeConnection(bool* reused) {
     {
         std::lock_guard<std::mutex> lock(lock_);
-        if (!idle_.empty()) {
-            base::unique_fd conn = std::move(idle_.back());
+        const auto now = std::chrono::steady_clock::now();
+        while (!idle_.empty()) {
+            Idle idle = std::move(idle_.back());
             idle_.pop_back();
-            *reused = true;
-            return conn;
+            if (now - idle.since < std::chrono::milliseconds(kMaxIdleReuseMs) && StillQuiet(idle.fd.get())) {
+                *reused = true;
+                return std::move(idle.fd);
+            }
         }
     }
     *reused = false;
-    return WireIo::Connect(path_);
+    return WireIo::Connect(path_, CallTimeoutMs());
 }
 
 void BpBinder::giveBack(base::unique_fd conn) {
     std::lock_guard<std::mutex> lock(lock_);
-    if (idle_.size() < kMaxIdleConnections) idle_.push_back(std::move(conn));
+    if (idle_.size() < kMaxIdleConnections) idle_.push_back({std::move(conn), std::chrono::steady_clock::now()});
+}
+
+status_t BpBinder::fail(status_t status, const std::string& sentence) {
+    tLastError = sentence;
+    LOG(ERROR) << "binder: " << sentence;
+    return status;
 }
 
 status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
+    tLastError.clear();
+    const int timeoutMs = CallTimeoutMs();
+    const std::string service = "service " + name_;
     for (int attempt = 0; attempt < 2; ++attempt) {
         bool reused = false;
         base::unique_fd conn = takeConnection(&reused);
         if (!conn.ok()) {
-            LOG(ERROR) << "binder: cannot reach service " << name_ << ": " << strerror(errno);
-            return DEAD_OBJECT;
+            if (errno == ETIMEDOUT) {
+                return fail(TIMED_OUT, service + " did not accept a connection within " + Seconds(timeoutMs));
+            }
+            return fail(DEAD_OBJECT, "cannot reach " + service + ": " + strerror(errno));
         }
-        status_t st = WireIo::Send(conn.get(), WireIo::kRequestMagic, code, data, -1);
-        if (st == DEAD_OBJECT && reused) {
-            // A pooled connection whose server went away (a restarted
-            // service): nothing was delivered, so a fresh connection may retry.
-            continue;
-        }
-        if (st != OK) return st;
+        status_t st = WireIo::Send(conn.get(), WireIo::kRequestMagic, code, data, timeoutMs);
         uint32_t transportStatus = 0;
         Parcel received;
-        st = WireIo::Receive(conn.get(), WireIo::kReplyMagic, &transportStatus, &received);
+        std::string refusal;
+        if (st == BAD_VALUE) return fail(BAD_VALUE, "the request is larger than a transaction may be");
+        if (st == TIMED_OUT) {
+            return fail(TIMED_OUT, service + " did not take the request within " + Seconds(timeoutMs));
+        }
         if (st != OK) {
-            LOG(ERROR) << "binder: no reply from service " << name_ << " (transaction " << code << ")";
-            return DEAD_OBJECT;
+            // A server that turned the connection away said why before closing it.
+            status_t refused = WireIo::Receive(conn.get(), &transportStatus, &received, 0, &refusal);
+            if (!refusal.empty()) return fail(refused, refusal);
+            // A pooled connection whose server went away (a restarted
+            // service): nothing was delivered, so a fresh connection may retry.
+            if (reused) continue;
+            return fail(DEAD_OBJECT, "the " + service + " closed the connection before the request was sent");
+        }
+        st = WireIo::Receive(conn.get(), &transportStatus, &received, timeoutMs, &refusal);
+        if (!refusal.empty()) return fail(st, refusal);
+        if (st == TIMED_OUT) {
+            return fail(TIMED_OUT, "no reply from " + service + " within " + Seconds(timeoutMs) +
+                                       " (transaction " + std::to_string(code) + ")");
+        }
+        if (st == BAD_VALUE) return fail(DEAD_OBJECT, "the " + service + " sent a malformed reply");
+        if (st != OK) {
+            return fail(DEAD_OBJECT, "the " + service + " closed the connection before replying (transaction " +
+                                         std::to_string(code) + ")");
         }
         if (reply != nullptr) *reply = std::move(received);
         giveBack(std::move(conn));
         return static_cast<status_t>(transportStatus);
     }
-    return DEAD_OBJECT;
+    return fail(DEAD_OBJECT, "the " + service + " closed the connection before the request was sent");
 }
 
 std::string BpBinder::getInterfaceDescriptor() {

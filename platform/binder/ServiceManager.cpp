@@ -237,6 +237,15 @@ bool ServiceManager::removeService(const std::string& name) {
     return true;
 }
 
+void ServiceManager::removeAllServices() {
+    std::lock_guard<std::mutex> lock(lock_);
+    for (const auto& [path, binder] : local_) {
+        BinderProcess::self().removeListener(path);
+        unlink(path.c_str());
+    }
+    local_.clear();
+}
+
 std::vector<std::string> ServiceManager::listServices() {
     std::vector<std::string> names;
     std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(ServiceDir().c_str()), closedir);

@@ -42,6 +42,8 @@ public:
     sp<IBinder> waitForService(const std::string& name, int timeoutMs = -1);
     // Withdraws a service this process added: no new clients reach it.
     bool removeService(const std::string& name);
+    // Withdraws every service this process added (a daemon that is stopping).
+    void removeAllServices();
     // Names of the services whose sockets are present.
     std::vector<std::string> listServices();
 

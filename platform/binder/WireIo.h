@@ -29,6 +29,9 @@ class WireIo {
 public:
     static constexpr uint32_t kRequestMagic = 0x58544254;  // "TBTX"
     static constexpr uint32_t kReplyMagic = 0x50524254;    // "TBRP"
+    // Sent instead of a reply by a server that turns a connection away; the
+    // data is a sentence for the client's user, the status field its status.
+    static constexpr uint32_t kRefuseMagic = 0x46524254;   // "TBRF"
     // Binder's own transaction buffer is 1 MiB; nothing bigger is accepted.
     static constexpr uint32_t kMaxDataSize = 1024 * 1024;
     static constexpr uint32_t kMaxFds = 32;
@@ -38,12 +41,19 @@ public:
     // that stops reading cannot hold the sender for ever.
     static status_t Send(int sock, uint32_t magic, uint32_t codeOrStatus, const Parcel& parcel,
                          int timeoutMs);
-    // Blocks for one whole message with the expected magic.
-    static status_t Receive(int sock, uint32_t magic, uint32_t* codeOrStatus, Parcel* parcel);
+    // Blocks for one whole reply (`timeoutMs` < 0: no limit; TIMED_OUT when
+    // it passes). A refusal instead of the reply returns its status and puts
+    // its sentence in `refusal`.
+    static status_t Receive(int sock, uint32_t* codeOrStatus, Parcel* parcel, int timeoutMs,
+                            std::string* refusal);
+    // Tells a client why its connection is being closed, without waiting:
+    // a peer that does not read simply misses the sentence.
+    static void Refuse(int sock, status_t status, const std::string& sentence);
 
     // Connects a close-on-exec stream socket to `path`; paths too long for
-    // sockaddr_un go through the directory's /proc/self/fd entry.
-    static base::unique_fd Connect(const std::string& path);
+    // sockaddr_un go through the directory's /proc/self/fd entry. A listener
+    // whose backlog is full is retried until `timeoutMs` (< 0: no limit).
+    static base::unique_fd Connect(const std::string& path, int timeoutMs = -1);
     // Binds a new listening-ready (non-blocking, close-on-exec) socket to `path`.
     static base::unique_fd Bind(const std::string& path);
 

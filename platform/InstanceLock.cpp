@@ -1,0 +1,58 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "platform/Host.h"
+#include "platform/Root.h"
+
+namespace platform {
+namespace host {
+namespace {
+
+std::string LockPath(const std::string& name) { return DevicePath("/dev/." + name + ".lock"); }
+
+}  // namespace
+
+android::base::unique_fd AcquireInstanceLock(const std::string& name, std::string* why) {
+    const std::string path = LockPath(name);
+    mkdir(DevicePath("/dev").c_str(), 0755);
+    android::base::unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+    if (!fd.ok()) {
+        *why = "cannot open " + path + ": " + strerror(errno);
+        return fd;
+    }
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        const int saved = errno;
+        char pid[32] = {};
+        ssize_t n = pread(fd.get(), pid, sizeof(pid) - 1, 0);
+        std::string holder = n > 0 ? std::string(pid, static_cast<size_t>(n)) : "";
+        while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' ')) holder.pop_back();
+        if (saved == EWOULDBLOCK) {
+            *why = "another " + name + (holder.empty() ? "" : " (pid " + holder + ")") +
+                   " is already running on root " + GetRoot();
+        } else {
+            *why = "cannot lock " + path + ": " + strerror(saved);
+        }
+        return android::base::unique_fd();
+    }
+    const std::string pid = std::to_string(getpid()) + "\n";
+    if (ftruncate(fd.get(), 0) != 0 || pwrite(fd.get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+        *why = "cannot write " + path + ": " + strerror(errno);
+        return android::base::unique_fd();
+    }
+    return fd;
+}
+
+void ReleaseInstanceLock(const std::string& name, android::base::unique_fd lock) {
+    // Unlinked while still held, so that a new daemon never locks a file
+    // that is about to disappear under it.
+    if (lock.ok()) unlink(LockPath(name).c_str());
+    lock.reset();
+}
+
+}  // namespace host
+}  // namespace platform
