@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/Host.h"
 #include "platform/Root.h"
 #include "platform/binder/ITarnisSsi.h"
 #include "platform/binder/ITarnisSsiIntl.h"
 #include "platform/binder/NdkBinder.h"
 #include "tools/tarnisctl/CtlCommand.h"
+#include "utils/JsonUtil.h"
 
 namespace tarnisctl {
 namespace {
@@ -31,22 +33,81 @@ ndk::SpAIBinder FindService(const char* descriptor) {
     return binder;
 }
 
+// The interface behind a service found above; null with the reason printed
+// (the daemon may turn the connection away, and then says why).
+template <typename Interface>
+std::shared_ptr<Interface> Connect(ndk::SpAIBinder* binder) {
+    *binder = FindService(Interface::descriptor);
+    if (!*binder) return nullptr;
+    std::shared_ptr<Interface> service = Interface::fromBinder(*binder);
+    if (service) return service;
+    const std::string& why = platform::host::LastBinderError();
+    if (!why.empty()) {
+        fprintf(stderr, "tarnisctl: %s\n", why.c_str());
+    } else {
+        fprintf(stderr, "tarnisctl: the service at %s is not %s\n", platform::GetRoot().c_str(),
+                Interface::descriptor);
+    }
+    return nullptr;
+}
+
+// A failed call as a sentence: the transport's own account when the call
+// never completed, else what the daemon's status means.
+std::string Explain(binder_status_t status) {
+    const std::string& transport = platform::host::LastBinderError();
+    if (!transport.empty()) return transport;
+    switch (status) {
+        case android::TIMED_OUT:
+            return "the daemon gave up: the output was not read in time";
+        case android::DEAD_OBJECT:
+            return "the daemon could not finish: the output was closed before it was written";
+        case android::FAILED_TRANSACTION:
+            return "the daemon refused the call";
+        case android::UNKNOWN_TRANSACTION:
+            return "the daemon does not know this call (is it an older version?)";
+        case android::BAD_VALUE:
+            return "the daemon found the call's arguments malformed";
+        case android::PERMISSION_DENIED:
+            return "the daemon does not allow this caller";
+        case android::NO_MEMORY:
+            return "the daemon ran out of memory";
+        case android::UNKNOWN_ERROR:
+            return "the daemon could not complete the call";
+        default:
+            return "the call failed with status " + std::to_string(status);
+    }
+}
+
 int Report(const char* what, const ndk::ScopedAStatus& status) {
     if (status.isOk()) return 0;
-    fprintf(stderr, "%s: %s\n", what, status.getDescription().c_str());
+    if (status.getExceptionCode() == EX_TRANSACTION_FAILED) {
+        fprintf(stderr, "%s: %s\n", what, Explain(status.getStatus()).c_str());
+    } else {
+        fprintf(stderr, "%s: %s\n", what, status.getDescription().c_str());
+    }
     return 1;
 }
 
+// Arguments that should hold JSON are checked before sending: a mistake is
+// pointed out, but the text still goes to the daemon, whose answer decides.
+void WarnUnlessJson(const char* what, const std::string& text) {
+    Json::Value ignored;
+    std::string error;
+    if (!velmar::kolto::JsonUtil::ConvertStringToJson(text, ignored, &error)) {
+        fprintf(stderr, "tarnisctl: warning: %s is not valid JSON (%s); sending it anyway\n", what, error.c_str());
+    }
+}
+
 int Dump(const std::vector<std::string>& args) {
-    ndk::SpAIBinder binder = FindService(ITarnisSsi::descriptor);
-    if (!binder) return 1;
+    ndk::SpAIBinder binder;
+    if (!Connect<ITarnisSsi>(&binder)) return 1;
     std::vector<const char*> argv;
     for (const std::string& arg : args) argv.push_back(arg.c_str());
     fflush(stdout);
     binder_status_t status =
         AIBinder_dump(binder.get(), STDOUT_FILENO, argv.data(), static_cast<uint32_t>(argv.size()));
     if (status != STATUS_OK) {
-        fprintf(stderr, "dump: failed with status %d\n", status);
+        fprintf(stderr, "dump: %s\n", Explain(status).c_str());
         return 1;
     }
     return 0;
@@ -54,9 +115,9 @@ int Dump(const std::vector<std::string>& args) {
 
 int Intent(const std::vector<std::string>& args) {
     if (args.size() != 2) return UsageError("intent needs ACTION and JSON");
-    ndk::SpAIBinder binder = FindService(ITarnisSsiIntl::descriptor);
-    if (!binder) return 1;
-    std::shared_ptr<ITarnisSsiIntl> service = ITarnisSsiIntl::fromBinder(binder);
+    WarnUnlessJson("the intent's JSON", args[1]);
+    ndk::SpAIBinder binder;
+    std::shared_ptr<ITarnisSsiIntl> service = Connect<ITarnisSsiIntl>(&binder);
     if (!service) return 1;
     return Report("transferMessage", service->transferMessage(args[0], args[1]));
 }
@@ -83,14 +144,19 @@ bool ParseBool(const std::string& text, bool* out) {
     return true;
 }
 
-bool ParseList(const std::string& text, std::vector<std::string>* out) {
+// A JSON array of strings; false with the reason otherwise.
+bool ParseList(const std::string& text, std::vector<std::string>* out, std::string* why) {
     Json::Value root;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isArray()) return false;
+    if (!velmar::kolto::JsonUtil::ConvertStringToJson(text, root, why)) return false;
+    if (!root.isArray()) {
+        *why = "not a JSON array";
+        return false;
+    }
     for (const Json::Value& item : root) {
-        if (!item.isString()) return false;
+        if (!item.isString()) {
+            *why = "an element is not a string";
+            return false;
+        }
         out->push_back(item.asString());
     }
     return true;
@@ -116,11 +182,10 @@ int Event(const std::vector<std::string>& args) {
     bool flag = false;
     std::vector<std::string> list;
 
+    std::string why;
+    auto badList = [&](const char* form) { return UsageError("event " + op + ": JSON_LIST " + why + "; usage: event " + op + " " + form); };
     ndk::SpAIBinder binder;
-    auto service = [&]() -> std::shared_ptr<ITarnisSsi> {
-        binder = FindService(ITarnisSsi::descriptor);
-        return binder ? ITarnisSsi::fromBinder(binder) : nullptr;
-    };
+    auto service = [&]() { return Connect<ITarnisSsi>(&binder); };
     if (op == "reportSimpleEvent") {
         if (a.size() != 2 || !ParseInt(a[0], &number)) return wrong("INT TEXT");
         auto s = service();
@@ -138,17 +203,19 @@ int Event(const std::vector<std::string>& args) {
         auto s = service();
         return s ? Report(op.c_str(), s->appCaptureLog(a[0], a[1], a[2], a[3])) : 1;
     } else if (op == "reportEventsV2") {
-        if (a.size() != 4 || !ParseList(a[1], &list) || !ParseBool(a[3], &flag)) return wrong("A JSON_LIST C BOOL");
+        if (a.size() != 4 || !ParseBool(a[3], &flag)) return wrong("A JSON_LIST C BOOL");
+        if (!ParseList(a[1], &list, &why)) return badList("A JSON_LIST C BOOL");
         auto s = service();
         return s ? Report(op.c_str(), s->reportEventsV2(a[0], list, a[2], flag)) : 1;
     } else if (op == "reportTrelvoEvent") {
         if (a.size() != 4 || !ParseInt(a[3], &number)) return wrong("APP_ID PACKAGE PAYLOAD INT");
+        WarnUnlessJson("PAYLOAD", a[2]);
         auto s = service();
         return s ? Report(op.c_str(), s->reportTrelvoEvent(a[0], a[1], a[2], number)) : 1;
     } else if (op == "reportTrelvoEvents") {
-        if (a.size() != 4 || !ParseList(a[2], &list) || !ParseInt(a[3], &number)) {
-            return wrong("APP_ID PACKAGE JSON_LIST INT");
-        }
+        if (a.size() != 4 || !ParseInt(a[3], &number)) return wrong("APP_ID PACKAGE JSON_LIST INT");
+        if (!ParseList(a[2], &list, &why)) return badList("APP_ID PACKAGE JSON_LIST INT");
+        for (size_t i = 0; i < list.size(); ++i) WarnUnlessJson(("payload " + std::to_string(i + 1)).c_str(), list[i]);
         auto s = service();
         return s ? Report(op.c_str(), s->reportTrelvoEvents(a[0], a[1], list, number)) : 1;
     }

@@ -1,8 +1,11 @@
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "platform/Host.h"
 #include "platform/Log.h"
 #include "platform/Root.h"
 #include "tools/tarnisctl/CtlCommand.h"
@@ -10,15 +13,21 @@
 namespace tarnisctl {
 namespace {
 
+// Longer than the daemon's own limit for a dump (10 s), so that its account
+// of a dump that could not be delivered reaches the user first.
+constexpr int kDefaultTimeoutS = 30;
+
 std::vector<CtlCommand>& MutableCommands() {
     static auto* commands = new std::vector<CtlCommand>;
     return *commands;
 }
 
 void PrintUsage(FILE* out) {
-    fprintf(out, "usage: tarnisctl [--root DIR] COMMAND [ARGS...]\n\n");
+    fprintf(out, "usage: tarnisctl [--root DIR] [--timeout SECONDS] COMMAND [ARGS...]\n\n");
     fprintf(out, "Talks to a running tarnisd (and to the property store) below DIR\n");
-    fprintf(out, "(default: $TARNIS_ROOT, else /).\n\ncommands:\n");
+    fprintf(out, "(default: $TARNIS_ROOT, else /). A call that gets no answer within\n");
+    fprintf(out, "SECONDS (default %d) fails with a message instead of waiting.\n\ncommands:\n",
+            kDefaultTimeoutS);
     for (const CtlCommand& command : Commands()) {
         fprintf(out, "  %s %s\n      %s\n", command.name.c_str(), command.usage.c_str(),
                 command.summary.c_str());
@@ -43,8 +52,10 @@ int UsageError(const std::string& message) {
 
 int main(int argc, char** argv) {
     using namespace tarnisctl;
-    // The tool's own log lines are for diagnosing it, not for its user.
-    platform::SetStderrLogLevel(ANDROID_LOG_WARN);
+    // The tool's own log lines are for diagnosing it (TARNIS_LOG_LEVEL shows
+    // them); its user gets one sentence per failure instead.
+    if (getenv("TARNIS_LOG_LEVEL") == nullptr) platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
+    platform::host::SetBinderCallTimeoutMs(kDefaultTimeoutS * 1000);
     int i = 1;
     for (; i < argc; ++i) {
         std::string arg = argv[i];
@@ -56,6 +67,21 @@ int main(int argc, char** argv) {
             platform::SetRoot(argv[++i]);
         } else if (arg.compare(0, 7, "--root=") == 0) {
             platform::SetRoot(arg.substr(7));
+        } else if (arg == "--timeout" || arg.compare(0, 10, "--timeout=") == 0) {
+            std::string value;
+            if (arg == "--timeout") {
+                if (i + 1 >= argc) return UsageError("--timeout needs a number of seconds");
+                value = argv[++i];
+            } else {
+                value = arg.substr(10);
+            }
+            char* end = nullptr;
+            errno = 0;
+            double seconds = strtod(value.c_str(), &end);
+            if (value.empty() || *end != '\0' || errno != 0 || !(seconds > 0) || seconds > 86400) {
+                return UsageError("--timeout needs a number of seconds between 0 and 86400, not '" + value + "'");
+            }
+            platform::host::SetBinderCallTimeoutMs(static_cast<int>(seconds * 1000));
         } else if (!arg.empty() && arg[0] == '-') {
             return UsageError("unknown option " + arg);
         } else {

@@ -1,0 +1,375 @@
+// Clients that misbehave, by accident or on purpose, against a service of
+// this process: none may take the server down, hold its threads, or lock
+// other callers out; each leaves the server's descriptors and threads as
+// they were.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "platform/LogCapture.h"
+#include "platform/Root.h"
+#include "platform/binder/BinderProcess.h"
+#include "platform/binder/BpBinder.h"
+#include "platform/binder/ServiceManager.h"
+#include "platform/binder/WireIo.h"
+#include "tests/binder/EchoSsi.h"
+#include "tests/support/ProcessCounts.h"
+#include "tests/support/TempDir.h"
+
+using aidl::velmar::system::tarnis::common::ITarnisSsi;
+using android::BinderProcess;
+using android::BpBinder;
+using android::ServiceManager;
+using android::WireHeader;
+using android::WireIo;
+using android::base::unique_fd;
+using tarnis_test::ProcessCounts;
+using tarnis_test::RunAsUid;
+
+namespace {
+
+const std::string kName = std::string(ITarnisSsi::descriptor) + "/default";
+constexpr uid_t kShellUid = 2000;
+
+class HostileClientTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        chmod(root_.path().c_str(), 0755);  // reachable by a child that drops to another uid
+        platform::SetRoot(root_.path());
+        impl_ = ndk::SharedRefBase::make<EchoSsi>();
+        ASSERT_EQ(AServiceManager_addService(impl_->asBinder().get(), kName.c_str()), STATUS_OK);
+        // Two threads: one uid may take one of them, so a client that held a
+        // thread for good would starve everybody else at once.
+        BinderProcess::self().setMaxThreads(2);
+        ABinderProcess_startThreadPool();
+        BinderProcess::Timeouts timeouts;
+        timeouts.idleMs = 60000;
+        timeouts.stalledMs = 60000;
+        timeouts.dumpMs = 1500;
+        BinderProcess::self().setTimeouts(timeouts);
+        path_ = ServiceManager::SocketPath(kName);
+        proxy_ = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
+        ASSERT_NE(proxy_, nullptr);
+        ASSERT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
+        before_ = ProcessCounts::Of();
+    }
+    void TearDown() override {
+        proxy_.reset();
+        EXPECT_TRUE(ProcessCounts::Await(Expected()))
+            << "before: " << before_.ToString() << ", after: " << ProcessCounts::Of().ToString();
+        BinderProcess::self().setTimeouts(BinderProcess::Timeouts());
+        ServiceManager::instance().removeService(kName);
+        platform::SetRoot("/");
+    }
+    // The proxy's pooled connection and the server's end of it go away with
+    // the proxy.
+    ProcessCounts Expected() const {
+        ProcessCounts expected = before_;
+        expected.fds -= 2;
+        return expected;
+    }
+    static bool RequireRoot() { return geteuid() == 0; }
+    size_t Connections() { return BinderProcess::self().usage(path_).connections; }
+    size_t Buffered() { return BinderProcess::self().usage(path_).bufferedBytes; }
+    // A pipe whose buffer is full and whose reader never reads.
+    static void FullPipe(int fds[2]) {
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+        int flags = fcntl(fds[1], F_GETFL);
+        fcntl(fds[1], F_SETFL, flags | O_NONBLOCK);
+        std::string block(65536, 'x');
+        while (write(fds[1], block.data(), block.size()) > 0) {
+        }
+        fcntl(fds[1], F_SETFL, flags);
+    }
+    binder_status_t Dump(int fd) {
+        const char* args[] = {"x"};
+        return AIBinder_dump(proxy_->asBinder().get(), fd, args, 1);
+    }
+
+    tarnis_test::TempDir root_;
+    std::shared_ptr<EchoSsi> impl_;
+    std::string path_;
+    std::shared_ptr<ITarnisSsi> proxy_;
+    ProcessCounts before_;
+};
+
+TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
+    platform::LogCapture capture;
+    // This test process does not ignore SIGPIPE: the write into a pipe
+    // without a reader would kill it if the relay let the signal through.
+    ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    close(fds[0]);
+    EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
+    close(fds[1]);
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    close(pair[0]);
+    EXPECT_EQ(Dump(pair[1]), android::DEAD_OBJECT);
+    close(pair[1]);
+    EXPECT_EQ(capture.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
+                                std::to_string(getpid()) + " uid " + std::to_string(getuid()) +
+                                ": the reader went away after 0 of 7 bytes",
+                            "", ANDROID_LOG_ERROR),
+              2u);
+    // The thread is back in the pool and the server still answers.
+    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
+    // A reader that stays gets every byte, whatever the descriptor.
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    EXPECT_EQ(Dump(fds[1]), STATUS_OK);
+    close(fds[1]);
+    char buf[32] = {};
+    EXPECT_EQ(read(fds[0], buf, sizeof(buf)), 7);
+    EXPECT_STREQ(buf, "dump x\n");
+    close(fds[0]);
+}
+
+TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) {
+    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    platform::LogCapture capture;
+    // Two stuck dumps from this uid: more than its share of the pool.
+    int first[2], second[2];
+    FullPipe(first);
+    FullPipe(second);
+    std::atomic<int> finished{0};
+    std::vector<binder_status_t> results(2, STATUS_OK);
+    std::vector<std::thread> dumps;
+    for (int i = 0; i < 2; ++i) {
+        dumps.emplace_back([&, i] {
+            results[i] = Dump(i == 0 ? first[1] : second[1]);
+            ++finished;
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // Another uid's call is served while both dumps still wait on their readers.
+    EXPECT_EQ(RunAsUid(kShellUid, [&] {
+                  auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
+                  return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk() ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(finished.load(), 0);
+    for (auto& t : dumps) t.join();
+    EXPECT_EQ(results[0], android::TIMED_OUT);
+    EXPECT_EQ(results[1], android::TIMED_OUT);
+    EXPECT_EQ(capture.Count("the output was not drained within 1500 ms; gave up after 0 of 7 bytes", "",
+                            ANDROID_LOG_ERROR),
+              2u);
+    for (int fd : {first[0], first[1], second[0], second[1]}) close(fd);
+    // Both threads are back.
+    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
+}
+
+TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
+    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    platform::LogCapture capture;
+    int ready[2], release[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(release), 0);
+    pid_t holder = fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        if (setgid(kShellUid) != 0 || setuid(kShellUid) != 0) _exit(99);
+        // Far more connections than one uid's share, all left idle.
+        std::vector<unique_fd> held;
+        for (int i = 0; i < 400; ++i) held.push_back(WireIo::Connect(path_, 2000));
+        // The last ones were turned away, with a reason.
+        int told = 0;
+        for (size_t i = held.size() - 20; i < held.size(); ++i) {
+            uint32_t status = 0;
+            android::Parcel reply;
+            std::string refusal;
+            WireIo::Receive(held[i].get(), &status, &reply, 2000, &refusal);
+            if (refusal.rfind("too many connections from uid 2000 (limit ", 0) == 0) ++told;
+        }
+        // A proxy of this uid now gets the same sentence, not a failure about the interface.
+        auto proxy = BpBinder::Connect(kName, path_);
+        bool explained = proxy != nullptr && proxy->getInterfaceDescriptor().empty() &&
+                         BpBinder::LastError().rfind("too many connections from uid 2000", 0) == 0;
+        char c = told == 20 && explained ? 'y' : 'n';
+        if (write(ready[1], &c, 1) != 1) _exit(2);
+        if (read(release[0], &c, 1) != 1) _exit(3);
+        // Closed by the server once idle (or refused at once): end of stream on every one.
+        int closed = 0;
+        for (size_t i = 0; i < held.size() - 20; ++i) {
+            pollfd pfd{held[i].get(), POLLIN, 0};
+            char bytes[256];
+            ssize_t n = 1;
+            while (n > 0 && poll(&pfd, 1, 5000) == 1) n = read(held[i].get(), bytes, sizeof(bytes));
+            if (n == 0) ++closed;
+        }
+        _exit(closed == static_cast<int>(held.size()) - 20 ? 0 : 4);
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    EXPECT_EQ(c, 'y');
+    const size_t share = BinderProcess::kMaxConnections / BinderProcess::kUidShareDivisor;
+    EXPECT_EQ(Connections(), share + 1);  // the holder's share and our proxy's connection
+    // Another uid (ours) is served while the share is held.
+    auto fresh = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_TRUE(fresh->reportSimpleEvent(0, "quiet").isOk());
+    fresh.reset();
+    EXPECT_TRUE(capture.Contains("binder: refused a connection from pid " + std::to_string(holder) +
+                                     ": too many connections from uid 2000",
+                                 "", ANDROID_LOG_WARN));
+
+    // Idle connections are closed; a proxy whose pooled connection went that
+    // way reconnects without its caller noticing.
+    BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
+    timeouts.idleMs = 200;
+    BinderProcess::self().setTimeouts(timeouts);
+    ASSERT_EQ(write(release[1], "x", 1), 1);
+    int status = 0;
+    waitpid(holder, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    for (int i = 0; i < 200 && Connections() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(Connections(), 0u);
+    EXPECT_TRUE(capture.Contains("idle for more than 200 ms", "", ANDROID_LOG_INFO));
+    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
+    for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+}
+
+TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
+    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    platform::LogCapture capture;
+    const size_t uidBudget = BinderProcess::kMaxBufferedBytes / BinderProcess::kUidShareDivisor;
+    int ready[2], release[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(release), 0);
+    pid_t hog = fork();
+    ASSERT_GE(hog, 0);
+    if (hog == 0) {
+        if (setgid(kShellUid) != 0 || setuid(kShellUid) != 0) _exit(99);
+        // Each connection sends all but the last byte of a largest transaction.
+        const uint32_t size = WireIo::kMaxDataSize;
+        std::string body(size - 1, 'b');
+        std::vector<unique_fd> held;
+        for (size_t i = 0; i < uidBudget / size + 2; ++i) {
+            held.push_back(WireIo::Connect(path_, 2000));
+            WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, size, 0};
+            if (send(held.back().get(), &header, sizeof(header), MSG_NOSIGNAL) != sizeof(header)) _exit(2);
+            size_t sent = 0;
+            while (sent < body.size()) {
+                ssize_t n = send(held.back().get(), body.data() + sent, body.size() - sent, MSG_NOSIGNAL);
+                if (n <= 0) break;  // closed by the server: over the budget
+                sent += static_cast<size_t>(n);
+            }
+        }
+        char c = 'y';
+        if (write(ready[1], &c, 1) != 1) _exit(3);
+        if (read(release[0], &c, 1) != 1) _exit(4);
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    for (int i = 0; i < 200 && !capture.Contains("exceed"); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_TRUE(capture.Contains("unfinished transactions of uid 2000 exceed " + std::to_string(uidBudget) +
+                                     " bytes",
+                                 "", ANDROID_LOG_ERROR));
+    EXPECT_LE(Buffered(), uidBudget);
+    // Another uid's call, large itself, is served meanwhile.
+    std::string big(512 * 1024, 'q');
+    EXPECT_EQ(proxy_->reportNativeFeatureEvent(big, "", "").getMessage().size(),
+              big.size() + ("|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid())).size());
+    // Stalled half-way, they are closed in time and their memory given back.
+    BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
+    timeouts.stalledMs = 200;
+    BinderProcess::self().setTimeouts(timeouts);
+    for (int i = 0; i < 300 && Buffered() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(Buffered(), 0u);
+    EXPECT_TRUE(capture.Contains("stalled mid-transaction for more than 200 ms", "", ANDROID_LOG_WARN));
+    ASSERT_EQ(write(release[1], "x", 1), 1);
+    waitpid(hog, nullptr, 0);
+    for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+}
+
+// Out of descriptors, the server pauses accepting and says so once per
+// interval, instead of retrying at full speed and logging every attempt.
+TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
+    tarnis_test::TempDir root;
+    const std::string errPath = root.Sub("server.err");
+    int ready[2], relieve[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(relieve), 0);
+    pid_t server = fork();
+    ASSERT_GE(server, 0);
+    if (server == 0) {
+        platform::SetRoot(root.path());
+        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        dup2(err, STDERR_FILENO);
+        auto impl = ndk::SharedRefBase::make<EchoSsi>();
+        if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) _exit(2);
+        BinderProcess::self().setMaxThreads(2);
+        ABinderProcess_startThreadPool();
+        rlimit limit{128, 128};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
+        std::vector<int> fillers;
+        for (int fd; (fd = dup(STDIN_FILENO)) >= 0;) fillers.push_back(fd);
+        char c = 'y';
+        if (write(ready[1], &c, 1) != 1) _exit(4);
+        if (read(relieve[0], &c, 1) != 1) _exit(5);
+        for (int fd : fillers) close(fd);
+        pause();
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    const long cpuBefore = tarnis_test::CpuTicks(server);
+    std::vector<unique_fd> flood;
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    platform::SetRoot(root.path());
+    const std::string socketPath = ServiceManager::SocketPath(kName);
+    while (std::chrono::steady_clock::now() < end) {
+        unique_fd conn = WireIo::Connect(socketPath, 0);
+        if (conn.ok()) flood.push_back(std::move(conn));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    const long cpu = tarnis_test::CpuTicks(server) - cpuBefore;
+    const long hz = sysconf(_SC_CLK_TCK);
+    EXPECT_LT(cpu, hz / 4) << "the server spent " << cpu << " ticks in a 1 s flood";
+    // Shed clients were told why.
+    size_t told = 0;
+    for (auto& conn : flood) {
+        uint32_t status = 0;
+        android::Parcel reply;
+        std::string refusal;
+        WireIo::Receive(conn.get(), &status, &reply, 0, &refusal);
+        if (refusal == "the daemon is out of file descriptors; try again later") ++told;
+    }
+    EXPECT_GE(told, 1u);
+    flood.clear();
+    // With descriptors back, the service answers again.
+    ASSERT_EQ(write(relieve[1], "x", 1), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, socketPath));
+    ASSERT_NE(ssi, nullptr);
+    EXPECT_TRUE(ssi->reportSimpleEvent(0, "quiet").isOk());
+    ssi.reset();
+    kill(server, SIGKILL);
+    waitpid(server, nullptr, 0);
+    std::string err = tarnis_test::ReadFile(errPath);
+    size_t lines = 0;
+    for (size_t pos = 0; (pos = err.find("cannot accept on", pos)) != std::string::npos; ++pos) ++lines;
+    EXPECT_EQ(lines, 1u) << err.substr(0, 2000);
+    EXPECT_NE(err.find("Too many open files; pausing for 100 ms"), std::string::npos) << err.substr(0, 2000);
+    for (int fd : {ready[0], ready[1], relieve[0], relieve[1]}) close(fd);
+    platform::SetRoot("/");
+}
+
+}  // namespace
