@@ -1,9 +1,13 @@
 #include "framework/InternalBroadcastManager.h"
 
+#include <cfloat>
+#include <cmath>
+
 #include "framework/LocalBroadcastManager.h"
 #include "framework/TarnisUtil.h"
 #include "platform/Log.h"
 #include "utils/JsonUtil.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-InternalBroadcastManager"
 
@@ -14,18 +18,6 @@ namespace {
 #define UNKNOWN_TYPE                                                                                     \
     "[%s] Unknown Type! value is not the supported type. Supported type: int boot string float int64_t " \
     "Json::Value, current type is "
-
-// A peer may send anything: values that do not convert read as zero instead
-// of ending the process with a conversion failure.
-int64_t ToInt64(const Json::Value& value) {
-    if (value.isInt64()) return value.asInt64();
-    if (value.isUInt64()) return static_cast<int64_t>(value.asUInt64());
-    if (value.isDouble() && value.asDouble() >= -9.2e18 && value.asDouble() <= 9.2e18) {
-        return static_cast<int64_t>(value.asDouble());
-    }
-    if (value.isBool()) return value.asBool() ? 1 : 0;
-    return 0;
-}
 
 Json::Value generateJsonValueByExtra(const std::string& key, const ExtraValue& extra) {
     Json::Value element(Json::objectValue);
@@ -49,35 +41,70 @@ Json::Value generateJsonValueByExtra(const std::string& key, const ExtraValue& e
     return element;
 }
 
-void putExtraByJson(Intent& intent, const Json::Value& element) {
+// A short printable form of a peer's value for an error line.
+std::string Shown(const Json::Value& value) {
+    std::string text = JsonUtil::ConvertJsonToString(value);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    return StringUtil::ForLog(text, 64);
+}
+
+// A peer may send anything. An element that does not make a well-typed extra
+// is left out with an error line rather than delivered with a made-up value;
+// the other elements still go through. No conversion here may throw: jsoncpp's
+// as*() throw on a mismatch, so each is called only once its is*() agreed.
+void putExtraByJson(Intent& intent, const Json::Value& element, Json::ArrayIndex index) {
+    if (!element.isObject()) {
+        ALOGE("[%s] Skipped extra #%u: not an object", "putExtraByJson", index);
+        return;
+    }
     const Json::Value& typeValue = element["value_type"];
-    const Json::Value& value = element["value"];
+    if (!typeValue.isInt()) {
+        ALOGE("[%s] Skipped extra #%u: value_type %s is not a type code", "putExtraByJson", index,
+              Shown(typeValue).c_str());
+        return;
+    }
+    const int type = typeValue.asInt();
+    if (type < 0 || type > 6) {
+        ALOGE(UNKNOWN_TYPE "%d", "putExtraByJson", type);
+        return;
+    }
     const Json::Value& keyValue = element["key"];
-    const int64_t rawType = ToInt64(typeValue);
-    const int type = typeValue.isNumeric() && rawType >= INT32_MIN && rawType <= INT32_MAX
-                         ? static_cast<int>(rawType)
-                         : -1;
-    const std::string key = keyValue.isConvertibleTo(Json::stringValue) ? keyValue.asString() : "";
+    if (!keyValue.isString()) {
+        ALOGE("[%s] Skipped extra #%u: key %s is not a string", "putExtraByJson", index, Shown(keyValue).c_str());
+        return;
+    }
+    const std::string key = keyValue.asString();
+    const Json::Value& value = element["value"];
     switch (type) {
-        case 0: intent.putExtra(key, value); break;
-        case 1: intent.putExtra(key, value.isConvertibleTo(Json::booleanValue) ? value.asBool() : false); break;
+        case 0:
+            intent.putExtra(key, value);
+            return;
+        case 1:
+            if (!value.isBool()) break;
+            intent.putExtra(key, value.asBool());
+            return;
         case 2:
         case 3:
-            intent.putExtra(key, value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string());
-            break;
+            if (!value.isString()) break;
+            intent.putExtra(key, value.asString());
+            return;
         case 4:
-            intent.putExtra(key, value.isConvertibleTo(Json::realValue) ? value.asFloat() : 0.0f);
-            break;
+            // Beyond FLT_MAX the float would be infinite (and the conversion
+            // undefined): out of range, like an integer that does not fit.
+            if (!value.isNumeric() || !(std::fabs(value.asDouble()) <= FLT_MAX)) break;
+            intent.putExtra(key, static_cast<float>(value.asDouble()));
+            return;
         case 5:
-            intent.putExtra(key, ToInt64(value));
-            break;
+            if (!value.isInt64()) break;
+            intent.putExtra(key, static_cast<int64_t>(value.asInt64()));
+            return;
         case 6:
-            intent.putExtra(key, static_cast<int32_t>(ToInt64(value)));
-            break;
-        default:
-            ALOGE(UNKNOWN_TYPE "%d", "putExtraByJson", type);
-            break;
+            if (!value.isInt()) break;
+            intent.putExtra(key, static_cast<int32_t>(value.asInt()));
+            return;
     }
+    ALOGE("[%s] Skipped extra #%u (key %s): value %s does not fit type %d", "putExtraByJson", index,
+          StringUtil::ForLog(key, 128).c_str(), Shown(value).c_str(), type);
 }
 
 }  // namespace
@@ -132,9 +159,7 @@ void InternalBroadcastManager::onTarnisIntlMessageReceived(const std::string& ac
         if (extras.isNull() || !extras.isArray()) {
             ALOGD("[%s] extras is null or not the valid array! intent will no extra info", "jsonStrToIntent");
         } else {
-            for (const Json::Value& element : extras) {
-                if (element.isObject()) putExtraByJson(intent, element);
-            }
+            for (Json::ArrayIndex i = 0; i < extras.size(); ++i) putExtraByJson(intent, extras[i], i);
         }
     }
     sendBroadcast(intent, false);

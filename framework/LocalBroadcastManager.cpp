@@ -6,6 +6,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisMessage.h"
 #include "platform/Log.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-LocalBroadcastManager"
 
@@ -123,7 +124,7 @@ void LocalBroadcastManager::executePendingBroadcasts(TarnisMessage* msg) {
                 const long spent = NowMs() - before;
                 if (spent >= kSlowReceiverMs) {
                     ALOGW("[%s] The time that calling onReceive is too long!! spend time %ld, action: %s",
-                          "executePendingBroadcasts", spent, broadcast.intent.action.c_str());
+                          "executePendingBroadcasts", spent, StringUtil::ForLog(broadcast.intent.action).c_str());
                 }
             }
         }

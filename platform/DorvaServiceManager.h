@@ -13,8 +13,11 @@ class Value;
 // <root>/data/misc/tarnis/events.jsonl:
 //   {"call":"reportEventV2","args":["a","b","c",true]}
 // with the arguments in order (UTF-16 lists as arrays of UTF-8 strings), and
-// returns 0. Each line is written with a single append, so lines of
-// concurrent callers (threads or processes) never interleave.
+// returns 0. Whatever bytes a caller passes, a line stays valid JSON in valid
+// UTF-8: a byte that is not part of valid UTF-8 is written as \udcXX
+// ("surrogateescape"), so the bytes can be restored. Each line is written
+// with a single append, so lines of concurrent callers (threads or
+// processes) never interleave.
 //
 // To make calls fail, set the property "debug.tarnis.journal_result" to a
 // non-zero integer (seen by every process sharing the root), or call

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 // Strings are UTF-8 inside the daemon; classic binder interfaces carry UTF-16
@@ -10,5 +11,12 @@ namespace platform {
 
 std::u16string Utf8ToUtf16(const std::string& text);
 std::string Utf16ToUtf8(const std::u16string& text);
+
+// The length (1 to 4) of the well-formed UTF-8 sequence that starts at
+// text[pos], or 0 when none does there: a stray continuation byte, an
+// overlong form, a surrogate, a code point above U+10FFFF, a sequence cut
+// short, or pos past the end. Writers of logs and journals use it to keep
+// valid text as it is and to escape exactly the bytes that are not.
+size_t Utf8SequenceLength(const std::string& text, size_t pos);
 
 }  // namespace platform

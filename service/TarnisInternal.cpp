@@ -2,6 +2,7 @@
 
 #include "framework/InternalBroadcastManager.h"
 #include "platform/Log.h"
+#include "utils/StringUtil.h"
 
 namespace aidl {
 namespace velmar {
@@ -10,7 +11,10 @@ namespace tarnis {
 namespace common {
 
 ndk::ScopedAStatus TarnisInternal::transferMessage(const std::string& action, const std::string& json) {
-    LOG(INFO) << "SSI received message: action " << action << " json " << json;
+    // Both come straight from the peer: printable and bounded before they
+    // reach the log.
+    LOG(INFO) << "SSI received message: action " << ::velmar::kolto::StringUtil::ForLog(action) << " json "
+              << ::velmar::kolto::StringUtil::ForLog(json);
     ::velmar::kolto::InternalBroadcastManager::onTarnisIntlMessageReceived(action, json);
     return ndk::ScopedAStatus::ok();
 }

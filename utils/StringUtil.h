@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace velmar {
@@ -18,6 +19,13 @@ public:
     // n-th "/" from the end, less one leading "/"). Left unchanged when n < 1
     // or the path holds fewer than n slashes.
     static void getTailPath(std::string& path, int n);
+    // A printable copy of text that came from outside (a peer, a client, a
+    // file), fit for one log line: valid UTF-8 is kept; control characters
+    // (C0, DEL and C1) and bytes that are not valid UTF-8 become \xNN, and a
+    // backslash is doubled, so the original bytes can always be told back.
+    // The copy stops before it would grow beyond maxBytes and then ends with
+    // "...[N more bytes]", N counting the bytes of `text` left out.
+    static std::string ForLog(const std::string& text, size_t maxBytes = 1024);
 };
 
 }  // namespace kolto

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -81,6 +82,70 @@ TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
         seen.insert(v["args"][0].asString() + "/" + v["args"][1].asString());
     }
     EXPECT_EQ(seen.size(), 400u);
+}
+
+// Callers pass bytes, not always text. Whatever they pass, each call stays
+// one line of valid JSON in valid UTF-8, and Python's surrogateescape gives
+// the bytes back exactly.
+TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
+    std::string all;
+    for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
+    const std::vector<std::vector<std::string>> calls = {
+        {"reportEventV2", all,
+         // overlong '/', an encoded surrogate, beyond U+10FFFF, cut short
+         "\xc0\xaf|\xed\xa0\x80|\xf4\x90\x80\x80|\xe2\x82",
+         "valid \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"reportNativeFeatureEvent", std::string("nul\0in\nside", 11),
+         // text that looks like the escape must not be taken for it
+         "\\udcff \"q\" \x7f \xed\xb3\xbf", "\x80\xff\xfe{\"k\":\"\x80\"}"},
+    };
+    const size_t argCounts[] = {4, 3};  // reportEventV2 also carries its flag
+    auto& dsm = DorvaServiceManager::getInstance();
+    ASSERT_EQ(dsm.reportEventV2(calls[0][1], calls[0][2], calls[0][3], true), 0);
+    ASSERT_EQ(dsm.reportNativeFeatureEvent(calls[1][1], calls[1][2], calls[1][3]), 0);
+
+    const std::vector<std::string> lines = Lines();
+    ASSERT_EQ(lines.size(), calls.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        Json::CharReaderBuilder builder;
+        Json::CharReaderBuilder::strictMode(&builder.settings_);
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value v;
+        std::string errors;
+        ASSERT_TRUE(reader->parse(lines[i].data(), lines[i].data() + lines[i].size(), &v, &errors))
+            << errors << "\n" << lines[i];
+        EXPECT_EQ(lines[i].rfind("{\"call\":\"" + calls[i][0] + "\",\"args\":[", 0), 0u) << lines[i];
+        EXPECT_EQ(v["call"].asString(), calls[i][0]);
+        EXPECT_EQ(v["args"].size(), argCounts[i]);
+    }
+
+    // Python decodes each line as strict UTF-8 and restores the bytes.
+    const std::string script = root_.Sub("decode.py");
+    ASSERT_TRUE(tarnis_test::WriteFile(
+        script,
+        "import json, sys\n"
+        "for raw in open(sys.argv[1], 'rb').read().split(b'\\n')[:-1]:\n"
+        "    obj = json.loads(raw.decode('utf-8'))\n"
+        "    args = [a.encode('utf-8', 'surrogateescape').hex() for a in obj['args'] if isinstance(a, str)]\n"
+        "    print(obj['call'], *args)\n"));
+    int status = -1;
+    const std::string decoded = tarnis_test::RunShell(
+        "python3 " + script + " " + DorvaServiceManager::JournalPath() + " 2>&1", &status);
+    std::string expected;
+    for (const auto& call : calls) {
+        expected += call[0];
+        for (size_t a = 1; a < call.size(); ++a) {
+            expected += ' ';
+            for (unsigned char c : call[a]) {
+                static const char kHex[] = "0123456789abcdef";
+                expected += kHex[c >> 4];
+                expected += kHex[c & 0xF];
+            }
+        }
+        expected += '\n';
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(decoded, expected);
 }
 
 TEST_F(JournalTest, FailureSwitchAndUnwritableJournal) {

@@ -151,11 +151,95 @@ TEST(BroadcastTest, MalformedPeerJsonStillDeliversTheAction) {
     EXPECT_TRUE(got[0].extras.empty());
     EXPECT_TRUE(got[2].extras.empty());
     EXPECT_EQ(got[4].getExtra<std::string>("ok", ""), "yes");
-    EXPECT_EQ(got[4].getExtra<int32_t>("n", -1), 0);
-    EXPECT_FALSE(got[4].hasExtra("k"));
+    EXPECT_EQ(got[4].extras.size(), 1u);
     EXPECT_TRUE(capture.Contains("[jsonStrToIntent] ConvertStringToJson failed!"));
     EXPECT_TRUE(capture.Contains("[jsonStrToIntent] extras is null or not the valid array! intent will no extra info"));
     EXPECT_TRUE(capture.Contains("current type is 9"));
+    InternalBroadcastManager::unregisterReceiver(&receiver);
+}
+
+TEST(BroadcastTest, DeepPeerJsonIsRefusedAndTheActionStillDelivered) {
+    RecordingReceiver receiver;
+    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.DEEP"}));
+    platform::LogCapture capture;
+    std::string arrays = std::string(1001, '[') + std::string(1001, ']');
+    // Deep inside an otherwise good message, as a JSON-valued extra.
+    std::string objects = "1";
+    for (int i = 0; i < 1001; ++i) objects = "{\"o\":" + objects + "}";
+    const std::string inExtra =
+        "{\"extras\":[{\"key\":\"ok\",\"value_type\":2,\"value\":\"yes\"},"
+        "{\"key\":\"j\",\"value_type\":0,\"value\":" + objects + "}]}";
+    InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.DEEP", arrays);
+    InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.DEEP", inExtra);
+    ASSERT_TRUE(receiver.Wait(2));
+    for (const Intent& intent : receiver.Received()) {
+        EXPECT_EQ(intent.action, "tarnis.test.DEEP");
+        EXPECT_TRUE(intent.extras.empty());
+    }
+    EXPECT_EQ(capture.Count("[jsonStrToIntent] ConvertStringToJson failed!", "Tarnis-InternalBroadcastManager",
+                            ANDROID_LOG_ERROR),
+              2u);
+    EXPECT_EQ(capture.Count("[ConvertStringToJson] nesting deeper than 64 levels", "Tarnis-JsonUtil",
+                            ANDROID_LOG_ERROR),
+              2u);
+    InternalBroadcastManager::unregisterReceiver(&receiver);
+}
+
+TEST(BroadcastTest, ExtrasThatDoNotFitTheirTypeAreSkippedAndTheRestDelivered) {
+    RecordingReceiver receiver;
+    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.TYPES"}));
+    platform::LogCapture capture;
+    const char* json = R"({"extras":[
+        {"key":"s","value_type":2,"value":"text"},
+        {"key":"k","value_type":6,"value":"abc"},
+        {"key":[],"value_type":2,"value":"v"},
+        {"key":"i","value_type":6,"value":-2147483648},
+        {"key":"t","value_type":"x","value":1},
+        {"key":"u","value_type":1e30,"value":1},
+        {"key":"o32","value_type":6,"value":2147483648},
+        {"key":"l","value_type":5,"value":9007199254740993},
+        {"key":"of","value_type":4,"value":1e39},
+        {"key":"f","value_type":4,"value":1e30},
+        {"key":"fr","value_type":6,"value":1.5},
+        {"key":"b","value_type":1,"value":true},
+        {"key":"mv","value_type":6},
+        7,
+        {"key":"unk","value_type":9,"value":1},
+        {"key":"j","value_type":0,"value":{"x":[1]}},
+        {"key":"c","value_type":3,"value":"cs"}
+    ]})";
+    InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.TYPES", json);
+    ASSERT_TRUE(receiver.Wait(1));
+    const Intent got = receiver.Received()[0];
+    EXPECT_EQ(got.action, "tarnis.test.TYPES");
+    EXPECT_EQ(got.getExtra<std::string>("s", ""), "text");
+    EXPECT_EQ(got.getExtra<int32_t>("i", 0), INT32_MIN);
+    EXPECT_EQ(got.getExtra<int64_t>("l", 0), 9007199254740993LL);
+    EXPECT_FLOAT_EQ(got.getExtra<float>("f", 0.0f), 1e30f);
+    EXPECT_TRUE(got.getExtra<bool>("b", false));
+    Json::Value expected;
+    expected["x"].append(1);
+    EXPECT_EQ(got.getExtra<Json::Value>("j", Json::Value()), expected);
+    EXPECT_EQ(got.getExtra<std::string>("c", ""), "cs");
+    EXPECT_EQ(got.extras.size(), 7u);
+
+    const char* tag = "Tarnis-InternalBroadcastManager";
+    for (const char* line : {
+             "[putExtraByJson] Skipped extra #1 (key k): value \"abc\" does not fit type 6",
+             "[putExtraByJson] Skipped extra #2: key [] is not a string",
+             "[putExtraByJson] Skipped extra #4: value_type \"x\" is not a type code",
+             "[putExtraByJson] Skipped extra #5: value_type 1e+30 is not a type code",
+             "[putExtraByJson] Skipped extra #6 (key o32): value 2147483648 does not fit type 6",
+             "[putExtraByJson] Skipped extra #8 (key of): value 9.9999999999999994e+38 does not fit type 4",
+             "[putExtraByJson] Skipped extra #10 (key fr): value 1.5 does not fit type 6",
+             "[putExtraByJson] Skipped extra #12 (key mv): value null does not fit type 6",
+             "[putExtraByJson] Skipped extra #13: not an object",
+             "[putExtraByJson] Unknown Type! value is not the supported type. Supported type: int boot string "
+             "float int64_t Json::Value, current type is 9",
+         }) {
+        EXPECT_TRUE(capture.Contains(line, tag, ANDROID_LOG_ERROR)) << line;
+    }
+    EXPECT_EQ(capture.Count("[putExtraByJson] ", tag, ANDROID_LOG_ERROR), 10u);
     InternalBroadcastManager::unregisterReceiver(&receiver);
 }
 
@@ -214,15 +298,17 @@ TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregister
 }
 
 TEST(BroadcastTest, SlowReceiverIsNamedInAWarning) {
+    // The action may come from the peer: it is named, but printably.
+    const std::string action = "tarnis.test.SLOW\nE fake\xff";
     RecordingReceiver slow(std::chrono::milliseconds(320));
-    InternalBroadcastManager::registerReceiver(&slow, IntentFilter({"tarnis.test.SLOW"}));
+    InternalBroadcastManager::registerReceiver(&slow, IntentFilter({action}));
     platform::LogCapture capture;
-    InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.SLOW"), false);
+    InternalBroadcastManager::sendBroadcast(Intent(action), false);
     ASSERT_TRUE(slow.Wait(1));
     // The warning follows the call within the same delivery pass.
     DrainManagerThread();
     EXPECT_TRUE(capture.Contains("[executePendingBroadcasts] The time that calling onReceive is too long!! spend time ",
                                  "Tarnis-LocalBroadcastManager", ANDROID_LOG_WARN));
-    EXPECT_TRUE(capture.Contains("action: tarnis.test.SLOW"));
+    EXPECT_TRUE(capture.Contains("action: tarnis.test.SLOW\\x0aE fake\\xff"));
     InternalBroadcastManager::unregisterReceiver(&slow);
 }

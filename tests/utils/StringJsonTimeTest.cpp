@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include "platform/Log.h"
+#include "platform/LogCapture.h"
+#include "tests/support/TempDir.h"
 #include "utils/FileUtil.h"
 #include "utils/JsonUtil.h"
 #include "utils/StringUtil.h"
@@ -12,6 +15,14 @@ namespace {
 std::string Tail(std::string path, int n) {
     StringUtil::getTailPath(path, n);
     return path;
+}
+
+std::string Nested(int depth, const std::string& open, const std::string& close, const std::string& inner) {
+    std::string text;
+    for (int i = 0; i < depth; ++i) text += open;
+    text += inner;
+    for (int i = 0; i < depth; ++i) text += close;
+    return text;
 }
 }  // namespace
 
@@ -32,6 +43,43 @@ TEST(StringUtilTest, TrimAffixesAndTailPaths) {
     EXPECT_EQ(Tail("/data/dorva/online//cap.txt", 2), "cap.txt");
 }
 
+TEST(StringUtilTest, ForLogKeepsTextAndEscapesEverythingElse) {
+    EXPECT_EQ(StringUtil::ForLog(""), "");
+    EXPECT_EQ(StringUtil::ForLog("velmar.tarnis.logmgr.config_append"), "velmar.tarnis.logmgr.config_append");
+    // Valid UTF-8 (two, three and four bytes, and a no-break space) is kept.
+    EXPECT_EQ(StringUtil::ForLog("h\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xc2\xa0"),
+              "h\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xc2\xa0");
+    // A forged second log line or a terminal escape stays on one inert line.
+    EXPECT_EQ(StringUtil::ForLog("a\nE Tarnis: fake\r\t\x1b[31m\x7f"),
+              "a\\x0aE Tarnis: fake\\x0d\\x09\\x1b[31m\\x7f");
+    // C1 controls are UTF-8 but escaped too.
+    EXPECT_EQ(StringUtil::ForLog("\xc2\x9b" "2J"), "\\xc2\\x9b2J");
+    // A backslash in the text is doubled, so "\x41" typed by a client is not
+    // mistaken for an escaped byte.
+    EXPECT_EQ(StringUtil::ForLog("C:\\x41"), "C:\\\\x41");
+    // Not UTF-8: a stray continuation byte, 0xff, an overlong '/', a
+    // surrogate, a code point beyond U+10FFFF, a sequence cut by the end.
+    EXPECT_EQ(StringUtil::ForLog("\x80|\xff|\xc0\xaf|\xed\xa0\x80|\xf4\x90\x80\x80|\xe2\x82"),
+              "\\x80|\\xff|\\xc0\\xaf|\\xed\\xa0\\x80|\\xf4\\x90\\x80\\x80|\\xe2\\x82");
+
+    // No byte value is left raw unless it is printable.
+    std::string all;
+    for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
+    for (unsigned char c : StringUtil::ForLog(all)) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << int(c);
+}
+
+TEST(StringUtilTest, ForLogCutsAtTheLimitWithoutSplittingAnything) {
+    EXPECT_EQ(StringUtil::ForLog(std::string(5000, 'a')), std::string(1024, 'a') + "...[3976 more bytes]");
+    EXPECT_EQ(StringUtil::ForLog(std::string(1024, 'a')), std::string(1024, 'a'));
+    EXPECT_EQ(StringUtil::ForLog("abcdefghijklmno", 10), "abcdefghij...[5 more bytes]");
+    // An escape or a character that would cross the limit is left out whole;
+    // the count is of the original bytes.
+    EXPECT_EQ(StringUtil::ForLog("aaaaaaaa\x01" "b", 10), "aaaaaaaa...[2 more bytes]");
+    EXPECT_EQ(StringUtil::ForLog("aaaaaaaaa\xe2\x82\xac", 10), "aaaaaaaaa...[3 more bytes]");
+    EXPECT_EQ(StringUtil::ForLog("aaaaaaaaa\\", 10), "aaaaaaaaa...[1 more bytes]");
+    EXPECT_EQ(StringUtil::ForLog("xyz", 0), "...[3 more bytes]");
+}
+
 TEST(FileUtilTest, HumanSizes) {
     EXPECT_EQ(FileUtil::formatHumanSize(0), "0 bytes");
     EXPECT_EQ(FileUtil::formatHumanSize(512), "512.00 BB");
@@ -50,6 +98,80 @@ TEST(JsonUtilTest, RoundTripAndFailures) {
     EXPECT_EQ(JsonUtil::ConvertJsonToString(value), "{\"a\":1,\"b\":[true,\"\\u00e9\"]}\n");
     EXPECT_FALSE(JsonUtil::ConvertStringToJson("{\"a\": ", value));
     EXPECT_FALSE(JsonUtil::ConvertStringToJson("", value));
+}
+
+TEST(JsonUtilTest, DeepDocumentsAreRefusedWithoutThrowing) {
+    platform::LogCapture capture;
+    // The document and the offset of its 65th opening bracket.
+    const std::pair<std::string, size_t> cases[] = {
+        {Nested(1001, "[", "]", ""), 64},
+        {Nested(1001, "{\"a\":", "}", "1"), 64 * 5},
+        {std::string(100000, '['), 64},
+    };
+    for (const auto& [text, offset] : cases) {
+        Json::Value value("left over");
+        std::string error;
+        EXPECT_FALSE(JsonUtil::ConvertStringToJson(text, value, &error));
+        EXPECT_TRUE(value.isNull());
+        EXPECT_EQ(error, "nesting deeper than 64 levels at byte " + std::to_string(offset));
+    }
+    EXPECT_TRUE(capture.Contains("[ConvertStringToJson] nesting deeper than 64 levels at byte 64", "Tarnis-JsonUtil",
+                                 ANDROID_LOG_ERROR));
+
+    // The limit is exact.
+    Json::Value value;
+    ASSERT_TRUE(JsonUtil::ConvertStringToJson(Nested(64, "[", "]", "7"), value));
+    EXPECT_FALSE(JsonUtil::ConvertStringToJson(Nested(65, "[", "]", "7"), value));
+
+    // Brackets inside strings (escaped quotes included) and comments are no
+    // nesting.
+    const std::string inString = "[\"" + std::string(1000, '[') + "\\\"" + std::string(1000, '{') + "\"]";
+    ASSERT_TRUE(JsonUtil::ConvertStringToJson(inString, value));
+    EXPECT_EQ(value[0].asString(), std::string(1000, '[') + "\"" + std::string(1000, '{'));
+    ASSERT_TRUE(JsonUtil::ConvertStringToJson("// " + std::string(100, '[') + "\n/* " + std::string(100, '{') +
+                                                  " */ [1] // " + std::string(100, '['),
+                                              value));
+    EXPECT_EQ(value[0].asInt(), 1);
+}
+
+TEST(JsonUtilTest, ConfigFilesFromDiskParseOrFailCleanly) {
+    tarnis_test::TempDir dir;
+    // The shape of the log configuration: records with nested children.
+    const std::string config =
+        "[\n  // modem logs\n  {\"folderName\": \"modem\", \"maxSize\": 10240, \"compress\": true,\n"
+        "   \"children\": [{\"folderName\": \"dumps\", \"maxLogNumber\": 5, \"children\": []}]},\n"
+        "  {\"folderName\": \"wifi\", \"inVendor\": true, \"maxValidDay\": 7}\n]\n";
+    ASSERT_TRUE(tarnis_test::WriteFile(dir.Sub("log_config.json"), config));
+    Json::Value value;
+    std::string error;
+    ASSERT_TRUE(JsonUtil::ConvertStringToJson(tarnis_test::ReadFile(dir.Sub("log_config.json")), value, &error));
+    ASSERT_EQ(value.size(), 2u);
+    EXPECT_EQ(value[0]["children"][0]["folderName"].asString(), "dumps");
+    EXPECT_EQ(value[1]["maxValidDay"].asUInt(), 7u);
+
+    // A broken or hostile file: children nested 600 records deep.
+    std::string deep = "{\"folderName\": \"leaf\"}";
+    for (int i = 0; i < 600; ++i) deep = "{\"folderName\": \"d\", \"children\": [" + deep + "]}";
+    ASSERT_TRUE(tarnis_test::WriteFile(dir.Sub("deep.json"), "[" + deep + "]"));
+    EXPECT_FALSE(JsonUtil::ConvertStringToJson(tarnis_test::ReadFile(dir.Sub("deep.json")), value, &error));
+    EXPECT_TRUE(value.isNull());
+    EXPECT_NE(error.find("nesting deeper than 64 levels"), std::string::npos) << error;
+}
+
+TEST(JsonUtilTest, ParseErrorsGiveOneShortPrintableReason) {
+    platform::LogCapture capture;
+    Json::Value value(5);
+    std::string error;
+    EXPECT_FALSE(JsonUtil::ConvertStringToJson("{\"a\": ", value, &error));
+    EXPECT_TRUE(value.isNull());  // nothing half-built is left behind
+    EXPECT_EQ(error.rfind("not valid JSON at byte ", 0), 0u) << error;
+    // jsoncpp quotes the offending token; a long one is cut.
+    const std::string token = "1e" + std::string(5000, '9');
+    EXPECT_FALSE(JsonUtil::ConvertStringToJson("[" + token + "]", value, &error));
+    EXPECT_LE(error.size(), 256u + 32u);
+    EXPECT_NE(error.find("more bytes]"), std::string::npos) << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos);
+    EXPECT_TRUE(capture.Contains("[ConvertStringToJson] " + error, "Tarnis-JsonUtil", ANDROID_LOG_ERROR));
 }
 
 TEST(TimeUtilTest, ClocksAndConversion) {

@@ -18,6 +18,7 @@
 
 #include "platform/Log.h"
 #include "platform/Properties.h"
+#include "utils/StringUtil.h"
 #include "utils/dump/ChildWait.h"
 #include "utils/dump/CaptureLogUtilInternal.h"
 #include "utils/dump/CmdTool.h"
@@ -187,7 +188,8 @@ void CaptureLogUtil::run_command(const std::vector<std::string>& args, const cha
     }
     argv.push_back(nullptr);
     const char* program = args[0].c_str();
-    ALOGE("run_command: %s\n", display.c_str());
+    // The parameters come from the client that asked for the capture.
+    ALOGE("run_command: %s\n", velmar::kolto::StringUtil::ForLog(display).c_str());
     std::string banner(display.size() + 64, '\0');
     banner.resize(static_cast<size_t>(snprintf(&banner[0], banner.size(), "------ (%s) in %ds ------\n",
                                                display.c_str(), timeoutSeconds)));

@@ -24,10 +24,15 @@
 #include "platform/Properties.h"
 #include "platform/Root.h"
 #include "platform/Sockets.h"
+#include "utils/StringUtil.h"
 #include "utils/dump/CaptureLogUtilInternal.h"
 
 namespace android {
 namespace {
+
+// Types, headlines, actions, parameters and attachment paths come from the
+// client that asked for the capture.
+using velmar::kolto::StringUtil;
 
 constexpr char kSupportAction[] =
     "cat,logcat,dumpsys,ps,top,df,iptables-wrapper-1.0,ip6tables-wrapper-1.0,netstat,getprop,dmesg";
@@ -232,10 +237,10 @@ void WaitForCoredump(const std::string& file) {
     if (armed) {
         for (int attempt = 1; attempt <= 3; ++attempt) {
             if (FileExists(file)) {
-                ALOGE("coredump(%s) file has created\n", file.c_str());
+                ALOGE("coredump(%s) file has created\n", StringUtil::ForLog(file).c_str());
                 break;
             }
-            ALOGE("wait coredump(%s) created %d times \n", file.c_str(), attempt);
+            ALOGE("wait coredump(%s) created %d times \n", StringUtil::ForLog(file).c_str(), attempt);
             clock.SleepMs(1000);
         }
     }
@@ -243,18 +248,18 @@ void WaitForCoredump(const std::string& file) {
     for (int poll = 1; poll <= kCoredumpPolls; ++poll) {
         struct stat st;
         if (stat(file.c_str(), &st) != 0) {
-            ALOGE("coredump(%s) file stat fail: %s\n", file.c_str(), strerror(errno));
+            ALOGE("coredump(%s) file stat fail: %s\n", StringUtil::ForLog(file).c_str(), strerror(errno));
             return;
         }
         const long size = static_cast<long>(st.st_size);
-        ALOGE("wait coredump(%s) %d times, filesize=%ld\n", file.c_str(), poll, size);
+        ALOGE("wait coredump(%s) %d times, filesize=%ld\n", StringUtil::ForLog(file).c_str(), poll, size);
         if (size >= 1 && size == previous) {
-            ALOGE("dump coredump(%s) completed, filesize:%ld\n", file.c_str(), size);
+            ALOGE("dump coredump(%s) completed, filesize:%ld\n", StringUtil::ForLog(file).c_str(), size);
             return;
         }
         previous = size;
         if (poll == kCoredumpPolls) {
-            ALOGE("dump coredump(%s) tiemout, filesize=%ld\n", file.c_str(), size);
+            ALOGE("dump coredump(%s) tiemout, filesize=%ld\n", StringUtil::ForLog(file).c_str(), size);
             return;
         }
         clock.SleepMs(1000);
@@ -434,7 +439,7 @@ void CaptureLogUtil::dump_all(String16& type16, String16& headline16, Vector<Str
     }
     // The limit is on the device path: the sandbox root is not part of it.
     if (base.size() + type.size() >= 100) {
-        ALOGE("The length of where or type is too long and the type is %s\n", type.c_str());
+        ALOGE("The length of where or type is too long and the type is %s\n", StringUtil::ForLog(type).c_str());
         return;
     }
     const bool localRecord = base == kLocalRecordBase;
@@ -453,7 +458,7 @@ void CaptureLogUtil::dump_all(String16& type16, String16& headline16, Vector<Str
         logDir = typeDir + "/" + (offline ? "offline" : "online");
         if (!MakeCaptureDir(logDir, "failed to create dir ")) return;
     }
-    ALOGD("logfile_template:xline_dir=%s", logDir.c_str());
+    ALOGD("logfile_template:xline_dir=%s", StringUtil::ForLog(logDir).c_str());
 
     char name[1024];
     int fd;
@@ -472,7 +477,7 @@ void CaptureLogUtil::dump_all(String16& type16, String16& headline16, Vector<Str
         fd = open(name, O_CREAT | O_TRUNC | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, 0600);
     }
     if (fd < 0) {
-        ALOGE("failed to open tombstone file '%s': %s\n", name, strerror(errno));
+        ALOGE("failed to open tombstone file '%s': %s\n", StringUtil::ForLog(name).c_str(), strerror(errno));
         return;
     }
     if (fchown(fd, kSystemId, kSystemId) != 0) ALOGD("chown %s failed: %s", name, strerror(errno));
@@ -480,7 +485,7 @@ void CaptureLogUtil::dump_all(String16& type16, String16& headline16, Vector<Str
     close(fd);
     const std::string path = name;
 
-    ALOGI("dump_all path = %s", path.c_str());
+    ALOGI("dump_all path = %s", StringUtil::ForLog(path).c_str());
     {
         ScopedFile file(fopen(path.c_str(), "ae"));
         if (!file) {
@@ -507,7 +512,8 @@ void CaptureLogUtil::dump_all(String16& type16, String16& headline16, Vector<Str
     for (size_t i = 0; i < actions.size(); ++i) {
         const std::string action = String8(actions[i]);
         const std::string param = String8(params[i]);
-        ALOGE("dump begin path=%s (%s %s) id=%d", path.c_str(), action.c_str(), param.c_str(), id);
+        ALOGE("dump begin path=%s (%s %s) id=%d", StringUtil::ForLog(path).c_str(),
+              StringUtil::ForLog(action).c_str(), StringUtil::ForLog(param).c_str(), id);
         if (action == "do_dumpheap") {
             compressTimeout = 600;
         } else if (action == "do_dmesg") {
@@ -551,10 +557,12 @@ void CaptureLogUtil::dump_by_power(Vector<String16> actions, Vector<String16> pa
         const std::string action = String8(actions[i]);
         const std::string param = String8(params[i]);
         if (isSupportAction(action)) {
-            ALOGE("dump begin path=%s (%s %s)", path.c_str(), action.c_str(), param.c_str());
+            ALOGE("dump begin path=%s (%s %s)", StringUtil::ForLog(path).c_str(), StringUtil::ForLog(action).c_str(),
+                  StringUtil::ForLog(param).c_str());
             run_command(ActionCommand(action, param), path.c_str(), timeoutSeconds);
         } else {
-            ALOGE("dump_by_power: action '%s' not in SUPPORT_ACTION whitelist, skipping", action.c_str());
+            ALOGE("dump_by_power: action '%s' not in SUPPORT_ACTION whitelist, skipping",
+                  StringUtil::ForLog(action).c_str());
         }
     }
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/Log.h"
+#include "utils/StringUtil.h"
 #include "utils/dump/ChildWait.h"
 
 namespace android {
@@ -67,6 +68,9 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
     // The daemon is multi-threaded: the child may not allocate or take locks,
     // so the argument array is split here and the child only execs it.
     const size_t paramLength = strlen(params);
+    // The parameters are the client's; made printable here, where
+    // allocating is still allowed.
+    const std::string paramsForLog = velmar::kolto::StringUtil::ForLog(params);
     const bool tooLong = paramLength >= kParamBufferSize;
     char buffer[kParamBufferSize];
     std::vector<char*> argv(kArgSlots, nullptr);
@@ -101,7 +105,7 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
             ALOGE(CMDTOOL "*** param too long: %zu bytes\n", paramLength);
             _exit(-1);
         }
-        ALOGD(CMDTOOL "*** (%s): %s\n", program, params);
+        ALOGD(CMDTOOL "*** (%s): %s\n", program, paramsForLog.c_str());
         execvp(program, argv.data());
         // strerrordesc_np reads a constant table: no locale lock in the child.
         ALOGE(CMDTOOL "*** exec(%s): %s\n", program, strerrordesc_np(errno));
