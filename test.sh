@@ -49,6 +49,43 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 run_suite tsan build-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
   -DTARNIS_SANITIZE=thread "-DTARNIS_TEST_SUBSET=$TSAN_SUITES"
 
+# The parsers of outside input are fuzzed briefly on every run (clang's
+# libFuzzer with AddressSanitizer + UndefinedBehaviorSanitizer), starting from
+# their corpus; what a run finds is left in build-fuzz/findings/.
+FUZZ_SECONDS=${FUZZ_SECONDS:-20}
+FUZZERS="WireFramingFuzzer ParcelFuzzer IntentJsonFuzzer JsonUtilFuzzer"
+run_fuzz() {
+  echo "=== fuzz: build (build-fuzz)"
+  local targets=""
+  for f in $FUZZERS; do targets="$targets fuzz_$f"; done
+  if ! CC=clang CXX=clang++ BUILD_TARGETS="$targets" scripts/build.sh build-fuzz -DCMAKE_BUILD_TYPE=Debug \
+      -DCMAKE_CXX_FLAGS=-O1 -DTARNIS_FUZZ=ON -DTARNIS_SANITIZE=address,undefined -DTARNIS_BUILD_BENCH=OFF; then
+    echo "=== fuzz: BUILD FAILED"
+    status=1
+    failed=$((failed + 1))
+    return
+  fi
+  mkdir -p build-fuzz/findings
+  for f in $FUZZERS; do
+    local work
+    work=$(mktemp -d)
+    cp fuzz/corpus/"$f"/* "$work"/ 2>/dev/null
+    echo "=== fuzz: $f for ${FUZZ_SECONDS}s"
+    if build-fuzz/fuzz/fuzz_"$f" -max_total_time="$FUZZ_SECONDS" -timeout=10 -rss_limit_mb=2048 \
+        -artifact_prefix=build-fuzz/findings/"$f"- "$work" >"$logdir/fuzz-$f.log" 2>&1; then
+      passed=$((passed + 1))
+      grep -E '^Done [0-9]+ runs' "$logdir/fuzz-$f.log" | tail -1
+    else
+      echo "=== fuzz: $f FAILED"
+      tail -40 "$logdir/fuzz-$f.log"
+      failed=$((failed + 1))
+      status=1
+    fi
+    rm -rf "$work"
+  done
+}
+run_fuzz
+
 rm -rf "$logdir"
 echo "test.sh: $passed passed, $failed failed"
 exit $status

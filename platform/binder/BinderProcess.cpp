@@ -360,7 +360,7 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
             const size_t uidCap = std::max<size_t>(1, cap / kUidShareDivisor);
             auto share = service->shares.find(cred.uid);
             const size_t held = share == service->shares.end() ? 0 : share->second.connections;
-            if (service->connections >= cap) {
+            if (service->connections >= cap && !evictForLocked(*service, cred.uid, held)) {
                 refusal = "the service " + service->name + " has too many connections (limit " +
                           std::to_string(cap) + "); try again later";
             } else if (held >= uidCap) {
@@ -384,12 +384,48 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
                 armSweepLocked();
             }
         }
+        if (size_t evicted = evicted_.exchange(0)) {
+            refuseLog_->log(base::INFO, "binder: closed " + std::to_string(evicted) + " idle connection(s) of the "
+                                        "largest holder to admit uid " + std::to_string(cred.uid) + " to " +
+                                        service->name);
+        }
         if (!refusal.empty()) {
             WireIo::Refuse(fd.get(), FAILED_TRANSACTION, refusal);
             refuseLog_->log(base::WARNING, "binder: refused a connection from pid " + std::to_string(cred.pid) +
                                                ": " + refusal);
         }
     }
+}
+
+bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held) {
+    // The uid that holds the most connections gives one up, if it holds more
+    // than the newcomer would: many uids together can fill a service, but
+    // never so that a uid with few connections is kept out.
+    uid_t largest = newcomer;
+    size_t most = held + 1;
+    for (const auto& [uid, share] : service.shares) {
+        if (share.connections > most) {
+            most = share.connections;
+            largest = uid;
+        }
+    }
+    if (largest == newcomer) return false;
+    std::shared_ptr<Connection> oldest;
+    for (const auto& [id, conn] : connections_) {
+        if (conn->service.get() != &service || conn->uid != largest || conn->state != Connection::State::kArmed ||
+            !conn->decoder.empty()) {
+            continue;
+        }
+        if (oldest && conn->lastActive >= oldest->lastActive) continue;
+        // A request on its way makes it busy, not idle.
+        pollfd pfd{conn->fd.get(), POLLIN, 0};
+        if (poll(&pfd, 1, 0) > 0 && !(pfd.revents & (POLLHUP | POLLERR))) continue;
+        oldest = conn;
+    }
+    if (!oldest) return false;
+    eraseLocked(*oldest);
+    ++evicted_;
+    return true;
 }
 
 void BinderProcess::shedOne(const std::shared_ptr<Service>& service) {

@@ -30,7 +30,8 @@
 // others need: each service has a connection cap and a budget for the bytes
 // of unfinished transactions, and one uid may take only a share of each; one
 // uid may occupy only half the pool's threads (its further transactions wait
-// their turn, the other uids' do not); idle and stalled connections are
+// their turn, the other uids' do not); a full service makes the uid holding
+// the most give up an idle connection to a newcomer; idle and stalled connections are
 // closed; running out of descriptors pauses accepting instead of spinning.
 // Refused clients are told why before their connection closes, and every
 // such event is logged at a bounded rate.
@@ -111,6 +112,10 @@ private:
     // False when the listener is paused (out of descriptors) and must not be re-armed.
     bool acceptAll(const std::shared_ptr<Service>& service);
     void shedOne(const std::shared_ptr<Service>& service);
+    // At the service's cap: closes an idle connection of the uid holding the
+    // most, when it holds more than `newcomer` (which holds `held`); false
+    // when nobody can give one up.
+    bool evictForLocked(Service& service, uid_t newcomer, size_t held);
     Outcome readAndServe(const std::shared_ptr<Connection>& conn, bool resumed);
     bool serveOne(Connection& conn, WireMessage& message);
     bool account(Connection& conn);
@@ -141,6 +146,7 @@ private:
     std::unordered_map<uid_t, UidWork> work_;
     std::deque<std::shared_ptr<Connection>> ready_;
     uint64_t nextId_ = 16;  // ids below are the timers' and events'
+    std::atomic<size_t> evicted_{0};
     bool sweepArmed_ = false;
     bool resumeArmed_ = false;
     Timeouts timeouts_;

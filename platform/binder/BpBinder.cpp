@@ -38,7 +38,11 @@ const std::string& BpBinder::LastError() { return tLastError; }
 
 sp<BpBinder> BpBinder::Connect(const std::string& name, const std::string& socketPath) {
     base::unique_fd conn = WireIo::Connect(socketPath, CallTimeoutMs());
-    if (!conn.ok()) return nullptr;
+    if (!conn.ok()) {
+        tLastError = "cannot reach service " + name + ": " + strerror(errno);
+        return nullptr;
+    }
+    tLastError.clear();
     return std::make_shared<BpBinder>(name, socketPath, std::move(conn));
 }
 
@@ -108,13 +112,11 @@ status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
         st = WireIo::Receive(conn.get(), &transportStatus, &received, timeoutMs, &refusal);
         if (!refusal.empty()) return fail(st, refusal);
         if (st == TIMED_OUT) {
-            return fail(TIMED_OUT, "no reply from " + service + " within " + Seconds(timeoutMs) +
-                                       " (transaction " + std::to_string(code) + ")");
+            return fail(TIMED_OUT, "no reply from " + service + " within " + Seconds(timeoutMs));
         }
         if (st == BAD_VALUE) return fail(DEAD_OBJECT, "the " + service + " sent a malformed reply");
         if (st != OK) {
-            return fail(DEAD_OBJECT, "the " + service + " closed the connection before replying (transaction " +
-                                         std::to_string(code) + ")");
+            return fail(DEAD_OBJECT, "the " + service + " closed the connection before replying");
         }
         if (reply != nullptr) *reply = std::move(received);
         giveBack(std::move(conn));

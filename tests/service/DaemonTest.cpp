@@ -1,0 +1,174 @@
+// The daemon and its tool as real processes, driven as a user would from a shell.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "platform/Root.h"
+#include "platform/binder/NdkBinder.h"
+#include "platform/binder/ServiceManager.h"
+#include "platform/binder/WireIo.h"
+#include "service/TarnisSsiImpl.h"
+#include "tests/support/TempDir.h"
+
+using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
+using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
+using tarnis_test::TempDir;
+
+namespace {
+
+const std::string kSsiName = std::string(TarnisSsiImpl::descriptor) + "/default";
+
+std::string Daemon(const TempDir& root) { return std::string(TARNIS_BUILD_DIR) + "/tarnisd --root " + root.path(); }
+std::string Ctl(const TempDir& root) { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl --root " + root.path(); }
+
+// Starts tarnisd in the background with its output in out1/err1 and waits
+// until it answers a dump.
+pid_t StartDaemon(const TempDir& root) {
+    pid_t daemon = fork();
+    if (daemon == 0) {
+        freopen("/dev/null", "w", stdout);
+        freopen("/dev/null", "w", stderr);
+        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return daemon;
+}
+
+bool WaitServing(const TempDir& root) {
+    int status = -1;
+    for (int i = 0; i < 200; ++i) {
+        RunShell(Ctl(root) + " dump ModuleManager dump >/dev/null 2>&1", &status);
+        if (status == 0) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    return false;
+}
+
+bool Alive(pid_t pid) {
+    int status = 0;
+    return waitpid(pid, &status, WNOHANG) == 0;
+}
+
+}  // namespace
+
+TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
+    TempDir root;
+    int err = -1;
+    pid_t daemon = fork();
+    ASSERT_GE(daemon, 0);
+    if (daemon == 0) {
+        freopen(root.Sub("out1").c_str(), "w", stdout);
+        freopen(root.Sub("err1").c_str(), "w", stderr);
+        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_TRUE(WaitServing(root));
+    const std::string ctl = Ctl(root);
+    int status = -1;
+    EXPECT_EQ(RunShell(ctl + " dump ModuleManager dump", &status),
+              "Current Modules:\n-------------------------\nName \t\t Status\n");
+    EXPECT_EQ(ReadFile(root.Sub("out1")), "TarnisSsiImpl impl ready!\n");
+
+    // A reader that goes away costs the daemon one error line, not its life.
+    RunShell(ctl + " dump ModuleManager dump 2>/dev/null | true");
+    ASSERT_TRUE(Alive(daemon));
+    // A document nested past any parser's patience: the tool warns and sends
+    // it; the daemon refuses it with a line and goes on.
+    const std::string deep = std::string(1001, '[') + std::string(1001, ']');
+    std::string warned = RunShell(ctl + " intent A '" + deep + "' 2>&1", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(warned.find("tarnisctl: warning: the intent's JSON is not valid JSON ("), std::string::npos) << warned;
+    EXPECT_NE(warned.find("); sending it anyway"), std::string::npos) << warned;
+    // The list of a report must parse: a clear usage error, no abort.
+    std::string refused = RunShell(ctl + " event reportEventsV2 a '" + deep + "' c false 2>&1", &status);
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(refused.find("tarnisctl: event reportEventsV2: JSON_LIST "), std::string::npos) << refused;
+    ASSERT_TRUE(Alive(daemon));
+    EXPECT_EQ(RunShell(ctl + " dump ModuleManager dump", &status).substr(0, 16), "Current Modules:");
+
+    // A second daemon on the same root says so in one line and exits, without
+    // aborting (the start-up log lines of its static threads aside).
+    std::string second = RunShell("TARNIS_LOG_LEVEL=W " + Daemon(root) + " 2>&1 >/dev/null; echo \"exit $?\"", &err);
+    EXPECT_EQ(second, "tarnisd: another tarnisd (pid " + std::to_string(daemon) + ") is already running on root " +
+                          root.path() + "\nexit 1\n");
+
+    // SIGTERM: sockets withdrawn, lock given up, exit status 0.
+    ASSERT_EQ(kill(daemon, SIGTERM), 0);
+    ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(RunShell("ls -A " + root.Sub("dev/binder")), "");
+    EXPECT_NE(access(root.Sub("dev/.tarnisd.lock").c_str(), F_OK), 0);
+    const std::string log = ReadFile(root.Sub("err1"));
+    EXPECT_NE(log.find(" E tarnisd : binder: dump of velmar.system.tarnis.common.ITarnisSsi for pid "),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find(": the reader went away after 0 of 58 bytes (Broken pipe)"), std::string::npos) << log;
+    EXPECT_NE(log.find("E Tarnis-JsonUtil: "), std::string::npos) << log;
+    EXPECT_NE(log.find("I tarnisd : tarnisd: SIGTERM received; withdrawing the services and exiting"),
+              std::string::npos)
+        << log;
+    // A fresh daemon takes the root over.
+    pid_t next = StartDaemon(root);
+    EXPECT_TRUE(WaitServing(root));
+    kill(next, SIGTERM);
+    waitpid(next, nullptr, 0);
+}
+
+// A service manager that refuses the registration is fatal: the success line
+// is logged first, then the check aborts, and nothing after it happens.
+TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
+    TempDir root;
+    platform::SetRoot(root.path());
+    // This process already serves the name on that root.
+    auto squatter = ndk::SharedRefBase::make<TarnisSsiImpl>();
+    ASSERT_EQ(AServiceManager_addService(squatter->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    int status = -1;
+    std::string err = RunShell(Daemon(root) + " 2>&1 >/dev/null", &status);
+    EXPECT_NE(status, 0);
+    size_t added = err.find("Velmar Tarnis-System Service is added in ServiceManager...");
+    size_t check = err.find("Check failed: status == STATUS_OK (status=");
+    EXPECT_NE(added, std::string::npos) << err;
+    EXPECT_NE(check, std::string::npos) << err;
+    EXPECT_LT(added, check);
+    EXPECT_EQ(err.find("Internal Service is added"), std::string::npos);
+    android::ServiceManager::instance().removeService(kSsiName);
+    platform::SetRoot("/");
+}
+
+// The tool never waits for ever: a service that accepts and never answers
+// costs it its --timeout, and the user reads why.
+TEST(DaemonTest, TheToolGivesUpOnASilentServiceWithASentence) {
+    TempDir root;
+    platform::SetRoot(root.path());
+    ASSERT_EQ(system(("mkdir -p " + root.Sub("dev/binder")).c_str()), 0);
+    android::base::unique_fd silent = android::WireIo::Bind(android::ServiceManager::SocketPath(kSsiName));
+    ASSERT_TRUE(silent.ok());
+    ASSERT_EQ(listen(silent.get(), 8), 0);
+    int status = -1;
+    auto start = std::chrono::steady_clock::now();
+    std::string err = RunShell(Ctl(root) + " --timeout 0.5 dump ModuleManager dump 2>&1", &status);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(err, "tarnisctl: no reply from service " + kSsiName + " within 500 ms\n");
+    err = RunShell(Ctl(root) + " --timeout soon dump 2>&1 | head -1", &status);
+    EXPECT_EQ(err, "tarnisctl: --timeout needs a number of seconds between 0 and 86400, not 'soon'\n");
+    // With nobody there at all, it says that instead.
+    silent.reset();
+    unlink(android::ServiceManager::SocketPath(kSsiName).c_str());
+    err = RunShell(Ctl(root) + " dump 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(err, "tarnisctl: service " + kSsiName + " is not running below root " + root.path() +
+                       " (is tarnisd running?)\n");
+    platform::SetRoot("/");
+}
