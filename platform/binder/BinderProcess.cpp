@@ -71,7 +71,9 @@ struct BinderProcess::Connection {
     pid_t pid = 0;
     WireDecoder decoder{{WireIo::kRequestMagic}};
     size_t accounted = 0;  // bytes of the decoder counted against the budgets
-    State state = State::kArmed;
+    // Written under lock_, except the move to kDeferred under workLock_;
+    // only kArmed connections are touched by threads that do not own them.
+    std::atomic<State> state{State::kArmed};
     Clock::time_point lastActive;
     std::unique_ptr<WireMessage> pending;  // a transaction waiting for its uid's turn
 };
@@ -245,7 +247,7 @@ void BinderProcess::serveLoop() {
             if (read(readyEvent_.get(), &one, sizeof(one)) != sizeof(one)) continue;  // another thread took it
             std::shared_ptr<Connection> conn;
             {
-                std::lock_guard<std::mutex> lock(lock_);
+                std::lock_guard<std::mutex> lock(workLock_);
                 if (ready_.empty()) continue;
                 conn = std::move(ready_.front());
                 ready_.pop_front();
@@ -515,7 +517,7 @@ bool BinderProcess::account(Connection& conn) {
 }
 
 bool BinderProcess::acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message) {
-    std::lock_guard<std::mutex> lock(lock_);
+    std::lock_guard<std::mutex> lock(workLock_);
     UidWork& work = work_[conn->uid];
     if (work.busy < uidWorkCapLocked()) {
         ++work.busy;
@@ -528,7 +530,7 @@ bool BinderProcess::acquireWork(const std::shared_ptr<Connection>& conn, WireMes
 }
 
 void BinderProcess::releaseWork(uid_t uid) {
-    std::lock_guard<std::mutex> lock(lock_);
+    std::lock_guard<std::mutex> lock(workLock_);
     auto it = work_.find(uid);
     if (it == work_.end()) return;
     UidWork& work = it->second;
@@ -570,7 +572,6 @@ BinderProcess::Outcome BinderProcess::readAndServe(const std::shared_ptr<Connect
                 return Outcome::kClosed;
             }
             conn.lastActive = Clock::now();
-            if (!account(conn)) return Outcome::kClosed;
         }
         mustRead = true;
         for (;;) {
@@ -580,12 +581,17 @@ BinderProcess::Outcome BinderProcess::readAndServe(const std::shared_ptr<Connect
                 return Outcome::kClosed;
             }
             if (result == WireDecoder::Result::kNeedMore) break;
-            account(conn);  // the buffer only shrank: within every budget
-            if (!acquireWork(shared, message)) return Outcome::kDeferred;
+            if (!acquireWork(shared, message)) {
+                account(conn);  // the buffer only shrank: within every budget
+                return Outcome::kDeferred;
+            }
             bool ok = serveOne(conn, message);
             releaseWork(conn.uid);
             if (!ok) return Outcome::kClosed;
         }
+        // Only bytes held between reads count against the budgets, so a
+        // transaction that arrives whole costs no accounting at all.
+        if (conn.decoder.bufferedBytes() != conn.accounted && !account(conn)) return Outcome::kClosed;
         // Nothing half-received: let epoll say when more comes, rather than
         // paying a read that would only find the socket empty.
         if (conn.decoder.bufferedBytes() == 0) return Outcome::kRearm;

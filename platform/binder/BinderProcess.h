@@ -143,6 +143,9 @@ private:
     std::unordered_map<uint64_t, std::shared_ptr<Service>> services_;
     std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
     std::unordered_map<std::string, uint64_t> serviceIds_;
+    // The threads each uid occupies and its waiting transactions: taken twice
+    // per transaction, so apart from lock_.
+    std::mutex workLock_;
     std::unordered_map<uid_t, UidWork> work_;
     std::deque<std::shared_ptr<Connection>> ready_;
     uint64_t nextId_ = 16;  // ids below are the timers' and events'

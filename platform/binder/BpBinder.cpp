@@ -58,7 +58,12 @@ base::unique_fd BpBinder::takeConnection(bool* reused) {
         while (!idle_.empty()) {
             Idle idle = std::move(idle_.back());
             idle_.pop_back();
-            if (now - idle.since < std::chrono::milliseconds(kMaxIdleReuseMs) && StillQuiet(idle.fd.get())) {
+            // A connection that was busy a moment ago needs no look: a server
+            // closes only connections idle far longer, and a send on one it
+            // closed fails at once and is retried on a fresh one.
+            const auto idleFor = now - idle.since;
+            if (idleFor < std::chrono::milliseconds(kMaxIdleReuseMs) &&
+                (idleFor < std::chrono::seconds(1) || StillQuiet(idle.fd.get()))) {
                 *reused = true;
                 return std::move(idle.fd);
             }
