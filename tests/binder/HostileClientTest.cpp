@@ -302,6 +302,8 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
 // Out of descriptors, the server pauses accepting and says so once per
 // interval, instead of retrying at full speed and logging every attempt.
 TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
+    const ProcessCounts before = ProcessCounts::Of();
+    {
     tarnis_test::TempDir root;
     const std::string errPath = root.Sub("server.err");
     int ready[2], relieve[2];
@@ -354,13 +356,16 @@ TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
     }
     EXPECT_GE(told, 1u);
     flood.clear();
-    // With descriptors back, the service answers again.
+    // With descriptors back, the service answers again once its pause is over
+    // (a client that comes too early is turned away with the reason).
     ASSERT_EQ(write(relieve[1], "x", 1), 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, socketPath));
-    ASSERT_NE(ssi, nullptr);
-    EXPECT_TRUE(ssi->reportSimpleEvent(0, "quiet").isOk());
-    ssi.reset();
+    bool served = false;
+    for (int i = 0; i < 100 && !served; ++i) {
+        auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, socketPath));
+        served = ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk();
+        if (!served) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(served) << BpBinder::LastError();
     kill(server, SIGKILL);
     waitpid(server, nullptr, 0);
     std::string err = tarnis_test::ReadFile(errPath);
@@ -370,6 +375,9 @@ TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
     EXPECT_NE(err.find("Too many open files; pausing for 100 ms"), std::string::npos) << err.substr(0, 2000);
     for (int fd : {ready[0], ready[1], relieve[0], relieve[1]}) close(fd);
     platform::SetRoot("/");
+    }
+    EXPECT_TRUE(ProcessCounts::Await(before)) << "before: " << before.ToString()
+                                              << ", after: " << ProcessCounts::Of().ToString();
 }
 
 }  // namespace
