@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -241,6 +242,72 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     EXPECT_TRUE(capture.Contains("idle for more than 200 ms", "", ANDROID_LOG_INFO));
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
     for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+}
+
+// Many uids together fill a service whose cap a low descriptor limit made
+// small; a newcomer is let in at the cost of an idle connection of the uid
+// that holds the most, not turned away.
+TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
+    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    // Room for 8 connections (1 already ours), 2 per uid.
+    rlimit low = saved;
+    low.rlim_cur = BinderProcess::kReservedFds + 8;
+    ASSERT_LT(ProcessCounts::Of().fds + 20, low.rlim_cur);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<std::pair<pid_t, int>> holders;  // pid, pipe that says how it ended
+    for (uid_t uid = kShellUid; uid < kShellUid + 6; ++uid) {
+        int report[2];
+        ASSERT_EQ(pipe(report), 0);
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            // Copies of the server's accepted sockets would keep them open
+            // in here after the server closes them: keep only the report pipe.
+            if (dup2(report[1], 3) != 3) _exit(98);
+            syscall(SYS_close_range, 4U, ~0U, 0U);
+            report[1] = 3;
+            if (setgid(uid) != 0 || setuid(uid) != 0) _exit(99);
+            unique_fd a = WireIo::Connect(path_, 2000);
+            unique_fd b = uid == kShellUid ? WireIo::Connect(path_, 2000) : unique_fd();
+            if (write(report[1], "r", 1) != 1) _exit(2);
+            // Wait for the end of stream the eviction brings (or the parent's kill).
+            pollfd pfd{a.get(), POLLIN, 0};
+            pollfd pfdB{b.get(), POLLIN, 0};
+            bool first = poll(&pfd, 1, 3000) == 1;
+            bool second = b.ok() && poll(&pfdB, 1, 0) == 1;
+            char c = first || second ? 'e' : 'k';
+            if (write(report[1], &c, 1) != 1) _exit(3);
+            _exit(0);
+        }
+        close(report[1]);
+        char c;
+        ASSERT_EQ(read(report[0], &c, 1), 1);
+        holders.emplace_back(child, report[0]);
+    }
+    // Full: uid 2000 holds two, five other uids and our proxy one each.
+    for (int i = 0; i < 100 && Connections() < 8; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(Connections(), 8u);
+    platform::LogCapture capture;
+    // A ninth caller: uid 2000 holds the most and gives one up.
+    EXPECT_EQ(RunAsUid(kShellUid + 9, [&] {
+                  auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
+                  return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk() ? 0 : 1;
+              }),
+              0);
+    std::string ends;
+    for (auto& [pid, report] : holders) {
+        char c = '?';
+        if (read(report, &c, 1) != 1) c = '?';
+        ends += c;
+        waitpid(pid, nullptr, 0);
+        close(report);
+    }
+    EXPECT_EQ(ends, "ekkkkk");  // only uid 2000 lost a connection
+    EXPECT_TRUE(capture.Contains("binder: closed 1 idle connection(s) of the largest holder to admit uid 2009 to " +
+                                 kName));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
 TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
