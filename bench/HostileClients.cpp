@@ -197,27 +197,28 @@ size_t CountRefusals(std::vector<unique_fd>& conns, const std::string& prefix) {
     return told;
 }
 
-void ReaderGone() {
+// Runs `tarnisctl ARGS` 100 times from a shell and counts the daemon's log
+// lines that mention `pattern`.
+void RepeatedToolCase(const char* name, const std::string& sent, const std::string& args,
+                      const std::string& pattern, const std::string& outcome) {
     Cost before = Measure();
-    Shell("for i in $(seq 100); do " + gCtlPath + " --root " + gRoot +
-          " dump ModuleManager dump 2>/dev/null | true; done");
+    Shell("for i in $(seq 100); do " + gCtlPath + " --root " + gRoot + " " + args + "; done");
     double other = OtherCallerMs();
-    const int lines = atoi(Shell("grep -c 'the reader went away' " + gRoot + "/daemon.err").c_str());
-    Row("reader gone", "100 x `tarnisctl dump ModuleManager dump | true`",
-        DaemonAlive() ? std::to_string(lines) + " dumps ended with an error line; daemon alive" : "DAEMON DIED",
+    const int lines = atoi(Shell("grep -c '" + pattern + "' " + gRoot + "/daemon.err").c_str());
+    Row(name, sent, DaemonAlive() ? std::to_string(lines) + " " + outcome + "; daemon alive" : "DAEMON DIED",
         before, Measure(), other);
 }
 
+void ReaderGone() {
+    RepeatedToolCase("reader gone", "100 x `tarnisctl dump ModuleManager dump | true`",
+                     "dump ModuleManager dump 2>/dev/null | true", "the reader went away",
+                     "dumps ended with an error line");
+}
+
 void DeepJson() {
-    Cost before = Measure();
     const std::string deep = std::string(1001, '[') + std::string(1001, ']');
-    Shell("for i in $(seq 100); do " + gCtlPath + " --root " + gRoot + " intent A '" + deep +
-          "' 2>/dev/null; done");
-    double other = OtherCallerMs();
-    const int lines = atoi(Shell("grep -c 'Tarnis-JsonUtil' " + gRoot + "/daemon.err").c_str());
-    Row("deep JSON", "100 x intent with 1,001 nested arrays",
-        DaemonAlive() ? std::to_string(lines) + " refused with an error line; daemon alive" : "DAEMON DIED",
-        before, Measure(), other);
+    RepeatedToolCase("deep JSON", "100 x intent with 1,001 nested arrays", "intent A '" + deep + "' 2>/dev/null",
+                     "Tarnis-JsonUtil", "refused with an error line");
 }
 
 void FullPipes() {

@@ -36,12 +36,12 @@ std::string Seconds(int ms) {
 }
 
 void SetTimer(int fd, int firstMs, int intervalMs) {
-    itimerspec spec{};
-    spec.it_value.tv_sec = firstMs / 1000;
-    spec.it_value.tv_nsec = static_cast<long>(firstMs % 1000) * 1000000L;
-    spec.it_interval.tv_sec = intervalMs / 1000;
-    spec.it_interval.tv_nsec = static_cast<long>(intervalMs % 1000) * 1000000L;
-    timerfd_settime(fd, 0, &spec, nullptr);
+    itimerspec when{};
+    when.it_value.tv_sec = firstMs / 1000;
+    when.it_value.tv_nsec = static_cast<long>(firstMs % 1000) * 1000000L;
+    when.it_interval.tv_sec = intervalMs / 1000;
+    when.it_interval.tv_nsec = static_cast<long>(intervalMs % 1000) * 1000000L;
+    timerfd_settime(fd, 0, &when, nullptr);
 }
 
 }  // namespace
