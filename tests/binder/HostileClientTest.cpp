@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/Log.h"
 #include "platform/LogCapture.h"
 #include "platform/Root.h"
 #include "platform/binder/BinderProcess.h"
@@ -386,6 +387,10 @@ TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
         if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) _exit(2);
         BinderProcess::self().setMaxThreads(2);
         ABinderProcess_startThreadPool();
+        // UndefinedBehaviorSanitizer checks a stream's dynamic type the first
+        // time through, with a pipe that it cannot open once descriptors run
+        // out: a log line now lets the server's log lines pass later.
+        LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
         rlimit limit{128, 128};
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
         std::vector<int> fillers;
