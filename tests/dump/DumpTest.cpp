@@ -13,7 +13,7 @@
 #include <regex>
 #include <thread>
 
-#include "platform/Clock.h"
+#include "utils/Clock.h"
 #include "platform/Log.h"
 #include "platform/LogCapture.h"
 #include "platform/Properties.h"
@@ -34,7 +34,7 @@ using tarnis_test::WriteFile;
 namespace {
 
 // Sleeps cost nothing; the time they would have taken is counted.
-class CountingClock : public platform::Clock {
+class CountingClock : public velmar::kolto::Clock {
 public:
     int64_t SteadyNowMs() override { return slept_; }
     int64_t WallNowMs() override { return slept_; }
@@ -100,10 +100,10 @@ protected:
         android::base::SetProperty("ro.product.device", "host");
         android::base::SetProperty("ro.build.version.incremental", "42");
         android::base::SetProperty("ro.debuggable", "1");
-        platform::SetClockForTesting(&clock_);
+        velmar::kolto::SetClockForTesting(&clock_);
     }
     void TearDown() override {
-        platform::SetClockForTesting(nullptr);
+        velmar::kolto::SetClockForTesting(nullptr);
         SandboxTest::TearDown();
     }
     static Vector<String16> List(std::initializer_list<const char*> items) {

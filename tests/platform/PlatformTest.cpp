@@ -7,7 +7,6 @@
 #include <vector>
 #include <thread>
 
-#include "platform/Clock.h"
 #include "platform/Log.h"
 #include "platform/LogCapture.h"
 #include "platform/Properties.h"
@@ -174,20 +173,4 @@ TEST_F(PlatformTest, TarnisctlGetpropAndSetprop) {
     EXPECT_EQ(status, 2);
     RunShell(ctl + " nosuchcommand 2>/dev/null", &status);
     EXPECT_EQ(status, 2);
-}
-
-TEST(ClockTest, TestClockReplacesTheRealOne) {
-    struct Fake : platform::Clock {
-        int64_t now = 1000;
-        int64_t SteadyNowMs() override { return now; }
-        int64_t WallNowMs() override { return now; }
-        void SleepMs(int64_t ms) override { now += ms; }
-    } fake;
-    platform::Clock* previous = platform::SetClockForTesting(&fake);
-    platform::GetClock().SleepMs(20 * 60 * 1000);
-    EXPECT_EQ(platform::GetClock().SteadyNowMs(), 1000 + 20 * 60 * 1000);
-    platform::SetClockForTesting(previous);
-    int64_t a = platform::GetClock().SteadyNowMs();
-    platform::GetClock().SleepMs(5);
-    EXPECT_GE(platform::GetClock().SteadyNowMs() - a, 5);
 }

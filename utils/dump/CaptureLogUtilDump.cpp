@@ -19,7 +19,7 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/Clock.h"
+#include "utils/Clock.h"
 #include "platform/Log.h"
 #include "platform/Properties.h"
 #include "platform/Root.h"
@@ -162,7 +162,7 @@ int ConnectDumpstate() {
         if (fd >= 0) return fd;
         if (attempt + 1 < kConnectTries) {
             const int saved = errno;
-            platform::GetClock().SleepMs(kConnectPauseMs);
+            velmar::kolto::GetClock().SleepMs(kConnectPauseMs);
             errno = saved;
         }
     }
@@ -233,7 +233,7 @@ std::string RequestBugreport(const std::string& logDir, const std::string& param
 void WaitForCoredump(const std::string& file) {
     const bool armed = base::GetBoolProperty("persist.sys.device_config_gki", false) ||
                        base::GetBoolProperty("persist.sys.enable_nuvi_coredump", false);
-    platform::Clock& clock = platform::GetClock();
+    velmar::kolto::Clock& clock = velmar::kolto::GetClock();
     if (armed) {
         for (int attempt = 1; attempt <= 3; ++attempt) {
             if (FileExists(file)) {

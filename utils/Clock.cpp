@@ -1,11 +1,12 @@
-#include "platform/Clock.h"
+#include "utils/Clock.h"
 
 #include <time.h>
 
 #include <atomic>
 #include <cerrno>
 
-namespace platform {
+namespace velmar {
+namespace kolto {
 namespace {
 
 SystemClock& RealClock() {
@@ -46,4 +47,5 @@ void SystemClock::SleepMs(int64_t ms) {
     }
 }
 
-}  // namespace platform
+}  // namespace kolto
+}  // namespace velmar

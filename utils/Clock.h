@@ -5,7 +5,8 @@
 // Clocks and long sleeps. Production reads the real clocks; tests install a
 // clock of their own so that waits of minutes (the boot monitor's twenty
 // minutes, daily schedules) pass in milliseconds.
-namespace platform {
+namespace velmar {
+namespace kolto {
 
 class Clock {
 public:
@@ -32,4 +33,5 @@ public:
     void SleepMs(int64_t ms) override;
 };
 
-}  // namespace platform
+}  // namespace kolto
+}  // namespace velmar
