@@ -26,9 +26,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Log.h"
-#include "platform/Root.h"
-#include "platform/binder/BnTarnisSsi.h"
+#include <log/log.h>
+#include <host/Host.h>
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

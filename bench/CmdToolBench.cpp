@@ -14,7 +14,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/Log.h"
+#include <log/log.h>
+#include <host/Host.h>
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/CmdTool.h"
 

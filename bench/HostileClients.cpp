@@ -31,11 +31,11 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Log.h"
-#include "platform/Root.h"
+#include <log/log.h>
+#include <host/Host.h>
 #include "platform/binder/BpBinder.h"
-#include "platform/binder/ITarnisSsi.h"
-#include "platform/binder/ITarnisSsiIntl.h"
+#include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
+#include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

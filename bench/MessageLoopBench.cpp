@@ -17,7 +17,8 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include "platform/Log.h"
+#include <log/log.h>
+#include <host/Host.h>
 
 // GCC pairs the replaced operator delete with the library's operator new when
 // it inlines them and warns about malloc/free; both are ours here.

@@ -5,7 +5,7 @@
 
 #include "framework/LocalBroadcastManager.h"
 #include "framework/TarnisUtil.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "utils/JsonUtil.h"
 #include "utils/StringUtil.h"
 

@@ -5,7 +5,7 @@
 #include "framework/ModuleManager.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisMessage.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-LocalBroadcastManager"

@@ -1,6 +1,6 @@
 #include "framework/ModuleBase.h"
 
-#include "platform/Log.h"
+#include <log/log.h>
 
 #define LOG_TAG "Tarnis-ModuleBase"
 

@@ -11,7 +11,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include "platform/Log.h"
+#include <log/log.h>
 
 #define LOG_TAG "Tarnis-ModuleManager"
 

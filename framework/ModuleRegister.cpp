@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "framework/ModulePrio.h"
-#include "platform/Log.h"
+#include <log/log.h>
 
 #define LOG_TAG "Tarnis-ModuleRegister"
 

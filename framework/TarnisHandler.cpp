@@ -5,7 +5,7 @@
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
-#include "platform/Log.h"
+#include <log/log.h>
 
 #define LOG_TAG "Tarnis-Handler"
 

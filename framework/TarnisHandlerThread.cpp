@@ -9,7 +9,8 @@
 
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
-#include "platform/Log.h"
+#include <log/log.h>
+#include <android-base/logging.h>
 
 #define LOG_TAG "Tarnis-HandlerThread"
 

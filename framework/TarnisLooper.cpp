@@ -6,7 +6,7 @@
 #include "framework/TarnisLooperManager.h"
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
-#include "platform/Log.h"
+#include <log/log.h>
 
 #define LOG_TAG "Tarnis-TarnisLooper"
 

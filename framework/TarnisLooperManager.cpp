@@ -3,7 +3,7 @@
 #include <pthread.h>
 
 #include "framework/TarnisLooper.h"
-#include "platform/Log.h"
+#include <log/log.h>
 
 #define LOG_TAG "Tarnis-TarnisLooper"
 

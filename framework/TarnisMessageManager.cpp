@@ -3,7 +3,7 @@
 #include <new>
 
 #include "framework/TarnisMessage.h"
-#include "platform/Log.h"
+#include <android-base/logging.h>
 
 namespace velmar {
 namespace kolto {

@@ -4,7 +4,7 @@
 #include <new>
 
 #include "framework/TarnisFreeList.h"
-#include "platform/Log.h"
+#include <android-base/logging.h>
 
 namespace velmar {
 namespace kolto {

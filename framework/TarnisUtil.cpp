@@ -3,7 +3,8 @@
 #include <mutex>
 #include <string>
 
-#include "platform/binder/NdkBinder.h"
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
 
 namespace velmar {
 namespace kolto {

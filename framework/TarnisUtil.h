@@ -2,9 +2,9 @@
 
 #include <memory>
 
-#include "platform/binder/ITarnisIntl.h"
-#include "platform/binder/ITarnisSsi.h"
-#include "platform/binder/ITarnisSsiIntl.h"
+#include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
+#include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
+#include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
 
 namespace velmar {
 namespace kolto {

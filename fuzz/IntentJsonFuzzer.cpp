@@ -5,7 +5,8 @@
 #include <string>
 
 #include "framework/InternalBroadcastManager.h"
-#include "platform/Log.h"
+#include <log/log.h>
+#include <host/Host.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool quiet = [] {

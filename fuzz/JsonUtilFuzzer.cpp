@@ -9,15 +9,16 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/Log.h"
-#include "platform/Unicode.h"
+#include <log/log.h>
+#include <host/Host.h>
+#include <utils/Unicode.h>
 #include "utils/JsonUtil.h"
 
 namespace {
 
 bool IsUtf8(const std::string& text) {
     for (size_t pos = 0; pos < text.size();) {
-        const size_t length = platform::Utf8SequenceLength(text, pos);
+        const size_t length = android::Utf8SequenceLength(text, pos);
         if (length == 0) return false;
         pos += length;
     }

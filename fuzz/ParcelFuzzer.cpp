@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Log.h"
-#include "platform/binder/BnTarnisSsi.h"
+#include <log/log.h>
+#include <host/Host.h>
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
 #include "platform/binder/Parcel.h"
 
 namespace {

@@ -12,10 +12,10 @@
 
 #include "framework/ModuleManager.h"
 #include "framework/TarnisUtil.h"
-#include "platform/Host.h"
-#include "platform/Log.h"
-#include "platform/binder/NdkBinder.h"
-#include "platform/Root.h"
+#include <host/Host.h>
+#include <android-base/logging.h>
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
 

@@ -1,4 +1,4 @@
-#include "platform/DorvaServiceManager.h"
+#include <dorva/DorvaServiceManager.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,11 +8,11 @@
 
 #include <memory>
 
-#include "platform/Log.h"
-#include "platform/Properties.h"
-#include "platform/Root.h"
-#include "platform/Unicode.h"
-#include "platform/UniqueFd.h"
+#include <log/log.h>
+#include <android-base/properties.h>
+#include <host/Host.h>
+#include <utils/Unicode.h>
+#include <android-base/unique_fd.h>
 
 namespace android {
 namespace {
@@ -22,7 +22,7 @@ constexpr const char* kJournalDir = "/data/misc/tarnis";
 
 Json::Value Strings16(const std::vector<std::u16string>& list) {
     Json::Value out(Json::arrayValue);
-    for (const auto& s : list) out.append(platform::Utf16ToUtf8(s));
+    for (const auto& s : list) out.append(android::Utf16ToUtf8(s));
     return out;
 }
 
@@ -46,7 +46,7 @@ void AppendQuoted(std::string* out, const std::string& text) {
     size_t pos = 0;
     while (pos < text.size()) {
         const auto byte = static_cast<unsigned char>(text[pos]);
-        const size_t length = platform::Utf8SequenceLength(text, pos);
+        const size_t length = android::Utf8SequenceLength(text, pos);
         if (length == 0) {
             *out += "\\udc";
             out->push_back(kHex[byte >> 4]);

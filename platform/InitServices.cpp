@@ -13,9 +13,9 @@
 #include <fstream>
 #include <vector>
 
-#include "platform/Log.h"
-#include "platform/Properties.h"
-#include "platform/Root.h"
+#include <log/log.h>
+#include <android-base/properties.h>
+#include <host/Host.h>
 
 extern char** environ;
 

@@ -6,8 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/Host.h"
-#include "platform/Root.h"
+#include <host/Host.h>
 
 namespace platform {
 namespace host {

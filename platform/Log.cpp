@@ -1,4 +1,6 @@
-#include "platform/Log.h"
+#include <android-base/logging.h>
+#include <host/Host.h>
+#include <log/log.h>
 
 #include <pthread.h>
 #include <sys/syscall.h>

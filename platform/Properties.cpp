@@ -1,4 +1,6 @@
-#include "platform/Properties.h"
+#include <android-base/properties.h>
+#include <cutils/properties.h>
+#include <host/Host.h>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,8 +16,7 @@
 #include <cstring>
 
 #include "platform/InitServices.h"
-#include "platform/Log.h"
-#include "platform/Root.h"
+#include <android-base/logging.h>
 
 namespace platform {
 namespace {
@@ -160,6 +161,12 @@ std::map<std::string, std::string> ListProperties() {
 }
 
 }  // namespace platform
+
+int property_list(void (*fn)(const char* key, const char* value, void* cookie), void* cookie) {
+    if (fn == nullptr) return -1;
+    for (const auto& [name, value] : platform::ListProperties()) fn(name.c_str(), value.c_str(), cookie);
+    return 0;
+}
 
 namespace android {
 namespace base {

@@ -1,4 +1,4 @@
-#include "platform/Root.h"
+#include <host/Host.h>
 
 #include <atomic>
 #include <cstdlib>

@@ -1,8 +1,8 @@
-#include "platform/Unicode.h"
+#include <utils/Unicode.h>
 
 #include <cstdint>
 
-namespace platform {
+namespace android {
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
@@ -122,4 +122,4 @@ size_t Utf8SequenceLength(const std::string& text, size_t pos) {
     return len;
 }
 
-}  // namespace platform
+}  // namespace android

@@ -1,7 +1,7 @@
 #include "service/TarnisInternal.h"
 
 #include "framework/InternalBroadcastManager.h"
-#include "platform/Log.h"
+#include <android-base/logging.h>
 #include "utils/StringUtil.h"
 
 namespace aidl {

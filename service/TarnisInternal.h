@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/binder/BnTarnisSsiIntl.h"
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 
 namespace aidl {
 namespace velmar {

@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "framework/ModuleManager.h"
-#include "platform/DorvaServiceManager.h"
-#include "platform/Unicode.h"
+#include <dorva/DorvaServiceManager.h>
+#include <utils/Unicode.h>
 
 namespace aidl {
 namespace velmar {
@@ -28,7 +28,7 @@ binder_status_t TarnisSsiImpl::dump(int fd, const char** args, uint32_t numArgs)
 std::vector<std::u16string> TarnisSsiImpl::convertVector(const std::vector<std::string>& list) {
     std::vector<std::u16string> converted;
     converted.reserve(list.size());
-    for (const std::string& item : list) converted.push_back(platform::Utf8ToUtf16(item));
+    for (const std::string& item : list) converted.push_back(android::Utf8ToUtf16(item));
     return converted;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/binder/BnTarnisSsi.h"
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
 
 namespace aidl {
 namespace velmar {

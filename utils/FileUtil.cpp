@@ -10,8 +10,8 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/Log.h"
-#include "platform/Root.h"
+#include <log/log.h>
+#include <host/Host.h>
 #include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-FileUtil"

@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-JsonUtil"

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
 

@@ -8,7 +8,7 @@
 #include "platform/binder/ICInterface.h"
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
-#include "platform/Unicode.h"
+#include <utils/Unicode.h>
 
 namespace android {
 
@@ -40,7 +40,7 @@ status_t BBinder::handleDump(const Parcel& data) {
     if (!fd.ok()) return BAD_VALUE;
     std::vector<std::string> args;
     args.reserve(args16.size());
-    for (const auto& a : args16) args.push_back(platform::Utf16ToUtf8(a));
+    for (const auto& a : args16) args.push_back(android::Utf16ToUtf8(a));
     std::vector<const char*> argv;
     argv.reserve(args.size());
     for (const auto& a : args) argv.push_back(a.c_str());

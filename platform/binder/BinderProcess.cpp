@@ -13,7 +13,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/Log.h"
+#include <android-base/logging.h>
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireDecoder.h"
@@ -484,11 +484,13 @@ void BinderProcess::eraseLocked(Connection& conn) {
     conn.fd.reset();
 }
 
+void BinderProcess::logClose(const Connection& conn, const std::string& why) {
+    closeLog_->log(base::ERROR, "binder: closing connection from pid " + std::to_string(conn.pid) + " uid " +
+                                    std::to_string(conn.uid) + " to " + conn.service->name + ": " + why);
+}
+
 void BinderProcess::closeConnection(Connection& conn, const std::string& why) {
-    if (!why.empty()) {
-        closeLog_->log(base::ERROR, "binder: closing connection from pid " + std::to_string(conn.pid) + " uid " +
-                                        std::to_string(conn.uid) + " to " + conn.service->name + ": " + why);
-    }
+    if (!why.empty()) logClose(conn, why);
     std::lock_guard<std::mutex> lock(lock_);
     eraseLocked(conn);
 }
@@ -510,9 +512,11 @@ bool BinderProcess::account(Connection& conn) {
         } else if (service.buffered > kMaxBufferedBytes) {
             why = "unfinished transactions exceed " + std::to_string(kMaxBufferedBytes) + " bytes in all";
         }
+        // Closed in the same breath, so that nobody ever sees a budget exceeded.
+        if (!why.empty()) eraseLocked(conn);
     }
     if (why.empty()) return true;
-    closeConnection(conn, why);
+    logClose(conn, why);
     return false;
 }
 

@@ -13,7 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/UniqueFd.h"
+#include <android-base/unique_fd.h>
 #include "platform/binder/IBinder.h"
 
 // The serving side of this process: the listening sockets of the services it
@@ -124,6 +124,7 @@ private:
     bool acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message);
     void releaseWork(uid_t uid);
     void closeConnection(Connection& conn, const std::string& why);
+    void logClose(const Connection& conn, const std::string& why);
     void eraseLocked(Connection& conn);
     void rearm(Connection& conn);
     void rearmListener(const Service& service);

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/Log.h"
+#include <android-base/logging.h>
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireIo.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/UniqueFd.h"
+#include <android-base/unique_fd.h>
 #include "platform/binder/IBinder.h"
 
 // A proxy for a service in another process, reached through its socket.

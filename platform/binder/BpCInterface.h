@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "platform/Unicode.h"
+#include <utils/Unicode.h>
 #include "platform/binder/ICInterface.h"
 
 // Base of the proxy of interface I: marshals the arguments, runs the
@@ -24,7 +24,7 @@ public:
         android::Parcel in;
         in.writeFileDescriptor(fd);
         std::vector<std::u16string> args16;
-        for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(platform::Utf8ToUtf16(args[i]));
+        for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(android::Utf8ToUtf16(args[i]));
         in.writeString16Vector(args16);
         android::Parcel reply;
         return remote_->transact(DUMP_TRANSACTION, in, &reply);

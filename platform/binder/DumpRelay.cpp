@@ -14,8 +14,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "platform/Log.h"
-#include "platform/UniqueFd.h"
+#include <android-base/logging.h>
+#include <android-base/unique_fd.h>
 
 namespace android {
 namespace {

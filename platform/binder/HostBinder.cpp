@@ -1,4 +1,4 @@
-#include "platform/Host.h"
+#include <host/Host.h>
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/ServiceManager.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/Log.h"
+#include <android-base/logging.h>
 #include "platform/binder/BBinder.h"
 #include "platform/binder/IBinder.h"
 #include "platform/binder/Parcel.h"

@@ -1,7 +1,7 @@
 #include "platform/binder/IServiceManager.h"
 
-#include "platform/Log.h"
-#include "platform/Unicode.h"
+#include <android-base/logging.h>
+#include <utils/Unicode.h>
 #include "platform/binder/ServiceManager.h"
 
 namespace android {
@@ -14,21 +14,21 @@ status_t IServiceManager::addService(const std::u16string& name, const sp<IBinde
         LOG(ERROR) << "addService: invalid dump priority " << dumpsysPriority;
         return BAD_VALUE;
     }
-    return ServiceManager::instance().addService(platform::Utf16ToUtf8(name), service);
+    return ServiceManager::instance().addService(android::Utf16ToUtf8(name), service);
 }
 
 sp<IBinder> IServiceManager::checkService(const std::u16string& name) {
-    return ServiceManager::instance().checkService(platform::Utf16ToUtf8(name));
+    return ServiceManager::instance().checkService(android::Utf16ToUtf8(name));
 }
 
 sp<IBinder> IServiceManager::getService(const std::u16string& name) { return waitForService(name); }
 
 sp<IBinder> IServiceManager::waitForService(const std::u16string& name) {
-    return ServiceManager::instance().waitForService(platform::Utf16ToUtf8(name));
+    return ServiceManager::instance().waitForService(android::Utf16ToUtf8(name));
 }
 
 bool IServiceManager::isDeclared(const std::u16string& name) {
-    return ServiceManager::instance().isDeclared(platform::Utf16ToUtf8(name));
+    return ServiceManager::instance().isDeclared(android::Utf16ToUtf8(name));
 }
 
 sp<IServiceManager> defaultServiceManager() {

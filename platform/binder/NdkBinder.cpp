@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Unicode.h"
+#include <utils/Unicode.h>
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
@@ -52,7 +52,7 @@ binder_status_t AIBinder_dump(AIBinder* binder, int fd, const char** args, uint3
     binder_status_t st = in.writeFileDescriptor(fd);
     if (st != STATUS_OK) return st;
     std::vector<std::u16string> args16;
-    for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(platform::Utf8ToUtf16(args[i]));
+    for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(android::Utf8ToUtf16(args[i]));
     in.writeString16Vector(args16);
     return binder->transact(DUMP_TRANSACTION, in, &reply);
 }

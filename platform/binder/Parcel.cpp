@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/Unicode.h"
+#include <utils/Unicode.h>
 
 namespace android {
 
@@ -41,7 +41,7 @@ status_t Parcel::writeString16(const std::u16string& value) {
 }
 
 status_t Parcel::writeUtf8AsUtf16(const std::string& value) {
-    return writeString16(platform::Utf8ToUtf16(value));
+    return writeString16(android::Utf8ToUtf16(value));
 }
 
 status_t Parcel::writeInt32Vector(const std::vector<int32_t>& value) {
@@ -151,7 +151,7 @@ status_t Parcel::readString16(std::u16string* out) const {
 status_t Parcel::readUtf8FromUtf16(std::string* out) const {
     std::u16string text;
     status_t st = readString16(&text);
-    if (st == OK) *out = platform::Utf16ToUtf8(text);
+    if (st == OK) *out = android::Utf16ToUtf8(text);
     return st;
 }
 

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/UniqueFd.h"
+#include <android-base/unique_fd.h>
 #include "platform/binder/BinderStatus.h"
 #include "platform/binder/ParcelFileDescriptor.h"
 #include "platform/binder/ScopedAStatus.h"

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/UniqueFd.h"
+#include <android-base/unique_fd.h>
 
 // A descriptor as a classic interface returns it (attachSockFilter's socket):
 // owned, moved out of the reply parcel. Parcel::write duplicates it, so the

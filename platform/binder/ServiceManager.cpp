@@ -12,9 +12,9 @@
 #include <cstring>
 #include <fstream>
 
-#include "platform/Log.h"
-#include "platform/Root.h"
-#include "platform/UniqueFd.h"
+#include <android-base/logging.h>
+#include <host/Host.h>
+#include <android-base/unique_fd.h>
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/WireIo.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/UniqueFd.h"
+#include <android-base/unique_fd.h>
 #include "platform/binder/WireIo.h"
 
 // Cuts the byte stream of one connection into whole messages. Bytes and

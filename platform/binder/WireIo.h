@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/UniqueFd.h"
+#include <android-base/unique_fd.h>
 #include "platform/binder/BinderStatus.h"
 
 namespace android {

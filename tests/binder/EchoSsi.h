@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/binder/BnTarnisSsi.h"
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
 #include "platform/binder/NdkBinder.h"
 
 // A test ITarnisSsi that answers with what it received, so that a caller in

@@ -20,9 +20,10 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Log.h"
+#include <log/log.h>
+#include <android-base/logging.h>
 #include "platform/LogCapture.h"
-#include "platform/Root.h"
+#include <host/Host.h>
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/ServiceManager.h"

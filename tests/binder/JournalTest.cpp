@@ -8,11 +8,11 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/DorvaServiceManager.h"
-#include "platform/Log.h"
+#include <dorva/DorvaServiceManager.h>
+#include <log/log.h>
 #include "platform/LogCapture.h"
-#include "platform/Properties.h"
-#include "platform/Root.h"
+#include <android-base/properties.h>
+#include <host/Host.h>
 #include "tests/support/TempDir.h"
 
 using android::DorvaServiceManager;

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Unicode.h"
+#include <utils/Unicode.h>
 #include "platform/binder/Parcel.h"
 
 using android::Parcel;
@@ -130,17 +130,17 @@ TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
 
 TEST(ParcelTest, Utf8AndUtf16ConvertBothWaysAndRepairBadInput) {
     const std::string text = "A\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80";  // A é € 😀
-    std::u16string wide = platform::Utf8ToUtf16(text);
+    std::u16string wide = android::Utf8ToUtf16(text);
     EXPECT_EQ(wide, u"A\u00e9\u20ac\U0001F600");
-    EXPECT_EQ(platform::Utf16ToUtf8(wide), text);
+    EXPECT_EQ(android::Utf16ToUtf8(wide), text);
     // Stray continuation byte, truncated sequence, overlong form, encoded surrogate.
-    EXPECT_EQ(platform::Utf8ToUtf16("a\x80" "b"), u"a\ufffdb");
-    EXPECT_EQ(platform::Utf8ToUtf16("a\xe2\x82"), u"a\ufffd");
-    EXPECT_EQ(platform::Utf8ToUtf16("\xc0\xaf"), u"\ufffd");
-    EXPECT_EQ(platform::Utf8ToUtf16("\xed\xa0\x80"), u"\ufffd");
+    EXPECT_EQ(android::Utf8ToUtf16("a\x80" "b"), u"a\ufffdb");
+    EXPECT_EQ(android::Utf8ToUtf16("a\xe2\x82"), u"a\ufffd");
+    EXPECT_EQ(android::Utf8ToUtf16("\xc0\xaf"), u"\ufffd");
+    EXPECT_EQ(android::Utf8ToUtf16("\xed\xa0\x80"), u"\ufffd");
     // Unpaired surrogates on the way back.
-    EXPECT_EQ(platform::Utf16ToUtf8(std::u16string(1, char16_t(0xD800)) + u"x"), "\xef\xbf\xbdx");
-    EXPECT_EQ(platform::Utf16ToUtf8(std::u16string(1, char16_t(0xDC00))), "\xef\xbf\xbd");
+    EXPECT_EQ(android::Utf16ToUtf8(std::u16string(1, char16_t(0xD800)) + u"x"), "\xef\xbf\xbdx");
+    EXPECT_EQ(android::Utf16ToUtf8(std::u16string(1, char16_t(0xDC00))), "\xef\xbf\xbd");
 }
 
 TEST(ParcelTest, StatusKeepsItsKindAcrossTheWire) {

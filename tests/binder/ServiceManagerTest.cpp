@@ -8,10 +8,10 @@
 #include <algorithm>
 
 #include "platform/LogCapture.h"
-#include "platform/Root.h"
+#include <host/Host.h>
 #include "platform/binder/BinderProcess.h"
-#include "platform/binder/BnTarnisSsiIntl.h"
-#include "platform/binder/BnTarnisIntl.h"
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
+#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"

@@ -11,11 +11,11 @@
 #include <thread>
 
 #include "platform/LogCapture.h"
-#include "platform/Root.h"
+#include <host/Host.h>
 #include "platform/binder/BinderProcess.h"
-#include "platform/binder/BnTarnisSsiIntl.h"
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 #include "platform/binder/BpBinder.h"
-#include "platform/binder/ITarnisIntl.h"
+#include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
 #include "platform/binder/IServiceManager.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

@@ -11,9 +11,9 @@
 #include <regex>
 #include <thread>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
-#include "platform/Properties.h"
+#include <android-base/properties.h>
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/CmdTool.h"

@@ -14,10 +14,10 @@
 #include <thread>
 
 #include "utils/Clock.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
-#include "platform/Properties.h"
-#include "platform/Sockets.h"
+#include <android-base/properties.h>
+#include <host/Host.h>
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/CaptureLogUtil.h"
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "platform/Root.h"
+#include <host/Host.h>
 #include "tests/support/TempDir.h"
 #include "utils/dump/CaptureLogUtil.h"
 

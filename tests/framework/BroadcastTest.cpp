@@ -10,7 +10,7 @@
 #include "framework/LocalBroadcastManager.h"
 #include "framework/ModuleManager.h"
 #include "framework/TarnisHandler.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
 #include "tests/support/ManagerThread.h"
 

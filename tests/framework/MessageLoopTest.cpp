@@ -18,7 +18,7 @@
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
 #include "framework/TarnisRunnable.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
 
 using namespace velmar::kolto;

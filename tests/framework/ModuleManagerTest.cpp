@@ -17,7 +17,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
 
 using namespace velmar::kolto;

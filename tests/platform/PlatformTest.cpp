@@ -7,10 +7,12 @@
 #include <vector>
 #include <thread>
 
-#include "platform/Log.h"
+#include <log/log.h>
+#include <android-base/logging.h>
+#include <host/Host.h>
 #include "platform/LogCapture.h"
-#include "platform/Properties.h"
-#include "platform/Root.h"
+#include <android-base/properties.h>
+#include <cutils/properties.h>
 #include "tests/support/TempDir.h"
 
 using namespace std::chrono_literals;

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/Root.h"
+#include <host/Host.h>
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "framework/InternalBroadcastManager.h"
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
 #include "service/TarnisInternal.h"
 

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <climits>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
-#include "platform/Root.h"
+#include <host/Host.h>
 #include "tests/support/TempDir.h"
 #include "utils/FileUtil.h"
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "utils/FileUtil.h"

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <random>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "utils/ZipFile.h"

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Properties.h"
-#include "platform/Root.h"
+#include <android-base/properties.h>
+#include <host/Host.h>
 
 namespace {
 

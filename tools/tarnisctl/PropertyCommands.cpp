@@ -1,6 +1,7 @@
 #include <cstdio>
 
-#include "platform/Properties.h"
+#include <android-base/properties.h>
+#include <host/Host.h>
 #include "tools/tarnisctl/CtlCommand.h"
 
 namespace tarnisctl {

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/Host.h"
-#include "platform/Root.h"
-#include "platform/binder/ITarnisSsi.h"
-#include "platform/binder/ITarnisSsiIntl.h"
-#include "platform/binder/NdkBinder.h"
+#include <host/Host.h>
+#include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
+#include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
 #include "tools/tarnisctl/CtlCommand.h"
 #include "utils/JsonUtil.h"
 

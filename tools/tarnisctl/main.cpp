@@ -5,9 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Host.h"
-#include "platform/Log.h"
-#include "platform/Root.h"
+#include <host/Host.h>
+#include <log/log.h>
 #include "tools/tarnisctl/CtlCommand.h"
 
 namespace tarnisctl {

@@ -16,8 +16,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "platform/Log.h"
-#include "platform/Properties.h"
+#include <log/log.h>
+#include <android-base/properties.h>
 #include "utils/StringUtil.h"
 #include "utils/dump/ChildWait.h"
 #include "utils/dump/CaptureLogUtilInternal.h"

@@ -8,7 +8,7 @@
 
 #include "utils/dump/DumpAction.h"
 #include "utils/dump/DumpData.h"
-#include "utils/dump/String16.h"
+#include <utils/String16.h>
 
 namespace android {
 

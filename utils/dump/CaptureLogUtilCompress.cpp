@@ -17,9 +17,10 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/Log.h"
-#include "platform/Properties.h"
-#include "platform/Root.h"
+#include <log/log.h>
+#include <android-base/logging.h>
+#include <android-base/properties.h>
+#include <host/Host.h>
 #include "utils/FileUtil.h"
 #include "utils/ZipFile.h"
 #include "utils/dump/CaptureLogUtilInternal.h"

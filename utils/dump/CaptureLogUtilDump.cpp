@@ -20,10 +20,10 @@
 #include <memory>
 
 #include "utils/Clock.h"
-#include "platform/Log.h"
-#include "platform/Properties.h"
-#include "platform/Root.h"
-#include "platform/Sockets.h"
+#include <log/log.h>
+#include <android-base/properties.h>
+#include <host/Host.h>
+#include <cutils/sockets.h>
 #include "utils/StringUtil.h"
 #include "utils/dump/CaptureLogUtilInternal.h"
 
@@ -158,7 +158,7 @@ int ChooseOfflineSlot(const std::string& logDir, const std::string& type) {
 // be creating: 20 tries, half a second apart.
 int ConnectDumpstate() {
     for (int attempt = 0; attempt < kConnectTries; ++attempt) {
-        const int fd = platform::ConnectReservedSocket(kDumpstateSocket);
+        const int fd = socket_local_client(kDumpstateSocket, ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM);
         if (fd >= 0) return fd;
         if (attempt + 1 < kConnectTries) {
             const int saved = errno;

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "utils/dump/CaptureLogUtil.h"
 
 namespace android {

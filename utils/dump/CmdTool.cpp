@@ -13,7 +13,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/Log.h"
+#include <log/log.h>
 #include "utils/StringUtil.h"
 #include "utils/dump/ChildWait.h"
 

@@ -2,7 +2,7 @@
 
 #include <sys/types.h>
 
-#include "utils/dump/String16.h"
+#include <utils/String16.h>
 
 namespace android {
 

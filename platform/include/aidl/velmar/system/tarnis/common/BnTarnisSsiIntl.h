@@ -1,0 +1,22 @@
+#pragma once
+
+#include "platform/binder/BnCInterface.h"
+#include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
+
+namespace aidl {
+namespace velmar {
+namespace system {
+namespace tarnis {
+namespace common {
+
+// Base of ITarnisSsiIntl implementations: unmarshals incoming calls.
+class BnTarnisSsiIntl : public ndk::BnCInterface<ITarnisSsiIntl> {
+public:
+    android::status_t onTransact(uint32_t code, const android::Parcel& in, android::Parcel* out) override;
+};
+
+}  // namespace common
+}  // namespace tarnis
+}  // namespace system
+}  // namespace velmar
+}  // namespace aidl

@@ -1,0 +1,4 @@
+#pragma once
+
+// The classic service manager (defaultServiceManager). The host binder stand-in implements them.
+#include "platform/binder/IServiceManager.h"
