@@ -1,5 +1,7 @@
 #include <dorva/DorvaServiceManager.h>
 
+#include "platform/Dirs.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -105,12 +107,6 @@ void AppendValue(std::string* out, const Json::Value& value, const Json::StreamW
     }
 }
 
-void MakeDirs(const std::string& path) {
-    for (size_t pos = 1; pos <= path.size(); ++pos) {
-        if (pos == path.size() || path[pos] == '/') mkdir(path.substr(0, pos).c_str(), 0771);
-    }
-}
-
 }  // namespace
 
 DorvaServiceManager& DorvaServiceManager::getInstance() {
@@ -139,7 +135,7 @@ int DorvaServiceManager::record(const char* call, const Json::Value& args) {
     text += "}\n";
 
     std::string path = JournalPath();
-    MakeDirs(platform::DevicePath(kJournalDir));
+    platform::MakeDirs(platform::DevicePath(kJournalDir), 0771);
     base::unique_fd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
     if (!fd.ok()) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot open %s: %s", path.c_str(), strerror(errno));

@@ -17,6 +17,8 @@
 #include <android-base/properties.h>
 #include <host/Host.h>
 
+#include "platform/Dirs.h"
+
 extern char** environ;
 
 namespace platform {
@@ -123,7 +125,7 @@ void StartService(const std::string& name) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "ctl.start %s: could not start", name.c_str());
         return;
     }
-    mkdir(DevicePath("/dev/__services__").c_str(), 0755);
+    MakeDirs(DevicePath("/dev/__services__"));
     std::ofstream(PidFile(name), std::ios::trunc) << service << "\n";
     __android_log_print(ANDROID_LOG_INFO, kTag, "starting service '%s' (pid %d)", name.c_str(), service);
     android::base::SetProperty("init.svc." + name, "running");

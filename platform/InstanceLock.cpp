@@ -8,6 +8,8 @@
 
 #include <host/Host.h>
 
+#include "platform/Dirs.h"
+
 namespace platform {
 namespace host {
 namespace {
@@ -18,7 +20,7 @@ std::string LockPath(const std::string& name) { return DevicePath("/dev/." + nam
 
 android::base::unique_fd AcquireInstanceLock(const std::string& name, std::string* why) {
     const std::string path = LockPath(name);
-    mkdir(DevicePath("/dev").c_str(), 0755);
+    MakeDirs(DevicePath("/dev"));
     android::base::unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
     if (!fd.ok()) {
         *why = "cannot open " + path + ": " + strerror(errno);

@@ -15,7 +15,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/Dirs.h"
 #include "platform/InitServices.h"
+#include <android-base/unique_fd.h>
 #include <android-base/logging.h>
 
 namespace platform {
@@ -24,32 +26,9 @@ namespace {
 constexpr size_t kMaxNameLength = 256;
 constexpr char kStoreDir[] = "/dev/__properties__";
 
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-bool MakeDirs(const std::string& path) {
-    if (path.empty()) return false;
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-    size_t slash = path.find_last_of('/');
-    if (slash != std::string::npos && slash > 0 && !MakeDirs(path.substr(0, slash))) return false;
-    return mkdir(path.c_str(), 0755) == 0 || errno == EEXIST;
-}
-
 bool ReadValue(const std::string& key, std::string* value) {
     if (!IsValidPropertyName(key)) return false;
-    Fd fd(open((PropertyStoreDir() + "/" + key).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    android::base::unique_fd fd(open((PropertyStoreDir() + "/" + key).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (fd.get() < 0) return false;
     std::string result;
     char buffer[512];
@@ -102,7 +81,7 @@ template <typename Ready>
 bool WaitOnStore(std::chrono::milliseconds timeout, Ready ready) {
     const std::string dir = PropertyStoreDir();
     MakeDirs(dir);
-    Fd inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    android::base::unique_fd inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (inotify.get() < 0 ||
         inotify_add_watch(inotify.get(), dir.c_str(), IN_MOVED_TO | IN_CLOSE_WRITE | IN_CREATE) < 0) {
         PLOG(ERROR) << "Cannot watch the property store " << dir;
@@ -149,14 +128,13 @@ bool IsValidPropertyName(const std::string& key) {
 
 std::map<std::string, std::string> ListProperties() {
     std::map<std::string, std::string> result;
-    DIR* dir = opendir(PropertyStoreDir().c_str());
-    if (dir == nullptr) return result;
-    while (struct dirent* entry = readdir(dir)) {
+    ScopedDir dir(opendir(PropertyStoreDir().c_str()));
+    if (!dir) return result;
+    while (struct dirent* entry = readdir(dir.get())) {
         std::string name = entry->d_name;
         std::string value;
         if (IsValidPropertyName(name) && ReadValue(name, &value)) result[name] = value;
     }
-    closedir(dir);
     return result;
 }
 

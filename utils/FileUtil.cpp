@@ -1,5 +1,9 @@
 #include "utils/FileUtil.h"
 
+#include <android-base/unique_fd.h>
+
+#include "utils/ScopedDir.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,32 +23,6 @@
 namespace velmar {
 namespace kolto {
 namespace {
-
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd = -1) : fd_(fd) {}
-    ~ScopedFd() { reset(); }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
-
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
-using ScopedDir = std::unique_ptr<DIR, DirCloser>;
 
 // Opens a directory below an already opened one without following a link, so
 // that a link swapped in for a subdirectory never leads the walk elsewhere.
@@ -111,7 +89,7 @@ int EmptyDirectory(ScopedDir dir, unsigned long* freed) {
 }
 
 bool CopyRegularFile(const std::string& src, const std::string& dst) {
-    ScopedFd in(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    android::base::unique_fd in(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (in.get() < 0) {
         ALOGE("[%s] Error opening source file: %s", "CopyFileOrDirectory", strerror(errno));
         return false;
@@ -125,7 +103,7 @@ bool CopyRegularFile(const std::string& src, const std::string& dst) {
         return false;
     }
     // Never write through a link planted at the destination.
-    ScopedFd out(open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+    android::base::unique_fd out(open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (out.get() < 0) {
         ALOGE("[%s] Error opening destination file: %s", "CopyFileOrDirectory", strerror(errno));
         return false;

@@ -15,6 +15,7 @@
 #include <android-base/logging.h>
 #include <host/Host.h>
 #include <android-base/unique_fd.h>
+#include "platform/Dirs.h"
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/WireIo.h"
@@ -25,17 +26,6 @@ namespace {
 constexpr size_t kMaxEncodedName = 100;
 constexpr size_t kMaxNameLength = 1024;
 const char* const kManifests[] = {"/system/etc/vintf/manifest.txt", "/vendor/etc/vintf/manifest.txt"};
-
-bool MakeDirs(const std::string& path) {
-    for (size_t pos = 1; pos <= path.size(); ++pos) {
-        if (pos == path.size() || path[pos] == '/') {
-            std::string part = path.substr(0, pos);
-            if (mkdir(part.c_str(), 0755) < 0 && errno != EEXIST) return false;
-        }
-    }
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 bool SocketExists(const std::string& path) {
     struct stat st;
@@ -121,7 +111,7 @@ status_t ServiceManager::addService(const std::string& name, const sp<IBinder>& 
         return INVALID_OPERATION;
     }
     std::string dir = ServiceDir();
-    if (!MakeDirs(dir)) {
+    if (!platform::MakeDirs(dir)) {
         PLOG(ERROR) << "addService: cannot create " << dir;
         return UNKNOWN_ERROR;
     }
@@ -189,7 +179,7 @@ bool ServiceManager::isDeclared(const std::string& name) {
 sp<IBinder> ServiceManager::waitForService(const std::string& name, int timeoutMs) {
     if (!isDeclared(name)) return nullptr;
     std::string dir = ServiceDir();
-    if (!MakeDirs(dir)) {
+    if (!platform::MakeDirs(dir)) {
         PLOG(ERROR) << "waitForService: cannot create " << dir;
         return nullptr;
     }
@@ -248,7 +238,7 @@ void ServiceManager::removeAllServices() {
 
 std::vector<std::string> ServiceManager::listServices() {
     std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(ServiceDir().c_str()), closedir);
+    platform::ScopedDir dir(opendir(ServiceDir().c_str()));
     if (!dir) return names;
     while (dirent* e = readdir(dir.get())) {
         if (e->d_name[0] == '.') continue;
