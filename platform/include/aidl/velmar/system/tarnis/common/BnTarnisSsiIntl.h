@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/binder/BnCInterface.h"
+#include "platform/binder/MessageInterface.h"
 #include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
 
 namespace aidl {
@@ -10,10 +10,7 @@ namespace tarnis {
 namespace common {
 
 // Base of ITarnisSsiIntl implementations: unmarshals incoming calls.
-class BnTarnisSsiIntl : public ndk::BnCInterface<ITarnisSsiIntl> {
-public:
-    android::status_t onTransact(uint32_t code, const android::Parcel& in, android::Parcel* out) override;
-};
+class BnTarnisSsiIntl : public ndk::BnMessageInterface<ITarnisSsiIntl> {};
 
 }  // namespace common
 }  // namespace tarnis

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/binder/BpCInterface.h"
+#include "platform/binder/MessageInterface.h"
 #include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
 
 namespace aidl {
@@ -10,10 +10,9 @@ namespace tarnis {
 namespace common {
 
 // Proxy of a remote ITarnisSsiIntl.
-class BpTarnisSsiIntl : public ndk::BpCInterface<ITarnisSsiIntl> {
+class BpTarnisSsiIntl : public ndk::BpMessageInterface<ITarnisSsiIntl> {
 public:
-    explicit BpTarnisSsiIntl(const ndk::SpAIBinder& binder) : BpCInterface(binder) {}
-    ndk::ScopedAStatus transferMessage(const std::string& action, const std::string& json) override;
+    using BpMessageInterface::BpMessageInterface;
 };
 
 }  // namespace common

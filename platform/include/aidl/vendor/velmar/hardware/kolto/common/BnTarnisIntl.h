@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/binder/BnCInterface.h"
+#include "platform/binder/MessageInterface.h"
 #include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
 
 namespace aidl {
@@ -11,10 +11,7 @@ namespace kolto {
 namespace common {
 
 // Base of ITarnisIntl implementations: unmarshals incoming calls.
-class BnTarnisIntl : public ndk::BnCInterface<ITarnisIntl> {
-public:
-    android::status_t onTransact(uint32_t code, const android::Parcel& in, android::Parcel* out) override;
-};
+class BnTarnisIntl : public ndk::BnMessageInterface<ITarnisIntl> {};
 
 }  // namespace common
 }  // namespace kolto

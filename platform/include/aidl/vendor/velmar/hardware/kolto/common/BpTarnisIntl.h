@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/binder/BpCInterface.h"
+#include "platform/binder/MessageInterface.h"
 #include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
 
 namespace aidl {
@@ -11,10 +11,9 @@ namespace kolto {
 namespace common {
 
 // Proxy of a remote ITarnisIntl.
-class BpTarnisIntl : public ndk::BpCInterface<ITarnisIntl> {
+class BpTarnisIntl : public ndk::BpMessageInterface<ITarnisIntl> {
 public:
-    explicit BpTarnisIntl(const ndk::SpAIBinder& binder) : BpCInterface(binder) {}
-    ndk::ScopedAStatus transferMessage(const std::string& action, const std::string& json) override;
+    using BpMessageInterface::BpMessageInterface;
 };
 
 }  // namespace common
