@@ -139,6 +139,7 @@ BinderProcess::BinderProcess()
       reserve_(open("/dev/null", O_RDONLY | O_CLOEXEC)),
       closeLog_(std::make_unique<RateLimitedLog>(20)),
       refuseLog_(std::make_unique<RateLimitedLog>(5)),
+      evictLog_(std::make_unique<RateLimitedLog>(5)),
       descriptorLog_(std::make_unique<RateLimitedLog>(1)) {
     CHECK(epoll_.ok() && sweepTimer_.ok() && resumeTimer_.ok() && readyEvent_.ok())
         << "binder: cannot create the pool's epoll set and timers: " << strerror(errno);
@@ -387,7 +388,7 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
             }
         }
         if (size_t evicted = evicted_.exchange(0)) {
-            refuseLog_->log(base::INFO, "binder: closed " + std::to_string(evicted) + " idle connection(s) of the "
+            evictLog_->log(base::INFO, "binder: closed " + std::to_string(evicted) + " idle connection(s) of the "
                                         "largest holder to admit uid " + std::to_string(cred.uid) + " to " +
                                         service->name);
         }

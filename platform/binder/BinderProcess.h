@@ -156,6 +156,7 @@ private:
     Timeouts timeouts_;
     std::unique_ptr<RateLimitedLog> closeLog_;
     std::unique_ptr<RateLimitedLog> refuseLog_;
+    std::unique_ptr<RateLimitedLog> evictLog_;
     std::unique_ptr<RateLimitedLog> descriptorLog_;
     std::atomic<uint32_t> maxThreads_{15};
     std::atomic<uint32_t> serving_{0};  // threads in serveLoop
