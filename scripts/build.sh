@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
-# scripts/build.sh DIR [cmake options...]: configures (once) and builds a tree;
-# only the targets named in $BUILD_TARGETS when it is set.
+# scripts/build.sh DIR [cmake options...]: configures and builds a tree; only
+# the targets named in $BUILD_TARGETS when it is set. Whenever the options (or
+# the compilers in CC/CXX) differ from those the tree was last configured
+# with, it is configured afresh, so an option that changed or was dropped
+# never lingers in the cache; objects whose commands did not change are kept.
 set -euo pipefail
 dir=$1; shift
-if [ ! -f "$dir/build.ninja" ]; then
+wanted="CC=${CC:-} CXX=${CXX:-} $*"
+stamp="$dir/.tarnis-options"
+if [ ! -f "$dir/build.ninja" ] || [ ! -f "$stamp" ] || [ "$(cat "$stamp")" != "$wanted" ]; then
+  rm -rf "$dir/CMakeCache.txt" "$dir/CMakeFiles/CMakeOutput.log"
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+  printf '%s' "$wanted" >"$stamp"
 fi
 targets=()
 for t in ${BUILD_TARGETS:-}; do targets+=(--target "$t"); done
