@@ -221,6 +221,14 @@ bool LogCapture::Contains(const std::string& text, const std::string& tag, int p
     return Count(text, tag, prio) > 0;
 }
 
+bool LogCapture::HasLine(const std::string& text, const std::string& tag, int prio) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    for (const LogLine& line : lines_) {
+        if ((tag.empty() || line.tag == tag) && (prio == 0 || line.prio == prio) && line.text == text) return true;
+    }
+    return false;
+}
+
 void LogCapture::Clear() {
     std::lock_guard<std::mutex> guard(lock_);
     lines_.clear();

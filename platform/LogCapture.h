@@ -26,6 +26,9 @@ public:
     // True when a line of this tag (any tag if empty) and priority (any if 0)
     // contains `text`.
     bool Contains(const std::string& text, const std::string& tag = "", int prio = 0) const;
+    // True when a line of this tag and priority is exactly `text`: the way to
+    // check a quoted message, where a changed word at either end must fail.
+    bool HasLine(const std::string& text, const std::string& tag = "", int prio = 0) const;
     // The number of such lines.
     size_t Count(const std::string& text, const std::string& tag = "", int prio = 0) const;
     void Clear();

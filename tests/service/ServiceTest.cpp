@@ -197,7 +197,7 @@ TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
     // while the vendor peer is absent only the local half happens.
     TarnisUtil::SetTarnisSsiIntl(internal_);
     InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.PEER"), true);
-    EXPECT_TRUE(capture.Contains("[sendBroadcast] Failed to get Tarnis Vendor instance!",
+    EXPECT_TRUE(capture.HasLine("[sendBroadcast] Failed to get Tarnis Vendor instance!",
                                  "Tarnis-InternalBroadcastManager", ANDROID_LOG_WARN));
 
     ASSERT_EQ(AServiceManager_addService(peer->asBinder().get(), peerName.c_str()), STATUS_OK);

@@ -57,7 +57,7 @@ TEST(TarnisInternalTest, HostileMessageIsLoggedPrintablyAndStillDelivered) {
         EXPECT_EQ(line.text, expected);
     }
     EXPECT_EQ(received, 1u);
-    EXPECT_TRUE(capture.Contains("[jsonStrToIntent] ConvertStringToJson failed!", "Tarnis-InternalBroadcastManager",
+    EXPECT_TRUE(capture.HasLine("[jsonStrToIntent] ConvertStringToJson failed!", "Tarnis-InternalBroadcastManager",
                                  ANDROID_LOG_ERROR));
     InternalBroadcastManager::unregisterReceiver(&receiver);
 }

@@ -115,7 +115,7 @@ TEST(JsonUtilTest, DeepDocumentsAreRefusedWithoutThrowing) {
         EXPECT_TRUE(value.isNull());
         EXPECT_EQ(error, "nesting deeper than 64 levels at byte " + std::to_string(offset));
     }
-    EXPECT_TRUE(capture.Contains("[ConvertStringToJson] nesting deeper than 64 levels at byte 64", "Tarnis-JsonUtil",
+    EXPECT_TRUE(capture.HasLine("[ConvertStringToJson] nesting deeper than 64 levels at byte 64", "Tarnis-JsonUtil",
                                  ANDROID_LOG_ERROR));
 
     // The limit is exact.
@@ -171,7 +171,7 @@ TEST(JsonUtilTest, ParseErrorsGiveOneShortPrintableReason) {
     EXPECT_LE(error.size(), 256u + 32u);
     EXPECT_NE(error.find("more bytes]"), std::string::npos) << error;
     EXPECT_EQ(error.find('\n'), std::string::npos);
-    EXPECT_TRUE(capture.Contains("[ConvertStringToJson] " + error, "Tarnis-JsonUtil", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.HasLine("[ConvertStringToJson] " + error, "Tarnis-JsonUtil", ANDROID_LOG_ERROR));
 }
 
 TEST(TimeUtilTest, ClocksAndConversion) {

@@ -133,7 +133,7 @@ TEST_F(ZipFileTest, TailDepthNamesByLastComponents) {
     EXPECT_EQ(SortedNames(entries),
               (std::vector<std::string>{"cap.txt", "logs/a.txt", "sub/b.bin"}));
     EXPECT_EQ(entries.back().content, "capture");
-    EXPECT_TRUE(capture_.Contains("[FlushFilesIfNeeded] relativePath before getTailPath: sub/b.bin",
+    EXPECT_TRUE(capture_.HasLine("[FlushFilesIfNeeded] relativePath before getTailPath: sub/b.bin",
                                   "Tarnis-ZipFile", ANDROID_LOG_DEBUG));
 }
 
@@ -145,13 +145,13 @@ TEST_F(ZipFileTest, EmptyArchiveCloseTwiceAndCreateFailure) {
     EXPECT_TRUE(zip.close());
     EXPECT_FALSE(capture_.Contains("zipfile already closed!"));
     EXPECT_TRUE(zip.close());
-    EXPECT_TRUE(capture_.Contains("[close] zipfile already closed!", "Tarnis-ZipFile"));
+    EXPECT_TRUE(capture_.HasLine("[close] zipfile already closed!", "Tarnis-ZipFile"));
     std::vector<Entry> entries;
     EXPECT_TRUE(ReadArchive(archive, &entries));
     EXPECT_TRUE(entries.empty());
 
     EXPECT_FALSE(zip.create(tmp_.Sub("no/such/x.zip")));
-    EXPECT_TRUE(capture_.Contains("[create] Couldn't create ZIP file at path " +
+    EXPECT_TRUE(capture_.HasLine("[create] Couldn't create ZIP file at path " +
                                   tmp_.Sub("no/such/x.zip")));
 }
 
@@ -160,9 +160,9 @@ TEST_F(ZipFileTest, MissingPathsFailButTheArchiveIsFinished) {
     std::vector<Entry> entries;
     EXPECT_FALSE(Pack({missing}, 0, &entries));
     EXPECT_TRUE(entries.empty());
-    EXPECT_TRUE(capture_.Contains("[AddFileContentToZip] file not exist " + missing));
-    EXPECT_TRUE(capture_.Contains("[FlushFilesIfNeeded] Failed to write file " + missing));
-    EXPECT_TRUE(capture_.Contains("[close] force flush files failed"));
+    EXPECT_TRUE(capture_.HasLine("[AddFileContentToZip] file not exist " + missing));
+    EXPECT_TRUE(capture_.HasLine("[FlushFilesIfNeeded] Failed to write file " + missing));
+    EXPECT_TRUE(capture_.HasLine("[close] force flush files failed"));
 
     // Among good paths the same misses are only logged: a partial archive is fine.
     capture_.Clear();
