@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 
 namespace velmar {
 namespace kolto {
@@ -28,6 +29,14 @@ Clock* SetClockForTesting(Clock* clock) {
     return previous != nullptr ? previous : &RealClock();
 }
 
+bool Clock::WaitUntilMs(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
+                        int64_t deadlineMs) {
+    const int64_t left = deadlineMs - SteadyNowMs();
+    if (left <= 0) return true;
+    cond.wait_for(lock, std::chrono::milliseconds(left));
+    return SteadyNowMs() >= deadlineMs;
+}
+
 int64_t SystemClock::SteadyNowMs() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -38,6 +47,20 @@ int64_t SystemClock::WallNowMs() {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int64_t SystemClock::WallNowUs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+bool SystemClock::WaitUntilMs(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
+                              int64_t deadlineMs) {
+    // steady_clock is CLOCK_MONOTONIC, and libstdc++ waits on it with
+    // pthread_cond_clockwait: the deadline goes to the kernel as it is.
+    const std::chrono::steady_clock::time_point until{std::chrono::milliseconds(deadlineMs)};
+    return cond.wait_until(lock, until) == std::cv_status::timeout;
 }
 
 void SystemClock::SleepMs(int64_t ms) {

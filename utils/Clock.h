@@ -1,6 +1,8 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 // Clocks and long sleeps. Production reads the real clocks; tests install a
 // clock of their own so that waits of minutes (the boot monitor's twenty
@@ -15,8 +17,19 @@ public:
     virtual int64_t SteadyNowMs() = 0;
     // Wall-clock milliseconds since the epoch.
     virtual int64_t WallNowMs() = 0;
+    // Wall-clock microseconds since the epoch (timings that are logged).
+    virtual int64_t WallNowUs() { return WallNowMs() * 1000; }
     // Sleeps for the given time on this clock.
     virtual void SleepMs(int64_t ms) = 0;
+    // Waits on `cond` (with `lock` held, as condition_variable::wait does)
+    // until it is notified or this clock's steady time reaches `deadlineMs`.
+    // Returns true when the deadline has passed. It may also return early,
+    // so callers look at their state again, as after any condition wait.
+    // Timed waits of the message loop go through here, so that a test clock
+    // wakes them when it is advanced. The default waits on the real monotonic
+    // clock for the time that is left on this one.
+    virtual bool WaitUntilMs(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
+                             int64_t deadlineMs);
 };
 
 // The clock in use by the process.
@@ -30,7 +43,11 @@ class SystemClock : public Clock {
 public:
     int64_t SteadyNowMs() override;
     int64_t WallNowMs() override;
+    int64_t WallNowUs() override;
     void SleepMs(int64_t ms) override;
+    // An absolute wait on CLOCK_MONOTONIC: no conversion, no drift.
+    bool WaitUntilMs(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
+                     int64_t deadlineMs) override;
 };
 
 }  // namespace kolto
