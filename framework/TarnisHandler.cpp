@@ -1,11 +1,10 @@
 #include "framework/TarnisHandler.h"
 
-#include <chrono>
-
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
 #include <log/log.h>
+#include "utils/Clock.h"
 
 #define LOG_TAG "Tarnis-Handler"
 
@@ -13,7 +12,8 @@ namespace velmar {
 namespace kolto {
 
 TarnisHandler::TarnisHandler(TarnisLooper* looper, std::function<void(TarnisMessage*)> callback)
-    : looper_(looper), callback_(std::move(callback)) {}
+    : looper_(looper != nullptr ? looper->weak_from_this().lock() : nullptr),
+      callback_(std::move(callback)) {}
 
 TarnisHandler::~TarnisHandler() { ALOGD("[%s] ~TarnisHandler", "~TarnisHandler"); }
 
@@ -35,14 +35,14 @@ void TarnisHandler::post(std::function<void()> task) {
     _enqueueMessage(msg);
 }
 
-TarnisMessage* TarnisHandler::postDelayed(std::function<void()> task, long delayMs) {
+TarnisMessageRef TarnisHandler::postDelayed(std::function<void()> task, long delayMs) {
     TarnisMessage* msg = wrap(std::move(task));
-    msg->when = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::steady_clock::now().time_since_epoch())
-                    .count() +
-                delayMs;
+    msg->when = GetClock().SteadyNowMs() + delayMs;
+    // Taken before the message is queued: from then on it may run and be
+    // reused at any moment.
+    TarnisMessageRef ref(msg);
     _enqueueMessage(msg);
-    return msg;
+    return ref;
 }
 
 void TarnisHandler::_enqueueMessage(TarnisMessage* msg) {
@@ -52,15 +52,17 @@ void TarnisHandler::_enqueueMessage(TarnisMessage* msg) {
         return;
     }
     msg->target = this;
-    looper_->sendMessage(msg);
+    if (!looper_->sendMessage(msg) && looper_->hasEnded()) {
+        ALOGW("[%s] Looper has exited, message dropped!", "_enqueueMessage");
+    }
 }
 
-void TarnisHandler::removeMessage(TarnisMessage* msg, bool keep) {
+bool TarnisHandler::removeMessage(TarnisMessageRef msg, bool keep) {
     if (looper_ == nullptr) {
         ALOGE("[%s] Looper is not ready!!", "removeMessage");
-        return;
+        return false;
     }
-    looper_->queue().removeMessage(msg, keep);
+    return looper_->queue().removeMessage(msg, keep);
 }
 
 bool TarnisHandler::hasMessages(int what) {
@@ -71,7 +73,7 @@ bool TarnisHandler::hasMessages(int what) {
     return looper_->queue().hasMessages(what);
 }
 
-bool TarnisHandler::hasMessage(TarnisMessage* msg) {
+bool TarnisHandler::hasMessage(TarnisMessageRef msg) {
     if (looper_ == nullptr) {
         ALOGE("[%s] Looper is not ready!!", "hasMessage");
         return false;

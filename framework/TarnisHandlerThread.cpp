@@ -51,14 +51,13 @@ void TarnisHandlerThread::run() {
     {
         std::lock_guard<std::mutex> guard(lock_);
         looper_ = looper;
+        looperRef_ = TarnisLooperManager::getInstance().share(TarnisLooperManager::currentThreadId());
         cond_.notify_all();
     }
     ALOGI("[%s] %s(%d) entered loop.", "run", name_.c_str(), tid);
     if (looper != nullptr) looper->_loop();
     ALOGI("[%s] %s(%d) exit loop.", "run", name_.c_str(), tid);
     {
-        // The looper is deleted under the lock so that a concurrent quit()
-        // never reaches a looper that is going away.
         std::lock_guard<std::mutex> guard(lock_);
         TarnisLooperManager::getInstance().remove(TarnisLooperManager::currentThreadId());
         quitting_.store(false);
@@ -87,13 +86,21 @@ void TarnisHandlerThread::quit() { quitImpl(false); }
 bool TarnisHandlerThread::quitSafely() { return quitImpl(true); }
 
 bool TarnisHandlerThread::quitImpl(bool safely) {
-    if (exited_.load() || quitting_.exchange(true)) return false;
-    std::unique_lock<std::mutex> guard(lock_);
-    cond_.wait(guard, [this] { return looper_ != nullptr || exited_.load(); });
-    if (looper_ == nullptr) return false;
-    looper_->quit(safely);
-    looper_ = nullptr;
-    return true;
+    if (exited_.load()) return false;
+    const bool first = !quitting_.exchange(true);
+    // A second safe quit changes nothing; a quit that is not safe still has
+    // to end the wait of an earlier safe one.
+    if (!first && safely) return false;
+    std::shared_ptr<TarnisLooper> looper;
+    {
+        std::unique_lock<std::mutex> guard(lock_);
+        cond_.wait(guard, [this] { return looperRef_ != nullptr || exited_.load(); });
+        looper = looperRef_;
+        looper_ = nullptr;
+    }
+    if (looper == nullptr) return false;
+    looper->quit(safely);
+    return first;
 }
 
 TarnisHandlerThread::~TarnisHandlerThread() {

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -12,8 +13,9 @@ namespace kolto {
 
 class TarnisLooper;
 
-// A thread that runs a looper. Deleting it quits the loop (not safely) and
-// joins the thread; never delete it from its own thread.
+// A thread that runs a looper. Deleting it quits the loop (not safely, so a
+// wait for a delayed message ends at once, even after quitSafely()) and joins
+// the thread; never delete it from its own thread.
 class TarnisHandlerThread {
 public:
     // A new handler thread, already started. Failing to start it is fatal.
@@ -26,8 +28,12 @@ public:
     void run();
     // The looper, waiting until the thread has made it; null once it exited.
     TarnisLooper* getLooper();
+    // Not safe: the loop ends at once and drops what is queued. After
+    // quitSafely(), it ends the wait for delayed messages: what is due is
+    // still dispatched, what is not yet due is dropped.
     void quit();
-    // Returns whether this call issued the quit.
+    // Dispatches everything queued, delayed messages when they fall due, then
+    // ends. Returns whether this call issued the quit.
     bool quitSafely();
 
     const std::string& getName() const { return name_; }
@@ -42,6 +48,9 @@ private:
     pthread_t thread_{};
     bool started_ = false;
     TarnisLooper* looper_ = nullptr;
+    // The looper, kept from its making until this object goes, so that a
+    // pointer from getLooper() stays valid for as long as the object lives.
+    std::shared_ptr<TarnisLooper> looperRef_;
     std::mutex lock_;
     std::condition_variable cond_;
     std::atomic<bool> quitting_{false};

@@ -1,27 +1,16 @@
 #include "framework/TarnisLooper.h"
 
-#include <sys/time.h>
-
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisLooperManager.h"
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
 #include <log/log.h>
+#include "utils/Clock.h"
 
 #define LOG_TAG "Tarnis-TarnisLooper"
 
 namespace velmar {
 namespace kolto {
-
-namespace {
-
-long NowUs() {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return static_cast<long>(tv.tv_sec) * 1000000L + tv.tv_usec;
-}
-
-}  // namespace
 
 void TarnisLooper::prepare() { TarnisLooperManager::getInstance().prepare(); }
 
@@ -39,27 +28,55 @@ TarnisLooper::~TarnisLooper() {
 
 void TarnisLooper::quit(bool safely) { requestQuit(safely); }
 
+void TarnisLooper::release() {
+    released_.store(true);
+    // Handlers may hold the looper for long after; what they send now, or
+    // left queued, would never be taken.
+    queue_.close();
+    priorityQueue_.close();
+}
+
 void TarnisLooper::requestQuit(bool safely) {
     std::lock_guard<std::mutex> guard(quitLock_);
-    if (quitRequested_.load() || finished_.load()) return;
+    if (finished_.load()) return;
+    if (quitRequested_.load()) {
+        // A safe quit waits for delayed messages to fall due, which may be a
+        // day away; a thread being torn down (a module removed) cannot wait
+        // that long, so a quit that is not safe ends that wait.
+        if (!safely && quitSafely_.load() && !queue_.isStoppedWaiting()) {
+            ALOGD("[%s] Looper stops waiting for delayed messages", "quit");
+            queue_.stopWaiting();
+            priorityQueue_.stopWaiting();
+        }
+        return;
+    }
     ALOGD("[%s] Looper quiting...", "quit");
     quitSafely_.store(safely);
     quitRequested_.store(true);
+    if (!safely) {
+        // Ends a wait for a delayed message at once: the loop is to stop now,
+        // not when that message falls due.
+        queue_.stopWaiting();
+        priorityQueue_.stopWaiting();
+    }
     queue_.setNonBlockWhenTake(true);
     ALOGD("[%s] queue notified..", "quit");
 }
 
-void TarnisLooper::sendMessage(TarnisMessage* msg) {
-    if (msg == nullptr) return;
+bool TarnisLooper::sendMessage(TarnisMessage* msg) {
+    if (msg == nullptr) return false;
     if (quitRequested_.load() || finished_.load()) {
         TarnisMessageManager::getInstance().recycle(msg);
-        return;
+        return false;
     }
     if (msg->flags & TarnisMessage::kFlagPriority) {
-        priorityQueue_.offer(msg);
-    } else {
-        queue_.offer(msg);
+        if (!priorityQueue_.offer(msg)) return false;
+        // The loop may be waiting on the normal queue; it looks at the
+        // priority queue only between takes.
+        queue_.wake();
+        return true;
     }
+    return queue_.offer(msg);
 }
 
 void TarnisLooper::_loop() {
@@ -84,10 +101,13 @@ void TarnisLooper::_loop() {
         // so a requested quit always shows its mode.
         if (quitRequested_.load()) {
             if (!quitSafely_.load() || queue_.empty()) break;
+            // A safe quit told to stop waiting ends once nothing is due.
+            if (msg == nullptr && queue_.isStoppedWaiting()) break;
         }
     }
 
-    long start = NowUs();
+    Clock& clock = GetClock();
+    const int64_t start = clock.WallNowUs();
     bool safely = quitSafely_.load();
     while (!queue_.empty()) {
         TarnisMessage* msg = queue_.take(!safely);
@@ -95,10 +115,15 @@ void TarnisLooper::_loop() {
         delete msg;
     }
     queue_.clear();
-    ALOGI("[%s] %s(%d) clear message cost %ld us.", "_loop", "_loop", 124, NowUs() - start);
+    ALOGI("[%s] %s(%d) clear message cost %ld us.", "_loop", "_loop", 124,
+          static_cast<long>(clock.WallNowUs() - start));
 
-    quitRequested_.store(false);
+    // A finished looper never runs again: what handlers still send to it is
+    // refused by its queues, even by a sender that saw the loop running.
     finished_.store(true);
+    queue_.close();
+    priorityQueue_.close();
+    quitRequested_.store(false);
     looping_.store(false);
 }
 

@@ -23,29 +23,36 @@ TarnisLooper* TarnisLooperManager::prepare() {
     auto found = loopers_.find(tid);
     if (found != loopers_.end()) {
         ALOGE("[%s] TarnisLooper::prepare has been called.", "prepare");
-        return found->second;
+        return found->second.get();
     }
     TarnisLooper* looper = new TarnisLooper;
-    loopers_.emplace(tid, looper);
+    loopers_.emplace(tid, std::shared_ptr<TarnisLooper>(looper));
     return looper;
 }
 
 TarnisLooper* TarnisLooperManager::get(long tid) {
     std::lock_guard<std::mutex> guard(lock_);
     auto found = loopers_.find(tid);
+    return found == loopers_.end() ? nullptr : found->second.get();
+}
+
+std::shared_ptr<TarnisLooper> TarnisLooperManager::share(long tid) {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto found = loopers_.find(tid);
     return found == loopers_.end() ? nullptr : found->second;
 }
 
 void TarnisLooperManager::remove(long tid) {
-    TarnisLooper* looper = nullptr;
+    std::shared_ptr<TarnisLooper> looper;
     {
         std::lock_guard<std::mutex> guard(lock_);
         auto found = loopers_.find(tid);
         if (found == loopers_.end()) return;
-        looper = found->second;
+        looper = std::move(found->second);
         loopers_.erase(found);
     }
-    delete looper;
+    looper->release();
+    // Released outside the lock: the looper's destructor logs and quits.
 }
 
 }  // namespace kolto

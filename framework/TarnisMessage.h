@@ -34,9 +34,13 @@ public:
 private:
     friend class TarnisMessageQueue;
     friend class TarnisMessageManager;
+    friend class TarnisMessageRef;
     // Link of the queue or pool the message is in; both are intrusive lists
     // so that sending and recycling never allocate.
     TarnisMessage* next = nullptr;
+    // Counts the uses of this message object: raised each time the pool hands
+    // it out, so that a reference to an earlier use no longer matches.
+    uint64_t use_ = 0;
 
 public:
     // Makes the runnable for a posted task in the message's own storage, so
@@ -65,6 +69,32 @@ public:
     ~TarnisMessage();
     TarnisMessage(const TarnisMessage&) = delete;
     TarnisMessage& operator=(const TarnisMessage&) = delete;
+};
+
+// One use of a message: what postDelayed returns, and what removeMessage and
+// hasMessage look for. Messages go back to the pool after dispatch and are
+// handed out again, so a pointer kept past its message's dispatch may point at
+// a later user's message; a reference to the earlier use no longer matches it,
+// and removing or asking by that reference does nothing.
+class TarnisMessageRef {
+public:
+    TarnisMessageRef() = default;
+    // The message in its current use; null refers to nothing. Only for a
+    // message the caller knows to be in that use (it obtained it and has not
+    // let it go); keep the reference, not the pointer.
+    TarnisMessageRef(TarnisMessage* msg) : msg_(msg), use_(msg != nullptr ? msg->use_ : 0) {}
+
+    // The message object, whatever its current use. Needed to take back a
+    // message removed with `keep`; never to be used after the message ran.
+    TarnisMessage* get() const { return msg_; }
+    explicit operator bool() const { return msg_ != nullptr; }
+    // True when `msg` is the message of this use. `msg` must be a live
+    // message that is not being reused meanwhile (one held in a queue).
+    bool refersTo(const TarnisMessage* msg) const { return msg == msg_ && msg->use_ == use_; }
+
+private:
+    TarnisMessage* msg_ = nullptr;
+    uint64_t use_ = 0;
 };
 
 }  // namespace kolto

@@ -25,6 +25,7 @@ TarnisMessage* TarnisMessageManager::obtain(int what, Object* obj, short flags) 
     // otherwise be dispatched to a handler that may be gone.
     msg->when = 0;
     msg->target = nullptr;
+    ++msg->use_;
     msg->what = what;
     msg->obj = obj;
     msg->flags = flags;

@@ -1,82 +1,85 @@
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
-#include <cstdint>
-#include <ctime>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
 
 namespace velmar {
 namespace kolto {
 
 class TarnisMessage;
+class TarnisMessageRef;
 
-// A looper's queue of messages, taken in this order: messages sent for "now"
-// newest first, then the time-ordered list (equal due times in arrival order;
-// a message due before the time the taker is waiting for goes to its head).
+// A looper's queue of messages: one list under one mutex, taken from the head.
+// Messages sent for "now" (`when` 0) go to the head, so those that pile up
+// while the loop is busy are taken newest first; delayed messages follow them
+// in order of due time, equal due times in arrival order. A delayed message
+// never goes ahead of one sent for "now".
 //
-// "Now" messages, nearly all of the traffic, go on a lock-free stack whose top
-// is the newest, so that a sender never waits for the taker's lock; the taker
-// moves the whole stack to the head of the list under the queue lock before
-// it looks at the list. Delayed messages and every search or removal use the
-// lock.
+// The daemon dispatches a few messages a second; a plain list under a mutex
+// keeps well over a million a second (docs/PERFORMANCE.md), so nothing
+// cleverer is worth its subtlety here.
 class TarnisMessageQueue {
 public:
-    TarnisMessageQueue();
+    TarnisMessageQueue() = default;
     // Closes the queue and deletes whatever is still in it.
     ~TarnisMessageQueue();
     TarnisMessageQueue(const TarnisMessageQueue&) = delete;
     TarnisMessageQueue& operator=(const TarnisMessageQueue&) = delete;
 
-    // Enqueues the message (ignored, and deleted, when the queue is closed).
-    void offer(TarnisMessage* msg);
-    // The next due message; waits for it unless the queue is non-blocking.
-    // With `immediate` the next message is returned whatever its due time.
-    // Null when the queue is closed, or empty after a wake-up.
+    // Enqueues the message; a closed queue deletes it instead and returns false.
+    bool offer(TarnisMessage* msg);
+    // The next due message; waits for it unless the queue is non-blocking (or
+    // told to stop waiting). With `immediate` the head is returned whatever
+    // its due time. Null when the queue is closed, after a wake-up that finds
+    // nothing to take, and after wake().
     TarnisMessage* take(bool immediate);
-    // Unlinks the first entry that is `msg`; deletes it unless `keep`.
-    void removeMessage(TarnisMessage* msg, bool keep);
+    // Unlinks the queued message of that use; deletes it unless `keep`.
+    // False when it is not queued (it ran, was removed, or the queue closed).
+    bool removeMessage(const TarnisMessageRef& msg, bool keep);
     bool hasMessages(int what);
-    bool hasMessage(TarnisMessage* msg);
+    bool hasMessage(const TarnisMessageRef& msg);
+    // With `nonBlock`, a take on an empty queue returns null instead of
+    // waiting, and a taker waiting on an empty queue is woken.
     void setNonBlockWhenTake(bool nonBlock);
+    // From now on take() never waits: a message not yet due is left queued
+    // and take() returns null. Wakes a waiting taker.
+    void stopWaiting();
+    bool isStoppedWaiting();
+    // Makes the next (or the current) wait of a taker return null at once,
+    // so that its loop can look elsewhere (the priority queue).
+    void wake();
     // Wakes every taker, then deletes every queued message.
     void clear();
-    bool empty() const {
-        return incoming_.load(std::memory_order_acquire) == nullptr &&
-               listEmpty_.load(std::memory_order_acquire);
-    }
+    // Refuses every later message and deletes the queued ones.
+    void close();
+
+    bool empty() const { return size_.load(std::memory_order_acquire) == 0; }
+    size_t size() const { return size_.load(std::memory_order_acquire); }
 
 private:
-    friend class QueueLock;
+    using Lock = std::unique_lock<std::mutex>;
 
-    void drainIncomingLocked();
+    // Waits on the condition (untimed when `deadlineMs` < 0) unless wake()
+    // asked for a return; false when the taker is to return null.
+    bool waitLocked(Lock& lock, long long deadlineMs);
+    TarnisMessage* popLocked();
     TarnisMessage* detachLocked();
-    void waitLocked(const struct timespec* until);
-    void listChangedLocked() { listEmpty_.store(head_ == nullptr, std::memory_order_release); }
+    // Payload destructors run outside the queue lock: they may post again.
     static void deleteList(TarnisMessage* list);
 
-    // Held for a few instructions at a time, so an adaptive mutex that spins
-    // briefly before sleeping. The condition waits on the monotonic clock.
-    pthread_mutex_t lock_;
-    pthread_cond_t cond_;
-    // The time-ordered list (guarded by lock_).
+    std::mutex lock_;
+    std::condition_variable cond_;
     TarnisMessage* head_ = nullptr;
-    std::atomic<bool> listEmpty_{true};
-    std::atomic<bool> closed_{false};
-    // The due time a taker is waiting for; -1 when nobody waits for a timed
-    // message.
-    int64_t deadline_ = 0;
+    // Written under lock_; read without it by empty() and size().
+    std::atomic<size_t> size_{0};
+    // Takers inside a wait; senders notify only when there is one.
+    int waiters_ = 0;
+    bool closed_ = false;
     bool nonBlock_ = false;
-    // Takers about to block on cond_; senders skip the wake-up when none.
-    std::atomic<int> waiters_{0};
-    // "Now" messages not taken yet, newest on top. Kept on a cache line of
-    // its own: senders and the taker meet here on every message.
-    alignas(64) std::atomic<TarnisMessage*> incoming_{nullptr};
-    // Senders between their push and their wake-up check. The queue goes away
-    // with its looper's thread, possibly right after taking the message just
-    // pushed; the destructor waits for these to leave.
-    std::atomic<int> senders_{0};
-    char pad_[64 - sizeof(std::atomic<TarnisMessage*>) - sizeof(std::atomic<int>)];
+    bool stopWaiting_ = false;
+    bool woken_ = false;
 };
 
 }  // namespace kolto

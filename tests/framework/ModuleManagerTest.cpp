@@ -19,8 +19,10 @@
 #include "framework/TarnisLooper.h"
 #include <log/log.h>
 #include "platform/LogCapture.h"
+#include "tests/framework/LogLines.h"
 
 using namespace velmar::kolto;
+using tarnis_test::CountExact;
 
 namespace {
 
@@ -47,12 +49,20 @@ public:
     }
     size_t count(const std::string& e) {
         std::lock_guard<std::mutex> guard(lock_);
+        return countLocked(e);
+    }
+    bool waitForCount(const std::string& e, size_t n) {
+        std::unique_lock<std::mutex> guard(lock_);
+        return cond_.wait_for(guard, std::chrono::seconds(5), [&] { return countLocked(e) >= n; });
+    }
+
+private:
+    size_t countLocked(const std::string& e) {
         size_t n = 0;
         for (auto& x : events_) n += x == e;
         return n;
     }
 
-private:
     std::mutex lock_;
     std::condition_variable cond_;
     std::vector<std::string> events_;
@@ -95,6 +105,7 @@ class FirstModule : public TestModule {};
 class FlakyModule : public TestModule {
 public:
     FlakyModule() { ++gFlakyCreated; }
+    ~FlakyModule() override { events().add("gone:Flaky"); }
     bool OnInit() override {
         events().add("init:" + name);
         return gFlakyInitOk.load();
@@ -179,14 +190,23 @@ TEST(ModuleManager, LoadsByPriorityThenNameAndRemovesFailedModules) {
     for (const std::string& e : all) EXPECT_NE(e, "loaded:Flaky@Flaky");
 
     const std::string tag = "Tarnis-ModuleManager";
-    EXPECT_TRUE(log.Contains("[_loadModules] Loading module \"First\"", tag, ANDROID_LOG_DEBUG));
-    EXPECT_TRUE(log.Contains("[_loadModules] Module \"Flaky\" ignored because OnInit returned false",
-                             tag, ANDROID_LOG_DEBUG));
-    EXPECT_EQ(log.Count("[_loadModules] Loaded 3 modules", tag, ANDROID_LOG_INFO), 1u);
-    EXPECT_TRUE(log.Contains("[_loadModules] Post Init for module \"Zebra\"", tag, ANDROID_LOG_DEBUG));
+    for (const char* name : {"First", "Alpha", "Flaky", "Zebra"}) {
+        EXPECT_EQ(CountExact(log, std::string("[_loadModules] Loading module \"") + name + "\"", tag,
+                             ANDROID_LOG_DEBUG),
+                  1u);
+    }
+    EXPECT_EQ(CountExact(log, "[_loadModules] Module \"Flaky\" ignored because OnInit returned false", tag,
+                         ANDROID_LOG_DEBUG),
+              1u);
+    EXPECT_EQ(CountExact(log, "[_loadModules] Loaded 3 modules", tag, ANDROID_LOG_INFO), 1u);
+    for (const char* name : {"First", "Alpha", "Zebra"}) {
+        EXPECT_EQ(CountExact(log, std::string("[_loadModules] Post Init for module \"") + name + "\"", tag,
+                             ANDROID_LOG_DEBUG),
+                  1u);
+    }
     EXPECT_FALSE(log.Contains("[_loadModules] Post Init for module \"Flaky\"", tag));
-    EXPECT_TRUE(log.Contains("[_loadModules] Cleanup ignored module \"Flaky\"", tag, ANDROID_LOG_DEBUG));
-    EXPECT_TRUE(log.Contains("[~ModuleBase] Bye~ Flaky", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG));
+    EXPECT_EQ(CountExact(log, "[_loadModules] Cleanup ignored module \"Flaky\"", tag, ANDROID_LOG_DEBUG), 1u);
+    EXPECT_EQ(CountExact(log, "[~ModuleBase] Bye~ Flaky", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG), 1u);
 
     EXPECT_EQ(Dump({"ModuleManager", "dump"}),
               std::string(kStatusHeader) +
@@ -229,15 +249,14 @@ TEST(ModuleManager, LoadCommandReloadsOnlyRemovedModules) {
     LoadPassEvents();
     platform::LogCapture log;
     const std::string tag = "Tarnis-ModuleManager";
-    size_t lateBefore = events().count("flaky-late");
 
     EXPECT_EQ(Dump({"ModuleManager", "load", "Alpha"}),
               "Load module Alpha failed! See Logcat for details.\n");
-    EXPECT_TRUE(log.Contains("[loadModule] Module Alpha is already running!", tag, ANDROID_LOG_WARN));
+    EXPECT_EQ(CountExact(log, "[loadModule] Module Alpha is already running!", tag, ANDROID_LOG_WARN), 1u);
     EXPECT_EQ(Dump({"modulemanager", "load", "Ghost"}),
               "Load module Ghost failed! See Logcat for details.\n");
-    EXPECT_TRUE(log.Contains("[loadModule] loadModule Ghost failed! Module not found!", tag,
-                             ANDROID_LOG_ERROR));
+    EXPECT_EQ(CountExact(log, "[loadModule] loadModule Ghost failed! Module not found!", tag, ANDROID_LOG_ERROR),
+              1u);
 
     // A removed module whose OnInit still fails is made afresh and removed again.
     int created = gFlakyCreated.load();
@@ -250,36 +269,70 @@ TEST(ModuleManager, LoadCommandReloadsOnlyRemovedModules) {
     gFlakyInitOk = true;
     EXPECT_EQ(Dump({"ModuleManager", "load", "Flaky"}), "Load module Flaky succeed!\n");
     EXPECT_EQ(gFlakyCreated.load(), created + 2);
-    EXPECT_TRUE(log.Contains("[loadModule] Post Init for module \"Flaky\"", tag, ANDROID_LOG_DEBUG));
+    EXPECT_EQ(CountExact(log, "[loadModule] Post Init for module \"Flaky\"", tag, ANDROID_LOG_DEBUG), 1u);
     EXPECT_TRUE(events().waitFor("loaded:Flaky@Flaky"));
     EXPECT_EQ(Dump({"ModuleManager", "dump"}),
               std::string(kStatusHeader) +
                   "Alpha\t\tRunning\nFirst\t\tRunning\nFlaky\t\tRunning\nZebra\t\tRunning\n");
     EXPECT_EQ(Dump({"Flaky"}), std::string("Dumping module Flaky: \nFlaky argc=1 Flaky\n") + kSep);
 
-    // A module removing itself safely still gets the work already queued on
-    // its thread, delayed work included, before it goes.
-    TarnisHandlerThread* thread;
-    {
-        std::lock_guard<std::recursive_mutex> guard(GetModuleListLock());
-        thread = GetModuleList().at("Flaky").instance->handlerThread;
-    }
-    ASSERT_NE(thread, nullptr);
-    TarnisHandler* handler = new TarnisHandler(thread->getLooper(), nullptr);
-    handler->postDelayed([] { events().add("flaky-late"); }, 50);
-    auto removing = std::make_shared<std::promise<void>>();
-    handler->post([removing] {
-        removeModule("Flaky", true);
-        removing->set_value();
-    });
-    ASSERT_EQ(removing->get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    SyncManager();
-    EXPECT_EQ(events().count("flaky-late"), lateBefore + 1);
-    delete handler;
-    EXPECT_EQ(Dump({"ModuleManager", "dump"}),
-              std::string(kStatusHeader) +
-                  "Alpha\t\tRunning\nFirst\t\tRunning\nFlaky\t\tStopped\nZebra\t\tRunning\n");
     gFlakyInitOk = false;
+}
+
+TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread) {
+    LoadPassEvents();
+    constexpr long kDayMs = 24L * 3600 * 1000;
+    for (bool safely : {true, false}) {
+        SCOPED_TRACE(safely ? "removed safely" : "removed at once");
+        gFlakyInitOk = true;
+        if (Dump({"Flaky"}) == "Module Flaky is not running\n") {
+            ASSERT_EQ(Dump({"ModuleManager", "load", "Flaky"}), "Load module Flaky succeed!\n");
+        }
+        gFlakyInitOk = false;
+        platform::LogCapture log;
+        const size_t due = events().count("flaky-due");
+        const size_t late = events().count("flaky-late");
+        const size_t gone = events().count("gone:Flaky");
+        TarnisHandlerThread* thread;
+        {
+            std::lock_guard<std::recursive_mutex> guard(GetModuleListLock());
+            thread = GetModuleList().at("Flaky").instance->handlerThread;
+        }
+        ASSERT_NE(thread, nullptr);
+        auto handler = std::make_shared<TarnisHandler>(thread->getLooper(), nullptr);
+        TarnisMessageRef tomorrow = handler->postDelayed([] { events().add("flaky-late"); }, kDayMs);
+        // The module ends its one-shot work and removes itself, with work due
+        // now still queued and the daily task waiting.
+        handler->post([handler, safely] {
+            handler->post([] { events().add("flaky-due"); });
+            removeModule("Flaky", safely);
+        });
+        ASSERT_TRUE(events().waitForCount("gone:Flaky", gone + 1));
+
+        // The manager thread was not held until tomorrow: it takes work at once.
+        auto answered = std::make_shared<std::promise<void>>();
+        ModuleManager::GetManagerHandler()->post([answered] { answered->set_value(); });
+        ASSERT_EQ(answered->get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        EXPECT_EQ(Dump({"ModuleManager", "dump"}),
+                  std::string(kStatusHeader) +
+                      "Alpha\t\tRunning\nFirst\t\tRunning\nFlaky\t\tStopped\nZebra\t\tRunning\n");
+        EXPECT_EQ(Dump({"Flaky"}), "Module Flaky is not running\n");
+
+        // Removed safely, the module still ran what was due; the task due
+        // tomorrow went with its thread either way.
+        if (safely) {
+            EXPECT_EQ(events().count("flaky-due"), due + 1);
+        }
+        EXPECT_EQ(events().count("flaky-late"), late);
+        EXPECT_FALSE(handler->hasMessage(tomorrow));
+        EXPECT_EQ(CountExact(log, "[quit] Looper stops waiting for delayed messages", "Tarnis-TarnisLooper",
+                             ANDROID_LOG_DEBUG),
+                  safely ? 1u : 0u);
+        EXPECT_EQ(CountExact(log, "[~ModuleBase] Bye~ Flaky", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG), 1u);
+        EXPECT_EQ(CountExact(log, "[~TarnisHandlerThread] ~TarnisHandlerThread Done", "Tarnis-HandlerThread",
+                             ANDROID_LOG_DEBUG),
+                  1u);
+    }
 }
 
 TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
@@ -288,8 +341,9 @@ TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
     {
         AlphaCopyModuleRegister again;
     }
-    EXPECT_TRUE(log.Contains("[AlphaCopyModuleRegister] Can not register module! Module name MUST BE UNIQUE!",
-                             "Tarnis-ModuleRegister", ANDROID_LOG_FATAL));
+    EXPECT_EQ(CountExact(log, "[AlphaCopyModuleRegister] Can not register module! Module name MUST BE UNIQUE!",
+                         "Tarnis-ModuleRegister", ANDROID_LOG_FATAL),
+              1u);
     {
         std::lock_guard<std::recursive_mutex> guard(GetModuleListLock());
         const ModulePrio& alpha = GetModuleList().at("Alpha");
@@ -299,8 +353,8 @@ TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
     }
     removeModule("Ghost", false);
     SyncManager();
-    EXPECT_TRUE(log.Contains("[operator()] module Ghost not found!!!", "Tarnis-ModuleManager",
-                             ANDROID_LOG_ERROR));
+    EXPECT_EQ(CountExact(log, "[operator()] module Ghost not found!!!", "Tarnis-ModuleManager", ANDROID_LOG_ERROR),
+              1u);
     EXPECT_EQ(ModuleManager::GetManagerLooper(), ModuleManager::GetManagerHandler()->getLooper());
     EXPECT_NE(ModuleManager::GetManagerLooper(), nullptr);
 }
