@@ -49,7 +49,7 @@ void LocalBroadcastManager::registerReceiver(BroadcastReceiver* receiver, Intent
 }
 
 void LocalBroadcastManager::unregisterReceiver(BroadcastReceiver* receiver) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::unique_lock<std::mutex> guard(lock);
     auto found = recordsByReceiver.find(receiver);
     if (found == recordsByReceiver.end()) return;
     for (const RecordPtr& record : found->second) {
@@ -65,6 +65,12 @@ void LocalBroadcastManager::unregisterReceiver(BroadcastReceiver* receiver) {
         }
     }
     recordsByReceiver.erase(found);
+    // The records are dead, so no further call can start; one may be under
+    // way, with the lock released. A receiver unregistering itself from its
+    // own onReceive must not wait for itself.
+    if (deliveringThread != std::this_thread::get_id()) {
+        delivered.wait(guard, [this, receiver] { return delivering != receiver; });
+    }
 }
 
 bool LocalBroadcastManager::sendBroadcast(Intent intent, bool internal) {
@@ -115,13 +121,26 @@ void LocalBroadcastManager::executePendingBroadcasts(TarnisMessage* msg) {
             for (const RecordPtr& record : broadcast.receivers) {
                 BroadcastReceiver* receiver = nullptr;
                 {
+                    // Marked under the same lock as the look at `dead`: an
+                    // unregistering thread either finds the record dead
+                    // before the call or waits for the call to return.
                     std::lock_guard<std::mutex> guard(lock);
                     if (!record->dead) receiver = record->receiver;
+                    if (receiver != nullptr) {
+                        delivering = receiver;
+                        deliveringThread = std::this_thread::get_id();
+                    }
                 }
                 if (receiver == nullptr) continue;
                 const long before = NowMs();
                 receiver->onReceive(broadcast.intent);
                 const long spent = NowMs() - before;
+                {
+                    std::lock_guard<std::mutex> guard(lock);
+                    delivering = nullptr;
+                    deliveringThread = std::thread::id();
+                }
+                delivered.notify_all();
                 if (spent >= kSlowReceiverMs) {
                     ALOGW("[%s] The time that calling onReceive is too long!! spend time %ld, action: %s",
                           "executePendingBroadcasts", spent, StringUtil::ForLog(broadcast.intent.action).c_str());

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -23,6 +25,11 @@ public:
     static LocalBroadcastManager& getInstance();
 
     void registerReceiver(BroadcastReceiver* receiver, IntentFilter filter);
+    // After this returns the receiver is never called again, and it is not
+    // being called: when its onReceive is running on the delivering thread,
+    // this waits for it to return (unless called from that very onReceive),
+    // so the caller may destroy the receiver at once. Do not call it while
+    // holding a lock that the receiver's onReceive takes.
     void unregisterReceiver(BroadcastReceiver* receiver);
     // True when some receiver list exists for the intent's action, whether or
     // not a filter then matched.
@@ -54,6 +61,11 @@ private:
     std::unordered_map<BroadcastReceiver*, std::vector<RecordPtr>> recordsByReceiver;
     std::list<BroadcastRecord> pending;
     std::mutex lock;
+    // The receiver whose onReceive is running, and on which thread; guarded
+    // by `lock`. Unregistering waits on `delivered` until it has returned.
+    BroadcastReceiver* delivering = nullptr;
+    std::thread::id deliveringThread;
+    std::condition_variable delivered;
 };
 
 }  // namespace kolto
