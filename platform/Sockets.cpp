@@ -1,6 +1,9 @@
 #include <cutils/sockets.h>
 #include <host/Host.h>
 
+#include "platform/Sockets.h"
+
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -17,6 +20,31 @@
 namespace platform {
 
 std::string ReservedSocketPath(const std::string& name) { return DevicePath("/dev/socket/" + name); }
+
+bool MakeUnixAddress(const std::string& path, struct sockaddr_un* address, socklen_t* length,
+                     android::base::unique_fd* dirFd) {
+    memset(address, 0, sizeof(*address));
+    address->sun_family = AF_UNIX;
+    std::string target = path;
+    if (target.size() >= sizeof(address->sun_path)) {
+        const size_t slash = path.rfind('/');
+        if (slash == std::string::npos) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+        dirFd->reset(TEMP_FAILURE_RETRY(
+            open(slash == 0 ? "/" : path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)));
+        if (!dirFd->ok()) return false;
+        target = "/proc/self/fd/" + std::to_string(dirFd->get()) + path.substr(slash);
+        if (target.size() >= sizeof(address->sun_path)) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+    }
+    memcpy(address->sun_path, target.c_str(), target.size());
+    *length = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + target.size() + 1);
+    return true;
+}
 
 }  // namespace platform
 
@@ -41,6 +69,7 @@ int socket_local_client(const char* name, int namespaceId, int type) {
     memset(&address, 0, sizeof(address));
     address.sun_family = AF_UNIX;
     socklen_t length;
+    android::base::unique_fd dirFd;  // held until connect returns
     if (namespaceId == ANDROID_SOCKET_NAMESPACE_ABSTRACT) {
         const size_t size = strlen(name);
         if (size + 1 > sizeof(address.sun_path)) {
@@ -57,24 +86,14 @@ int socket_local_client(const char* name, int namespaceId, int type) {
         const std::string path = namespaceId == ANDROID_SOCKET_NAMESPACE_RESERVED
                                      ? platform::ReservedSocketPath(name)
                                      : platform::DevicePath(name);
-        if (path.size() >= sizeof(address.sun_path)) {
-            errno = ENAMETOOLONG;
-            return -1;
-        }
-        memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        length = sizeof(address);
+        // Below a deep root the path outgrows sun_path; the binder transport
+        // reaches its service sockets the same way.
+        if (!platform::MakeUnixAddress(path, &address, &length, &dirFd)) return -1;
     }
-    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    int rc;
-    do {
-        rc = connect(fd, reinterpret_cast<struct sockaddr*>(&address), length);
-    } while (rc < 0 && errno == EINTR);
-    if (rc < 0) {
-        const int saved = errno;
-        close(fd);
-        errno = saved;
-        return -1;
+    android::base::unique_fd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (!fd.ok()) return -1;
+    if (TEMP_FAILURE_RETRY(connect(fd.get(), reinterpret_cast<struct sockaddr*>(&address), length)) != 0) {
+        return -1;  // unique_fd keeps errno when it closes
     }
-    return fd;
+    return fd.release();
 }
