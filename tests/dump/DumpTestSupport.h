@@ -1,15 +1,57 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <functional>
+#include <regex>
 #include <string>
+#include <thread>
 
+#include <android-base/unique_fd.h>
+#include <gtest/gtest.h>
 #include <host/Host.h>
+#include "platform/LogCapture.h"
+#include "platform/Sockets.h"
 #include "tests/support/TempDir.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 namespace dump_test {
+
+// The number of lines whose whole text is `text` (of this tag and priority
+// when given): quoted log lines are checked word for word, not by a part.
+inline size_t ExactLines(const platform::LogCapture& log, const std::string& text, const std::string& tag = "",
+                         int prio = 0) {
+    size_t count = 0;
+    for (const platform::LogLine& line : log.Lines()) {
+        if (!tag.empty() && line.tag != tag) continue;
+        if (prio != 0 && line.prio != prio) continue;
+        if (line.text == text) ++count;
+    }
+    return count;
+}
+
+// The first line whose whole text matches `pattern` ("" when none), for
+// lines with a number that varies (an elapsed time, a pid).
+inline std::string LineMatching(const platform::LogCapture& log, const std::string& pattern,
+                                const std::string& tag = "", int prio = 0) {
+    const std::regex re(pattern);
+    for (const platform::LogLine& line : log.Lines()) {
+        if (!tag.empty() && line.tag != tag) continue;
+        if (prio != 0 && line.prio != prio) continue;
+        if (std::regex_match(line.text, re)) return line.text;
+    }
+    return "";
+}
+
+// Quotes `text` for use inside a regular expression.
+inline std::string Literal(const std::string& text) {
+    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+    return std::regex_replace(text, special, R"(\$&)");
+}
 
 // Sends this process's standard error (and so that of every child forked
 // meanwhile) to a file, for the lines children log.
@@ -38,6 +80,52 @@ private:
     }
     std::string path_;
     int saved_ = -1;
+};
+
+// One connection on the reserved "dumpstate" socket of the current root:
+// receives the request, lets the test react, sends the reply. Binds below a
+// root of any depth, as the platform's own service would.
+class FakeDumpstate {
+public:
+    // `readsRequest`: the client writes a request before it reads the reply.
+    FakeDumpstate(bool readsRequest, std::function<std::string(const std::string& request)> answer)
+        : answer_(std::move(answer)), path_(platform::ReservedSocketPath("dumpstate")) {
+        tarnis_test::RunShell("mkdir -p \"$(dirname '" + path_ + "')\"");
+        listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        struct sockaddr_un address;
+        socklen_t length = 0;
+        android::base::unique_fd dirFd;
+        EXPECT_TRUE(platform::MakeUnixAddress(path_, &address, &length, &dirFd)) << strerror(errno);
+        EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), length), 0) << strerror(errno);
+        EXPECT_EQ(listen(listener_.get(), 1), 0);
+        thread_ = std::thread([this, readsRequest] {
+            android::base::unique_fd fd(accept(listener_.get(), nullptr, nullptr));
+            if (!fd.ok()) return;
+            if (readsRequest) {
+                char buffer[1024] = {};
+                const ssize_t n = recv(fd.get(), buffer, sizeof(buffer) - 1, 0);
+                request_ = std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+            }
+            const std::string reply = answer_(request_);
+            send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+        });
+    }
+    ~FakeDumpstate() {
+        shutdown(listener_.get(), SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        unlink(path_.c_str());
+    }
+    std::string Request() {
+        if (thread_.joinable()) thread_.join();
+        return request_;
+    }
+
+private:
+    std::function<std::string(const std::string&)> answer_;
+    std::string path_;
+    android::base::unique_fd listener_;
+    std::thread thread_;
+    std::string request_;
 };
 
 // A sandbox root for one test, with quick time-outs.

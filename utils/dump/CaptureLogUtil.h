@@ -6,29 +6,20 @@
 #include <string>
 #include <vector>
 
+#include <utils/String16.h>
+
+#include "utils/dump/BuildProbes.h"
+#include "utils/dump/DirectoryHelpers.h"
 #include "utils/dump/DumpAction.h"
 #include "utils/dump/DumpData.h"
-#include <utils/String16.h>
 
 namespace android {
 
-// Test and pre-release build probes.
-bool ismtbftest();   // "persist.mtbf.test"
-bool isomnitest();   // "persist.omni.test"
-// "ro.zel.development" or "persist.sys.internal_trial_user" is true, or the
-// hardware level (read once) is not exactly "MP".
-bool isUnrelease();
-
-// Directory helpers shared with other parts of the daemon. Paths are used as
-// given: callers map device paths.
-int create_dir_if_needed(const char* path, unsigned mode);
-int delete_dir_contents(const char* path, bool deleteSelf,
-                        std::function<bool(const char* name, bool isDir)> exclude);
-int copy_file(const char* from, const char* to);
-
 // Captures: runs tools into capture files, writes bug-report style dumps and
 // packs them into archives. Every entry point runs on its caller's thread;
-// device paths handed in are mapped below the sandbox root.
+// device paths handed in are mapped below the sandbox root. The work is done
+// by CommandRunner, CaptureDumps and CapturePackager; this class is the one
+// name the rest of the daemon calls.
 class CaptureLogUtil {
 public:
     // ---- command runner ----

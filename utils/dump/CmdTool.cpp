@@ -8,7 +8,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -27,35 +26,11 @@ constexpr size_t kParamBufferSize = 1024;
 constexpr size_t kArgSlots = 1024;
 constexpr size_t kMaxParams = kArgSlots - 2;
 
-std::atomic<int> gKillWaitSeconds{5};
-
 }  // namespace
 
-void CmdTool::SetKillWaitForTesting(int seconds) { gKillWaitSeconds.store(seconds); }
-
 bool CmdTool::waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* status) {
-    int err = 0;
-    switch (ChildWait::Wait(pid, timeoutSeconds, status, &err)) {
-        case ChildWait::kReaped:
-            return true;
-        case ChildWait::kTimedOut:
-            errno = ETIMEDOUT;
-            return false;
-        case ChildWait::kWaitFailed:
-            // The wait is per child now, but its failure keeps the line that
-            // log readers know.
-            ALOGE(CMDTOOL "*** sigtimedwait failed: %s\n", strerror(err));
-            break;
-        case ChildWait::kReapFailed:
-            ALOGE(CMDTOOL "*** waitpid failed: %s\n", strerror(err));
-            break;
-        case ChildWait::kNotReaped:
-            ALOGE(CMDTOOL "*** Waiting for pid %d, got pid %d instead\n", pid, 0);
-            err = ECHILD;
-            break;
-    }
-    errno = err;
-    return false;
+    ChildWait child(pid);
+    return child.WaitAndLog(timeoutSeconds, status, LOG_TAG, CMDTOOL);
 }
 
 int CmdTool::run_command_lite(const char* program, const char* params, int timeoutSeconds) {
@@ -112,8 +87,10 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
         _exit(-1);
     }
 
+    ChildWait child(pid);
+
     int status = 0;
-    const bool reaped = waitpid_with_timeout_lite(pid, timeoutSeconds, &status);
+    const bool reaped = child.WaitAndLog(timeoutSeconds, &status, LOG_TAG, CMDTOOL);
     const int waitErrno = errno;
     const double elapsed = ChildWait::SecondsSince(start);
     if (reaped) {
@@ -130,13 +107,8 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
     } else {
         ALOGE(CMDTOOL "*** %s: Error after %.4fs (killing pid %d)\n", program, elapsed, pid);
     }
-    const int killWait = gKillWaitSeconds.load();
-    kill(pid, SIGTERM);
-    if (!waitpid_with_timeout_lite(pid, killWait, nullptr)) {
-        kill(pid, SIGKILL);
-        if (!waitpid_with_timeout_lite(pid, killWait, nullptr)) {
-            ALOGE(CMDTOOL "*** %s: Cannot kill %d even with SIGKILL.\n", program, pid);
-        }
+    if (!child.Stop(LOG_TAG, CMDTOOL)) {
+        ALOGE(CMDTOOL "*** %s: Cannot kill %d even with SIGKILL.\n", program, pid);
     }
     return -1;
 }

@@ -19,10 +19,6 @@ public:
     // True when `pid` was reaped within the time (status stored when not
     // null); false otherwise, errno ETIMEDOUT when the time ran out.
     static bool waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* status);
-
-    // How long a child is given to die after SIGTERM, and again after
-    // SIGKILL (5 s each). Tests shorten it.
-    static void SetKillWaitForTesting(int seconds);
 };
 
 }  // namespace android

@@ -26,6 +26,10 @@ using android::DumpAction;
 using android::String16;
 using android::String16FromUtf8;
 using android::Vector;
+using dump_test::ExactLines;
+using dump_test::FakeDumpstate;
+using dump_test::LineMatching;
+using dump_test::Literal;
 using dump_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
@@ -45,53 +49,7 @@ private:
     std::atomic<int64_t> slept_{0};
 };
 
-// One connection on the reserved "dumpstate" socket: receives the request,
-// lets the test react, sends the reply.
-class FakeDumpstate {
-public:
-    // `readsRequest`: the client writes a request before it reads the reply.
-    FakeDumpstate(bool readsRequest, std::function<std::string(const std::string& request)> answer)
-        : answer_(std::move(answer)) {
-        const std::string path = platform::ReservedSocketPath("dumpstate");
-        RunShell("mkdir -p \"$(dirname '" + path + "')\"");
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        struct sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(listener_, 1), 0);
-        thread_ = std::thread([this, readsRequest] {
-            const int fd = accept(listener_, nullptr, nullptr);
-            if (fd < 0) return;
-            if (readsRequest) {
-                char buffer[1024] = {};
-                const ssize_t n = recv(fd, buffer, sizeof(buffer) - 1, 0);
-                request_ = std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
-            }
-            const std::string reply = answer_(request_);
-            send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
-            close(fd);
-        });
-    }
-    ~FakeDumpstate() {
-        shutdown(listener_, SHUT_RDWR);
-        if (thread_.joinable()) thread_.join();
-        close(listener_);
-        unlink(platform::ReservedSocketPath("dumpstate").c_str());
-    }
-    std::string Request() {
-        if (thread_.joinable()) thread_.join();
-        return request_;
-    }
-
-private:
-    std::function<std::string(const std::string&)> answer_;
-    int listener_ = -1;
-    std::thread thread_;
-    std::string request_;
-};
-
-class DumpTest : public SandboxTest {
+class CaptureDumpsTest : public SandboxTest {
 protected:
     void SetUp() override {
         SandboxTest::SetUp();
@@ -128,9 +86,11 @@ protected:
     Vector<String16> files_;
 };
 
+const char kAnrStart[] = "==================Start Get data/anr log for BootMonitor======================\n";
+
 }  // namespace
 
-TEST_F(DumpTest, HeadlineHeaderAndOnlineName) {
+TEST_F(CaptureDumpsTest, HeadlineHeaderAndOnlineName) {
     platform::LogCapture log;
     DumpAll("hangTemp", "a/b:c\"%&'()*<>?\\{|}", List({"ps", "rm", "cat", "do_dmesg"}),
             List({"-o,pid", "-rf /", "/data/vendor/diag/last_kmsg,/data/vendor/diag/last_tzlog", ""}), false, 7,
@@ -158,25 +118,41 @@ TEST_F(DumpTest, HeadlineHeaderAndOnlineName) {
                 text.find("Unexpected klogctl return value: ") != std::string::npos ||
                 text.find("klogctl failure\n\n") != std::string::npos)
         << text;
-    EXPECT_TRUE(log.Contains("There is no kolto on this device", "dorvad", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log.Contains("dump begin path=" + Path(dir) + "/7_hangTemp_", "dorvad"));
+    // Release builds give an action 5 s; this host is no release build
+    // (no "MP" hardware level), so actions get the long time-out.
+    EXPECT_NE(text.find("------ (ps -o pid) in 1s ------\n"), std::string::npos) << text;
+    EXPECT_TRUE(log.HasLine("There is no kolto on this device", "dorvad", ANDROID_LOG_ERROR));
+    const std::string path = Path(dir) + "/" + name.substr(0, name.size() - 1);
+    EXPECT_TRUE(log.HasLine("isRecordInLocal is false\n", "dorvad", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log.HasLine("logfile_template:xline_dir=" + Path(dir), "dorvad", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log.HasLine("dump_all path = " + path, "dorvad", ANDROID_LOG_INFO));
+    // Every action is announced, the skipped "rm" too.
+    EXPECT_TRUE(log.HasLine("dump begin path=" + path + " (ps -o,pid) id=7", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("dump begin path=" + path + " (rm -rf /) id=7", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("dump begin path=" + path + " (do_dmesg ) id=7", "dorvad", ANDROID_LOG_ERROR));
 
     // An empty headline is "null", and so is the id unless asked for.
     DumpAll("hangTemp", "", List({"do_dumpheap"}), List({""}), false, 7, false);
     EXPECT_TRUE(std::regex_search(Names(dir), std::regex("(^|\n)null_hangTemp_null_host_42_")));
 }
 
-TEST_F(DumpTest, RefusesMismatchedListsAndOverlongPaths) {
+TEST_F(CaptureDumpsTest, RefusesMismatchedListsAndOverlongPaths) {
     platform::LogCapture log;
     DumpAll("anr", "x", List({"ps", "df"}), List({""}), false);
     DumpAll("anr", "x", {}, {}, false);
-    EXPECT_EQ(log.Count("Error in dump: actions or params exception.", "dorvad", ANDROID_LOG_ERROR), 2u);
-    DumpAll(std::string(88, 't'), "x", List({"ps"}), List({""}), false);
-    EXPECT_TRUE(log.Contains("The length of where or type is too long and the type is " + std::string(88, 't')));
+    EXPECT_EQ(ExactLines(log, "Error in dump: actions or params exception.", "dorvad", ANDROID_LOG_ERROR), 2u);
+    // "/data/dorva/" and the type: 100 bytes are too many, 99 are not.
+    DumpAll(std::string(88, 't'), "x", List({"do_dumpheap"}), List({""}), false);
+    EXPECT_TRUE(log.HasLine("The length of where or type is too long and the type is " + std::string(88, 't') + "\n",
+                            "dorvad", ANDROID_LOG_ERROR));
     EXPECT_EQ(Names("/data/dorva"), "");
+    log.Clear();
+    DumpAll(std::string(87, 't'), "x", List({"do_dumpheap"}), List({""}), false);
+    EXPECT_EQ(log.Count("too long"), 0u);
+    EXPECT_EQ(Names("/data/dorva"), std::string(87, 't') + "\n");
 }
 
-TEST_F(DumpTest, OfflineCapturesRotateOverFiveSlots) {
+TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlots) {
     const std::string dir = "/data/dorva//hangTemp/offline";
     RunShell("mkdir -p '" + Path(dir) + "'");
     // Slots 0..4 all taken; slot 3's archive is the oldest.
@@ -195,10 +171,11 @@ TEST_F(DumpTest, OfflineCapturesRotateOverFiveSlots) {
     // The capture file is created exclusively: an existing one is not reused.
     platform::LogCapture log;
     DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
-    EXPECT_TRUE(log.Contains("failed to open tombstone file '" + Path(dir) + "/hangTemp_hX1_1': File exists"));
+    EXPECT_TRUE(log.HasLine("failed to open tombstone file '" + Path(dir) + "/hangTemp_hX1_1': File exists\n", "dorvad",
+                            ANDROID_LOG_ERROR));
 }
 
-TEST_F(DumpTest, CompressionTimeoutAndArchiveOfACapture) {
+TEST_F(CaptureDumpsTest, CompressionTimeoutAndArchiveOfACapture) {
     std::vector<int> timeouts;
     CaptureLogUtil::SetCompressHooksForTesting([&](int timeout) { timeouts.push_back(timeout); }, nullptr);
     DumpAll("anr", "one", List({"do_dumpheap"}), List({""}), false);
@@ -214,7 +191,7 @@ TEST_F(DumpTest, CompressionTimeoutAndArchiveOfACapture) {
     EXPECT_NE(RunShell("unzip -p '" + zip + "'").find("== headline: two\n"), std::string::npos);
 }
 
-TEST_F(DumpTest, BugreportFromTheDumpstateService) {
+TEST_F(CaptureDumpsTest, BugreportFromTheDumpstateService) {
     // The sandbox declares the bug-report service: init starts and stops it.
     const std::string marker = Path("/service-ran");
     RunShell("mkdir -p '" + Path("/system/etc/init/host") + "'");
@@ -232,7 +209,7 @@ TEST_F(DumpTest, BugreportFromTheDumpstateService) {
     platform::LogCapture log;
     DumpAll("anr", "bug", List({"tarnbugreport", "do_dumpheap"}), List({"full", ""}), false);
     EXPECT_EQ(server.Request(), logDir + "|full");
-    EXPECT_TRUE(log.Contains("recv response from dumpstate: " + report, "dorvad", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log.HasLine("recv response from dumpstate: " + report, "dorvad", ANDROID_LOG_INFO));
     // The report went into the archive, then was removed with its leftovers.
     ASSERT_EQ(files_.size(), 1u);
     EXPECT_EQ(android::String8(files_[0]), report);
@@ -248,7 +225,7 @@ TEST_F(DumpTest, BugreportFromTheDumpstateService) {
     EXPECT_EQ(android::base::GetProperty("init.svc.tarnBugreportState", ""), "stopped");
 }
 
-TEST_F(DumpTest, LiteBugreportRecordsItsPathAndTalksToDumpstate) {
+TEST_F(CaptureDumpsTest, LiteBugreportRecordsItsPathAndTalksToDumpstate) {
     android::base::SetProperty("ro.build.ab_update", "true");
     RunShell("mkdir -p '" + Path("/mnt/rescue/dorva") + "'");
     std::string zipProperty;
@@ -262,7 +239,10 @@ TEST_F(DumpTest, LiteBugreportRecordsItsPathAndTalksToDumpstate) {
     }
     EXPECT_EQ(zipProperty, "@boot_1");
     EXPECT_EQ(ReadFile(Path("/mnt/rescue/dorva/bootmonitor_log.txt")), Path("/data/dorva/lite.txt"));
-    EXPECT_TRUE(log.Contains("read response from dumpstate: " + std::string(255, 'k'), "dorvad", ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log.HasLine("read response from dumpstate: " + std::string(255, 'k'), "dorvad", ANDROID_LOG_DEBUG));
+    struct stat st;
+    ASSERT_EQ(stat(Path("/data/dorva/lite.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0664u);
     EXPECT_EQ(android::base::GetProperty("sys.nuvi.bm_zip", "unset"), "unset");  // cleared
     EXPECT_EQ(android::base::GetProperty("ctl.stop", ""), "nuvibmdump");
     // No dumpstate at all: twenty tries half a second apart, then the error.
@@ -270,10 +250,13 @@ TEST_F(DumpTest, LiteBugreportRecordsItsPathAndTalksToDumpstate) {
     const int64_t before = clock_.slept();
     CaptureLogUtil::dump_lite_bugreport("boot_2", "/data/dorva/lite.txt");
     EXPECT_EQ(clock_.slept() - before, 19 * 500);
-    EXPECT_TRUE(log.Contains("Failed to connect dumpstate socket: ", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("Failed to connect dumpstate socket: No such file or directory", "dorvad", ANDROID_LOG_ERROR));
+    // The service is stopped and the request cleared whatever the outcome.
+    EXPECT_EQ(android::base::GetProperty("ctl.stop", ""), "nuvibmdump");
+    EXPECT_EQ(android::base::GetProperty("sys.nuvi.bm_zip", "unset"), "unset");
 }
 
-TEST_F(DumpTest, CoredumpWaitsUntilTheFileStopsGrowing) {
+TEST_F(CaptureDumpsTest, CoredumpWaitsUntilTheFileStopsGrowing) {
     android::base::SetProperty("persist.sys.enable_nuvi_coredump", "true");
     const std::string core = "/data/nuvilog/stability/nativecrash/core_9";
     RunShell("mkdir -p '" + Path("/data/nuvilog/stability/nativecrash") + "'");
@@ -281,17 +264,21 @@ TEST_F(DumpTest, CoredumpWaitsUntilTheFileStopsGrowing) {
     platform::LogCapture log;
     DumpAll("ne", "crash", List({"do_dumpheap"}), List({""}), false, -1, false,
             List({core.c_str(), "/data/nuvilog/stability/nativecrash/missing"}));
-    EXPECT_TRUE(log.Contains("coredump(" + Path(core) + ") file has created\n"));
-    EXPECT_TRUE(log.Contains("dump coredump(" + Path(core) + ") completed, filesize:10\n"));
+    EXPECT_TRUE(log.HasLine("coredump(" + Path(core) + ") file has created\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("wait coredump(" + Path(core) + ") 1 times, filesize=10\n", "dorvad"));
+    EXPECT_TRUE(log.HasLine("wait coredump(" + Path(core) + ") 2 times, filesize=10\n", "dorvad"));
+    EXPECT_TRUE(log.HasLine("dump coredump(" + Path(core) + ") completed, filesize:10\n", "dorvad"));
     const std::string missing = Path("/data/nuvilog/stability/nativecrash/missing");
     for (int attempt = 1; attempt <= 3; ++attempt) {
-        EXPECT_TRUE(log.Contains("wait coredump(" + missing + ") created " + std::to_string(attempt) + " times \n"));
+        EXPECT_TRUE(log.HasLine("wait coredump(" + missing + ") created " + std::to_string(attempt) + " times \n",
+                                "dorvad"));
     }
-    EXPECT_TRUE(log.Contains("coredump(" + missing + ") file stat fail: No such file or directory\n"));
+    EXPECT_EQ(log.Count("wait coredump(" + missing + ") created 4 times"), 0u);
+    EXPECT_TRUE(log.HasLine("coredump(" + missing + ") file stat fail: No such file or directory\n", "dorvad"));
     EXPECT_EQ(clock_.slept(), 1000 + 3000);  // one poll interval, three creation waits
 }
 
-TEST_F(DumpTest, AnrTracesOfThisBuildNewestFirst) {
+TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildNewestFirst) {
     android::base::SetProperty("ro.build.fingerprint", "velmar/host:16/T/1:user");
     android::base::SetProperty("sys.service.watchdog.timestamp", "10799999");
     WriteFile(Path("/data/system/uiderrors.txt"), "uid errors\n");
@@ -301,14 +288,21 @@ TEST_F(DumpTest, AnrTracesOfThisBuildNewestFirst) {
         struct utimbuf times = {2000000 + i, 2000000 + i};
         utime(trace.c_str(), &times);
     }
-    WriteFile(Path("/data/anr/other_build"), "Build fingerprint: 'velmar/host:15/S/1:user'\n");
+    const std::string otherBuild = "Build fingerprint: 'velmar/host:15/S/1:user'\n";
+    WriteFile(Path("/data/anr/other_build"), otherBuild);
     WriteFile(Path("/data/anr/no_fingerprint"), "nothing here\n");
     RunShell("mkdir -p '" + Path("/data/x") + "'");
     std::vector<DumpAction> actions{{"TITLE ONE", {"echo", "hello"}, 5}, {"", {"true"}, 5}};
     platform::LogCapture log;
     CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap", actions);
-    EXPECT_TRUE(log.Contains("Faild to match " + Path("/data/anr/no_fingerprint")));
-    EXPECT_TRUE(log.Contains("build.fingerprint prop mismatch"));
+    EXPECT_TRUE(log.HasLine("get watchdog timestamp: 10799999\n", "dorvad", ANDROID_LOG_WARN));
+    EXPECT_TRUE(log.HasLine(kAnrStart, "dorvad", ANDROID_LOG_WARN));
+    EXPECT_TRUE(log.HasLine("Faild to match " + Path("/data/anr/no_fingerprint") + "\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("read file for " + std::to_string(otherBuild.size()) +
+                                " byte, build.fingerprint prop mismatch\n",
+                            "dorvad", ANDROID_LOG_ERROR));
+    // Twelve traces of this build and the one of another build matched.
+    EXPECT_EQ(ExactLines(log, "=============match success!!!=============\n", "dorvad"), 13u);
     std::string expected = "anr/trace_10\nanr/trace_11\n";
     for (int i = 2; i < 10; ++i) expected += "anr/trace_" + std::to_string(i) + "\n";
     expected += "system/uiderrors.txt\nx/cap\n";
@@ -321,52 +315,30 @@ TEST_F(DumpTest, AnrTracesOfThisBuildNewestFirst) {
 
     // A watchdog stamp past three hours skips the traces.
     android::base::SetProperty("sys.service.watchdog.timestamp", "10800000");
+    log.Clear();
     CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap2", actions);
     EXPECT_EQ(RunShell("unzip -Z1 '" + Path("/data/x/cap2.zip") + "' | sort"), "system/uiderrors.txt\nx/cap2\n");
+    EXPECT_FALSE(log.HasLine(kAnrStart));
+    // So does a stamp that is not a number, and one that is missing.
+    for (const char* stamp : {"1e6", " 42", ""}) {
+        android::base::SetProperty("sys.service.watchdog.timestamp", stamp);
+        log.Clear();
+        CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap3", actions);
+        EXPECT_FALSE(log.HasLine(kAnrStart)) << stamp;
+    }
+    EXPECT_TRUE(log.HasLine("failed to get watchdog timestamp prop ", "dorvad", ANDROID_LOG_WARN));
 }
 
-TEST_F(DumpTest, DumpByPowerRunsOnlyWhitelistedActions) {
+TEST_F(CaptureDumpsTest, DumpByPowerRunsOnlyWhitelistedActions) {
     platform::LogCapture log;
     CaptureLogUtil::dump_by_power(List({"ps", "sh"}), List({"-o,pid", "-c,echo bad"}), "/data/dorva/dumpsys_by_power", 5);
     const std::string text = ReadFile(Path("/data/dorva/dumpsys_by_power"));
     EXPECT_NE(text.find("------ (ps -o pid) in 5s ------\n"), std::string::npos);
     EXPECT_EQ(text.find("bad"), std::string::npos);
-    EXPECT_TRUE(log.Contains("dump_by_power: action 'sh' not in SUPPORT_ACTION whitelist, skipping"));
+    EXPECT_TRUE(log.HasLine("dump_by_power: action 'sh' not in SUPPORT_ACTION whitelist, skipping", "dorvad",
+                            ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("dump begin path=" + Path("/data/dorva/dumpsys_by_power") + " (ps -o,pid)", "dorvad",
+                            ANDROID_LOG_ERROR));
     EXPECT_TRUE(CaptureLogUtil::isSupportAction("logc"));
     EXPECT_FALSE(CaptureLogUtil::isSupportAction("rm"));
-}
-
-TEST_F(DumpTest, DirectoryHelpers) {
-    const std::string dir = root_.Sub("tree");
-    RunShell("mkdir -p '" + dir + "/keep' '" + dir + "/sub/deeper' '" + root_.Sub("outside") + "'");
-    WriteFile(dir + "/a", "a");
-    WriteFile(dir + "/keep/k", "k");
-    WriteFile(dir + "/sub/deeper/d", "d");
-    WriteFile(root_.Sub("outside/precious"), "p");
-    symlink(root_.Sub("outside").c_str(), (dir + "/link").c_str());
-    EXPECT_EQ(android::delete_dir_contents(dir.c_str(), false,
-                                           [](const char* name, bool isDir) { return isDir && strcmp(name, "keep") == 0; }),
-              0);
-    EXPECT_EQ(RunShell("cd '" + dir + "' && find . | sort"), ".\n./keep\n./keep/k\n");
-    EXPECT_EQ(ReadFile(root_.Sub("outside/precious")), "p");
-    EXPECT_EQ(android::delete_dir_contents(dir.c_str(), true, nullptr), 0);
-    EXPECT_NE(access(dir.c_str(), F_OK), 0);
-
-    const std::string made = root_.Sub("made");
-    EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
-    chmod(made.c_str(), 0700);
-    platform::LogCapture log;
-    EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
-    struct stat st;
-    ASSERT_EQ(stat(made.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0750u);
-    EXPECT_TRUE(log.Contains(made + "perm 700 expected 750", "dorvad", ANDROID_LOG_WARN));
-    WriteFile(root_.Sub("file"), "12345");
-    EXPECT_EQ(android::create_dir_if_needed(root_.Sub("file").c_str(), 0750), -1);
-    EXPECT_TRUE(log.Contains(root_.Sub("file") + " is not a dir."));
-
-    EXPECT_EQ(android::copy_file(root_.Sub("file").c_str(), root_.Sub("copy").c_str()), 0);
-    EXPECT_EQ(ReadFile(root_.Sub("copy")), "12345");
-    EXPECT_EQ(android::copy_file(root_.Sub("none").c_str(), root_.Sub("copy").c_str()), -1);
-    EXPECT_TRUE(log.Contains("Failed to open copy from " + root_.Sub("none") + "  reason: No such file"));
 }

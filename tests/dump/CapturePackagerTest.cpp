@@ -22,6 +22,7 @@ using android::CaptureLogUtil;
 using android::String16;
 using android::String16FromUtf8;
 using android::Vector;
+using dump_test::ExactLines;
 using dump_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
@@ -29,7 +30,7 @@ using tarnis_test::WriteFile;
 
 namespace {
 
-class PackagingTest : public SandboxTest {
+class CapturePackagerTest : public SandboxTest {
 protected:
     // Creates a device file (and its directories) with some content.
     std::string Make(const std::string& devicePath, const std::string& content = "content\n") {
@@ -55,7 +56,7 @@ bool Exists(const std::string& path) {
 
 }  // namespace
 
-TEST_F(PackagingTest, ArchivePathAndEntryNames) {
+TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
     Make("/data/dorva/ne/online/cap", "capture text\n");
     Make("/data/anr/trace_1", "trace\n");
     MakeDir("/data/x");
@@ -89,9 +90,30 @@ TEST_F(PackagingTest, ArchivePathAndEntryNames) {
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, &gbg, 5, false), 0);
     EXPECT_TRUE(Exists(Path("/data/other/cap2.zip.mtk")));
     EXPECT_EQ(Entries(Path("/data/other/cap2.zip.mtk")), "gbg/dump.bin\nother/cap2\n");
+    EXPECT_FALSE(Exists(Path("/data/other/cap2.zip")));
 }
 
-TEST_F(PackagingTest, SlowWorkerTimesOutButFinishesItsArchive) {
+// After the ".mtk" rename every later step works on the renamed archive.
+TEST_F(CapturePackagerTest, StepsAfterTheRenameUseTheRenamedArchive) {
+    ASSERT_TRUE(android::base::SetProperty("persist.sys.nuviofflinedb", "true"));
+    MakeDir("/data/nuvilog/stability");
+    Make("/data/gbg/dump.bin");
+    const std::string capture = "/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789";
+    Make(capture);
+    Vector<String16> gbg = List({"/data/gbg/dump.bin"});
+    EXPECT_EQ(CaptureLogUtil::do_compress(capture.c_str(), nullptr, &gbg, 5, true), 0);
+    const std::string renamed = Path(capture + ".zip.mtk");
+    struct stat st;
+    ASSERT_EQ(stat(renamed.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0774u);
+    EXPECT_EQ(RunShell("ls '" + Path("/data/nuvilog/stability/reboot") + "'"),
+              "7_ne_head_dev_inc_123_456_789.zip.mtk\n");
+    const std::string copies = RunShell("cd '" + Path("/data/nuvilog") + "' && ls *.zip");
+    EXPECT_TRUE(std::regex_match(copies, std::regex("ne_[0-9]{4}(-[0-9]{2}){5}_123_456_789\\.zip\\.mtk_dev\\.zip\n")))
+        << copies;
+}
+
+TEST_F(CapturePackagerTest, SlowWorkerTimesOutButFinishesItsArchive) {
     Make("/data/dorva/t/online/cap", "slow\n");
     std::mutex lock;
     std::string workerName;
@@ -123,7 +145,7 @@ TEST_F(PackagingTest, SlowWorkerTimesOutButFinishesItsArchive) {
     for (int cpu = 6; cpu < CPU_SETSIZE; ++cpu) EXPECT_FALSE(CPU_ISSET(cpu, &workerCpus)) << cpu;
 }
 
-TEST_F(PackagingTest, NativeCrashFilesDeletedOrKeptPerProperties) {
+TEST_F(CapturePackagerTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     const std::string core = Make("/data/nuvilog/stability/nativecrash/core_1", "core");
     const std::string tomb = Make("/data/nuvilog/stability/nativecrash/tombstones/tomb_1", "tomb");
     Make("/data/dorva/ne/online/1_ne_x");
@@ -136,7 +158,9 @@ TEST_F(PackagingTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     {
         platform::LogCapture log;
         EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
-        EXPECT_EQ(log.Count("skip delete file(", "dorvad", ANDROID_LOG_ERROR), 2u);
+        EXPECT_TRUE(log.HasLine("skip delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
+        EXPECT_TRUE(log.HasLine("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_ERROR));
+        EXPECT_EQ(log.Count("delete file("), 2u);
     }
     // Each native crash adds four minutes for its core dump.
     EXPECT_EQ(seenTimeout.load(), 5 + 2 * 240);
@@ -150,8 +174,9 @@ TEST_F(PackagingTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
     EXPECT_FALSE(Exists(core));
     EXPECT_TRUE(Exists(tomb));  // the tombstone monitor's own copies stay
-    EXPECT_TRUE(log.Contains("delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log.Contains("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_WARN));
+    EXPECT_TRUE(log.HasLine("delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_WARN));
+    EXPECT_EQ(ExactLines(log, "delete file(" + tomb + ") \n"), 0u);
 
     // Only captures of native crashes ("_ne_") clean up.
     Make("/data/nuvilog/stability/nativecrash/core_2");
@@ -161,7 +186,7 @@ TEST_F(PackagingTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/nativecrash/core_2")));
 }
 
-TEST_F(PackagingTest, OfflineDatabaseAndLocalRecordCopies) {
+TEST_F(CapturePackagerTest, OfflineDatabaseAndLocalRecordCopies) {
     ASSERT_TRUE(android::base::SetProperty("persist.sys.nuviofflinedb", "true"));
     MakeDir("/data/nuvilog/stability");
     Make("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789");
@@ -175,15 +200,19 @@ TEST_F(PackagingTest, OfflineDatabaseAndLocalRecordCopies) {
         << copies;
     // The local record copy keeps the archive's name.
     EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/reboot/7_ne_head_dev_inc_123_456_789.zip")));
-    EXPECT_TRUE(log.Contains("start copy log which ruleid is not -1", "dorvad"));
+    EXPECT_TRUE(log.HasLine("start copy log which ruleid is not -1", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("copy " + Path("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789.zip"), "dorvad",
+                            ANDROID_LOG_ERROR));
 
     // A name with too few fields is skipped, never read past its end.
     Make("/data/dorva/ne/online/short_name");
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/short_name", nullptr, nullptr, 5, false), 0);
-    EXPECT_TRUE(log.Contains("skip offline db copy of " + Path("/data/dorva/ne/online/short_name.zip")));
+    EXPECT_TRUE(log.HasLine("skip offline db copy of " + Path("/data/dorva/ne/online/short_name.zip") +
+                                ": 2 name fields, 8 needed",
+                            "dorvad", ANDROID_LOG_ERROR));
 }
 
-TEST_F(PackagingTest, AtMostSixteenFilesOpenedUpPerAttachment) {
+TEST_F(CapturePackagerTest, AtMostSixteenFilesOpenedUpPerAttachment) {
     MakeDir("/data/many");
     for (int i = 0; i < 40; ++i) {
         const std::string file = Path("/data/many/f" + std::to_string(i));
@@ -194,4 +223,25 @@ TEST_F(PackagingTest, AtMostSixteenFilesOpenedUpPerAttachment) {
     CaptureLogUtil::include_zip_files(Path("/data/many").c_str(), &count);
     EXPECT_EQ(count, 16);
     EXPECT_EQ(RunShell("find '" + Path("/data/many") + "' -type f -perm 0777 | wc -l"), "16\n");
+
+    // A link among the attachments is counted, but its target is not opened up.
+    const std::string outside = root_.Sub("outside");
+    WriteFile(outside, "private");
+    chmod(outside.c_str(), 0600);
+    MakeDir("/data/linked");
+    symlink(outside.c_str(), Path("/data/linked/link").c_str());
+    count = 0;
+    CaptureLogUtil::include_zip_files(Path("/data/linked").c_str(), &count);
+    EXPECT_EQ(count, 1);
+    struct stat st;
+    ASSERT_EQ(stat(outside.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    // The uid errors file keeps its mode.
+    const std::string uidErrors = Make("/data/system/uiderrors.txt");
+    chmod(uidErrors.c_str(), 0640);
+    count = 0;
+    CaptureLogUtil::include_zip_files(uidErrors.c_str(), &count);
+    EXPECT_EQ(count, 1);
+    ASSERT_EQ(stat(uidErrors.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
 }

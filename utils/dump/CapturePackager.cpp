@@ -1,6 +1,6 @@
 #define LOG_TAG "dorvad"
 
-// Packing a capture and its attachments into an archive under a time-out.
+#include "utils/dump/CapturePackager.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -16,19 +16,25 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <vector>
 
-#include <log/log.h>
 #include <android-base/logging.h>
 #include <android-base/properties.h>
-#include <host/Host.h>
+#include <android-base/unique_fd.h>
+#include <log/log.h>
+
 #include "utils/FileUtil.h"
+#include "utils/Paths.h"
+#include "utils/ScopedDir.h"
 #include "utils/ZipFile.h"
-#include "utils/dump/CaptureLogUtilInternal.h"
+#include "utils/dump/BuildProbes.h"
 #include "utils/dump/CmdTool.h"
+#include "utils/dump/DirectoryHelpers.h"
 
 namespace android {
 namespace {
 
+namespace paths = velmar::kolto::paths;
 using velmar::kolto::FileUtil;
 using velmar::kolto::ZipFile;
 
@@ -36,7 +42,26 @@ constexpr char kCompressTag[] = "Tarnis-CaptureLogUtils";
 constexpr int kNativeCrashExtraSeconds = 240;
 constexpr int kMaxOpenedPerAttachment = 15;
 constexpr int kWorkerCpus = 6;  // CPUs 0 to 5
-constexpr uid_t kSystemId = 1000;
+constexpr int kLocalRecordCopySeconds = 60;
+constexpr size_t kOfflineDbFields = 8;
+// Captures whose own entry is packed under its bare name: online captures
+// below the capture base, and local records. Matched anywhere in the path,
+// so below a root as well.
+constexpr char kCaptureBaseMark[] = "data/dorva/";
+constexpr char kLocalRecordMark[] = "data/nuvilog/stability/reboot";
+
+std::mutex& HooksLock() {
+    static std::mutex* lock = new std::mutex;
+    return *lock;
+}
+std::function<void(int)>& CompressObserverStore() {
+    static auto* hook = new std::function<void(int)>;
+    return *hook;
+}
+std::function<void()>& BeforePackStore() {
+    static auto* hook = new std::function<void()>;
+    return *hook;
+}
 
 // What the caller and the worker share. A worker that outlives the caller's
 // deadline keeps its own reference, so nothing it touches is ever freed
@@ -73,18 +98,15 @@ void RunCompressJob(const std::shared_ptr<CompressJob>& job) {
     if (job->beforePack) job->beforePack();
     ALOGD("_compress fullPath %s", job->zipPath.c_str());
     if (!job->zip->create(job->zipPath)) {
-        __android_log_print(ANDROID_LOG_ERROR, kCompressTag, "[%s] Create new zip failed!!",
-                            "_compress");
+        __android_log_print(ANDROID_LOG_ERROR, kCompressTag, "[%s] Create new zip failed!!", "_compress");
     } else {
         job->zip->close();
-        const int fd = open(job->zipPath.c_str(), O_WRONLY | O_CLOEXEC);
-        if (fd < 0) {
+        base::unique_fd fd(open(job->zipPath.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (!fd.ok()) {
             __android_log_print(ANDROID_LOG_ERROR, kCompressTag,
-                                "[%s] failed to open file for fsync after compressing",
-                                "_compress");
+                                "[%s] failed to open file for fsync after compressing", "_compress");
         } else {
-            fsync(fd);
-            close(fd);
+            fsync(fd.get());
         }
         FileUtil::ChangeMode(job->zipPath, 0777);
     }
@@ -125,12 +147,52 @@ bool IsWritableDir(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(path.c_str(), W_OK) == 0;
 }
 
+// Beside the capture, unless `where` names a writable directory with its
+// final slash.
+std::string ArchivePath(const std::string& path, const char* rawWhere) {
+    if (rawWhere != nullptr) {
+        const std::string where = paths::Get(rawWhere);
+        if (!where.empty() && where.back() == '/' && IsWritableDir(where)) return where + FileNameOf(path) + ".zip";
+    }
+    return path + ".zip";
+}
+
+// Owner, group and mode of an archive or a copy; a link in its place is
+// left alone.
+void SetOwnerAndMode(const std::string& path, uid_t owner, mode_t mode) {
+    if (fchownat(AT_FDCWD, path.c_str(), owner, kSystemUid, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
+        ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+    }
+    fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+}
+
+// Packed native-crash files go, unless a test build or a developer keeps
+// core dumps, or they are the tombstone monitor's own copies.
+void CleanNativeCrashFiles(const std::vector<std::string>& files) {
+    if (ismtbftest() || base::GetBoolProperty("persist.reboot.coredump", false)) {
+        for (const std::string& file : files) ALOGE("skip delete file(%s) \n", file.c_str());
+        return;
+    }
+    for (const std::string& file : files) {
+        const std::string keepDir =
+            paths::Get(base::GetProperty("sys.tombstone.monitor.out.dir", paths::kNativeCrashTombstoneDir));
+        if (Contains(file, keepDir.c_str())) {
+            ALOGW("skip delete file(%s) \n", file.c_str());
+            continue;
+        }
+        ALOGE("delete file(%s) \n", file.c_str());
+        if (access(file.c_str(), F_OK) == 0 && remove(file.c_str()) != 0) {
+            ALOGW("failed to remove file(%s) \n", file.c_str());
+        }
+    }
+}
+
 // The offline database keeps archives under a name built from fields of the
 // archive's own name; names with too few fields are not copied.
 void CopyToOfflineDatabase(const std::string& zipPath) {
     const std::string name = zipPath.substr(zipPath.find_last_of('/'));
     const std::vector<std::string> f = Split(name, '_');
-    if (f.size() < 8) {
+    if (f.size() < kOfflineDbFields) {
         ALOGE("skip offline db copy of %s: %zu name fields, 8 needed", zipPath.c_str(), f.size());
         return;
     }
@@ -139,46 +201,67 @@ void CopyToOfflineDatabase(const std::string& zipPath) {
     struct tm local;
     localtime_r(&now, &local);
     strftime(stamp, sizeof(stamp), "%Y-%m-%d-%H-%M-%S", &local);
-    const std::string copy = platform::DevicePath("/data/nuvilog/") + f[1] + "_" + stamp + "_" + f[5] +
-                             "_" + f[6] + "_" + f[7] + "_" + f[3] + ".zip";
-    if (copy_file(zipPath.c_str(), copy.c_str()) == 0) chmod(copy.c_str(), 0775);
+    const std::string copy = paths::Get(paths::kOfflineDbDir) + f[1] + "_" + stamp + "_" + f[5] + "_" + f[6] + "_" +
+                             f[7] + "_" + f[3] + ".zip";
+    if (copy_file(zipPath.c_str(), copy.c_str()) == 0) fchmodat(AT_FDCWD, copy.c_str(), 0775, AT_SYMLINK_NOFOLLOW);
+}
+
+// Captures of rules with a local record also go to the reboot directory.
+void CopyToLocalRecord(const std::string& zipPath) {
+    ALOGE("start copy log which ruleid is not -1");
+    const std::string recordDir = paths::Get(paths::kLocalRecordDir);
+    if (create_dir_if_needed(recordDir.c_str(), 0777) != 0) {
+        ALOGE("failed to create %s: %s", recordDir.c_str(), strerror(errno));
+        return;
+    }
+    SetOwnerAndMode(recordDir, kSystemUid, 0777);
+    const std::string params = "-p," + zipPath + "," + recordDir;
+    CmdTool::run_command_lite("cp", params.c_str(), kLocalRecordCopySeconds);
+    ALOGE("copy %s", zipPath.c_str());
 }
 
 }  // namespace
 
-void CaptureLogUtil::include_zip_files(const char* path, int* count) {
+void CapturePackager::SetHooksForTesting(std::function<void(int)> onCompress, std::function<void()> beforePack) {
+    std::lock_guard<std::mutex> guard(HooksLock());
+    CompressObserverStore() = std::move(onCompress);
+    BeforePackStore() = std::move(beforePack);
+}
+
+void CapturePackager::IncludeZipFiles(const char* path, int* count) {
     if (*count > kMaxOpenedPerAttachment) return;
     struct stat st;
-    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        if (platform::DevicePath("/data/system/uiderrors.txt") != path) chmod(path, 0777);
+    if (lstat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        // A link is counted but neither followed nor opened up: its target
+        // is not the capture's to change.
+        if (paths::Get(paths::kUidErrors) != path) fchmodat(AT_FDCWD, path, 0777, AT_SYMLINK_NOFOLLOW);
         ++*count;
         return;
     }
-    DIR* dir = opendir(path);
-    if (dir == nullptr) {
+    velmar::kolto::ScopedDir dir(opendir(path));
+    if (!dir) {
         ALOGE("Error in open dir %s", path);
         return;
     }
     std::vector<std::string> children;
-    while (struct dirent* entry = readdir(dir)) {
+    while (struct dirent* entry = readdir(dir.get())) {
         if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
         children.push_back(std::string(path) + "/" + entry->d_name);
     }
-    closedir(dir);
-    for (const std::string& child : children) include_zip_files(child.c_str(), count);
+    dir.reset();
+    for (const std::string& child : children) IncludeZipFiles(child.c_str(), count);
 }
 
-int CaptureLogUtil::CompressWithTimeout(const std::string& zipPath, const std::string& path,
-                                        Vector<String16>* files, int timeoutSeconds) {
+int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
+                                         int timeoutSeconds) {
     std::vector<std::string> packing;
     if (files != nullptr) {
-        for (const String16& file : *files) packing.push_back(platform::DevicePath(String8(file)));
+        for (const String16& file : *files) packing.push_back(paths::Get(String8(file)));
     }
     // With the tail depth of 2, an extra slash before the last one makes the
     // capture file's entry carry its bare name.
     std::string capture = path;
-    if ((Contains(capture, "data/dorva/") && Contains(capture, "online")) ||
-        Contains(capture, "data/nuvilog/stability/reboot")) {
+    if ((Contains(capture, kCaptureBaseMark) && Contains(capture, "online")) || Contains(capture, kLocalRecordMark)) {
         const size_t slash = capture.find_last_of('/');
         if (slash != std::string::npos) capture.insert(slash, "/");
         ALOGD("after addSlashBeforeLastSlash filePath %s", capture.c_str());
@@ -188,7 +271,10 @@ int CaptureLogUtil::CompressWithTimeout(const std::string& zipPath, const std::s
     auto job = std::make_shared<CompressJob>();
     job->zip = std::make_shared<ZipFile>(std::move(packing), 2);
     job->zipPath = zipPath;
-    job->beforePack = capture_internal::BeforePackHook();
+    {
+        std::lock_guard<std::mutex> guard(HooksLock());
+        job->beforePack = BeforePackStore();
+    }
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
     pthread_t thread;
@@ -210,36 +296,36 @@ int CaptureLogUtil::CompressWithTimeout(const std::string& zipPath, const std::s
     return -1;
 }
 
-int CaptureLogUtil::do_compress(const char* rawPath, const char* rawWhere, Vector<String16>* files,
-                                int timeoutSeconds, bool isRecordInLocal) {
-    const std::string path = platform::DevicePath(rawPath);
-    std::string zipPath = path + ".zip";
-    if (rawWhere != nullptr) {
-        const std::string where = platform::DevicePath(rawWhere);
-        if (!where.empty() && where.back() == '/' && IsWritableDir(where)) {
-            zipPath = where + FileNameOf(path) + ".zip";
-        }
-    }
+int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<String16>* files, int timeoutSeconds,
+                              bool isRecordInLocal) {
+    const std::string path = paths::Get(rawPath);
+    std::string zipPath = ArchivePath(path, rawWhere);
 
     int timeout = timeoutSeconds;
     bool hasGbg = false;
     std::vector<std::string> nativeCrashFiles;
     if (files != nullptr) {
         for (const String16& entry : *files) {
-            const std::string file = platform::DevicePath(String8(entry));
-            if (Contains(file, "/data/nuvilog/stability/nativecrash")) {
+            const std::string file = paths::Get(String8(entry));
+            // Core dumps are large: each native crash gets four more minutes.
+            if (Contains(file, paths::kNativeCrashDir)) {
                 timeout += kNativeCrashExtraSeconds;
                 nativeCrashFiles.push_back(file);
             }
             if (Contains(file, "gbg")) hasGbg = true;
             if (access(file.c_str(), F_OK) == 0) {
                 int count = 0;
-                include_zip_files(file.c_str(), &count);
+                IncludeZipFiles(file.c_str(), &count);
             }
         }
     }
 
-    if (auto observer = capture_internal::CompressObserver()) observer(timeout);
+    std::function<void(int)> observer;
+    {
+        std::lock_guard<std::mutex> guard(HooksLock());
+        observer = CompressObserverStore();
+    }
+    if (observer) observer(timeout);
     const int result = CompressWithTimeout(zipPath, path, files, timeout);
 
     if (hasGbg) {
@@ -247,48 +333,10 @@ int CaptureLogUtil::do_compress(const char* rawPath, const char* rawWhere, Vecto
         CmdTool::run_command_lite("mv", params.c_str(), timeout);
         zipPath += ".mtk";
     }
-
-    if (Contains(path, "_ne_") && !nativeCrashFiles.empty()) {
-        if (ismtbftest() || base::GetBoolProperty("persist.reboot.coredump", false)) {
-            for (const std::string& file : nativeCrashFiles) ALOGE("skip delete file(%s) \n", file.c_str());
-        } else {
-            for (const std::string& file : nativeCrashFiles) {
-                const std::string keepDir = platform::DevicePath(base::GetProperty(
-                    "sys.tombstone.monitor.out.dir", "/data/nuvilog/stability/nativecrash/tombstones/"));
-                if (Contains(file, keepDir.c_str())) {
-                    ALOGW("skip delete file(%s) \n", file.c_str());
-                    continue;
-                }
-                ALOGE("delete file(%s) \n", file.c_str());
-                if (access(file.c_str(), F_OK) == 0 && remove(file.c_str()) != 0) {
-                    ALOGW("failed to remove file(%s) \n", file.c_str());
-                }
-            }
-        }
-    }
-
-    if (chown(zipPath.c_str(), 0, kSystemId) != 0 && errno != ENOENT) {
-        ALOGD("chown %s failed: %s", zipPath.c_str(), strerror(errno));
-    }
-    chmod(zipPath.c_str(), 0774);
-
+    if (Contains(path, "_ne_") && !nativeCrashFiles.empty()) CleanNativeCrashFiles(nativeCrashFiles);
+    SetOwnerAndMode(zipPath, 0, 0774);
     if (base::GetBoolProperty("persist.sys.nuviofflinedb", false)) CopyToOfflineDatabase(zipPath);
-
-    if (isRecordInLocal && Contains(zipPath, "/data/dorva/")) {
-        ALOGE("start copy log which ruleid is not -1");
-        const std::string recordDir = platform::DevicePath("/data/nuvilog/stability/reboot/");
-        if (create_dir_if_needed(recordDir.c_str(), 0777) == 0) {
-            if (chown(recordDir.c_str(), kSystemId, kSystemId) != 0) {
-                ALOGD("chown %s failed: %s", recordDir.c_str(), strerror(errno));
-            }
-            chmod(recordDir.c_str(), 0777);
-            const std::string params = "-p," + zipPath + "," + recordDir;
-            CmdTool::run_command_lite("cp", params.c_str(), 60);
-            ALOGE("copy %s", zipPath.c_str());
-        } else {
-            ALOGE("failed to create %s: %s", recordDir.c_str(), strerror(errno));
-        }
-    }
+    if (isRecordInLocal && Contains(zipPath, paths::kDorvaDir)) CopyToLocalRecord(zipPath);
     return result;
 }
 

@@ -1,7 +1,6 @@
 #define LOG_TAG "dorvad"
 
-// The directory helpers that the capture code shares with the rest of the
-// daemon.
+#include "utils/dump/DirectoryHelpers.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -11,45 +10,24 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
+#include <android-base/unique_fd.h>
 #include <log/log.h>
-#include "utils/dump/CaptureLogUtil.h"
+
+#include "utils/ScopedDir.h"
 
 namespace android {
 namespace {
 
-class ScopedDir {
-public:
-    explicit ScopedDir(DIR* dir) : dir_(dir) {}
-    ~ScopedDir() {
-        if (dir_ != nullptr) closedir(dir_);
-    }
-    ScopedDir(const ScopedDir&) = delete;
-    ScopedDir& operator=(const ScopedDir&) = delete;
-    DIR* get() const { return dir_; }
+using velmar::kolto::ScopedDir;
 
-private:
-    DIR* dir_;
-};
-
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : fd_(fd) {}
-    ~ScopedFd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_;
-};
+// "dir/" names what a link at "dir" points to; "dir" names the link itself.
+std::string WithoutTrailingSlashes(const char* path) {
+    std::string clean = path;
+    while (clean.size() > 1 && clean.back() == '/') clean.pop_back();
+    return clean;
+}
 
 bool IsDirEntry(int dirFd, const struct dirent* entry) {
     if (entry->d_type != DT_UNKNOWN) return entry->d_type == DT_DIR;
@@ -68,14 +46,14 @@ int DeleteContents(DIR* dir, const std::function<bool(const char*, bool)>& exclu
         const bool isDir = IsDirEntry(dirFd, entry);
         if (exclude && exclude(name, isDir)) continue;
         if (isDir) {
-            ScopedFd subFd(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-            if (subFd.get() < 0) {
+            base::unique_fd subFd(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!subFd.ok()) {
                 ALOGE("Couldn't openat %s: %s\n", name, strerror(errno));
                 result = -1;
                 continue;
             }
             ScopedDir subDir(fdopendir(subFd.get()));
-            if (subDir.get() == nullptr) {
+            if (!subDir) {
                 ALOGE("Couldn't fdopendir %s: %s\n", name, strerror(errno));
                 result = -1;
                 continue;
@@ -97,30 +75,35 @@ int DeleteContents(DIR* dir, const std::function<bool(const char*, bool)>& exclu
 }  // namespace
 
 int create_dir_if_needed(const char* path, unsigned mode) {
-    struct stat st;
-    if (stat(path, &st) == 0) {
-        if (!S_ISDIR(st.st_mode)) {
-            ALOGE("%s is not a dir.", path);
-            return -1;
-        }
-        const unsigned actual = st.st_mode & 07777;
-        if (actual != mode) {
-            ALOGW("%sperm %o expected %o", path, actual, mode);
-            chmod(path, mode);
-        }
-        return 0;
+    // Looked at and corrected through a descriptor that refuses a link, so a
+    // link planted in the directory's place never has its target's mode changed.
+    base::unique_fd dir(open(WithoutTrailingSlashes(path).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.ok()) {
+        if (errno == ENOENT) return mkdir(path, mode);
+        if (errno == ENOTDIR || errno == ELOOP) ALOGE("%s is not a dir.", path);
+        return -1;
     }
-    if (errno != ENOENT) return -1;
-    return mkdir(path, mode);
+    struct stat st;
+    if (fstat(dir.get(), &st) != 0) return -1;
+    const unsigned actual = st.st_mode & 07777;
+    if (actual != mode) {
+        ALOGW("%sperm %o expected %o", path, actual, mode);
+        fchmod(dir.get(), mode);
+    }
+    return 0;
 }
 
 int delete_dir_contents(const char* path, bool deleteSelf,
                         std::function<bool(const char* name, bool isDir)> exclude) {
-    ScopedDir dir(opendir(path));
-    if (dir.get() == nullptr) {
+    // A link in the directory's place is not followed: its target's
+    // contents are not ours to remove.
+    base::unique_fd fd(open(WithoutTrailingSlashes(path).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    ScopedDir dir(fd.ok() ? fdopendir(fd.get()) : nullptr);
+    if (!dir) {
         ALOGE("Couldn't opendir %s: %s\n", path, strerror(errno));
         return -1;
     }
+    fd.release();  // owned by dir now
     int result = DeleteContents(dir.get(), exclude);
     if (deleteSelf && rmdir(path) < 0) {
         ALOGE("Couldn't rmdir %s: %s\n", path, strerror(errno));
@@ -130,13 +113,14 @@ int delete_dir_contents(const char* path, bool deleteSelf,
 }
 
 int copy_file(const char* from, const char* to) {
-    ScopedFd source(open(from, O_RDONLY | O_CLOEXEC));
-    if (source.get() < 0) {
+    base::unique_fd source(open(from, O_RDONLY | O_CLOEXEC));
+    if (!source.ok()) {
         ALOGE("Failed to open copy from %s  reason: %s", from, strerror(errno));
         return -1;
     }
-    ScopedFd target(open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664));
-    if (target.get() < 0) {
+    // A link planted where the copy goes is refused, not written through.
+    base::unique_fd target(open(to, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0664));
+    if (!target.ok()) {
         ALOGE("Failed to open copy to %s  reason: %s", to, strerror(errno));
         return -1;
     }
@@ -147,8 +131,7 @@ int copy_file(const char* from, const char* to) {
     }
     off_t offset = 0;
     while (offset < st.st_size) {
-        const ssize_t n = sendfile(target.get(), source.get(), &offset,
-                                   static_cast<size_t>(st.st_size - offset));
+        const ssize_t n = sendfile(target.get(), source.get(), &offset, static_cast<size_t>(st.st_size - offset));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             ALOGE("Copying failed from:%s to %s  reason: %s", from, to,

@@ -1,0 +1,327 @@
+#define LOG_TAG "dorvad"
+
+#include "utils/dump/CaptureDumps.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/klog.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/unique_fd.h>
+#include <log/log.h>
+
+#include "utils/Clock.h"
+#include "utils/Paths.h"
+#include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
+#include "utils/dump/AnrTraces.h"
+#include "utils/dump/BuildProbes.h"
+#include "utils/dump/CaptureFile.h"
+#include "utils/dump/CapturePackager.h"
+#include "utils/dump/CommandRunner.h"
+#include "utils/dump/DirectoryHelpers.h"
+#include "utils/dump/DumpstateClient.h"
+
+namespace android {
+namespace {
+
+namespace paths = velmar::kolto::paths;
+// Types, headlines, actions, parameters and attachment paths come from the
+// client that asked for the capture.
+using velmar::kolto::StringUtil;
+
+constexpr char kSupportAction[] =
+    "cat,logcat,dumpsys,ps,top,df,iptables-wrapper-1.0,ip6tables-wrapper-1.0,netstat,getprop,dmesg";
+constexpr char kBugreportLeftoverPrefix[] = "tarnBugreport";
+constexpr int kCompressSeconds = 120;
+constexpr int kDumpheapCompressSeconds = 600;
+constexpr int kForActionsCompressSeconds = 5;
+constexpr int kReleaseActionSeconds = 5;
+constexpr int kCoredumpCreationTries = 3;
+constexpr int kCoredumpPolls = 15;
+constexpr int kCoredumpPollMs = 1000;
+// klogctl actions (the C library does not name them).
+constexpr int kSyslogReadAll = 3;
+constexpr int kSyslogSizeBuffer = 10;
+
+struct FileCloser {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using ScopedFile = std::unique_ptr<FILE, FileCloser>;
+
+// Parameters are split on "," and " " alike; empty fields are dropped.
+std::vector<std::string> ActionCommand(const std::string& action, const std::string& param) {
+    std::vector<std::string> args{action};
+    std::string field;
+    for (char c : param) {
+        if (c == ',' || c == ' ') {
+            if (!field.empty()) args.push_back(field);
+            field.clear();
+        } else {
+            field += c;
+        }
+    }
+    if (!field.empty()) args.push_back(field);
+    return args;
+}
+
+// The time-out of a whitelisted action: short on release builds, long where
+// testers and developers want complete captures.
+int ActionTimeout() {
+    if (isUnrelease() || ismtbftest() || isomnitest()) return CommandRunner::LongTimeoutSeconds();
+    return kReleaseActionSeconds;
+}
+
+// The parameter that asks for logs of a chip family this device lacks.
+const std::string& KoltoLogsParam() {
+    static const std::string* param =
+        new std::string(std::string(paths::kKoltoLastKmsg) + "," + paths::kKoltoLastTzlog);
+    return *param;
+}
+
+// Waits for the core dump of one native crash to appear and stop growing.
+void WaitForCoredump(const std::string& file) {
+    const bool armed = base::GetBoolProperty("persist.sys.device_config_gki", false) ||
+                       base::GetBoolProperty("persist.sys.enable_nuvi_coredump", false);
+    velmar::kolto::Clock& clock = velmar::kolto::GetClock();
+    const std::string shown = StringUtil::ForLog(file);
+    if (armed) {
+        for (int attempt = 1; attempt <= kCoredumpCreationTries; ++attempt) {
+            if (access(file.c_str(), F_OK) == 0) {
+                ALOGE("coredump(%s) file has created\n", shown.c_str());
+                break;
+            }
+            ALOGE("wait coredump(%s) created %d times \n", shown.c_str(), attempt);
+            clock.SleepMs(kCoredumpPollMs);
+        }
+    }
+    long previous = -1;
+    for (int poll = 1; poll <= kCoredumpPolls; ++poll) {
+        struct stat st;
+        if (stat(file.c_str(), &st) != 0) {
+            ALOGE("coredump(%s) file stat fail: %s\n", shown.c_str(), strerror(errno));
+            return;
+        }
+        const long size = static_cast<long>(st.st_size);
+        ALOGE("wait coredump(%s) %d times, filesize=%ld\n", shown.c_str(), poll, size);
+        if (size >= 1 && size == previous) {
+            ALOGE("dump coredump(%s) completed, filesize:%ld\n", shown.c_str(), size);
+            return;
+        }
+        previous = size;
+        if (poll == kCoredumpPolls) {
+            ALOGE("dump coredump(%s) tiemout, filesize=%ld\n", shown.c_str(), size);
+            return;
+        }
+        clock.SleepMs(kCoredumpPollMs);
+    }
+}
+
+void DoDmesg(const std::string& path) {
+    ScopedFile file(fopen(path.c_str(), "ae"));
+    if (!file) {
+        ALOGE("failed to open log file %s :%s", path.c_str(), strerror(errno));
+        return;
+    }
+    const int size = klogctl(kSyslogSizeBuffer, nullptr, 0);
+    if (size < 1) {
+        fprintf(file.get(), "Unexpected klogctl return value: %d\n\n", size);
+        return;
+    }
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(size) + 1]);
+    if (!buffer) {
+        fputs("memory allocation failed\n\n", file.get());
+        return;
+    }
+    const int length = klogctl(kSyslogReadAll, buffer.get(), size);
+    if (length < 0) {
+        fputs("klogctl failure\n\n", file.get());
+        return;
+    }
+    buffer[length] = '\0';
+    fputs("------ KERNEL LOG (dmesg) ------\n", file.get());
+    fwrite(buffer.get(), 1, static_cast<size_t>(length), file.get());
+    fputs("\n\n", file.get());
+}
+
+// Removes the bug-report leftovers ("tarnBugreport*") of a log directory.
+void DeleteBugreportLeftovers(const std::string& logDir) {
+    std::vector<std::string> doomed;
+    {
+        velmar::kolto::ScopedDir dir(opendir(logDir.c_str()));
+        if (!dir) {
+            ALOGE("Error opening directory: %s", logDir.c_str());
+            return;
+        }
+        while (struct dirent* entry = readdir(dir.get())) {
+            if (strncmp(entry->d_name, kBugreportLeftoverPrefix, strlen(kBugreportLeftoverPrefix)) == 0) {
+                doomed.push_back(logDir + "/" + entry->d_name);
+            }
+        }
+    }
+    for (const std::string& path : doomed) {
+        if (remove(path.c_str()) != 0) ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+    }
+}
+
+}  // namespace
+
+bool CaptureDumps::IsSupportAction(const std::string& action) {
+    return !action.empty() && strstr(kSupportAction, action.c_str()) != nullptr;
+}
+
+void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, const Vector<String16>& actions,
+                           const Vector<String16>& params, bool offline, int id, bool useId, const String16& where16,
+                           Vector<String16>& files, bool isRecordInLocal) {
+    ALOGD("isRecordInLocal is %s\n", isRecordInLocal ? "true" : "false");
+    if (actions.empty() || params.size() != actions.size()) {
+        ALOGE("Error in dump: actions or params exception.");
+        return;
+    }
+    const std::string type = String8(type16);
+    const std::string headline = CaptureFile::SanitizeHeadline(String8(headline16));
+    const std::string where = String8(where16);
+
+    std::string logDir;
+    if (!CaptureFile::MakeLogDir(type, where, offline, id, isRecordInLocal, &logDir)) return;
+    const std::string path = CaptureFile::Create(logDir, type, headline, offline, id, useId);
+    if (path.empty()) return;
+    ALOGI("dump_all path = %s", StringUtil::ForLog(path).c_str());
+    if (!CaptureFile::WriteHeader(path, headline)) return;
+    CommandRunner::Run({"uptime"}, path.c_str(), 1);
+
+    if (type == "ne" && !files.empty()) {
+        for (const String16& entry : files) {
+            const std::string file = paths::Get(String8(entry));
+            if (file.find(paths::kNativeCrashDir) != std::string::npos) WaitForCoredump(file);
+        }
+    }
+
+    int compressTimeout = kCompressSeconds;
+    bool wantBugreport = false;
+    std::string bugreportParam;
+    for (size_t i = 0; i < actions.size(); ++i) {
+        const std::string action = String8(actions[i]);
+        const std::string param = String8(params[i]);
+        ALOGE("dump begin path=%s (%s %s) id=%d", StringUtil::ForLog(path).c_str(),
+              StringUtil::ForLog(action).c_str(), StringUtil::ForLog(param).c_str(), id);
+        if (action == "do_dumpheap") {
+            compressTimeout = kDumpheapCompressSeconds;
+        } else if (action == "do_dmesg") {
+            DoDmesg(path);
+        } else if (action == "cat" && param.find(KoltoLogsParam()) != std::string::npos) {
+            ALOGE("There is no kolto on this device");
+            CaptureFile::Append(path,
+                                "------ cat(" + param + ") ------\ncan not cat this file because there is no kolto.\n");
+        } else if (action == "tarnbugreport") {
+            wantBugreport = true;
+            bugreportParam = param;
+        } else if (IsSupportAction(action)) {
+            CommandRunner::Run(ActionCommand(action, param), path.c_str(), ActionTimeout());
+        }
+    }
+
+    std::string bugreport;
+    if (wantBugreport) {
+        bugreport = DumpstateClient::RequestBugreport(logDir, bugreportParam);
+        if (!bugreport.empty()) files.push_back(String16FromUtf8(bugreport));
+    }
+
+    // Temperature-hang captures stay as text.
+    if (type == "hangTemp") return;
+    CapturePackager::Compress(path.c_str(), where.empty() ? nullptr : where.c_str(), &files, compressTimeout,
+                              isRecordInLocal);
+    if (remove(path.c_str()) != 0) ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+    if (!bugreport.empty()) {
+        if (remove(bugreport.c_str()) != 0) {
+            ALOGE("failed to remove %s, error: %s", bugreport.c_str(), strerror(errno));
+        }
+        DeleteBugreportLeftovers(logDir);
+    }
+}
+
+void CaptureDumps::DumpByPower(const Vector<String16>& actions, const Vector<String16>& params, const char* rawPath,
+                               int timeoutSeconds) {
+    if (params.size() < actions.size()) {
+        ALOGE("dump_by_power: %zu actions but only %zu params", actions.size(), params.size());
+        return;
+    }
+    const std::string path = paths::Get(rawPath);
+    for (size_t i = 0; i < actions.size(); ++i) {
+        const std::string action = String8(actions[i]);
+        const std::string param = String8(params[i]);
+        if (IsSupportAction(action)) {
+            ALOGE("dump begin path=%s (%s %s)", StringUtil::ForLog(path).c_str(), StringUtil::ForLog(action).c_str(),
+                  StringUtil::ForLog(param).c_str());
+            CommandRunner::Run(ActionCommand(action, param), path.c_str(), timeoutSeconds);
+        } else {
+            ALOGE("dump_by_power: action '%s' not in SUPPORT_ACTION whitelist, skipping",
+                  StringUtil::ForLog(action).c_str());
+        }
+    }
+}
+
+void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, const std::vector<DumpAction>& actions) {
+    const std::string outDir = paths::Get(rawOutDir);
+    const std::string path = paths::Get(rawPath);
+    CaptureFile::WriteDateHeader(path);
+    for (const DumpAction& action : actions) {
+        if (!action.title.empty()) CaptureFile::Append(path, action.title + "\n");
+        CommandRunner::Run(action.command, path.c_str(), action.timeout);
+    }
+
+    AnrTraces anr;
+    anr.Collect();
+    Vector<String16> attachments{String16FromUtf8(paths::kUidErrors)};
+    for (const DumpData& trace : anr.traces()) {
+        attachments.push_back(String16FromUtf8(std::string(paths::kAnrDir) + trace.name));
+    }
+    if (CapturePackager::Compress(path.c_str(), outDir.c_str(), &attachments, kForActionsCompressSeconds, false) == 0) {
+        if (remove(path.c_str()) != 0) ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+    } else {
+        // The archive may come late or not at all: the text and the uid
+        // errors stay beside it.
+        const std::string copy = outDir + "/uiderrors.txt";
+        copy_file(paths::Get(paths::kUidErrors).c_str(), copy.c_str());
+    }
+}
+
+void CaptureDumps::DumpLiteBugreport(const char* target, const char* rawPath) {
+    const std::string path = paths::Get(rawPath);
+    {
+        base::unique_fd out(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0664));
+        if (!out.ok()) {
+            ALOGE("failed to create %s: %s", path.c_str(), strerror(errno));
+        } else {
+            if (fchown(out.get(), 0, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+            fchmod(out.get(), 0664);
+        }
+    }
+    // Recovery finds the report through this record.
+    const std::string record = paths::Get(paths::kBootmonitorLog, base::GetBoolProperty("ro.build.ab_update", false));
+    {
+        base::unique_fd recordFd(open(record.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0664));
+        if (!recordFd.ok()) {
+            ALOGE("Failed to create recovery_bugreport_path.txt file %s", strerror(errno));
+            return;
+        }
+        if (fchown(recordFd.get(), 0, kSystemUid) != 0) {
+            ALOGD("chown %s failed: %s", record.c_str(), strerror(errno));
+        }
+        fchmod(recordFd.get(), 0664);
+        if (!base::WriteFully(recordFd.get(), path.data(), path.size())) {
+            ALOGE("failed to write %s: %s", record.c_str(), strerror(errno));
+        }
+    }
+    DumpstateClient::RequestLiteBugreport(target != nullptr ? target : "");
+}
+
+}  // namespace android

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <utils/String16.h>
+
+namespace android {
+
+// Packs a capture text file and the files it refers to into a zip archive,
+// on a worker thread under a time-out, then tidies up: the ".mtk" rename,
+// native-crash files that were packed, and the offline-database and
+// local-record copies. Paths handed in are device paths.
+class CapturePackager {
+public:
+    // 0 when the worker finished within the time-out, -1 when it did not
+    // (it then finishes the archive on its own).
+    static int Compress(const char* path, const char* where, Vector<String16>* files, int timeoutSeconds,
+                        bool isRecordInLocal);
+    // Starts the worker on `zipPath` and waits for it up to the time-out.
+    // Paths are file-system paths.
+    static int CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
+                                   int timeoutSeconds);
+    // Opens an attachment up for reading (mode 0777): a file, or the files of
+    // a directory tree, at most 16 counted through `count`. Links are
+    // counted, never followed.
+    static void IncludeZipFiles(const char* path, int* count);
+
+    // `onCompress` sees the time-out of each packing before it starts;
+    // `beforePack` runs on the worker before it packs (to make it slow).
+    static void SetHooksForTesting(std::function<void(int timeoutSeconds)> onCompress,
+                                   std::function<void()> beforePack);
+};
+
+}  // namespace android
