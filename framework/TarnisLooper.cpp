@@ -96,6 +96,8 @@ void TarnisLooper::_loop() {
             if (msg->target != nullptr) msg->target->dispatchMessage(msg);
             if (msg->runnable != nullptr) msg->runnable->run(nullptr);
             pool.recycle(msg);
+            // Only this thread writes the count.
+            dispatched_.store(dispatched_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         }
         // quitRequested is read first: quit() stores quitSafely before it,
         // so a requested quit always shows its mode.

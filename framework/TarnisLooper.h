@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -43,6 +44,12 @@ public:
     // looper quit before it looped never finishes): nothing will ever take
     // what is sent to it.
     bool hasEnded() const { return finished_.load() || released_.load(); }
+    // True while the loop waits for a message and none is due: what a test
+    // waits for before it looks at the effects of the work it caused. Taken
+    // with dispatched() twice in a row, unchanged, no work is in flight.
+    bool isIdle() { return priorityQueue_.empty() && queue_.isIdle(); }
+    // Messages dispatched so far.
+    uint64_t dispatched() const { return dispatched_.load(std::memory_order_acquire); }
 
     ~TarnisLooper();
     TarnisLooper(const TarnisLooper&) = delete;
@@ -60,6 +67,7 @@ private:
     std::atomic<bool> quitSafely_{false};
     std::atomic<bool> looping_{false};
     std::atomic<bool> released_{false};
+    std::atomic<uint64_t> dispatched_{0};
     TarnisMessageQueue queue_;
     TarnisMessageQueue priorityQueue_;
     std::mutex quitLock_;

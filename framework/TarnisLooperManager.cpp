@@ -42,6 +42,14 @@ std::shared_ptr<TarnisLooper> TarnisLooperManager::share(long tid) {
     return found == loopers_.end() ? nullptr : found->second;
 }
 
+std::vector<std::shared_ptr<TarnisLooper>> TarnisLooperManager::loopers() {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::vector<std::shared_ptr<TarnisLooper>> all;
+    all.reserve(loopers_.size());
+    for (const auto& entry : loopers_) all.push_back(entry.second);
+    return all;
+}
+
 void TarnisLooperManager::remove(long tid) {
     std::shared_ptr<TarnisLooper> looper;
     {

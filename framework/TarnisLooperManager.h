@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace velmar {
 namespace kolto {
@@ -24,6 +25,8 @@ public:
     TarnisLooper* get(long tid);
     // A share of the looper of that thread, or null.
     std::shared_ptr<TarnisLooper> share(long tid);
+    // Every looper whose thread holds it now.
+    std::vector<std::shared_ptr<TarnisLooper>> loopers();
     // Forgets the looper of that thread, if any: from then on it refuses
     // every message. Lets go of the registry's share (deleting the looper
     // when nobody else holds one).

@@ -118,6 +118,12 @@ bool TarnisMessageQueue::hasMessage(const TarnisMessageRef& msg) {
     return false;
 }
 
+bool TarnisMessageQueue::isIdle() {
+    Lock lock(lock_);
+    if (waiters_ == 0 || woken_) return false;
+    return head_ == nullptr || (head_->when != 0 && head_->when > GetClock().SteadyNowMs());
+}
+
 void TarnisMessageQueue::setNonBlockWhenTake(bool nonBlock) {
     {
         Lock lock(lock_);

@@ -55,6 +55,10 @@ public:
     // Refuses every later message and deletes the queued ones.
     void close();
 
+    // True when a taker waits in take() and nothing queued is due on the
+    // process's clock (the queue is empty or its head is a later message).
+    bool isIdle();
+
     bool empty() const { return size_.load(std::memory_order_acquire) == 0; }
     size_t size() const { return size_.load(std::memory_order_acquire); }
 

@@ -281,6 +281,42 @@ TEST(MessageLoop, AStaleReferenceNeverRemovesALaterUsersMessage) {
     delete thread;
 }
 
+TEST(MessageLoop, IdleOnlyWhileWaitingWithNothingDue) {
+    TestClock clock;
+    clock.Install();
+    TarnisHandlerThread* thread = TarnisHandlerThread::create("LoopIdle");
+    TarnisLooper* looper = thread->getLooper();
+    TarnisHandler handler(looper, nullptr);
+    auto listed = [looper] {
+        for (const auto& each : TarnisLooperManager::getInstance().loopers()) {
+            if (each.get() == looper) return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(listed());
+    Journal journal;
+    Blocker blocker;
+    blocker.block(handler);
+    const uint64_t before = looper->dispatched();
+    // Busy in a task, with work due behind it.
+    handler.post([&] { journal.add("now"); });
+    handler.postDelayed([&] { journal.add("hour"); }, kHourMs);
+    EXPECT_FALSE(looper->isIdle());
+    blocker.release();
+
+    // Waiting for a message due in an hour: idle, the two tasks counted.
+    ASSERT_TRUE(clock.WaitForWaiters(1));
+    EXPECT_TRUE(looper->isIdle());
+    EXPECT_EQ(looper->dispatched(), before + 2);
+    clock.Advance(kHourMs);
+    ASSERT_TRUE(journal.waitFor(2));
+    for (int i = 0; i < 1000 && !looper->isIdle(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_TRUE(looper->isIdle());
+    EXPECT_EQ(looper->dispatched(), before + 3);
+    delete thread;
+    EXPECT_FALSE(listed());
+}
+
 TEST(MessageLoop, CallbackMessagesAndPriorityQueue) {
     TarnisHandlerThread* thread = TarnisHandlerThread::create("LoopPrio");
     Journal journal;
