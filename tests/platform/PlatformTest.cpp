@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <vector>
@@ -148,13 +149,21 @@ TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly)
 TEST_F(PlatformTest, WaitForPropertyIsWokenByAnotherProcess) {
     EXPECT_FALSE(android::base::WaitForProperty("tarnis.test.wait", "go", 50ms));
     auto start = std::chrono::steady_clock::now();
-    std::thread setter([this] {
+    // Another value first: the wait must not end on it.
+    std::atomic<bool> goSet{false};
+    std::thread setter([this, &goSet] {
         std::this_thread::sleep_for(100ms);
         int status = -1;
+        RunShell(Ctl() + " --root " + dir_.path() + " setprop tarnis.test.wait nope", &status);
+        EXPECT_EQ(status, 0);
+        std::this_thread::sleep_for(200ms);
+        goSet = true;
         RunShell(Ctl() + " --root " + dir_.path() + " setprop tarnis.test.wait go", &status);
         EXPECT_EQ(status, 0);
     });
     EXPECT_TRUE(android::base::WaitForProperty("tarnis.test.wait", "go", 20s));
+    EXPECT_TRUE(goSet.load());
+    EXPECT_EQ(android::base::GetProperty("tarnis.test.wait", ""), "go");
     auto waited = std::chrono::steady_clock::now() - start;
     setter.join();
     EXPECT_LT(waited, 10s);

@@ -1,0 +1,45 @@
+#include "modules/Example/ExampleModule.h"
+
+#include <string>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <log/log.h>
+
+#include "framework/ModuleRegister.h"
+#include "framework/TarnisHandlerThread.h"
+#include "framework/TarnisUtil.h"
+
+#define LOG_TAG "ExampleModule"
+
+namespace velmar {
+namespace tarnis {
+
+TARNIS_MODULE_REGISTER(ExampleModuleRegister, ExampleModule, "Example", 0);
+
+bool ExampleModule::OnInit() {
+    // Runs on the manager thread: decide only whether the module is wanted.
+    return android::base::GetBoolProperty("persist.tarnis.example.enable", true);
+}
+
+void ExampleModule::OnAllModulesLoaded() {
+    // Now on the module's own thread, which the handler is bound to.
+    handler_ = std::make_unique<kolto::TarnisHandler>(handlerThread->getLooper(), nullptr);
+    handler_->postDelayed([this] { Tick(); }, kPeriodMs);
+}
+
+void ExampleModule::Tick() {
+    const int tick = ++ticks_;
+    ALOGI("[%s] tick %d", "Tick", tick);
+    if (auto ssi = kolto::TarnisUtil::GetTarnisSsiAidl()) {
+        ssi->reportEventV2("example", "tick", std::to_string(tick), false);
+    }
+    handler_->postDelayed([this] { Tick(); }, kPeriodMs);
+}
+
+void ExampleModule::dump(int fd, const char**, unsigned int) {
+    android::base::WriteStringToFd("ticks: " + std::to_string(ticks_.load()) + "\n", fd);
+}
+
+}  // namespace tarnis
+}  // namespace velmar

@@ -1,0 +1,43 @@
+#include <gtest/gtest.h>
+
+#include <log/log.h>
+
+#include "modules/Example/ExampleModule.h"
+#include "tests/support/ModuleTest.h"
+
+namespace {
+
+using velmar::tarnis::ExampleModule;
+
+class ExampleModuleTest : public tarnis_test::ModuleTest {};
+
+TEST_F(ExampleModuleTest, TicksOnceADayAndReportsEachTick) {
+    LoadModules();
+    EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 0\n\n-------------------------------------\n");
+    // A minute short of a day: nothing yet.
+    AdvanceAndSettle(ExampleModule::kPeriodMs - 60 * 1000);
+    EXPECT_TRUE(JournalEvents().empty());
+    AdvanceAndSettle(60 * 1000);
+    AdvanceAndSettle(ExampleModule::kPeriodMs);
+    const std::vector<Json::Value> events = JournalEvents();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]["call"].asString(), "reportEventV2");
+    EXPECT_EQ(events[0]["args"][2].asString(), "1");
+    EXPECT_EQ(events[1]["args"][2].asString(), "2");
+    EXPECT_TRUE(log_.HasLine("[Tick] tick 2", "ExampleModule", ANDROID_LOG_INFO));
+    EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 2\n\n-------------------------------------\n");
+}
+
+TEST_F(ExampleModuleTest, RemovedWhileItsDailyWorkWaitsItStopsAtOnce) {
+    LoadModules();
+    EXPECT_EQ(Dump({"ModuleManager", "dump"}),
+              "Current Modules:\n-------------------------\nName \t\t Status\nExample\t\tRunning\n");
+    RemoveModule("Example");
+    EXPECT_EQ(Dump({"ModuleManager", "dump"}),
+              "Current Modules:\n-------------------------\nName \t\t Status\nExample\t\tStopped\n");
+    // Its next tick never comes.
+    AdvanceAndSettle(2 * ExampleModule::kPeriodMs);
+    EXPECT_TRUE(JournalEvents().empty());
+}
+
+}  // namespace

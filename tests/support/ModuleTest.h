@@ -1,0 +1,66 @@
+#pragma once
+
+#include <json/json.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/TestClock.h"
+
+namespace aidl::velmar::system::tarnis::common {
+class TarnisSsiImpl;
+class TarnisInternal;
+}  // namespace aidl::velmar::system::tarnis::common
+
+namespace tarnis_test {
+
+// The ground of every module suite. Each test gets a fresh sandbox root, the
+// test clock installed, a capture of every log line, and the daemon's two
+// in-process services (so a module reports as it does in the daemon, and its
+// events land in the root's journal). A suite links one module; LoadModules()
+// loads it as the daemon would, and TearDown removes it again.
+//
+//     class ExampleModuleTest : public tarnis_test::ModuleTest {};
+//     TEST_F(ExampleModuleTest, TicksOnceADay) {
+//         LoadModules();
+//         AdvanceAndSettle(24 * 3600 * 1000);
+//         EXPECT_EQ(JournalEvents().size(), 1u);
+//     }
+class ModuleTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Loads every registered module on the manager thread and returns once
+    // the loading and each module's OnAllModulesLoaded have run.
+    void LoadModules();
+    // Returns once the manager thread and every running module's thread have
+    // nothing left that is due now (work that work posts included). Fails the
+    // test after a few seconds of real time instead of hanging.
+    void WaitIdle();
+    // Moves the test clock `ms` ahead and waits until what fell due has run.
+    void AdvanceAndSettle(int64_t ms);
+    // Removes module `name` as the module itself would, and waits for it.
+    void RemoveModule(const std::string& name, bool quitSafely = true);
+
+    // The dump as a client of the event service gets it.
+    std::string Dump(const std::vector<std::string>& args);
+    // The calls the journal recorded, one parsed object per line.
+    std::vector<Json::Value> JournalEvents();
+    // The path below the test's root of a device path.
+    std::string Device(const std::string& path) const;
+
+    TempDir root_;
+    TestClock clock_;
+    platform::LogCapture log_;
+    std::shared_ptr<aidl::velmar::system::tarnis::common::TarnisSsiImpl> ssi_;
+    std::shared_ptr<aidl::velmar::system::tarnis::common::TarnisInternal> internal_;
+};
+
+}  // namespace tarnis_test
