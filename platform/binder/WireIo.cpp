@@ -11,34 +11,12 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/Sockets.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireDecoder.h"
 
 namespace android {
 namespace {
-
-// Fills `addr` for `path`, opening the parent directory into `dirFd` when the
-// path is too long for sun_path.
-bool MakeAddress(const std::string& path, sockaddr_un* addr, socklen_t* len, base::unique_fd* dirFd) {
-    memset(addr, 0, sizeof(*addr));
-    addr->sun_family = AF_UNIX;
-    std::string target = path;
-    if (target.size() >= sizeof(addr->sun_path)) {
-        size_t slash = path.rfind('/');
-        if (slash == std::string::npos) return false;
-        dirFd->reset(open(slash == 0 ? "/" : path.substr(0, slash).c_str(),
-                          O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!dirFd->ok()) return false;
-        target = "/proc/self/fd/" + std::to_string(dirFd->get()) + path.substr(slash);
-        if (target.size() >= sizeof(addr->sun_path)) {
-            errno = ENAMETOOLONG;
-            return false;
-        }
-    }
-    memcpy(addr->sun_path, target.c_str(), target.size());
-    *len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + target.size() + 1);
-    return true;
-}
 
 // A time limit over several waits; a negative limit never passes.
 class Deadline {
@@ -203,7 +181,7 @@ base::unique_fd WireIo::Connect(const std::string& path, int timeoutMs) {
     sockaddr_un addr;
     socklen_t len;
     base::unique_fd dirFd;
-    if (!MakeAddress(path, &addr, &len, &dirFd)) return base::unique_fd();
+    if (!platform::MakeUnixAddress(path, &addr, &len, &dirFd)) return base::unique_fd();
     Deadline deadline(timeoutMs);
     for (;;) {
         // Non-blocking, so that a listener with a full backlog cannot hold
@@ -234,7 +212,7 @@ base::unique_fd WireIo::Bind(const std::string& path) {
     sockaddr_un addr;
     socklen_t len;
     base::unique_fd dirFd;
-    if (!MakeAddress(path, &addr, &len, &dirFd)) return base::unique_fd();
+    if (!platform::MakeUnixAddress(path, &addr, &len, &dirFd)) return base::unique_fd();
     base::unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!sock.ok()) return sock;
     if (bind(sock.get(), reinterpret_cast<sockaddr*>(&addr), len) < 0) return base::unique_fd();
