@@ -51,31 +51,37 @@ private:
     mutable std::vector<Intent> received_;
 };
 
-// Holds the module manager's thread busy until Release().
+// Holds the module manager's thread busy until Release(). The state is
+// shared with the blocking task: the task still looks at it after waking,
+// when the blocker may already be gone.
 class ManagerThreadBlocker {
 public:
-    ManagerThreadBlocker() {
-        ModuleManager::GetManagerHandler()->post([this] {
-            std::unique_lock<std::mutex> guard(lock_);
-            running_ = true;
-            cond_.notify_all();
-            cond_.wait(guard, [this] { return released_; });
+    ManagerThreadBlocker() : state_(std::make_shared<State>()) {
+        std::shared_ptr<State> state = state_;
+        ModuleManager::GetManagerHandler()->post([state] {
+            std::unique_lock<std::mutex> guard(state->lock);
+            state->running = true;
+            state->cond.notify_all();
+            state->cond.wait(guard, [&state] { return state->released; });
         });
-        std::unique_lock<std::mutex> guard(lock_);
-        cond_.wait(guard, [this] { return running_; });
+        std::unique_lock<std::mutex> guard(state_->lock);
+        state_->cond.wait(guard, [this] { return state_->running; });
     }
     ~ManagerThreadBlocker() { Release(); }
     void Release() {
-        std::lock_guard<std::mutex> guard(lock_);
-        released_ = true;
-        cond_.notify_all();
+        std::lock_guard<std::mutex> guard(state_->lock);
+        state_->released = true;
+        state_->cond.notify_all();
     }
 
 private:
-    std::mutex lock_;
-    std::condition_variable cond_;
-    bool running_ = false;
-    bool released_ = false;
+    struct State {
+        std::mutex lock;
+        std::condition_variable cond;
+        bool running = false;
+        bool released = false;
+    };
+    std::shared_ptr<State> state_;
 };
 
 using tarnis_test::DrainManagerThread;

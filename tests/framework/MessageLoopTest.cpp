@@ -91,17 +91,20 @@ private:
 class Blocker {
 public:
     void block(TarnisHandler& handler) {
-        handler.post([this] {
-            entered_.set_value();
-            release_.get_future().wait();
+        // The task keeps its own hold on both: it may still be waking up when
+        // the blocker is gone.
+        auto entered = std::make_shared<std::promise<void>>();
+        std::shared_future<void> released = release_.get_future().share();
+        std::future<void> running = entered->get_future();
+        handler.post([entered, released] {
+            entered->set_value();
+            released.wait();
         });
-        ASSERT_EQ(entered_.get_future().wait_for(std::chrono::seconds(5)),
-                  std::future_status::ready);
+        ASSERT_EQ(running.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     }
     void release() { release_.set_value(); }
 
 private:
-    std::promise<void> entered_;
     std::promise<void> release_;
 };
 
