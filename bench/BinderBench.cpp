@@ -13,8 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -26,9 +24,12 @@
 #include <thread>
 #include <vector>
 
-#include <log/log.h>
-#include <host/Host.h>
+#include <benchmark/benchmark.h>
+
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
+#include <host/Host.h>
+#include <log/log.h>
+
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

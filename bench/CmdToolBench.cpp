@@ -6,7 +6,6 @@
 //   build/bench/bench_CmdToolBench --benchmark_repetitions=7
 //       --benchmark_report_aggregates_only=true
 
-#include <benchmark/benchmark.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,8 +13,11 @@
 #include <cstdlib>
 #include <string>
 
-#include <log/log.h>
+#include <benchmark/benchmark.h>
+
 #include <host/Host.h>
+#include <log/log.h>
+
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/CmdTool.h"
 

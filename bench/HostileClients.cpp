@@ -31,11 +31,12 @@
 #include <thread>
 #include <vector>
 
-#include <log/log.h>
-#include <host/Host.h>
-#include "platform/binder/BpBinder.h"
 #include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
 #include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
+#include <host/Host.h>
+#include <log/log.h>
+
+#include "platform/binder/BpBinder.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

@@ -1,7 +1,5 @@
 // Message loop throughput and latency, each beside a plain mutex +
 // condition-variable + deque queue run in the same program.
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,11 +12,14 @@
 #include <thread>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+
+#include <host/Host.h>
+#include <log/log.h>
+
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include <log/log.h>
-#include <host/Host.h>
 
 // GCC pairs the replaced operator delete with the library's operator new when
 // it inlines them and warns about malloc/free; both are ours here.

@@ -5,20 +5,21 @@
 // prints medians and the ratios at the end.
 //
 //   build/bench/bench_ZipBench [--benchmark_repetitions=N] [google benchmark flags]
-#include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <cstdio>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <zlib.h>
 
 #include "utils/FileUtil.h"
 #include "utils/ZipFile.h"

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <json/json.h>
-
 #include <any>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <type_traits>
 #include <variant>
+
+#include <json/json.h>
 
 namespace velmar {
 namespace kolto {

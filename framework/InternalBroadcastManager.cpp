@@ -3,9 +3,10 @@
 #include <cfloat>
 #include <cmath>
 
+#include <log/log.h>
+
 #include "framework/LocalBroadcastManager.h"
 #include "framework/TarnisUtil.h"
-#include <log/log.h>
 #include "utils/JsonUtil.h"
 #include "utils/StringUtil.h"
 

@@ -2,10 +2,11 @@
 
 #include <chrono>
 
+#include <log/log.h>
+
 #include "framework/ModuleManager.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisMessage.h"
-#include <log/log.h>
 #include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-LocalBroadcastManager"

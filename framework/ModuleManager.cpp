@@ -7,11 +7,12 @@
 #include <memory>
 #include <vector>
 
+#include <log/log.h>
+
 #include "framework/ModuleBase.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include <log/log.h>
 
 #define LOG_TAG "Tarnis-ModuleManager"
 

@@ -2,8 +2,9 @@
 
 #include <mutex>
 
-#include "framework/ModulePrio.h"
 #include <log/log.h>
+
+#include "framework/ModulePrio.h"
 
 #define LOG_TAG "Tarnis-ModuleRegister"
 

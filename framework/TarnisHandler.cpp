@@ -1,9 +1,10 @@
 #include "framework/TarnisHandler.h"
 
+#include <log/log.h>
+
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
-#include <log/log.h>
 #include "utils/Clock.h"
 
 #define LOG_TAG "Tarnis-Handler"

@@ -7,10 +7,11 @@
 #include <cstdlib>
 #include <new>
 
+#include <android-base/logging.h>
+#include <log/log.h>
+
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
-#include <log/log.h>
-#include <android-base/logging.h>
 
 #define LOG_TAG "Tarnis-HandlerThread"
 

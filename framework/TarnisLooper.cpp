@@ -1,10 +1,11 @@
 #include "framework/TarnisLooper.h"
 
+#include <log/log.h>
+
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisLooperManager.h"
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
-#include <log/log.h>
 #include "utils/Clock.h"
 
 #define LOG_TAG "Tarnis-TarnisLooper"

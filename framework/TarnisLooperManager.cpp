@@ -2,8 +2,9 @@
 
 #include <pthread.h>
 
-#include "framework/TarnisLooper.h"
 #include <log/log.h>
+
+#include "framework/TarnisLooper.h"
 
 #define LOG_TAG "Tarnis-TarnisLooper"
 

@@ -2,8 +2,9 @@
 
 #include <new>
 
-#include "framework/TarnisMessage.h"
 #include <android-base/logging.h>
+
+#include "framework/TarnisMessage.h"
 
 namespace velmar {
 namespace kolto {

@@ -3,8 +3,9 @@
 #include <cstdlib>
 #include <new>
 
-#include "framework/TarnisFreeList.h"
 #include <android-base/logging.h>
+
+#include "framework/TarnisFreeList.h"
 
 namespace velmar {
 namespace kolto {

@@ -2,9 +2,9 @@
 
 #include <memory>
 
-#include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
 #include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
 #include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
+#include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
 
 namespace velmar {
 namespace kolto {

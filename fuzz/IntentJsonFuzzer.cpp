@@ -4,9 +4,10 @@
 #include <cstdint>
 #include <string>
 
-#include "framework/InternalBroadcastManager.h"
-#include <log/log.h>
 #include <host/Host.h>
+#include <log/log.h>
+
+#include "framework/InternalBroadcastManager.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool quiet = [] {

@@ -9,9 +9,10 @@
 #include <cstdlib>
 #include <string>
 
-#include <log/log.h>
 #include <host/Host.h>
+#include <log/log.h>
 #include <utils/Unicode.h>
+
 #include "utils/JsonUtil.h"
 
 namespace {

@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
-#include <log/log.h>
-#include <host/Host.h>
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
+#include <host/Host.h>
+#include <log/log.h>
+
 #include "platform/binder/Parcel.h"
 
 namespace {

@@ -10,12 +10,13 @@
 #include <string>
 #include <thread>
 
-#include "framework/ModuleManager.h"
-#include "framework/TarnisUtil.h"
-#include <host/Host.h>
 #include <android-base/logging.h>
 #include <android/binder_manager.h>
 #include <android/binder_process.h>
+#include <host/Host.h>
+
+#include "framework/ModuleManager.h"
+#include "framework/TarnisUtil.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
 

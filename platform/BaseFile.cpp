@@ -1,11 +1,10 @@
-#include <android-base/file.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
-
-#include <cstdint>
 #include <unistd.h>
 
+#include <cstdint>
+
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 
 namespace android {

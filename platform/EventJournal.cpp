@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <json/json.h>
-
 #include <climits>
 #include <cstring>
+
+#include <json/json.h>
 
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>

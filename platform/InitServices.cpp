@@ -13,9 +13,9 @@
 #include <fstream>
 #include <vector>
 
-#include <log/log.h>
 #include <android-base/properties.h>
 #include <host/Host.h>
+#include <log/log.h>
 
 #include "platform/Dirs.h"
 

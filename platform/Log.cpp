@@ -1,7 +1,3 @@
-#include <android-base/logging.h>
-#include <host/Host.h>
-#include <log/log.h>
-
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -15,6 +11,10 @@
 #include <cstring>
 #include <mutex>
 #include <vector>
+
+#include <android-base/logging.h>
+#include <host/Host.h>
+#include <log/log.h>
 
 #include "platform/LogCapture.h"
 

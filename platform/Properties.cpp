@@ -1,7 +1,3 @@
-#include <android-base/properties.h>
-#include <cutils/properties.h>
-#include <host/Host.h>
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -15,10 +11,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include <android-base/logging.h>
+#include <android-base/properties.h>
+#include <android-base/unique_fd.h>
+#include <cutils/properties.h>
+#include <host/Host.h>
+
 #include "platform/Dirs.h"
 #include "platform/InitServices.h"
-#include <android-base/unique_fd.h>
-#include <android-base/logging.h>
 
 namespace platform {
 namespace {

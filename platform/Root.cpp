@@ -1,9 +1,9 @@
-#include <host/Host.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <vector>
+
+#include <host/Host.h>
 
 namespace platform {
 namespace {

@@ -1,8 +1,3 @@
-#include <cutils/sockets.h>
-#include <host/Host.h>
-
-#include "platform/Sockets.h"
-
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -16,6 +11,10 @@
 #include <string>
 
 #include <android-base/parseint.h>
+#include <cutils/sockets.h>
+#include <host/Host.h>
+
+#include "platform/Sockets.h"
 
 namespace platform {
 

@@ -1,6 +1,6 @@
-#include <android-base/stringprintf.h>
-
 #include <cstdio>
+
+#include <android-base/stringprintf.h>
 
 namespace android {
 namespace base {

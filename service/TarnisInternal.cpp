@@ -1,7 +1,8 @@
 #include "service/TarnisInternal.h"
 
-#include "framework/InternalBroadcastManager.h"
 #include <android-base/logging.h>
+
+#include "framework/InternalBroadcastManager.h"
 #include "utils/StringUtil.h"
 
 namespace aidl {

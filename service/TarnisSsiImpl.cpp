@@ -4,9 +4,10 @@
 
 #include <cstdio>
 
-#include "framework/ModuleManager.h"
 #include <dorva/DorvaServiceManager.h>
 #include <utils/Unicode.h>
+
+#include "framework/ModuleManager.h"
 
 namespace aidl {
 namespace velmar {

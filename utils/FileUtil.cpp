@@ -1,9 +1,5 @@
 #include "utils/FileUtil.h"
 
-#include <android-base/unique_fd.h>
-
-#include "utils/ScopedDir.h"
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,8 +10,12 @@
 #include <cstring>
 #include <memory>
 
-#include <log/log.h>
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <host/Host.h>
+#include <log/log.h>
+
+#include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-FileUtil"
@@ -110,22 +110,15 @@ bool CopyRegularFile(const std::string& src, const std::string& dst) {
     }
     char buffer[4096];
     for (;;) {
-        ssize_t got = read(in.get(), buffer, sizeof(buffer));
+        ssize_t got = TEMP_FAILURE_RETRY(read(in.get(), buffer, sizeof(buffer)));
         if (got == 0) return true;
         if (got < 0) {
-            if (errno == EINTR) continue;
             ALOGE("[%s] Error reading source file: %s", "CopyFileOrDirectory", strerror(errno));
             return false;
         }
-        for (ssize_t done = 0; done < got;) {
-            ssize_t put = write(out.get(), buffer + done, got - done);
-            if (put < 0) {
-                if (errno == EINTR) continue;
-                ALOGE("[%s] Error writing destination file: %s", "CopyFileOrDirectory",
-                      strerror(errno));
-                return false;
-            }
-            done += put;
+        if (!android::base::WriteFully(out.get(), buffer, static_cast<size_t>(got))) {
+            ALOGE("[%s] Error writing destination file: %s", "CopyFileOrDirectory", strerror(errno));
+            return false;
         }
     }
 }

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include <log/log.h>
+
 #include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-JsonUtil"

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <json/json.h>
-
 #include <string>
+
+#include <json/json.h>
 
 namespace velmar {
 namespace kolto {

@@ -3,15 +3,17 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zip.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 
+#include <zip.h>
+#include <zlib.h>
+
 #include <log/log.h>
+
 #include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
 
@@ -137,10 +139,9 @@ bool ZipFile::AddFileContentToZip(const std::string& path) {
     }
     if (!buffer_) buffer_.reset(new char[kReadChunk]);
     for (;;) {
-        const ssize_t got = read(fd, buffer_.get(), kReadChunk);
+        const ssize_t got = TEMP_FAILURE_RETRY(read(fd, buffer_.get(), kReadChunk));
         if (got == 0) return true;
         if (got < 0) {
-            if (errno == EINTR) continue;
             ALOGW("[%s] read file %s failed, the reason is %s", "AddFileContentToZip",
                   path.c_str(), strerror(errno));
             return false;

@@ -3,12 +3,13 @@
 #include <utility>
 #include <vector>
 
+#include <utils/Unicode.h>
+
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/DumpRelay.h"
 #include "platform/binder/ICInterface.h"
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
-#include <utils/Unicode.h>
 
 namespace android {
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include <android-base/logging.h>
+
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireDecoder.h"

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+
 #include "platform/binder/IBinder.h"
 
 // The serving side of this process: the listening sockets of the services it

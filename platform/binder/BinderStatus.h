@@ -1,7 +1,7 @@
 #pragma once
 
-#include <stdint.h>
 #include <errno.h>
+#include <stdint.h>
 
 // Status and exception codes with the values the platform's binder libraries
 // use, so that callers compare against the names they know (STATUS_OK,

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <android-base/logging.h>
+
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireIo.h"
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+
 #include "platform/binder/IBinder.h"
 
 // A proxy for a service in another process, reached through its socket.

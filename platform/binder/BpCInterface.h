@@ -1,10 +1,10 @@
 #pragma once
 
 #include <utility>
-
 #include <vector>
 
 #include <utils/Unicode.h>
+
 #include "platform/binder/ICInterface.h"
 
 // Base of the proxy of interface I: marshals the arguments, runs the

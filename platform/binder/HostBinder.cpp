@@ -1,4 +1,5 @@
 #include <host/Host.h>
+
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/ServiceManager.h"
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <android-base/logging.h>
+
 #include "platform/binder/BBinder.h"
 #include "platform/binder/IBinder.h"
 #include "platform/binder/Parcel.h"

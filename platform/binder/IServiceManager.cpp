@@ -2,6 +2,7 @@
 
 #include <android-base/logging.h>
 #include <utils/Unicode.h>
+
 #include "platform/binder/ServiceManager.h"
 
 namespace android {

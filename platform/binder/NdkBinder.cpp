@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <utils/Unicode.h>
+
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+
 #include "platform/binder/BinderStatus.h"
 #include "platform/binder/ParcelFileDescriptor.h"
 #include "platform/binder/ScopedAStatus.h"

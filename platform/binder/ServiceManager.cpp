@@ -13,12 +13,13 @@
 #include <fstream>
 
 #include <android-base/logging.h>
-#include <host/Host.h>
 #include <android-base/unique_fd.h>
-#include "platform/Dirs.h"
+#include <host/Host.h>
+
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/WireIo.h"
+#include "platform/Dirs.h"
 
 namespace android {
 namespace {

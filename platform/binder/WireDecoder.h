@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+
 #include "platform/binder/WireIo.h"
 
 // Cuts the byte stream of one connection into whole messages. Bytes and

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/Sockets.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireDecoder.h"
+#include "platform/Sockets.h"
 
 namespace android {
 namespace {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+
 #include "platform/binder/BinderStatus.h"
 
 namespace android {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
+
 #include "platform/binder/NdkBinder.h"
 
 // A test ITarnisSsi that answers with what it received, so that a caller in

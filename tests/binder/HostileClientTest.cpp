@@ -12,22 +12,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
 #include <vector>
 
-#include <log/log.h>
+#include <gtest/gtest.h>
+
 #include <android-base/logging.h>
-#include "platform/LogCapture.h"
 #include <host/Host.h>
+#include <log/log.h>
+
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
+#include "platform/LogCapture.h"
 #include "tests/binder/EchoSsi.h"
 #include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"

@@ -1,18 +1,19 @@
-#include <json/json.h>
 #include <sys/stat.h>
-
-#include <gtest/gtest.h>
 
 #include <memory>
 #include <set>
 #include <sstream>
 #include <thread>
 
-#include <dorva/DorvaServiceManager.h>
-#include <log/log.h>
-#include "platform/LogCapture.h"
+#include <gtest/gtest.h>
+#include <json/json.h>
+
 #include <android-base/properties.h>
+#include <dorva/DorvaServiceManager.h>
 #include <host/Host.h>
+#include <log/log.h>
+
+#include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 using android::DorvaServiceManager;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <utils/Unicode.h>
+
 #include "platform/binder/Parcel.h"
 
 using android::Parcel;

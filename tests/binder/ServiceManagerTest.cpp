@@ -3,19 +3,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
-#include "platform/LogCapture.h"
-#include <host/Host.h>
-#include "platform/binder/BinderProcess.h"
+#include <gtest/gtest.h>
+
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 #include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
+#include <host/Host.h>
+
+#include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
+#include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 using aidl::velmar::system::tarnis::common::ITarnisSsiIntl;

@@ -4,21 +4,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstring>
 #include <thread>
 
-#include "platform/LogCapture.h"
-#include <host/Host.h>
-#include "platform/binder/BinderProcess.h"
+#include <gtest/gtest.h>
+
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
-#include "platform/binder/BpBinder.h"
 #include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
+#include <host/Host.h>
+
+#include "platform/binder/BinderProcess.h"
+#include "platform/binder/BpBinder.h"
 #include "platform/binder/IServiceManager.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
+#include "platform/LogCapture.h"
 #include "tests/binder/EchoSsi.h"
 #include "tests/support/TempDir.h"
 

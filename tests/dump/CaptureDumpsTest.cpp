@@ -1,7 +1,6 @@
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,12 +12,15 @@
 #include <regex>
 #include <thread>
 
-#include "utils/Clock.h"
-#include <log/log.h>
-#include "platform/LogCapture.h"
+#include <gtest/gtest.h>
+
 #include <android-base/properties.h>
 #include <host/Host.h>
+#include <log/log.h>
+
+#include "platform/LogCapture.h"
 #include "tests/dump/DumpTestSupport.h"
+#include "utils/Clock.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 using android::CaptureLogUtil;

@@ -1,7 +1,6 @@
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -12,9 +11,12 @@
 #include <regex>
 #include <thread>
 
-#include <log/log.h>
-#include "platform/LogCapture.h"
+#include <gtest/gtest.h>
+
 #include <android-base/properties.h>
+#include <log/log.h>
+
+#include "platform/LogCapture.h"
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/CaptureLogUtil.h"
 

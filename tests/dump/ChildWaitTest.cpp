@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -10,7 +9,10 @@
 #include <cstring>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include <log/log.h>
+
 #include "platform/LogCapture.h"
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/ChildWait.h"

@@ -1,15 +1,17 @@
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <regex>
 
+#include <gtest/gtest.h>
+
 #include <host/Host.h>
 #include <log/log.h>
+
 #include "platform/LogCapture.h"
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/CmdTool.h"

@@ -1,10 +1,12 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 
+#include <gtest/gtest.h>
+
 #include <log/log.h>
+
 #include "platform/LogCapture.h"
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/DirectoryHelpers.h"

@@ -11,9 +11,11 @@
 #include <string>
 #include <thread>
 
-#include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
+
+#include <android-base/unique_fd.h>
 #include <host/Host.h>
+
 #include "platform/LogCapture.h"
 #include "platform/Sockets.h"
 #include "tests/support/TempDir.h"

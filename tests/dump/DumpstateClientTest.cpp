@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -7,11 +6,14 @@
 #include <cstring>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
 #include <host/Host.h>
 #include <log/log.h>
+
 #include "platform/LogCapture.h"
 #include "tests/dump/DumpTestSupport.h"
 #include "utils/dump/CaptureLogUtil.h"

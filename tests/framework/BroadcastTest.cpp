@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <future>
@@ -9,11 +7,14 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include <log/log.h>
+
 #include "framework/InternalBroadcastManager.h"
 #include "framework/LocalBroadcastManager.h"
 #include "framework/ModuleManager.h"
 #include "framework/TarnisHandler.h"
-#include <log/log.h>
 #include "framework/TarnisLooper.h"
 #include "platform/LogCapture.h"
 #include "tests/framework/LogLines.h"

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include <log/log.h>
+
 #include "framework/Object.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
@@ -20,7 +23,6 @@
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
 #include "framework/TarnisRunnable.h"
-#include <log/log.h>
 #include "platform/LogCapture.h"
 #include "tests/framework/LogLines.h"
 #include "tests/support/TestClock.h"

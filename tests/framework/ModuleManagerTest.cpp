@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -11,13 +10,16 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include <log/log.h>
+
 #include "framework/ModuleBase.h"
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include <log/log.h>
 #include "platform/LogCapture.h"
 #include "tests/framework/LogLines.h"
 

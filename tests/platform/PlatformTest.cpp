@@ -1,19 +1,21 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <vector>
 #include <thread>
+#include <vector>
 
-#include <log/log.h>
+#include <gtest/gtest.h>
+
 #include <android-base/logging.h>
-#include <host/Host.h>
-#include "platform/LogCapture.h"
 #include <android-base/properties.h>
 #include <cutils/properties.h>
+#include <host/Host.h>
+#include <log/log.h>
+
+#include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 using namespace std::chrono_literals;

@@ -1,5 +1,4 @@
 // The daemon and its tool as real processes, driven as a user would from a shell.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,7 +10,10 @@
 #include <string>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 #include <host/Host.h>
+
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,23 +8,26 @@
 #include <mutex>
 #include <thread>
 
+#include <gtest/gtest.h>
+
+#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
+#include <android-base/properties.h>
+#include <dorva/DorvaServiceManager.h>
+#include <host/Host.h>
+#include <log/log.h>
+
 #include "framework/InternalBroadcastManager.h"
 #include "framework/ModuleBase.h"
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisUtil.h"
-#include <dorva/DorvaServiceManager.h>
-#include <log/log.h>
-#include "platform/LogCapture.h"
-#include "tests/support/ManagerThread.h"
-#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
-#include <android-base/properties.h>
-#include <host/Host.h>
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
+#include "platform/LogCapture.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
+#include "tests/support/ManagerThread.h"
 #include "tests/support/TempDir.h"
 
 using aidl::velmar::system::tarnis::common::TarnisInternal;

@@ -1,11 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <condition_variable>
 #include <mutex>
 #include <vector>
 
-#include "framework/InternalBroadcastManager.h"
+#include <gtest/gtest.h>
+
 #include <log/log.h>
+
+#include "framework/InternalBroadcastManager.h"
 #include "platform/LogCapture.h"
 #include "service/TarnisInternal.h"
 

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <json/json.h>
-
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
 
 #include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"

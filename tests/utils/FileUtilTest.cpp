@@ -1,13 +1,15 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
 
-#include <log/log.h>
-#include "platform/LogCapture.h"
+#include <gtest/gtest.h>
+
 #include <host/Host.h>
+#include <log/log.h>
+
+#include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "utils/FileUtil.h"
 

@@ -1,14 +1,15 @@
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include <host/Host.h>
+
 #include "tests/support/TempDir.h"
 #include "utils/Paths.h"
 

@@ -1,7 +1,9 @@
-#include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <gtest/gtest.h>
+
 #include <log/log.h>
+
 #include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "utils/FileUtil.h"

@@ -1,12 +1,14 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <unzip.h>
 
 #include <ctime>
 #include <random>
 
+#include <gtest/gtest.h>
+#include <unzip.h>
+
 #include <log/log.h>
+
 #include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "utils/ZipFile.h"

@@ -2,6 +2,7 @@
 
 #include <android-base/properties.h>
 #include <host/Host.h>
+
 #include "tools/tarnisctl/CtlCommand.h"
 
 namespace tarnisctl {

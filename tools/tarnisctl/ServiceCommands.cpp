@@ -1,4 +1,3 @@
-#include <json/json.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -7,11 +6,15 @@
 #include <string>
 #include <vector>
 
-#include <host/Host.h>
+#include <json/json.h>
+
 #include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
 #include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
+#include <android-base/parseint.h>
 #include <android/binder_manager.h>
 #include <android/binder_process.h>
+#include <host/Host.h>
+
 #include "tools/tarnisctl/CtlCommand.h"
 #include "utils/JsonUtil.h"
 
@@ -122,16 +125,8 @@ int Intent(const std::vector<std::string>& args) {
     return Report("transferMessage", service->transferMessage(args[0], args[1]));
 }
 
-// Parses the arguments of one report operation; false with a message when
-// they do not fit.
-bool ParseInt(const std::string& text, int32_t* out) {
-    char* end = nullptr;
-    errno = 0;
-    long value = strtol(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || errno != 0 || value < INT32_MIN || value > INT32_MAX) return false;
-    *out = static_cast<int32_t>(value);
-    return true;
-}
+// Parses the arguments of one report operation; false when they do not fit.
+bool ParseInt(const std::string& text, int32_t* out) { return android::base::ParseInt(text, out); }
 
 bool ParseBool(const std::string& text, bool* out) {
     if (text == "true" || text == "1") {

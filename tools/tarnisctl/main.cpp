@@ -7,6 +7,7 @@
 
 #include <host/Host.h>
 #include <log/log.h>
+
 #include "tools/tarnisctl/CtlCommand.h"
 
 namespace tarnisctl {

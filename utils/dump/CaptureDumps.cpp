@@ -19,9 +19,6 @@
 #include <log/log.h>
 
 #include "utils/Clock.h"
-#include "utils/Paths.h"
-#include "utils/ScopedDir.h"
-#include "utils/StringUtil.h"
 #include "utils/dump/AnrTraces.h"
 #include "utils/dump/BuildProbes.h"
 #include "utils/dump/CaptureFile.h"
@@ -29,6 +26,9 @@
 #include "utils/dump/CommandRunner.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/dump/DumpstateClient.h"
+#include "utils/Paths.h"
+#include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
 
 namespace android {
 namespace {

@@ -18,10 +18,10 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
-#include "utils/Paths.h"
-#include "utils/StringUtil.h"
 #include "utils/dump/BuildProbes.h"
 #include "utils/dump/DirectoryHelpers.h"
+#include "utils/Paths.h"
+#include "utils/StringUtil.h"
 
 namespace android {
 namespace {

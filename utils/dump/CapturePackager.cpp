@@ -23,13 +23,13 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
+#include "utils/dump/BuildProbes.h"
+#include "utils/dump/CmdTool.h"
+#include "utils/dump/DirectoryHelpers.h"
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
 #include "utils/ZipFile.h"
-#include "utils/dump/BuildProbes.h"
-#include "utils/dump/CmdTool.h"
-#include "utils/dump/DirectoryHelpers.h"
 
 namespace android {
 namespace {

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <time.h>
-
 #include <sys/types.h>
+#include <time.h>
 
 #include <android-base/unique_fd.h>
 

@@ -13,8 +13,9 @@
 #include <vector>
 
 #include <log/log.h>
-#include "utils/StringUtil.h"
+
 #include "utils/dump/ChildWait.h"
+#include "utils/StringUtil.h"
 
 namespace android {
 namespace {

@@ -20,9 +20,9 @@
 #include <android-base/stringprintf.h>
 #include <log/log.h>
 
-#include "utils/StringUtil.h"
 #include "utils/dump/BuildProbes.h"
 #include "utils/dump/ChildWait.h"
+#include "utils/StringUtil.h"
 
 namespace android {
 namespace {

@@ -1,6 +1,6 @@
 #pragma once
 
 // ndk::SharedRefBase, ICInterface and the stub and proxy bases. The host binder stand-in implements them.
-#include "platform/binder/ICInterface.h"
 #include "platform/binder/BnCInterface.h"
 #include "platform/binder/BpCInterface.h"
+#include "platform/binder/ICInterface.h"

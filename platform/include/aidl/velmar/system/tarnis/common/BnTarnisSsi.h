@@ -1,7 +1,8 @@
 #pragma once
 
-#include "platform/binder/BnCInterface.h"
 #include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
+
+#include "platform/binder/BnCInterface.h"
 
 namespace aidl {
 namespace velmar {

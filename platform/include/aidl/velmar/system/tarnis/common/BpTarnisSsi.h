@@ -1,7 +1,8 @@
 #pragma once
 
-#include "platform/binder/BpCInterface.h"
 #include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
+
+#include "platform/binder/BpCInterface.h"
 
 namespace aidl {
 namespace velmar {

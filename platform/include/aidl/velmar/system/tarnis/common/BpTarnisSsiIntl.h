@@ -1,7 +1,8 @@
 #pragma once
 
-#include "platform/binder/MessageInterface.h"
 #include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
+
+#include "platform/binder/MessageInterface.h"
 
 namespace aidl {
 namespace velmar {

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "platform/binder/MessageInterface.h"
 #include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
+
+#include "platform/binder/MessageInterface.h"
 
 namespace aidl {
 namespace vendor {
