@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include <android-base/file.h>
 #include <log/log.h>
 
 #include "framework/ModuleBase.h"
@@ -34,17 +35,8 @@ TarnisHandlerThread* ManagerThread() {
 // which translation units are initialised does not matter.
 TarnisHandlerThread* const gManagerThread = ManagerThread();
 
-void WriteAll(int fd, const std::string& text) {
-    const char* p = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        ssize_t n = write(fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-}
+// A reader that went away only cuts the dump short.
+void WriteAll(int fd, const std::string& text) { android::base::WriteStringToFd(text, fd); }
 
 const char kSeparator[] = "\n-------------------------------------\n";
 
