@@ -29,7 +29,7 @@
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
 #include "platform/LogCapture.h"
-#include "tests/binder/EchoSsi.h"
+#include "tests/platform/binder/EchoSsi.h"
 #include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
 

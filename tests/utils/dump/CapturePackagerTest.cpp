@@ -17,7 +17,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/dump/DumpTestSupport.h"
+#include "tests/utils/dump/DumpTestSupport.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 using android::CaptureLogUtil;

@@ -14,7 +14,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/dump/DumpTestSupport.h"
+#include "tests/utils/dump/DumpTestSupport.h"
 #include "utils/dump/ChildWait.h"
 
 using android::ChildWait;

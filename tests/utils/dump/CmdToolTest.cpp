@@ -13,7 +13,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/dump/DumpTestSupport.h"
+#include "tests/utils/dump/DumpTestSupport.h"
 #include "utils/dump/CmdTool.h"
 
 using android::CmdTool;

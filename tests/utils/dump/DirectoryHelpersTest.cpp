@@ -8,7 +8,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/dump/DumpTestSupport.h"
+#include "tests/utils/dump/DumpTestSupport.h"
 #include "utils/dump/DirectoryHelpers.h"
 
 using dump_test::SandboxTest;
