@@ -1,26 +1,19 @@
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
+#include <gtest/gtest.h>
 
-#include "framework/ModuleManager.h"
-#include "framework/TarnisHandler.h"
+#include <chrono>
+
+#include "tests/support/LooperIdle.h"
 
 namespace tarnis_test {
 
-// Returns once a task posted now to the ModuleManager thread has run, that is
-// after whatever that thread was doing (a delivery pass, a module load).
+// Returns once the ModuleManager thread (and every other looper) has run
+// everything that is due, work queued before this call and work that work
+// posted included. A marker task posted "now" would not do: it jumps ahead
+// of the "now" messages already queued.
 inline void DrainManagerThread() {
-    std::mutex lock;
-    std::condition_variable cond;
-    bool done = false;
-    velmar::kolto::ModuleManager::GetManagerHandler()->post([&] {
-        std::lock_guard<std::mutex> guard(lock);
-        done = true;
-        cond.notify_all();
-    });
-    std::unique_lock<std::mutex> guard(lock);
-    cond.wait(guard, [&] { return done; });
+    ASSERT_TRUE(WaitAllLoopersIdle(std::chrono::seconds(10))) << "the manager thread stayed busy";
 }
 
 }  // namespace tarnis_test
