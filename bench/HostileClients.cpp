@@ -140,15 +140,16 @@ void StopDaemon() {
     waitpid(gDaemon, nullptr, 0);
 }
 
-// Runs `body` as uid 2000 in a child; the child keeps running until the
-// returned stop function is called (which waits for it).
-std::function<void()> AsShell(const std::function<void(int ready)>& body) {
+// Runs `body` as `uid` in a child and returns once the child has said it is
+// ready; the child keeps running until the returned stop function is called
+// (which waits for it).
+std::function<void()> AsUid(uid_t uid, const std::function<void(int ready)>& body) {
     int ready[2];
     if (pipe(ready) != 0) exit(1);
     pid_t child = fork();
     if (child == 0) {
         close(ready[0]);
-        if (setgid(kShellUid) != 0 || setuid(kShellUid) != 0) _exit(99);
+        if (setgid(uid) != 0 || setuid(uid) != 0) _exit(99);
         body(ready[1]);
         pause();
         _exit(0);
@@ -167,6 +168,8 @@ void Ready(int fd) {
     char c = 'y';
     if (write(fd, &c, 1) != 1) _exit(3);
 }
+
+std::function<void()> AsShell(const std::function<void(int ready)>& body) { return AsUid(kShellUid, body); }
 
 void Row(const char* name, const std::string& sent, const std::string& did, const Cost& before,
          const Cost& after, double otherMs) {
@@ -407,25 +410,12 @@ void LoadWhileHeld() {
     std::vector<std::function<void()>> stops;
     // 1,000 idle connections from 4 uids, 125 per uid and service.
     for (int u = 0; u < 4; ++u) {
-        int ready[2];
-        if (pipe(ready) != 0) exit(1);
-        pid_t child = fork();
-        if (child == 0) {
-            if (setgid(kShellUid + u) != 0 || setuid(kShellUid + u) != 0) _exit(99);
+        stops.push_back(AsUid(kShellUid + u, [](int ready) {
             std::vector<unique_fd> held;
             for (int i = 0; i < 250; ++i) held.push_back(WireIo::Connect(SocketOf(i % 2 ? kSsi : kIntl), 1000));
-            Ready(ready[1]);
+            Ready(ready);
             pause();
-            _exit(0);
-        }
-        close(ready[1]);
-        char c;
-        if (read(ready[0], &c, 1) != 1) fprintf(stderr, "hostile: child failed\n");
-        close(ready[0]);
-        stops.push_back([child] {
-            kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
-        });
+        }));
     }
     std::mutex lock;
     std::vector<double> latencies;
