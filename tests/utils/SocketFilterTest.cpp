@@ -25,24 +25,24 @@ using android::base::unique_fd;
 
 namespace {
 
-constexpr unsigned kPort = 47911;
-constexpr unsigned kOtherPort = 47912;
-constexpr unsigned kSenderPort = 47913;
-
 bool RawSocketsRefused() {
     unique_fd probe(socket(AF_PACKET, SOCK_RAW, htons(0x0800)));
     return probe.get() < 0 && (errno == EPERM || errno == EACCES);
 }
 
-unique_fd BoundUdp(unsigned port) {
+// A UDP socket on 127.0.0.1 with a port of the kernel's choosing, so that two
+// runs of the suite at once never see each other's datagrams.
+unique_fd BoundUdp(unsigned* port) {
     unique_fd fd(socket(AF_INET, SOCK_DGRAM, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int on = 1;
-    setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) return unique_fd();
+    socklen_t len = sizeof(addr);
+    if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        getsockname(fd.get(), reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        return unique_fd();
+    }
+    *port = ntohs(addr.sin_port);
     return fd;
 }
 
@@ -146,9 +146,10 @@ TEST(SocketFilterTest, ProgramShapeFollowsTheRequestedFields) {
 TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
     if (RawSocketsRefused()) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
 
-    unique_fd sender = BoundUdp(kSenderPort);
-    unique_fd receiver = BoundUdp(kPort);
-    unique_fd other = BoundUdp(kOtherPort);
+    unsigned senderPort = 0, port = 0, otherPort = 0;
+    unique_fd sender = BoundUdp(&senderPort);
+    unique_fd receiver = BoundUdp(&port);
+    unique_fd other = BoundUdp(&otherPort);
     ASSERT_GE(sender.get(), 0);
     ASSERT_GE(receiver.get(), 0);
     ASSERT_GE(other.get(), 0);
@@ -159,15 +160,15 @@ TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
     const std::string prefix = "TRN1 h";
     const unsigned extra = 3;
     std::vector<unsigned char> bytes(prefix.begin(), prefix.end());
-    SocketFilter filter(nullptr, nullptr, 0, 0, IPPROTO_UDP, kSenderPort, kPort, bytes.data(),
+    SocketFilter filter(nullptr, nullptr, 0, 0, IPPROTO_UDP, senderPort, port, bytes.data(),
                         static_cast<unsigned>(bytes.size()), extra, "lo");
     unique_fd fd(filter.attach());
     ASSERT_GE(fd.get(), 0);
 
-    SendTo(sender.get(), kPort, "TRN1 hello, first");
-    SendTo(sender.get(), kPort, "XRN1 hello, wrong prefix");
-    SendTo(sender.get(), kOtherPort, "TRN1 hello, wrong port");
-    SendTo(sender.get(), kPort, "TRN1 hello, second");
+    SendTo(sender.get(), port, "TRN1 hello, first");
+    SendTo(sender.get(), port, "XRN1 hello, wrong prefix");
+    SendTo(sender.get(), otherPort, "TRN1 hello, wrong port");
+    SendTo(sender.get(), port, "TRN1 hello, second");
 
     const std::vector<std::string> frames = Received(fd.get());
     ASSERT_EQ(frames.size(), 2u);
@@ -175,7 +176,7 @@ TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
     for (const std::string& frame : frames) {
         ASSERT_EQ(frame.size(), headers + extra);
         const auto* udp = reinterpret_cast<const udphdr*>(frame.data() + 14 + sizeof(iphdr));
-        EXPECT_EQ(ntohs(udp->dest), kPort);
+        EXPECT_EQ(ntohs(udp->dest), port);
         EXPECT_EQ(frame.substr(headers), "TRN");
     }
 }
