@@ -166,7 +166,19 @@ bool NetlinkUtils::GetStationInfo(const char* ifname, const char* peerMac, Stati
     info = StationInfo();
     const auto family = families_.find(kNl80211FamilyName);
     const uint16_t familyId = family != families_.end() ? family->second.familyId : 0;
-    NL80211Packet request(familyId, kCmdGetStation, ++sequence_, static_cast<uint32_t>(getpid()));
+    const NL80211Packet request = BuildGetStationRequest(familyId, ++sequence_, ifname, peerMac);
+    std::unique_ptr<const NL80211Packet> reply;
+    if (!SendMessageAndGetSingleResponse(request, &reply)) {
+        ALOGE(" NL80211_CMD_GET_STATION failed");
+        return false;
+    }
+    ParseStationInfo(*reply, info);
+    return true;
+}
+
+NL80211Packet NetlinkUtils::BuildGetStationRequest(uint16_t familyId, uint32_t sequence,
+                                                  const char* ifname, const char* peerMac) {
+    NL80211Packet request(familyId, kCmdGetStation, sequence, static_cast<uint32_t>(getpid()));
     request.AddAttribute(
         BaseNL80211Attr(kAttrIfindex, U32Bytes(if_nametoindex(ifname != nullptr ? ifname : ""))));
     if (peerMac != nullptr && strlen(peerMac) == 17) {
@@ -176,13 +188,7 @@ bool NetlinkUtils::GetStationInfo(const char* ifname, const char* peerMac, Stati
         }
         request.AddAttribute(BaseNL80211Attr(kAttrMac, mac));
     }
-    std::unique_ptr<const NL80211Packet> reply;
-    if (!SendMessageAndGetSingleResponse(request, &reply)) {
-        ALOGE(" NL80211_CMD_GET_STATION failed");
-        return false;
-    }
-    ParseStationInfo(*reply, info);
-    return true;
+    return request;
 }
 
 void NetlinkUtils::ParseStationInfo(const NL80211Packet& reply, StationInfo& info) {

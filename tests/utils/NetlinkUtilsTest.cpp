@@ -1,5 +1,6 @@
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
+#include <net/if.h>
 
 #include <cstdint>
 #include <cstring>
@@ -233,6 +234,29 @@ TEST(NetlinkUtilsTest, MessageSplittingChecksEveryLength) {
         EXPECT_TRUE(capture.HasLine("Cannot retrieve generic netlink header.", kTag, kError));
         EXPECT_TRUE(capture.HasLine("Broken error message.", kTag, kError));
         EXPECT_EQ(capture.Count("Discarding incomplete / invalid message.", kTag, kError), 2u);
+    }
+}
+
+TEST(NetlinkUtilsTest, GetStationRequestCarriesTheInterfaceAndAWellFormedMac) {
+    const NL80211Packet request =
+        NetlinkUtils::BuildGetStationRequest(0x1c, 9, "lo", "0A:1b:2C:3d:4E:5f");
+    const Bytes& data = request.GetConstData();
+    ASSERT_TRUE(NL80211Packet(data).IsValid());
+    EXPECT_EQ(request.GetMessageType(), 0x1c);
+    EXPECT_EQ(request.GetCommand(), 17);
+    EXPECT_EQ(request.GetMessageSequence(), 9u);
+    const uint32_t lo = if_nametoindex("lo");
+    ASSERT_NE(lo, 0u);
+    Bytes loBytes(4);
+    memcpy(loBytes.data(), &lo, 4);
+    const Bytes ifindex = Attr(3, loBytes);
+    const Bytes mac = Attr(6, {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F});
+    EXPECT_EQ(Bytes(data.begin() + NLMSG_HDRLEN + GENL_HDRLEN, data.end()), Cat({ifindex, mac}));
+
+    // One character short or long: the request goes without the MAC.
+    for (const char* text : {"0A:1b:2C:3d:4E:5", "0A:1b:2C:3d:4E:5f0"}) {
+        const Bytes bytes = NetlinkUtils::BuildGetStationRequest(0x1c, 9, "lo", text).GetConstData();
+        EXPECT_EQ(Bytes(bytes.begin() + NLMSG_HDRLEN + GENL_HDRLEN, bytes.end()), ifindex) << text;
     }
 }
 

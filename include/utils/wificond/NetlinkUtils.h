@@ -36,6 +36,10 @@ public:
     bool SendMessageAndGetSingleResponse(const NL80211Packet& request,
                                          std::unique_ptr<const NL80211Packet>* response);
 
+    // The get-station request for one interface; the peer's MAC goes with it
+    // only when its text has the exact "aa:bb:cc:dd:ee:ff" length.
+    static NL80211Packet BuildGetStationRequest(uint16_t familyId, uint32_t sequence,
+                                                const char* ifname, const char* peerMac);
     // Reads a new-station reply into `info`; what cannot be read is logged
     // and keeps its default.
     static void ParseStationInfo(const NL80211Packet& reply, StationInfo& info);
