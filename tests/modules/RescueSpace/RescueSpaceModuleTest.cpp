@@ -1,0 +1,307 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <log/log.h>
+
+#include "modules/RescueSpace/RescueSpaceThread.h"
+#include "tests/support/ModuleTest.h"
+
+namespace {
+
+using velmar::tarnis::RescueSpaceThread;
+
+constexpr char kTag[] = "RescueSpaceMonitor";
+constexpr int64_t kMinuteMs = 60 * 1000;
+
+class RescueSpaceModuleTest : public tarnis_test::ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        base_ = Device("/cache/");
+        SetUsedPercent(50);
+    }
+    void TearDown() override {
+        ModuleTest::TearDown();
+        RescueSpaceThread::SetStatfsForTesting(nullptr);
+    }
+
+    // A partition of 100 blocks of which `used` are taken, for every later call.
+    void SetUsedPercent(int used) {
+        used_ = used;
+        RescueSpaceThread::SetStatfsForTesting([this](const char*, struct statfs* out) {
+            ++statfsCalls_;
+            *out = {};
+            out->f_blocks = 100;
+            out->f_bfree = 100 - used_.load();
+            return 0;
+        });
+    }
+
+    // Writes `content` at `relative` below the rescue base, creating its directories.
+    std::string Plant(const std::string& relative, const std::string& content = "data") {
+        const std::string path = base_ + relative;
+        EXPECT_EQ(system(("mkdir -p \"$(dirname '" + path + "')\"").c_str()), 0);
+        EXPECT_TRUE(android::base::WriteStringToFile(content, path));
+        return path;
+    }
+    static bool Exists(const std::string& path) {
+        struct stat st {};
+        return lstat(path.c_str(), &st) == 0;
+    }
+    static mode_t ModeOf(const std::string& path) {
+        struct stat st {};
+        EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+        return st.st_mode & 07777;
+    }
+    static void SetAge(const std::string& path, int64_t nowMs, int64_t ageSeconds) {
+        struct timespec times[2] = {};
+        times[0].tv_sec = times[1].tv_sec = nowMs / 1000 - ageSeconds;
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    }
+
+    // The pause is a chain of one-minute steps, each posted when the one
+    // before it ran: time moves a minute at a time, as it would.
+    void AdvanceMinutes(int minutes) {
+        for (int i = 0; i < minutes; ++i) AdvanceAndSettle(kMinuteMs);
+    }
+
+    std::string base_;
+    std::atomic<int> used_{0};
+    std::atomic<int> statfsCalls_{0};
+};
+
+TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles) {
+    const std::string junk = Plant("junk.txt");
+    const std::string bootFlag = Plant("boot_flag");
+    const std::string dorvaFile = Plant("dorva/loose.txt");
+    const std::string bootFailure = Plant("dorva/BootFailure/report", "abc");
+    ASSERT_EQ(chmod(bootFailure.c_str(), 0644), 0);
+    // Only level 3 reaches it, and spares it by name.
+    const std::string failkeeper = Plant("dorva/BootFailure/failkeeper.db");
+    const std::string recovery = Plant("recovery/last_safemode");
+
+    // 89 % used: no level runs.
+    SetUsedPercent(89);
+    LoadModules();
+    EXPECT_TRUE(log_.HasLine("Rescue Partition space is enough, This diskrate is 89\n", kTag, ANDROID_LOG_INFO));
+    EXPECT_FALSE(log_.HasLine("Level 1: Insufficient partition space, GradeSpace is first stage\n", kTag));
+    EXPECT_TRUE(Exists(junk));
+
+    // 90 % and staying there: all three levels, one after the other.
+    SetUsedPercent(90);
+    AdvanceMinutes(20);
+    EXPECT_TRUE(log_.HasLine("Insufficient partition space 90, please delete the file!!\n", kTag, ANDROID_LOG_WARN));
+    EXPECT_TRUE(log_.HasLine("Level 1: Insufficient partition space, GradeSpace is first stage\n", kTag,
+                             ANDROID_LOG_WARN));
+    EXPECT_TRUE(log_.HasLine("Level 2: Insufficient partition space, GradeSpace is second stage\n", kTag,
+                             ANDROID_LOG_WARN));
+    EXPECT_TRUE(log_.HasLine("Level 3: Insufficient partition space, GradeSpace is third stage\n", kTag,
+                             ANDROID_LOG_WARN));
+    EXPECT_FALSE(Exists(junk));
+    EXPECT_FALSE(Exists(dorvaFile));
+    EXPECT_FALSE(Exists(bootFailure));  // spared by levels 1 and 2, not by level 3
+    EXPECT_TRUE(Exists(bootFlag));
+    EXPECT_TRUE(Exists(failkeeper));
+    EXPECT_TRUE(Exists(recovery));
+    EXPECT_TRUE(Exists(base_ + "dorva/BootFailure"));  // directories stay
+    EXPECT_TRUE(log_.HasLine("Skip save path(" + base_ + "boot_flag)\n", kTag, ANDROID_LOG_WARN));
+
+    // The list taken before level 3 names what it deleted.
+    std::string list;
+    ASSERT_TRUE(android::base::ReadFileToString(base_ + "/dorva/rescue_info.log", &list));
+    EXPECT_NE(list.find(base_ + "dorva/BootFailure/report,  fileSize: 3, filemode: 33188\n"), std::string::npos)
+            << list;
+    EXPECT_EQ(ModeOf(base_ + "/dorva/rescue_info.log"), 0660u);
+
+    std::string oplog;
+    ASSERT_TRUE(android::base::ReadFileToString(base_ + "/recovery/last_rescue_space_monitor_log", &oplog));
+    EXPECT_NE(oplog.find(": Unlink file: " + junk + ", size: 4\n"), std::string::npos) << oplog;
+}
+
+TEST_F(RescueSpaceModuleTest, SizeLimitIsFiftyMebibytesExactly) {
+    const std::string big = Plant("dumpstateTemporary/big");
+    ASSERT_EQ(truncate(big.c_str(), 52428800), 0);
+    LoadModules();
+    EXPECT_TRUE(Exists(big));
+    EXPECT_FALSE(log_.HasLine("Ready to delete " + base_ + "dumpstateTemporary/ file, size = 52428800 \n", kTag));
+
+    const std::string extra = Plant("dumpstateTemporary/sub/one", "x");
+    AdvanceMinutes(20);
+    EXPECT_TRUE(log_.HasLine("Ready to delete " + base_ + "dumpstateTemporary/ file, size = 52428801 \n", kTag,
+                             ANDROID_LOG_WARN));
+    EXPECT_FALSE(Exists(big));
+    EXPECT_FALSE(Exists(extra));
+    EXPECT_FALSE(Exists(base_ + "dumpstateTemporary/sub"));
+    EXPECT_TRUE(Exists(base_ + "dumpstateTemporary"));
+    EXPECT_TRUE(log_.HasLine("Delete file :" + big + " success\n", kTag, ANDROID_LOG_INFO));
+}
+
+TEST_F(RescueSpaceModuleTest, CoreDumpsOlderThanAnHourGo) {
+    const std::string dir = Device("/data/nuvilog/stability/nativecrash/coredump/");
+    ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
+    ASSERT_TRUE(android::base::WriteStringToFile("core", dir + "young"));
+    ASSERT_TRUE(android::base::WriteStringToFile("core", dir + "old"));
+    SetAge(dir + "young", clock_.WallNowMs(), 59 * 60);
+    SetAge(dir + "old", clock_.WallNowMs(), 61 * 60);
+    LoadModules();
+    EXPECT_TRUE(log_.HasLine("Coredump space manager system starts!\n", kTag, ANDROID_LOG_WARN));
+    EXPECT_TRUE(Exists(dir + "young"));
+    EXPECT_FALSE(Exists(dir + "old"));
+    // Twenty minutes later the young one is past the hour as well.
+    AdvanceMinutes(20);
+    EXPECT_FALSE(Exists(dir + "young"));
+}
+
+TEST_F(RescueSpaceModuleTest, CoreDumpPassIsOffUnderMtbfTest) {
+    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "1"));
+    const std::string dir = Device("/data/nuvilog/stability/nativecrash/coredump/");
+    ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
+    ASSERT_TRUE(android::base::WriteStringToFile("core", dir + "old"));
+    SetAge(dir + "old", clock_.WallNowMs(), 3 * 3600);
+    LoadModules();
+    EXPECT_TRUE(log_.HasLine("Disable coredump manager.", kTag, ANDROID_LOG_WARN));
+    EXPECT_TRUE(log_.HasLine("data_nuvilog_coredump is 0, mtbf_test_prop is 1\n", kTag, ANDROID_LOG_WARN));
+    EXPECT_TRUE(Exists(dir + "old"));
+}
+
+TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpin) {
+    ASSERT_TRUE(android::base::SetProperty(
+            "persist.sys.stability.dorvad.rescue_space_monitor_timervalue", "abc"));
+    LoadModules();
+    EXPECT_TRUE(log_.HasLine("Rescue partition space manager start!!\n", kTag, ANDROID_LOG_WARN));
+    EXPECT_TRUE(log_.HasLine("An invalid string was read: abc", kTag, ANDROID_LOG_WARN));
+    EXPECT_TRUE(log_.HasLine("Timer value is 20\n", kTag, ANDROID_LOG_WARN));
+    const int first = statfsCalls_.load();
+    AdvanceMinutes(19);
+    EXPECT_EQ(statfsCalls_.load(), first);
+    AdvanceAndSettle(kMinuteMs);
+    EXPECT_EQ(statfsCalls_.load(), first + 1);
+
+    // Changed to 5 two minutes into a pause: the pause ends after 5 sleeps in all.
+    AdvanceMinutes(2);
+    ASSERT_TRUE(android::base::SetProperty("persist.sys.stability.dorvad.rescue_space_monitor_timervalue", "5"));
+    AdvanceMinutes(2);
+    EXPECT_EQ(statfsCalls_.load(), first + 1);
+    AdvanceAndSettle(kMinuteMs);
+    EXPECT_EQ(statfsCalls_.load(), first + 2);
+
+    // 0: one cycle a minute, never back to back.
+    ASSERT_TRUE(android::base::SetProperty("persist.sys.stability.dorvad.rescue_space_monitor_timervalue", "0"));
+    AdvanceAndSettle(kMinuteMs);  // this pause still counts to 5, then reads 0
+    EXPECT_EQ(statfsCalls_.load(), first + 2);
+    AdvanceAndSettle(kMinuteMs);
+    EXPECT_EQ(statfsCalls_.load(), first + 3);
+    AdvanceAndSettle(kMinuteMs);
+    EXPECT_EQ(statfsCalls_.load(), first + 4);
+    WaitIdle();
+    EXPECT_EQ(statfsCalls_.load(), first + 4);
+    EXPECT_EQ(Dump({"RescueSpace"}), "Dumping module RescueSpace: \ncycles: 5\n\n-------------------------------------\n");
+}
+
+TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutside) {
+    const std::string outside = root_.Sub("outside");
+    ASSERT_EQ(mkdir(outside.c_str(), 0700), 0);
+    ASSERT_TRUE(android::base::WriteStringToFile("precious", outside + "/precious"));
+    ASSERT_EQ(chmod((outside + "/precious").c_str(), 0600), 0);
+    Plant("recovery/keep");
+    ASSERT_EQ(symlink(outside.c_str(), (base_ + "dirlink").c_str()), 0);
+    ASSERT_EQ(symlink((outside + "/precious").c_str(), (base_ + "filelink").c_str()), 0);
+    Plant("dumpstateTemporary/big");
+    ASSERT_EQ(truncate((base_ + "dumpstateTemporary/big").c_str(), 52428801), 0);
+    ASSERT_EQ(symlink(outside.c_str(), (base_ + "dumpstateTemporary/dirlink").c_str()), 0);
+    ASSERT_EQ(symlink((outside + "/precious").c_str(), (base_ + "recovery/last_rescue_space_monitor_log").c_str()),
+              0);
+
+    SetUsedPercent(95);
+    LoadModules();
+    // The links themselves are gone; what they pointed to is untouched.
+    EXPECT_FALSE(Exists(base_ + "dirlink"));
+    EXPECT_FALSE(Exists(base_ + "filelink"));
+    EXPECT_FALSE(Exists(base_ + "dumpstateTemporary/dirlink"));
+    std::string content;
+    ASSERT_TRUE(android::base::ReadFileToString(outside + "/precious", &content));
+    EXPECT_EQ(content, "precious");
+    EXPECT_EQ(ModeOf(outside + "/precious"), 0600u);
+    EXPECT_EQ(ModeOf(outside), 0700u);
+    // The operation log replaced the link planted at its name.
+    struct stat st {};
+    ASSERT_EQ(lstat((base_ + "recovery/last_rescue_space_monitor_log").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+
+    RescueSpaceThread().FactoryResetWipeRescuePartition();
+    ASSERT_TRUE(android::base::ReadFileToString(outside + "/precious", &content));
+    EXPECT_EQ(content, "precious");
+}
+
+TEST_F(RescueSpaceModuleTest, OperationLogKeepsTheNewestHundredLines) {
+    std::string old;
+    for (int i = 1; i <= 150; ++i) old += "old " + std::to_string(i) + "\n";
+    const std::string path = Plant("recovery/last_rescue_space_monitor_log", old);
+    RescueSpaceThread worker;
+    EXPECT_EQ(worker.operationLogPath(), base_ + "/recovery/last_rescue_space_monitor_log");
+    worker.LogRescueSpaceMonitorOperate("newest");
+    std::string now;
+    ASSERT_TRUE(android::base::ReadFileToString(path, &now));
+    std::string expected = std::to_string(clock_.WallNowMs() / 1000) + ": newest\n";
+    for (int i = 1; i <= 99; ++i) expected += "old " + std::to_string(i) + "\n";
+    EXPECT_EQ(now, expected);
+}
+
+TEST_F(RescueSpaceModuleTest, PermissionsFollowTheNameAndOpenUpForStrangers) {
+    ASSERT_EQ(mkdir(base_.c_str(), 0755), 0);
+    const std::string engine = base_ + "update_engine_log";
+    ASSERT_EQ(mkdir(engine.c_str(), 0700), 0);
+    const std::string mine = Plant("mine", "x");
+    const std::string foreign = Plant("foreign", "x");
+    ASSERT_EQ(chmod(mine.c_str(), 0600), 0);
+    if (geteuid() != 0 || chown(foreign.c_str(), 4321, 4321) != 0) {
+        GTEST_SKIP() << "changing a file's owner needs root";
+    }
+    RescueSpaceThread worker;
+    worker.UpdatePermission(engine);
+    worker.UpdatePermission(mine);
+    worker.UpdatePermission(foreign);
+    EXPECT_EQ(ModeOf(engine), 02775u);
+    EXPECT_EQ(ModeOf(mine), 0775u);
+    EXPECT_EQ(ModeOf(foreign), 0777u);
+}
+
+TEST_F(RescueSpaceModuleTest, FactoryResetWipeSparesRecoveryAndDirectories) {
+    const std::string loose = Plant("dorva/BootFailure/report");
+    const std::string flag = Plant("boot_flag");
+    const std::string kept = Plant("recovery/last_safemode");
+    RescueSpaceThread().FactoryResetWipeRescuePartition();
+    EXPECT_TRUE(log_.HasLine("Factory Reset Wipe", kTag, ANDROID_LOG_WARN));
+    EXPECT_FALSE(Exists(loose));
+    EXPECT_FALSE(Exists(flag));
+    EXPECT_TRUE(Exists(kept));
+    EXPECT_TRUE(Exists(base_ + "dorva/BootFailure"));
+}
+
+TEST_F(RescueSpaceModuleTest, FailuresAreLoggedAndStatfsFailureIsNotFull) {
+    RescueSpaceThread::SetStatfsForTesting([](const char*, struct statfs*) {
+        errno = ENOENT;
+        return -1;
+    });
+    RescueSpaceThread worker;
+    std::string base = worker.rescueBase();
+    EXPECT_FALSE(worker.IsPartitionSpaceRatioFull(base));
+    EXPECT_TRUE(log_.HasLine("failed to get " + base + " diskrate (No such file or directory)\n", kTag,
+                             ANDROID_LOG_WARN));
+    EXPECT_FALSE(worker.DeleteDirectoryFiles("", {}, false, 0));
+    EXPECT_TRUE(log_.HasLine("Path is empty\n", kTag, ANDROID_LOG_ERROR));
+    EXPECT_EQ(worker.CountDirSize(base + "pwlog/"), 0u);
+    EXPECT_TRUE(log_.HasLine("Unable to open directory " + base + "pwlog/: No such file or directory\n", kTag,
+                             ANDROID_LOG_ERROR));
+}
+
+}  // namespace
