@@ -13,10 +13,12 @@
 #include <android-base/logging.h>
 #include <android/binder_manager.h>
 #include <android/binder_process.h>
+#include <binder/IServiceManager.h>
 #include <host/Host.h>
 
 #include "framework/ModuleManager.h"
 #include "framework/TarnisUtil.h"
+#include "service/DorvaNativeDaemon.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
 
@@ -141,6 +143,13 @@ int main(int argc, char** argv) {
 
     TarnisUtil::SetTarnisSsiAidl(ssi);
     TarnisUtil::SetTarnisSsiIntl(internal);
+
+    std::shared_ptr<android::DorvaNativeDaemon> daemon = ndk::SharedRefBase::make<android::DorvaNativeDaemon>();
+    android::status_t err = android::defaultServiceManager()->addService(
+        daemon->getInterfaceDescriptor(), daemon->asBinder(), false,
+        android::IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
+    LOG(INFO) << "Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...";
+    CHECK_EQ(err, android::OK);
 
     ABinderProcess_startThreadPool();
     ABinderProcess_joinThreadPool();

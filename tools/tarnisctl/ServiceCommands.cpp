@@ -54,43 +54,6 @@ std::shared_ptr<Interface> Connect(ndk::SpAIBinder* binder) {
     return nullptr;
 }
 
-// A failed call as a sentence: the transport's own account when the call
-// never completed, else what the daemon's status means.
-std::string Explain(binder_status_t status) {
-    const std::string& transport = platform::host::LastBinderError();
-    if (!transport.empty()) return transport;
-    switch (status) {
-        case android::TIMED_OUT:
-            return "the daemon gave up: the output was not read in time";
-        case android::DEAD_OBJECT:
-            return "the daemon could not finish: the output was closed before it was written";
-        case android::FAILED_TRANSACTION:
-            return "the daemon refused the call";
-        case android::UNKNOWN_TRANSACTION:
-            return "the daemon does not know this call (is it an older version?)";
-        case android::BAD_VALUE:
-            return "the daemon found the call's arguments malformed";
-        case android::PERMISSION_DENIED:
-            return "the daemon does not allow this caller";
-        case android::NO_MEMORY:
-            return "the daemon ran out of memory";
-        case android::UNKNOWN_ERROR:
-            return "the daemon could not complete the call";
-        default:
-            return "the call failed with status " + std::to_string(status);
-    }
-}
-
-int Report(const char* what, const ndk::ScopedAStatus& status) {
-    if (status.isOk()) return 0;
-    if (status.getExceptionCode() == EX_TRANSACTION_FAILED) {
-        fprintf(stderr, "%s: %s\n", what, Explain(status.getStatus()).c_str());
-    } else {
-        fprintf(stderr, "%s: %s\n", what, status.getDescription().c_str());
-    }
-    return 1;
-}
-
 // Arguments that should hold JSON are checked before sending: a mistake is
 // pointed out, but the text still goes to the daemon, whose answer decides.
 void WarnUnlessJson(const char* what, const std::string& text) {

@@ -17,6 +17,8 @@ namespace {
 // of a dump that could not be delivered reaches the user first.
 constexpr int kDefaultTimeoutS = 30;
 
+int gRequestedTimeoutMs = 0;
+
 std::vector<CtlCommand>& MutableCommands() {
     static auto* commands = new std::vector<CtlCommand>;
     return *commands;
@@ -46,6 +48,12 @@ int UsageError(const std::string& message) {
     fprintf(stderr, "tarnisctl: %s\n", message.c_str());
     PrintUsage(stderr);
     return 2;
+}
+
+int RequestedTimeoutMs() { return gRequestedTimeoutMs; }
+
+void RaiseDefaultTimeoutMs(int ms) {
+    if (gRequestedTimeoutMs == 0 && ms > kDefaultTimeoutS * 1000) platform::host::SetBinderCallTimeoutMs(ms);
 }
 
 }  // namespace tarnisctl
@@ -81,7 +89,8 @@ int main(int argc, char** argv) {
             if (value.empty() || *end != '\0' || errno != 0 || !(seconds > 0) || seconds > 86400) {
                 return UsageError("--timeout needs a number of seconds between 0 and 86400, not '" + value + "'");
             }
-            platform::host::SetBinderCallTimeoutMs(static_cast<int>(seconds * 1000));
+            gRequestedTimeoutMs = static_cast<int>(seconds * 1000);
+            platform::host::SetBinderCallTimeoutMs(gRequestedTimeoutMs);
         } else if (!arg.empty() && arg[0] == '-') {
             return UsageError("unknown option " + arg);
         } else {

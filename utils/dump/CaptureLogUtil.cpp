@@ -5,6 +5,8 @@
 #include "utils/dump/CapturePackager.h"
 #include "utils/dump/ChildWait.h"
 #include "utils/dump/CommandRunner.h"
+#include "utils/dump/DebugPolicy.h"
+#include "utils/dump/PersistFiles.h"
 
 namespace android {
 
@@ -70,5 +72,21 @@ void CaptureLogUtil::ResetTestModeForTesting() { CommandRunner::ResetTestModeFor
 void CaptureLogUtil::SetCompressHooksForTesting(std::function<void(int)> onCompress, std::function<void()> beforePack) {
     CapturePackager::SetHooksForTesting(std::move(onCompress), std::move(beforePack));
 }
+
+void CaptureLogUtil::get_files_from_persist(std::string& out) { PersistFiles::List(out); }
+
+void CaptureLogUtil::read_file(const char* path, std::string& out) { PersistFiles::Read(path, out); }
+
+int CaptureLogUtil::create_file_in_persist(const char* path) { return PersistFiles::Create(path); }
+
+void CaptureLogUtil::write_to_persist_file(const char* path, const char* content) {
+    PersistFiles::Write(path, content);
+}
+
+bool CaptureLogUtil::create_file_write(const char* path, const char* content) {
+    return PersistFiles::Write(path, content) > 0;
+}
+
+void CaptureLogUtil::flash_debugpolicy(int mode) { DebugPolicy::Flash(mode); }
 
 }  // namespace android

@@ -58,6 +58,16 @@ public:
                                    Vector<String16>* files, int timeoutSeconds);
     static void include_zip_files(const char* path, int* count);
 
+    // ---- privileged helpers of the native daemon service ----
+    // Paths are the caller's device paths; nothing restricts them.
+    static void get_files_from_persist(std::string& out);
+    static void read_file(const char* path, std::string& out);
+    static int create_file_in_persist(const char* path);
+    static void write_to_persist_file(const char* path, const char* content);
+    // As write_to_persist_file; true when at least one byte was written.
+    static bool create_file_write(const char* path, const char* content);
+    static void flash_debugpolicy(int mode);
+
     // ---- seams for tests ----
     struct Timeouts {
         int defaultSeconds = 60;   // run_command's default

@@ -1,0 +1,19 @@
+#include <nuvi/dorva/IDorvaNative.h>
+
+#include <nuvi/dorva/BpDorvaNative.h>
+#include <utils/Unicode.h>
+
+namespace nuvi {
+namespace dorva {
+
+std::shared_ptr<IDorvaNative> IDorvaNative::asInterface(const android::sp<android::IBinder>& binder) {
+    return ndk::InterfaceFromBinder<IDorvaNative, BpDorvaNative>(binder);
+}
+
+const android::String16& IDorvaNative::getInterfaceDescriptor() {
+    static const android::String16 name = android::Utf8ToUtf16(descriptor);
+    return name;
+}
+
+}  // namespace dorva
+}  // namespace nuvi

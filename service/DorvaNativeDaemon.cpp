@@ -1,0 +1,202 @@
+#define LOG_TAG "dorvad"
+
+#include "service/DorvaNativeDaemon.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
+#include <binder/IPCThreadState.h>
+#include <log/log.h>
+
+#include "modules/RescueSpace/RescueSpaceThread.h"
+#include "utils/Paths.h"
+#include "utils/SocketFilter.h"
+#include "utils/StringUtil.h"
+#include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/CmdTool.h"
+#include "utils/wificond/NetlinkUtils.h"
+
+namespace android {
+namespace {
+
+using velmar::kolto::StringUtil;
+
+// The refusals carry the method, a fixed number and a reason, so that a
+// client can tell which check turned it away.
+binder::Status Refuse(int32_t code, const char* method, int line, const char* reason) {
+    return binder::Status::fromServiceSpecificError(code, base::StringPrintf("%s:%d: %s", method, line, reason));
+}
+
+uid_t CallingUid() { return IPCThreadState::self()->getCallingUid(); }
+
+}  // namespace
+
+binder::Status DorvaNativeDaemon::captureLog(const String16& type, const String16& headline,
+                                             const std::vector<String16>& actions,
+                                             const std::vector<String16>& params, bool offline, int32_t id,
+                                             bool useId, const String16& where, const std::vector<String16>& files,
+                                             bool isRecordInLocal) {
+    String16 type16 = type, headline16 = headline, where16 = where;
+    Vector<String16> actions16 = actions, params16 = params, files16 = files;
+    CaptureLogUtil::dump_all(type16, headline16, actions16, params16, offline, id, useId, where16, files16,
+                             isRecordInLocal);
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::attachSockFilter(const String16& srcMac, const String16& dstMac, int32_t srcAddr,
+                                                   int32_t dstAddr, int32_t protocol, int32_t srcPort,
+                                                   int32_t dstPort, const std::vector<uint8_t>& payload,
+                                                   int32_t extraLen, const String16& ifname,
+                                                   os::ParcelFileDescriptor* socket) {
+    if (protocol < 0 || srcPort < 0 || dstPort < 0 || extraLen < 0) {
+        return Refuse(-3, "attachSockFilter", 182, "illegal argument!");
+    }
+    const std::string src = String8(srcMac), dst = String8(dstMac), interface = String8(ifname);
+    std::vector<unsigned char> bytes(payload.begin(), payload.end());
+    SocketFilter filter(src.c_str(), dst.c_str(), static_cast<unsigned>(srcAddr), static_cast<unsigned>(dstAddr),
+                        static_cast<unsigned>(protocol), static_cast<unsigned>(srcPort),
+                        static_cast<unsigned>(dstPort), bytes.empty() ? nullptr : bytes.data(),
+                        static_cast<unsigned>(bytes.size()), static_cast<unsigned>(extraLen), interface.c_str());
+    const int fd = filter.attach();
+    socket->reset(base::unique_fd(fd));
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::setCoreFilter(int32_t pid, bool enable) {
+    // The kernel's own file of that process: /proc is never below the root.
+    char path[4096];
+    snprintf(path, sizeof(path), velmar::kolto::paths::kCoredumpFilterFormat, pid);
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd >= 1) {
+        // Hexadecimal bit masks: 0x39 adds the shared file-backed mappings and
+        // ELF headers to the default 0x33; 0x35 leaves out the private
+        // file-backed ones.
+        ssize_t written = write(fd, enable ? "39" : "35", 2);
+        (void)written;
+        close(fd);
+    } else if (fd == 0) {
+        close(fd);
+    }
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::runCommand(const String16& action, const String16& params, int32_t timeoutSeconds,
+                                             int32_t* result) {
+    const uid_t uid = CallingUid();
+    if (uid == kShellUid) {
+        ALOGE("runCommand: Shell user (UID %d) access denied", static_cast<int>(uid));
+        return Refuse(-1, "runCommand", 145, "Command not allowed for shell user");
+    }
+    const std::string action8 = String8(action);
+    if (!CaptureLogUtil::isSupportAction(action8)) {
+        ALOGE("runCommand: action '%s' not in SUPPORT_ACTION whitelist", StringUtil::ForLog(action8).c_str());
+        return Refuse(-1, "runCommand", 152, "Command not allowed");
+    }
+    *result = CmdTool::run_command_lite(action, params, timeoutSeconds);
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::startDefrag() { return binder::Status::ok(); }
+
+binder::Status DorvaNativeDaemon::createFileInPersist(const String16& path, int32_t* result) {
+    *result = CaptureLogUtil::create_file_in_persist(String8(path).c_str());
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::writeToPersistFile(const String16& path, const String16& content) {
+    CaptureLogUtil::write_to_persist_file(String8(path).c_str(), String8(content).c_str());
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::readFile(const String16& path, String16* content) {
+    std::string text;
+    CaptureLogUtil::read_file(String8(path).c_str(), text);
+    *content = String16FromUtf8(text);
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::getFilesFromPersist(String16* list) {
+    std::string text;
+    CaptureLogUtil::get_files_from_persist(text);
+    *list = String16FromUtf8(text);
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::stopDefrag() { return binder::Status::ok(); }
+
+binder::Status DorvaNativeDaemon::resumeDefrag() { return binder::Status::ok(); }
+
+binder::Status DorvaNativeDaemon::flashDebugPolicy(int32_t mode) {
+    CaptureLogUtil::flash_debugpolicy(mode);
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::getStationInfo(const String16& ifname, const String16& peer,
+                                                 nuvi::dorva::StationInfo* info) {
+    wificond::StationInfo station;
+    wificond::NetlinkUtils netlink;
+    // Without a session (no nl80211 in this kernel) the query could only
+    // fail again; the defaults stand, as for any value the kernel leaves out.
+    if (netlink.Start()) {
+        const std::string ifname8 = String8(ifname), peer8 = String8(peer);
+        netlink.GetStationInfo(ifname8.c_str(), peer8.c_str(), station);
+    }
+    info->signal = station.signal;
+    info->chainSignalAvg0 = station.chainSignalAvg[0];
+    info->chainSignalAvg1 = station.chainSignalAvg[1];
+    info->chainSignalAvg2 = station.chainSignalAvg[2];
+    info->chainSignalAvg3 = station.chainSignalAvg[3];
+    info->txMcs = station.txMcs;
+    info->txVhtMcs = station.txVhtMcs;
+    info->txHeMcs = station.txHeMcs;
+    info->txEhtMcs = station.txEhtMcs;
+    info->rxMcs = station.rxMcs;
+    info->rxVhtMcs = station.rxVhtMcs;
+    info->rxHeMcs = station.rxHeMcs;
+    info->rxEhtMcs = station.rxEhtMcs;
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::captureLogByRunCommand(const std::vector<String16>& actions,
+                                                         const std::vector<String16>& params, const String16& path,
+                                                         int32_t timeoutSeconds) {
+    const uid_t uid = CallingUid();
+    if (uid == kShellUid) {
+        ALOGE("captureLogByRunCommand: Shell user (UID %d) access denied", static_cast<int>(uid));
+        return Refuse(-1, "captureLogByRunCommand", 244, "Command not allowed for shell user");
+    }
+    Vector<String16> keptActions, keptParams;
+    for (size_t i = 0; i < actions.size(); ++i) {
+        const std::string action8 = String8(actions[i]);
+        if (!CaptureLogUtil::isSupportAction(action8)) {
+            ALOGE("captureLogByRunCommand: action '%s' not in SUPPORT_ACTION whitelist, skipping",
+                  StringUtil::ForLog(action8).c_str());
+            continue;
+        }
+        // A caller owes a parameter for every action; a missing one is an
+        // action without arguments rather than a read past the list.
+        keptActions.push_back(actions[i]);
+        keptParams.push_back(i < params.size() ? params[i] : String16());
+    }
+    if (keptActions.empty()) {
+        ALOGE("captureLogByRunCommand: no valid actions found in the batch");
+        return Refuse(-1, "captureLogByRunCommand", 266, "No valid commands found");
+    }
+    const std::string path8 = String8(path);
+    CaptureLogUtil::dump_by_power(keptActions, keptParams, path8.c_str(), timeoutSeconds);
+    return binder::Status::ok();
+}
+
+binder::Status DorvaNativeDaemon::FactoryResetWipeRescuePartition() {
+    velmar::tarnis::RescueSpaceThread worker;
+    worker.FactoryResetWipeRescuePartition();
+    return binder::Status::ok();
+}
+
+}  // namespace android

@@ -1,0 +1,446 @@
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <android-base/parseint.h>
+#include <binder/IServiceManager.h>
+#include <host/Host.h>
+#include <nuvi/dorva/IDorvaNative.h>
+#include <utils/String16.h>
+#include <utils/Unicode.h>
+
+#include "tools/tarnisctl/CtlCommand.h"
+#include "utils/dump/CaptureLogUtil.h"
+
+// The commands of the native daemon service (IDorvaNative): captures,
+// whitelisted tools, persist files, debug policy, core-dump filters, packet
+// filters, Wi-Fi station statistics and the rescue wipe.
+namespace tarnisctl {
+namespace {
+
+using android::String16;
+using android::Utf8ToUtf16;
+using nuvi::dorva::IDorvaNative;
+
+// A capture's compression alone may take 600 s on the daemon's side.
+constexpr int kCaptureCallMs = 700 * 1000;
+// What the daemon's runners allow a child after its time-out (SIGTERM, then SIGKILL).
+constexpr int kKillGraceMs = 15 * 1000;
+
+std::shared_ptr<IDorvaNative> ConnectDorva() {
+    const android::sp<android::IBinder> binder =
+        android::defaultServiceManager()->checkService(IDorvaNative::getInterfaceDescriptor());
+    if (!binder) {
+        fprintf(stderr, "tarnisctl: service %s is not running below root %s (is tarnisd running?)\n",
+                IDorvaNative::descriptor, platform::GetRoot().c_str());
+        return nullptr;
+    }
+    std::shared_ptr<IDorvaNative> service = IDorvaNative::asInterface(binder);
+    if (service) return service;
+    const std::string& why = platform::host::LastBinderError();
+    fprintf(stderr, "tarnisctl: %s\n",
+            why.empty() ? ("the service at " + platform::GetRoot() + " is not " + IDorvaNative::descriptor).c_str()
+                        : why.c_str());
+    return nullptr;
+}
+
+bool ParseInt(const std::string& text, int32_t* out) { return android::base::ParseInt(text, out); }
+
+std::vector<String16> ToUtf16(const std::vector<std::string>& list) {
+    std::vector<String16> out;
+    for (const std::string& s : list) out.push_back(Utf8ToUtf16(s));
+    return out;
+}
+
+// "--action A [--param P]" pairs; an action without a parameter has an empty one.
+struct ActionList {
+    std::vector<std::string> actions, params;
+    // False, with the reason, when the option at args[*i] belongs here but is malformed.
+    bool Take(const std::vector<std::string>& args, size_t* i, bool* taken, std::string* why) {
+        const std::string& opt = args[*i];
+        *taken = opt == "--action" || opt == "--param";
+        if (!*taken) return true;
+        if (*i + 1 >= args.size()) {
+            *why = opt + " needs a value";
+            return false;
+        }
+        const std::string& value = args[++*i];
+        if (opt == "--action") {
+            actions.push_back(value);
+            params.emplace_back();
+        } else if (actions.empty() || !params.back().empty()) {
+            *why = "each --param follows its --action (one parameter string per action)";
+            return false;
+        } else {
+            params.back() = value;
+        }
+        return true;
+    }
+};
+
+// ---- capture ----
+
+struct Found {
+    std::string path;
+    struct timespec mtime {};
+};
+
+bool EndsWith(const std::string& s, const std::string& tail) {
+    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// The newest archive of this capture in `dir` made since `since`: the daemon
+// names its files after the type and headline and says nothing back, so the
+// tool finds what it made.
+void FindArchive(const std::string& dir, const std::string& mark, const struct timespec& since, Found* best) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return;
+    while (struct dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.find(mark) == std::string::npos || !(EndsWith(name, ".zip") || EndsWith(name, ".zip.mtk"))) continue;
+        const std::string path = dir + "/" + name;
+        struct stat st;
+        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        if (st.st_mtim.tv_sec < since.tv_sec) continue;
+        if (best->path.empty() || st.st_mtim.tv_sec > best->mtime.tv_sec ||
+            (st.st_mtim.tv_sec == best->mtime.tv_sec && st.st_mtim.tv_nsec > best->mtime.tv_nsec)) {
+            best->path = path;
+            best->mtime = st.st_mtim;
+        }
+    }
+    closedir(d);
+}
+
+int Capture(const std::vector<std::string>& args) {
+    if (args.size() < 2) return UsageError("capture needs TYPE and HEADLINE");
+    const std::string type = args[0], headline = args[1];
+    ActionList list;
+    bool offline = false, useId = false, local = false;
+    int32_t id = -1;
+    std::string where;
+    std::vector<std::string> files;
+    for (size_t i = 2; i < args.size(); ++i) {
+        bool taken = false;
+        std::string why;
+        if (!list.Take(args, &i, &taken, &why)) return UsageError("capture: " + why);
+        if (taken) continue;
+        const std::string& opt = args[i];
+        const bool hasValue = i + 1 < args.size();
+        if (opt == "--offline") {
+            offline = true;
+        } else if (opt == "--use-id") {
+            useId = true;
+        } else if (opt == "--local") {
+            local = true;
+        } else if (opt == "--id") {
+            if (!hasValue || !ParseInt(args[i + 1], &id)) return UsageError("capture: --id needs a number");
+            ++i;
+        } else if (opt == "--where") {
+            if (!hasValue) return UsageError("capture: --where needs a directory");
+            where = args[++i];
+        } else if (opt == "--file") {
+            if (!hasValue) return UsageError("capture: --file needs a path");
+            files.push_back(args[++i]);
+        } else {
+            return UsageError("capture: unknown option " + opt);
+        }
+    }
+    if (list.actions.empty()) return UsageError("capture needs at least one --action (the daemon runs nothing otherwise)");
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    if (!service) return 1;
+    RaiseDefaultTimeoutMs(kCaptureCallMs);
+
+    struct timespec start;
+    clock_gettime(CLOCK_REALTIME, &start);
+    int rc = Report("captureLog", service->captureLog(Utf8ToUtf16(type), Utf8ToUtf16(headline),
+                                                       ToUtf16(list.actions), ToUtf16(list.params), offline, id,
+                                                       useId, Utf8ToUtf16(where), ToUtf16(files), local));
+    if (rc != 0) return rc;
+
+    const std::string clean = android::CaptureLogUtil::sanitizeHeadline(headline);
+    const std::string mark = type + "_" + clean + "_";
+    const std::string leaf = offline ? "/offline" : "/online";
+    std::vector<std::string> dirs;
+    if (!where.empty()) {
+        dirs.push_back(platform::DevicePath(where));
+        dirs.push_back(platform::DevicePath(where) + "/" + type + leaf);
+    }
+    dirs.push_back(platform::DevicePath("/data/dorva/" + type + leaf));
+    dirs.push_back(platform::DevicePath("/data/nuvilog/stability/reboot"));
+    Found best;
+    for (const std::string& dir : dirs) FindArchive(dir, mark, start, &best);
+    if (best.path.empty()) {
+        fprintf(stderr,
+                "tarnisctl: the daemon finished the capture but made no archive of it; its log says why "
+                "(a refused type or directory, or no space)\n");
+        return 1;
+    }
+    printf("%s\n", best.path.c_str());
+    return 0;
+}
+
+// ---- tools ----
+
+int RunCommand(const std::vector<std::string>& args) {
+    int32_t timeout = 0;
+    if (args.size() != 3 || !ParseInt(args[2], &timeout)) return UsageError("run-command needs ACTION PARAMS TIMEOUT_S");
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    if (!service) return 1;
+    if (timeout > 0) RaiseDefaultTimeoutMs(timeout * 1000 + kKillGraceMs);
+    int32_t result = 0;
+    const int rc =
+        Report("runCommand", service->runCommand(Utf8ToUtf16(args[0]), Utf8ToUtf16(args[1]), timeout, &result));
+    if (rc != 0) return rc;
+    printf("result: %d\n", result);
+    return 0;
+}
+
+int RunBatch(const std::vector<std::string>& args) {
+    int32_t timeout = 0;
+    if (args.size() < 2 || !ParseInt(args[1], &timeout)) return UsageError("run-batch needs PATH TIMEOUT_S");
+    ActionList list;
+    for (size_t i = 2; i < args.size(); ++i) {
+        bool taken = false;
+        std::string why;
+        if (!list.Take(args, &i, &taken, &why)) return UsageError("run-batch: " + why);
+        if (!taken) return UsageError("run-batch: unknown option " + args[i]);
+    }
+    if (list.actions.empty()) return UsageError("run-batch needs at least one --action");
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    if (!service) return 1;
+    const int perAction = (timeout > 0 ? timeout : 90) * 1000 + kKillGraceMs;
+    RaiseDefaultTimeoutMs(perAction * static_cast<int>(std::min<size_t>(list.actions.size(), 100)));
+    const int rc = Report("captureLogByRunCommand",
+                          service->captureLogByRunCommand(ToUtf16(list.actions), ToUtf16(list.params),
+                                                          Utf8ToUtf16(args[0]), timeout));
+    if (rc != 0) return rc;
+    printf("%s\n", platform::DevicePath(args[0]).c_str());
+    return 0;
+}
+
+// ---- persist files ----
+
+int Persist(const std::vector<std::string>& args) {
+    if (args.empty()) return UsageError("persist needs create, write, read or list");
+    const std::string& op = args[0];
+    auto wrong = [&](const char* form) { return UsageError("usage: persist " + op + " " + form); };
+    if (op == "create") {
+        if (args.size() != 2) return wrong("PATH");
+    } else if (op == "write") {
+        if (args.size() != 3) return wrong("PATH CONTENT");
+    } else if (op == "read") {
+        if (args.size() != 2) return wrong("PATH");
+    } else if (op == "list") {
+        if (args.size() != 1) return wrong("(no arguments)");
+    } else {
+        return UsageError("unknown persist operation " + op);
+    }
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    if (!service) return 1;
+    if (op == "create") {
+        int32_t result = 0;
+        const int rc = Report("createFileInPersist", service->createFileInPersist(Utf8ToUtf16(args[1]), &result));
+        if (rc == 0) printf("result: %d\n", result);
+        return rc;
+    }
+    if (op == "write") return Report("writeToPersistFile", service->writeToPersistFile(Utf8ToUtf16(args[1]), Utf8ToUtf16(args[2])));
+    String16 text;
+    const int rc = op == "read" ? Report("readFile", service->readFile(Utf8ToUtf16(args[1]), &text))
+                                : Report("getFilesFromPersist", service->getFilesFromPersist(&text));
+    if (rc != 0) return rc;
+    const std::string text8 = android::Utf16ToUtf8(text);
+    if (op == "read") {
+        fwrite(text8.data(), 1, text8.size(), stdout);
+    } else {
+        // One path per line reads better than the wire's commas.
+        std::string lines = text8;
+        for (char& c : lines) c = c == ',' ? '\n' : c;
+        if (!lines.empty()) printf("%s\n", lines.c_str());
+    }
+    return 0;
+}
+
+// ---- device helpers ----
+
+int CoreFilter(const std::vector<std::string>& args) {
+    int32_t pid = 0;
+    if (args.size() != 2 || !ParseInt(args[0], &pid) || (args[1] != "on" && args[1] != "off")) {
+        return UsageError("core-filter needs PID and on|off");
+    }
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    return service ? Report("setCoreFilter", service->setCoreFilter(pid, args[1] == "on")) : 1;
+}
+
+int DebugPolicy(const std::vector<std::string>& args) {
+    int32_t mode = 0;
+    if (args.size() != 1 || !ParseInt(args[0], &mode)) return UsageError("debug-policy needs MODE (1: unsigned images)");
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    return service ? Report("flashDebugPolicy", service->flashDebugPolicy(mode)) : 1;
+}
+
+int StationInfo(const std::vector<std::string>& args) {
+    if (args.size() != 2) return UsageError("station-info needs IFNAME and PEER_MAC");
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    if (!service) return 1;
+    nuvi::dorva::StationInfo info;
+    const int rc = Report("getStationInfo", service->getStationInfo(Utf8ToUtf16(args[0]), Utf8ToUtf16(args[1]), &info));
+    if (rc != 0) return rc;
+    printf("signal: %d\nchain_signal_avg: %d %d %d %d\n", info.signal, info.chainSignalAvg0, info.chainSignalAvg1,
+           info.chainSignalAvg2, info.chainSignalAvg3);
+    printf("tx_mcs: %d\ntx_vht_mcs: %d\ntx_he_mcs: %d\ntx_eht_mcs: %d\n", info.txMcs, info.txVhtMcs, info.txHeMcs,
+           info.txEhtMcs);
+    printf("rx_mcs: %d\nrx_vht_mcs: %d\nrx_he_mcs: %d\nrx_eht_mcs: %d\n", info.rxMcs, info.rxVhtMcs, info.rxHeMcs,
+           info.rxEhtMcs);
+    return 0;
+}
+
+int WipeRescue(const std::vector<std::string>& args) {
+    if (!args.empty()) return UsageError("wipe-rescue takes no arguments");
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    return service ? Report("FactoryResetWipeRescuePartition", service->FactoryResetWipeRescuePartition()) : 1;
+}
+
+// ---- packet filter ----
+
+// An IPv4 address as the filter reads it from a packet: 10.0.0.1 is 0x0A000001.
+bool ParseAddress(const std::string& text, int32_t* out) {
+    struct in_addr addr;
+    if (inet_pton(AF_INET, text.c_str(), &addr) != 1) return false;
+    *out = static_cast<int32_t>(ntohl(addr.s_addr));
+    return true;
+}
+
+// "hex:0a0b..." for bytes, anything else as its own text.
+bool ParsePayload(const std::string& text, std::vector<uint8_t>* out) {
+    if (text.compare(0, 4, "hex:") != 0) {
+        out->assign(text.begin(), text.end());
+        return true;
+    }
+    const std::string hex = text.substr(4);
+    if (hex.size() % 2 != 0) return false;
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        if (!isxdigit(static_cast<unsigned char>(hex[i])) || !isxdigit(static_cast<unsigned char>(hex[i + 1]))) {
+            return false;
+        }
+        out->push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    return true;
+}
+
+void PrintPacket(int index, const uint8_t* data, size_t size) {
+    printf("packet %d: %zu bytes\n", index, size);
+    for (size_t i = 0; i < size; i += 16) {
+        printf("  %04zx ", i);
+        for (size_t j = i; j < i + 16 && j < size; ++j) printf(" %02x", data[j]);
+        printf("\n");
+    }
+    fflush(stdout);
+}
+
+int SockFilter(const std::vector<std::string>& args) {
+    if (args.empty()) return UsageError("sock-filter needs IFNAME");
+    const std::string ifname = args[0];
+    std::string srcMac, dstMac;
+    int32_t srcAddr = 0, dstAddr = 0, protocol = 0, srcPort = 0, dstPort = 0, extra = 0, count = 1, waitS = 30;
+    std::vector<uint8_t> payload;
+    for (size_t i = 1; i < args.size(); ++i) {
+        const std::string& opt = args[i];
+        if (i + 1 >= args.size()) return UsageError("sock-filter: " + opt + " needs a value (or is unknown)");
+        const std::string& v = args[++i];
+        bool ok = true;
+        if (opt == "--src-mac") {
+            srcMac = v;
+        } else if (opt == "--dst-mac") {
+            dstMac = v;
+        } else if (opt == "--src-ip") {
+            ok = ParseAddress(v, &srcAddr);
+        } else if (opt == "--dst-ip") {
+            ok = ParseAddress(v, &dstAddr);
+        } else if (opt == "--protocol") {
+            ok = ParseInt(v, &protocol);
+        } else if (opt == "--src-port") {
+            ok = ParseInt(v, &srcPort);
+        } else if (opt == "--dst-port") {
+            ok = ParseInt(v, &dstPort);
+        } else if (opt == "--payload") {
+            ok = ParsePayload(v, &payload);
+        } else if (opt == "--extra") {
+            ok = ParseInt(v, &extra);
+        } else if (opt == "--count") {
+            ok = ParseInt(v, &count) && count > 0;
+        } else if (opt == "--wait") {
+            ok = ParseInt(v, &waitS) && waitS > 0;
+        } else {
+            return UsageError("sock-filter: unknown option " + opt);
+        }
+        if (!ok) return UsageError("sock-filter: bad value '" + v + "' for " + opt);
+    }
+    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    if (!service) return 1;
+    android::os::ParcelFileDescriptor socket;
+    const int rc = Report("attachSockFilter",
+                          service->attachSockFilter(Utf8ToUtf16(srcMac), Utf8ToUtf16(dstMac), srcAddr, dstAddr,
+                                                    protocol, srcPort, dstPort, payload, extra, Utf8ToUtf16(ifname),
+                                                    &socket));
+    if (rc != 0) return rc;
+    if (socket.get() < 0) {
+        fprintf(stderr, "tarnisctl: the daemon could not attach the filter on %s (raw sockets need privileges; see its log)\n",
+                ifname.c_str());
+        return 1;
+    }
+    std::vector<uint8_t> buffer(65536);
+    for (int seen = 0; seen < count;) {
+        struct pollfd pfd = {socket.get(), POLLIN, 0};
+        const int n = poll(&pfd, 1, waitS * 1000);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            fprintf(stderr, "tarnisctl: %d of %d packets within %d s; giving up\n", seen, count, waitS);
+            return 1;
+        }
+        const ssize_t got = recv(socket.get(), buffer.data(), buffer.size(), 0);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            perror("tarnisctl: reading the filtered socket");
+            return 1;
+        }
+        PrintPacket(++seen, buffer.data(), static_cast<size_t>(got));
+    }
+    return 0;
+}
+
+CtlCommandRegister gCapture({"capture",
+                             "TYPE HEADLINE [--action A --param P]... [--offline] [--id N [--use-id]] [--where DIR] "
+                             "[--file PATH]... [--local]",
+                             "order a capture (IDorvaNative.captureLog); prints the archive it produced", Capture});
+CtlCommandRegister gRunCommand({"run-command", "ACTION PARAMS TIMEOUT_S",
+                                "run one whitelisted tool (PARAMS comma-separated); prints \"result: N\"", RunCommand});
+CtlCommandRegister gRunBatch({"run-batch", "PATH TIMEOUT_S --action A --param P ...",
+                              "run whitelisted tools into the file PATH (captureLogByRunCommand)", RunBatch});
+CtlCommandRegister gPersist({"persist", "create|write|read|list [PATH [CONTENT]]",
+                             "create, write, read or list files of the persist partition", Persist});
+CtlCommandRegister gCoreFilter({"core-filter", "PID on|off", "set a process's core-dump filter (0x39 on, 0x35 off)",
+                                CoreFilter});
+CtlCommandRegister gDebugPolicy({"debug-policy", "MODE",
+                                 "flash the debug-policy images (1: apdp/msadp, else the signed ones)", DebugPolicy});
+CtlCommandRegister gStationInfo({"station-info", "IFNAME PEER_MAC", "print a Wi-Fi station's statistics (nl80211)",
+                                 StationInfo});
+CtlCommandRegister gWipeRescue({"wipe-rescue", "", "wipe the rescue partition as a factory reset does", WipeRescue});
+CtlCommandRegister gSockFilter({"sock-filter",
+                                "IFNAME [--src-mac M] [--dst-mac M] [--src-ip A] [--dst-ip A] [--protocol N] "
+                                "[--src-port N] [--dst-port N] [--payload TEXT|hex:HEX] [--extra N] [--count N] "
+                                "[--wait S]",
+                                "attach a packet filter and print the first N packets it passes (default 1, "
+                                "waiting at most S seconds, default 30)",
+                                SockFilter});
+
+}  // namespace
+}  // namespace tarnisctl

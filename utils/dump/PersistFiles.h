@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+// The small files that privileged clients keep on the persist partition (and
+// any other file they name: the path is the caller's to choose). Paths are
+// device paths, mapped below the root here; the listing returns device paths.
+namespace android {
+
+class PersistFiles {
+public:
+    // Appends the stability directory's entries to `out`, comma-separated;
+    // creates the directory (leaving `out` as it is) when it is missing.
+    static void List(std::string& out);
+    // Appends the file's text to `out`.
+    static void Read(const std::string& path, std::string& out);
+    // 0 when `path` exists afterwards, -1 otherwise.
+    static int Create(const std::string& path);
+    // Overwrites the file from its start (no truncation); the number of bytes
+    // written, or -1 when the file could not be opened.
+    static ssize_t Write(const std::string& path, const std::string& content);
+
+    // More than a binder reply should carry: a longer file is cut here, with
+    // a log line, so that a caller naming a huge file cannot exhaust memory.
+    static constexpr size_t kMaxReadBytes = 1024 * 1024;
+};
+
+}  // namespace android
