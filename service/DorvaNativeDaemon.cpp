@@ -74,9 +74,9 @@ binder::Status DorvaNativeDaemon::setCoreFilter(int32_t pid, bool enable) {
     snprintf(path, sizeof(path), velmar::kolto::paths::kCoredumpFilterFormat, pid);
     const int fd = open(path, O_WRONLY | O_CLOEXEC);
     if (fd >= 1) {
-        // Hexadecimal bit masks: 0x39 adds the shared file-backed mappings and
-        // ELF headers to the default 0x33; 0x35 leaves out the private
-        // file-backed ones.
+        // The kernel reads the text as a C number, so these are decimal:
+        // 39 (0x27) dumps anonymous, private file-backed and private huge
+        // pages; 35 (0x23) leaves the private file-backed ones out.
         ssize_t written = write(fd, enable ? "39" : "35", 2);
         (void)written;
         close(fd);

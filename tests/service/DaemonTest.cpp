@@ -184,3 +184,47 @@ TEST(DaemonTest, TheToolGivesUpOnASilentServiceWithASentence) {
                        " (is tarnisd running?)\n");
     platform::SetRoot("/");
 }
+
+// A capture ordered from a shell: the daemon runs the tools, packs the text
+// into a zip beside it and removes the text; refused requests leave nothing.
+TEST(DaemonTest, ACaptureOrderedFromAShellEndsAsAZip) {
+    TempDir root;
+    const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
+    ASSERT_EQ(system(("TARNIS_BUILD_DIR=" + std::string(TARNIS_BUILD_DIR) + " " + prepare + " >/dev/null").c_str()),
+              0);
+    pid_t daemon = fork();
+    ASSERT_GE(daemon, 0);
+    if (daemon == 0) {
+        freopen("/dev/null", "w", stdout);
+        freopen(root.Sub("err").c_str(), "w", stderr);
+        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_TRUE(WaitServing(root));
+    int status = -1;
+    const std::string archive =
+        RunShell(Ctl(root) + " capture demo 'a/b:c' --action getprop --param ro.product.device 2>&1", &status);
+    ASSERT_EQ(status, 0) << archive;
+    const std::string dir = root.Sub("data/dorva/demo/online/");
+    ASSERT_EQ(archive.compare(0, dir.size(), dir), 0) << archive;
+    const std::string zip = archive.substr(0, archive.size() - 1);
+    ASSERT_EQ(zip.compare(zip.size() - 4, 4, ".zip"), 0) << archive;
+    // The text went into the archive and is gone from the directory.
+    EXPECT_EQ(RunShell("ls " + dir), zip.substr(dir.size()) + "\n");
+    const std::string name = zip.substr(dir.size(), zip.size() - dir.size() - 4);
+    EXPECT_EQ(name.compare(0, 20, "null_demo_aXbXc_host"), 0) << name;
+    EXPECT_EQ(RunShell("unzip -Z1 " + zip), name + "\n");
+    const std::string text = RunShell("unzip -p " + zip);
+    EXPECT_EQ(text.compare(0, 57, std::string(56, '=') + "\n"), 0) << text;
+    EXPECT_NE(text.find("\n== headline: aXbXc\n== debuggable: 1\n== hwlevel: host\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("------ (getprop ro.product.device) in "), std::string::npos) << text;
+    EXPECT_NE(text.find("s ------\nhost\n[getprop: "), std::string::npos) << text;
+
+    kill(daemon, SIGTERM);
+    waitpid(daemon, nullptr, 0);
+    const std::string log = ReadFile(root.Sub("err"));
+    EXPECT_NE(log.find(" I tarnisd : Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager..."),
+              std::string::npos)
+        << log;
+}
