@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
+#include <nuvi/dorva/BnDorvaNative.h>
 #include <host/Host.h>
 #include <log/log.h>
 
@@ -45,6 +46,46 @@ private:
     static ndk::ScopedAStatus ok() { return ndk::ScopedAStatus::ok(); }
 };
 
+// The native daemon service's stub with methods that do nothing: what is
+// fuzzed is the unmarshalling of its arguments.
+class NullDorva : public nuvi::dorva::BnDorvaNative {
+public:
+    using Status = android::binder::Status;
+    using S16 = android::String16;
+    using V16 = std::vector<S16>;
+    Status captureLog(const S16&, const S16&, const V16&, const V16&, bool, int32_t, bool, const S16&, const V16&,
+                      bool) override {
+        return Status::ok();
+    }
+    Status attachSockFilter(const S16&, const S16&, int32_t, int32_t, int32_t, int32_t, int32_t,
+                            const std::vector<uint8_t>&, int32_t, const S16&,
+                            android::os::ParcelFileDescriptor*) override {
+        return Status::ok();
+    }
+    Status setCoreFilter(int32_t, bool) override { return Status::ok(); }
+    Status runCommand(const S16&, const S16&, int32_t, int32_t* result) override {
+        *result = 0;
+        return Status::ok();
+    }
+    Status startDefrag() override { return Status::ok(); }
+    Status createFileInPersist(const S16&, int32_t* result) override {
+        *result = 0;
+        return Status::ok();
+    }
+    Status writeToPersistFile(const S16&, const S16&) override { return Status::ok(); }
+    Status readFile(const S16& path, S16* content) override {
+        *content = path;
+        return Status::ok();
+    }
+    Status getFilesFromPersist(S16*) override { return Status::ok(); }
+    Status stopDefrag() override { return Status::ok(); }
+    Status resumeDefrag() override { return Status::ok(); }
+    Status flashDebugPolicy(int32_t) override { return Status::ok(); }
+    Status getStationInfo(const S16&, const S16&, nuvi::dorva::StationInfo*) override { return Status::ok(); }
+    Status captureLogByRunCommand(const V16&, const V16&, const S16&, int32_t) override { return Status::ok(); }
+    Status FactoryResetWipeRescuePartition() override { return Status::ok(); }
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -61,14 +102,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     android::Parcel in;
     in.setData(bytes, {});
     android::Parcel out;
-    service->onTransact(FIRST_CALL_TRANSACTION + selector % 8, in, &out);
+    if (selector & 0x80) {
+        static auto dorva = ndk::SharedRefBase::make<NullDorva>();
+        dorva->onTransact(FIRST_CALL_TRANSACTION + selector % 16, in, &out);
+    } else {
+        service->onTransact(FIRST_CALL_TRANSACTION + selector % 8, in, &out);
+    }
 
     // Every reader over the same bytes, in an order the input chooses.
     android::Parcel raw;
     raw.setData(bytes, {});
     for (int step = 0; step < 64 && raw.dataAvail() > 0; ++step) {
         android::status_t status = android::OK;
-        switch ((selector + step) % 9) {
+        switch ((selector + step) % 10) {
             case 0: { int32_t v; status = raw.readInt32(&v); break; }
             case 1: { int64_t v; status = raw.readInt64(&v); break; }
             case 2: { bool v; status = raw.readBool(&v); break; }
@@ -77,6 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 5: { std::vector<std::string> v; status = raw.readStringVector(&v); break; }
             case 6: { std::vector<std::u16string> v; status = raw.readString16Vector(&v); break; }
             case 7: { std::vector<uint8_t> v; status = raw.readByteVector(&v); break; }
+            case 8: { nuvi::dorva::StationInfo v; status = v.readFromParcel(&raw); break; }
             default: { ndk::ScopedAStatus v; status = raw.readStatus(&v); break; }
         }
         if (status != android::OK) break;
