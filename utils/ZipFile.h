@@ -13,7 +13,14 @@ namespace kolto {
 // Usage: construct with the paths and the tail depth, create(), close().
 // A path that cannot be packed is logged and skipped, so a partial archive is
 // a normal outcome; close() fails only when every path failed or the archive
-// could not be finished. One thread at a time per object.
+// could not be finished. One thread at a time per object; close() deflates on
+// worker threads of its own, one per CPU the caller may run on.
+//
+// The archive is written under a temporary name beside `path` and takes its
+// place only once finished, so a reader never sees half an archive and a link
+// planted at `path` is replaced, never written through. Symbolic links met in
+// a tree, or given as a file path, are skipped: their targets are not ours to
+// pack.
 class ZipFile {
 public:
     // tailDepth 0 names entries by their full path without the leading "/"
@@ -25,26 +32,27 @@ public:
     ZipFile(const ZipFile&) = delete;
     ZipFile& operator=(const ZipFile&) = delete;
 
-    // Creates (overwrites) the archive at `path`, closing any open one first.
+    // Starts the archive that will replace `path`, closing any open one first.
     bool create(const std::string& path);
-    // Writes every pending path and finishes the archive. True again, with
-    // nothing done, when no archive is open.
+    // Writes every pending path, finishes the archive and puts it in place.
+    // True again, with nothing done, when no archive is open.
     bool close();
     // Opens entry `name` in the archive `handle` with the packing settings.
     bool OpenNewFileInZip(void* handle, const std::string& name);
-    // Streams the file at `path` into the entry that is open.
+    // Streams the file at `path` into the entry that is open, on this thread.
     bool AddFileContentToZip(const std::string& path);
 
 private:
     // Writes the pending paths in batches; false when every path failed.
     bool FlushFilesIfNeeded();
-    void FlushOnePath(const std::string& path, size_t& failures);
-    // Opens, fills and closes one file entry.
-    bool WriteFileEntry(const std::string& path, std::string name);
+    // Drops the unfinished archive.
+    void Abandon();
 
     std::vector<std::string> pendingPaths_;
     int tailDepth_;
     void* handle_ = nullptr;
+    std::string path_;      // where the finished archive goes
+    std::string tempPath_;  // where it is written until then
     std::unique_ptr<char[]> buffer_;
 };
 
