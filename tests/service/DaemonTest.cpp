@@ -12,11 +12,13 @@
 
 #include <gtest/gtest.h>
 
+#include <binder/IServiceManager.h>
 #include <host/Host.h>
 
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
+#include "service/DorvaNativeDaemon.h"
 #include "service/TarnisSsiImpl.h"
 #include "tests/support/TempDir.h"
 
@@ -155,6 +157,19 @@ TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
     EXPECT_LT(added, check);
     EXPECT_EQ(err.find("Internal Service is added"), std::string::npos);
     android::ServiceManager::instance().removeService(kSsiName);
+
+    // The same for the native daemon service, registered last.
+    auto dorva = ndk::SharedRefBase::make<android::DorvaNativeDaemon>();
+    ASSERT_EQ(android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva->asBinder()),
+              android::OK);
+    err = RunShell(Daemon(root) + " 2>&1 >/dev/null", &status);
+    EXPECT_NE(status, 0);
+    added = err.find("Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...");
+    check = err.find("Check failed: err == android::OK (err=");
+    EXPECT_NE(added, std::string::npos) << err;
+    EXPECT_NE(check, std::string::npos) << err;
+    EXPECT_LT(added, check);
+    android::ServiceManager::instance().removeService(nuvi::dorva::IDorvaNative::descriptor);
     platform::SetRoot("/");
 }
 
