@@ -1,8 +1,11 @@
 // Packing speed of ZipFile on a log tree of about 200 MB, against Info-ZIP's
-// `zip -r -q` (default level) and against raw zlib deflate of the same bytes
-// at the same level from memory, which bounds what any single-threaded packer
-// can reach. All three run in one process on one generated tree; the program
-// prints medians and the ratios at the end.
+// `zip -r -q` (default level, one core) and against raw zlib deflate of the
+// same bytes at the same level from memory on one core, which bounds what a
+// single-threaded packer can reach. ZipFile deflates on every core it may
+// use. All three run in one process on one generated tree; the program prints
+// medians and the ratios at the end: ZipFile's wall time against zip's
+// (target <= 0.60 on two cores) and its archive size against zip's
+// (target <= 1.01).
 //
 //   build/bench/bench_ZipBench [--benchmark_repetitions=N] [google benchmark flags]
 #include <dirent.h>
@@ -150,6 +153,20 @@ void RemoveCorpus() {
     if (!corpus.dir.empty()) FileUtil::DeleteDirectoryOrFile(corpus.dir, nullptr);
 }
 
+// The load averages over 1, 5 and 15 minutes: other work on the machine
+// shows in the wall times. Read before the run, which adds its own.
+std::string LoadAverage() {
+    double load[3] = {-1, -1, -1};
+    if (FILE* in = fopen("/proc/loadavg", "r")) {
+        if (fscanf(in, "%lf %lf %lf", &load[0], &load[1], &load[2]) != 3) load[0] = -1;
+        fclose(in);
+    }
+    if (load[0] < 0) return "unknown";
+    char text[64];
+    snprintf(text, sizeof(text), "%.2f %.2f %.2f", load[0], load[1], load[2]);
+    return text;
+}
+
 uint64_t FileSizeOf(const std::string& path) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
@@ -269,7 +286,8 @@ public:
     std::map<std::string, Median> medians;
 };
 
-BENCHMARK(BM_ZipFile)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
+// The CPU time of the whole process, so that the deflate workers count.
+BENCHMARK(BM_ZipFile)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->Iterations(1);
 BENCHMARK(BM_InfoZip)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 BENCHMARK(BM_RawDeflate)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
@@ -286,13 +304,15 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&count, args.data());
     if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
 
+    const std::string load = LoadAverage();
     if (!MakeCorpus()) {
         fprintf(stderr, "cannot generate the log tree below %s\n", TheCorpus().dir.c_str());
         RemoveCorpus();
         return 1;
     }
-    printf("corpus: %zu files, %.1f MB in %s\n", TheCorpus().files.size(),
-           TheCorpus().bytes / 1048576.0, TheCorpus().tree.c_str());
+    printf("corpus: %zu files, %.1f MB in %s; %ld CPUs online, load average before %s\n",
+           TheCorpus().files.size(), TheCorpus().bytes / 1048576.0, TheCorpus().tree.c_str(),
+           sysconf(_SC_NPROCESSORS_ONLN), load.c_str());
     SummaryReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     RemoveCorpus();
@@ -313,15 +333,15 @@ int main(int argc, char** argv) {
     if (have("BM_InfoZip")) {
         const auto& iz = m.at("BM_InfoZip");
         line("zip -r -q", iz);
-        printf("speed ZipFile / zip: %.2fx wall, %.2fx cpu (target >= 1.00x)\n",
-               iz.wallS / zf.wallS, iz.cpuS / zf.cpuS);
-        printf("archive ZipFile / zip: %.4f (target <= 1.02)\n", zf.archiveBytes / iz.archiveBytes);
+        printf("time ZipFile / zip: %.2f wall (target <= 0.60), %.2f cpu\n", zf.wallS / iz.wallS,
+               zf.cpuS / iz.cpuS);
+        printf("archive ZipFile / zip: %.4f (target <= 1.01)\n", zf.archiveBytes / iz.archiveBytes);
     }
     if (have("BM_RawDeflate")) {
         const auto& rd = m.at("BM_RawDeflate");
         line("raw deflate", rd);
-        printf("throughput ZipFile / raw deflate: %.2fx wall, %.2fx cpu (target >= 0.85x)\n",
-               rd.wallS / zf.wallS, rd.cpuS / zf.cpuS);
+        printf("time ZipFile / one-core raw deflate: %.2f wall, %.2f cpu\n", zf.wallS / rd.wallS,
+               zf.cpuS / rd.cpuS);
     }
     return 0;
 }

@@ -1,8 +1,15 @@
+#include <dirent.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
+#include <fstream>
+#include <map>
 #include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <unzip.h>
@@ -53,6 +60,20 @@ bool ReadArchive(const std::string& path, std::vector<Entry>* entries) {
     }
     unzClose(zip);
     return rc == UNZ_END_OF_LIST_OF_FILE;
+}
+
+// What is in a directory, so that a temporary file left behind shows.
+std::vector<std::string> Listing(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* handle = opendir(dir.c_str())) {
+        while (struct dirent* entry = readdir(handle)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+        }
+        closedir(handle);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 std::vector<std::string> SortedNames(const std::vector<Entry>& entries) {
@@ -175,10 +196,14 @@ TEST_F(ZipFileTest, MissingPathsFailButTheArchiveIsFinished) {
 }
 
 TEST_F(ZipFileTest, ManyPathsKeepTheirOrderAcrossBatches) {
-    std::vector<std::string> paths;
+    // Every tenth file takes several blocks, so that the small ones after it
+    // are deflated first: the archive must still follow the list.
+    std::vector<std::string> paths, contents;
     for (int i = 0; i < 123; ++i) {
         paths.push_back(tmp_.Sub("f" + std::to_string(i)));
-        ASSERT_TRUE(WriteFile(paths.back(), "content " + std::to_string(i)));
+        contents.push_back("content " + std::to_string(i));
+        if (i % 10 == 0) contents.back() += binary_ + binary_;
+        ASSERT_TRUE(WriteFile(paths.back(), contents.back()));
     }
     paths.insert(paths.begin() + 60, tmp_.Sub("absent"));
     std::vector<Entry> entries;
@@ -186,8 +211,132 @@ TEST_F(ZipFileTest, ManyPathsKeepTheirOrderAcrossBatches) {
     ASSERT_EQ(entries.size(), 123u);
     for (int i = 0; i < 123; ++i) {
         EXPECT_EQ(entries[i].name, "f" + std::to_string(i));
-        EXPECT_EQ(entries[i].content, "content " + std::to_string(i));
+        EXPECT_TRUE(entries[i].content == contents[i]) << i;
     }
+}
+
+TEST_F(ZipFileTest, FilesOfManyBlocksRoundTripExactly) {
+    // Text and random bytes in turn across block boundaries, a file of
+    // exactly two blocks (its end is seen only by one more read), an empty one.
+    std::mt19937 gen(11);
+    std::string mixed;
+    for (int part = 0; part < 9; ++part) {
+        for (size_t start = mixed.size(); mixed.size() - start < 150 * 1024;) {
+            mixed += "11-23 10:00:0" + std::to_string(gen() % 10) + " I Thermal: zone " +
+                     std::to_string(gen() % 40) + " temp " + std::to_string(gen() % 90000) + "\n";
+        }
+        mixed += binary_.substr(gen() % 1000, 40 * 1024);
+    }
+    const std::string exact = mixed.substr(0, 512 * 1024);
+    ASSERT_TRUE(WriteFile(tmp_.Sub("logs/mixed.log"), mixed));
+    ASSERT_TRUE(WriteFile(tmp_.Sub("logs/exact.log"), exact));
+    ASSERT_TRUE(WriteFile(tmp_.Sub("logs/empty.log"), ""));
+    std::vector<Entry> entries;
+    ASSERT_TRUE(Pack({tmp_.Sub("logs")}, 1, &entries));  // the reader checks every CRC
+    std::map<std::string, const Entry*> byName;
+    for (const Entry& entry : entries) byName[entry.name] = &entry;
+    ASSERT_EQ(byName.size(), 5u);
+    EXPECT_TRUE(byName["mixed.log"]->content == mixed);
+    EXPECT_EQ(byName["mixed.log"]->info.uncompressed_size, mixed.size());
+    EXPECT_LT(byName["mixed.log"]->info.compressed_size, mixed.size() / 2);  // deflated, not stored
+    EXPECT_TRUE(byName["exact.log"]->content == exact);
+    EXPECT_EQ(byName["empty.log"]->content, "");
+    EXPECT_TRUE(byName["b.bin"]->content == binary_);
+    const std::string archive = tmp_.Sub("out.zip");
+    EXPECT_EQ(RunShell("unzip -tqq " + archive + " >/dev/null 2>&1; echo $?"), "0\n");
+    EXPECT_EQ(RunShell("python3 -c 'import sys, zipfile; print(zipfile.ZipFile(sys.argv[1]).testzip())' " +
+                       archive),
+              "None\n");
+}
+
+TEST_F(ZipFileTest, AGrowingFileGetsTheBytesReadWithTheirCrc) {
+    const std::string log = tmp_.Sub("logs/growing.log");
+    std::string line(100, 'x');
+    line.back() = '\n';
+    {
+        std::ofstream out(log);
+        for (int i = 0; i < 20000; ++i) out << line;  // 2 MB to start with
+    }
+    std::atomic<bool> stop{false};
+    std::thread appender([&] {
+        std::ofstream out(log, std::ios::app);
+        while (!stop) {
+            out << line << std::flush;
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    std::vector<Entry> entries;
+    const bool packed = Pack({log}, 1, &entries);
+    stop = true;
+    appender.join();
+    EXPECT_TRUE(packed);
+    ASSERT_EQ(entries.size(), 1u);  // read back with its CRC checked
+    EXPECT_GE(entries[0].content.size(), 20000u * line.size());
+    EXPECT_EQ(entries[0].content, ReadFile(log).substr(0, entries[0].content.size()));
+}
+
+TEST_F(ZipFileTest, LinksAreNeitherPackedNorFollowed) {
+    ASSERT_EQ(mkdir(tmp_.Sub("outside").c_str(), 0755), 0);
+    ASSERT_TRUE(WriteFile(tmp_.Sub("outside/secret"), "secret"));
+    ASSERT_EQ(symlink(tmp_.Sub("outside/secret").c_str(), tmp_.Sub("logs/to_file").c_str()), 0);
+    ASSERT_EQ(symlink(tmp_.Sub("outside").c_str(), tmp_.Sub("logs/sub/to_dir").c_str()), 0);
+    ASSERT_EQ(symlink(tmp_.Sub("outside/secret").c_str(), tmp_.Sub("listed").c_str()), 0);
+    std::vector<Entry> entries;
+    EXPECT_TRUE(Pack({tmp_.Sub("logs"), tmp_.Sub("listed")}, 2, &entries));
+    EXPECT_EQ(SortedNames(entries), (std::vector<std::string>{"logs/a.txt", "sub/b.bin"}));
+    EXPECT_EQ(capture_.Count("Failed to write file"), 3u);
+    EXPECT_TRUE(capture_.HasLine("[AddFileContentToZip] " + tmp_.Sub("listed") +
+                                  " is a symbolic link, not followed"));
+}
+
+TEST_F(ZipFileTest, TheArchiveAppearsWholeOrNotAtAll) {
+    // A link planted at the archive's name is replaced, its target untouched.
+    const std::string archive = tmp_.Sub("out.zip");
+    ASSERT_TRUE(WriteFile(tmp_.Sub("victim"), "keep me"));
+    ASSERT_EQ(symlink(tmp_.Sub("victim").c_str(), archive.c_str()), 0);
+    std::vector<Entry> entries;
+    {
+        ZipFile zip({tmp_.Sub("single.txt")}, 1);
+        ASSERT_TRUE(zip.create(archive));
+        // Nothing under the final name until it is finished.
+        struct stat st {};
+        ASSERT_EQ(lstat(archive.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode));
+        EXPECT_TRUE(zip.close());
+    }
+    EXPECT_EQ(ReadFile(tmp_.Sub("victim")), "keep me");
+    struct stat st {};
+    ASSERT_EQ(lstat(archive.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    ASSERT_TRUE(ReadArchive(archive, &entries));
+    EXPECT_EQ(SortedNames(entries), std::vector<std::string>{"single.txt"});
+    EXPECT_EQ(Listing(tmp_.path()),
+              (std::vector<std::string>{"logs", "out.zip", "single.txt", "victim"}));
+
+    // Writing fails (the file size limit) and the destructor finishes the
+    // archive: neither it nor its temporary file remain.
+    ASSERT_EQ(unlink(archive.c_str()), 0);
+    struct rlimit saved {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const sighandler_t previous = signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = saved;
+    small.rlim_cur = 64 * 1024;
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    {
+        ZipFile zip({tmp_.Sub("logs/sub/b.bin")}, 1);
+        EXPECT_TRUE(zip.create(archive));
+    }
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, previous);
+    EXPECT_TRUE(capture_.HasLine("[~ZipFile] close zip file failed while destructing!!"));
+    EXPECT_EQ(Listing(tmp_.path()), (std::vector<std::string>{"logs", "single.txt", "victim"}));
+
+    // A directory at the name is refused at once.
+    ASSERT_EQ(mkdir(archive.c_str(), 0755), 0);
+    ZipFile zip({tmp_.Sub("single.txt")}, 1);
+    EXPECT_FALSE(zip.create(archive));
+    EXPECT_EQ(Listing(tmp_.path()),
+              (std::vector<std::string>{"logs", "out.zip", "single.txt", "victim"}));
 }
 
 TEST_F(ZipFileTest, SecondCreateAndDestructorFinishTheOpenArchive) {
