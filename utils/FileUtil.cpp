@@ -180,8 +180,11 @@ bool CopyTree(const std::string& src, const std::string& dst, bool topLevel) {
 bool FileUtil::FileExist(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 bool FileUtil::ChangeMode(const std::string& path, const unsigned int& mode) {
-    if (!FileExist(path)) return false;
-    return chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
+    // A link planted at the path would hand its target's mode to whoever
+    // planted it; the C library refuses a mode change on a link itself.
+    if (fchmodat(AT_FDCWD, path.c_str(), static_cast<mode_t>(mode), AT_SYMLINK_NOFOLLOW) == 0) return true;
+    if (errno == EOPNOTSUPP) ALOGW("[%s] %s is a link, mode left alone", "ChangeMode", path.c_str());
+    return false;
 }
 
 bool FileUtil::CreateDirectoryWithOwner(const std::string& path, int uid, int gid) {

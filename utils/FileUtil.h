@@ -19,7 +19,8 @@ class FileUtil {
 public:
     // True when the path exists (a dangling link counts as absent).
     static bool FileExist(const std::string& path);
-    // Sets the permission bits; false when the path is missing or chmod fails.
+    // Sets the permission bits; false when the path is missing, is a link
+    // (neither it nor its target is changed), or chmod fails.
     static bool ChangeMode(const std::string& path, const unsigned int& mode);
     // Creates every missing directory of `path` (mode 0775 in the end) and
     // gives the last one to uid/gid. A relative path starts at the root.

@@ -60,6 +60,10 @@ TEST(FileUtilTest, ExistenceModesAndSizes) {
     EXPECT_EQ(FileUtil::GetFileSize(big), (1 << 30) + 7);
     EXPECT_TRUE(FileUtil::ChangeMode(big, 0640));
     EXPECT_EQ(ModeOf(big), 0640u);
+    // A link is no way to someone else's mode.
+    ASSERT_EQ(symlink(big.c_str(), tmp.Sub("link").c_str()), 0);
+    EXPECT_FALSE(FileUtil::ChangeMode(tmp.Sub("link"), 0777));
+    EXPECT_EQ(ModeOf(big), 0640u);
 }
 
 TEST(FileUtilTest, CreateDirectoryWithOwner) {

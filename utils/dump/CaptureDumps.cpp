@@ -52,11 +52,6 @@ constexpr int kCoredumpPollMs = 1000;
 constexpr int kSyslogReadAll = 3;
 constexpr int kSyslogSizeBuffer = 10;
 
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using ScopedFile = std::unique_ptr<FILE, FileCloser>;
-
 // Parameters are split on "," and " " alike; empty fields are dropped.
 std::vector<std::string> ActionCommand(const std::string& action, const std::string& param) {
     std::vector<std::string> args{action};
@@ -125,57 +120,54 @@ void WaitForCoredump(const std::string& file) {
     }
 }
 
-void DoDmesg(const std::string& path) {
-    ScopedFile file(fopen(path.c_str(), "ae"));
-    if (!file) {
-        ALOGE("failed to open log file %s :%s", path.c_str(), strerror(errno));
-        return;
-    }
+void DoDmesg(int fd, const std::string& path) {
     const int size = klogctl(kSyslogSizeBuffer, nullptr, 0);
     if (size < 1) {
-        fprintf(file.get(), "Unexpected klogctl return value: %d\n\n", size);
+        CaptureFile::Append(fd, path, "Unexpected klogctl return value: " + std::to_string(size) + "\n\n");
         return;
     }
     std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(size) + 1]);
     if (!buffer) {
-        fputs("memory allocation failed\n\n", file.get());
+        CaptureFile::Append(fd, path, "memory allocation failed\n\n");
         return;
     }
     const int length = klogctl(kSyslogReadAll, buffer.get(), size);
     if (length < 0) {
-        fputs("klogctl failure\n\n", file.get());
+        CaptureFile::Append(fd, path, "klogctl failure\n\n");
         return;
     }
-    buffer[length] = '\0';
-    fputs("------ KERNEL LOG (dmesg) ------\n", file.get());
-    fwrite(buffer.get(), 1, static_cast<size_t>(length), file.get());
-    fputs("\n\n", file.get());
+    CaptureFile::Append(fd, path, "------ KERNEL LOG (dmesg) ------\n");
+    CaptureFile::Append(fd, path, std::string(buffer.get(), static_cast<size_t>(length)) + "\n\n");
 }
 
-// Removes the bug-report leftovers ("tarnBugreport*") of a log directory.
-void DeleteBugreportLeftovers(const std::string& logDir) {
+// Removes the bug-report leftovers ("tarnBugreport*") of the open log
+// directory `dirFd` (`logDir`), never through a link put in its place.
+void DeleteBugreportLeftovers(int dirFd, const std::string& logDir) {
+    base::unique_fd own(fcntl(dirFd, F_DUPFD_CLOEXEC, 0));
+    velmar::kolto::ScopedDir dir(own.ok() ? fdopendir(own.get()) : nullptr);
+    if (!dir) {
+        ALOGE("Error opening directory: %s", logDir.c_str());
+        return;
+    }
+    own.release();  // owned by dir now
+    rewinddir(dir.get());
     std::vector<std::string> doomed;
-    {
-        velmar::kolto::ScopedDir dir(opendir(logDir.c_str()));
-        if (!dir) {
-            ALOGE("Error opening directory: %s", logDir.c_str());
-            return;
-        }
-        while (struct dirent* entry = readdir(dir.get())) {
-            if (strncmp(entry->d_name, kBugreportLeftoverPrefix, strlen(kBugreportLeftoverPrefix)) == 0) {
-                doomed.push_back(logDir + "/" + entry->d_name);
-            }
+    while (struct dirent* entry = readdir(dir.get())) {
+        if (strncmp(entry->d_name, kBugreportLeftoverPrefix, strlen(kBugreportLeftoverPrefix)) == 0) {
+            doomed.push_back(entry->d_name);
         }
     }
-    for (const std::string& path : doomed) {
-        if (remove(path.c_str()) != 0) ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+    for (const std::string& name : doomed) {
+        if (unlinkat(dirFd, name.c_str(), 0) != 0) {
+            ALOGE("failed to remove %s, error: %s", (logDir + "/" + name).c_str(), strerror(errno));
+        }
     }
 }
 
 }  // namespace
 
 bool CaptureDumps::IsSupportAction(const std::string& action) {
-    return !action.empty() && strstr(kSupportAction, action.c_str()) != nullptr;
+    return strstr(kSupportAction, action.c_str()) != nullptr;
 }
 
 void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, const Vector<String16>& actions,
@@ -188,15 +180,36 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     }
     const std::string type = String8(type16);
     const std::string headline = CaptureFile::SanitizeHeadline(String8(headline16));
-    const std::string where = String8(where16);
+    const std::string rawWhere = String8(where16);
+
+    // The type names a directory of its own below the base: nothing else.
+    if (!CaptureFile::IsPlainName(type)) {
+        ALOGE("Refusing capture: type '%s' is not a plain directory name", StringUtil::ForLog(type).c_str());
+        return;
+    }
+    // A `where` the capture uses, as its base or as the archive's directory,
+    // stays on the partitions captures belong on.
+    const bool whereIsBase = type == "RescuePartyLog" || type == "BootFailure";
+    const bool packs = type != "hangTemp";
+    std::string where;
+    if (whereIsBase || (packs && !rawWhere.empty())) {
+        where = CaptureFile::ResolveWhere(rawWhere);
+        if (where.empty()) {
+            ALOGE("Refusing capture: where '%s' is not a directory on the data, rescue or cache partition",
+                  StringUtil::ForLog(rawWhere).c_str());
+            return;
+        }
+    }
 
     std::string logDir;
-    if (!CaptureFile::MakeLogDir(type, where, offline, id, isRecordInLocal, &logDir)) return;
-    const std::string path = CaptureFile::Create(logDir, type, headline, offline, id, useId);
+    base::unique_fd dirFd;
+    if (!CaptureFile::MakeLogDir(type, where, offline, id, isRecordInLocal, &logDir, &dirFd)) return;
+    base::unique_fd out;
+    const std::string path = CaptureFile::Create(dirFd.get(), logDir, type, headline, offline, id, useId, &out);
     if (path.empty()) return;
     ALOGI("dump_all path = %s", StringUtil::ForLog(path).c_str());
-    if (!CaptureFile::WriteHeader(path, headline)) return;
-    CommandRunner::Run({"uptime"}, path.c_str(), 1);
+    if (!CaptureFile::WriteHeader(out.get(), path, headline)) return;
+    CommandRunner::RunInto({"uptime"}, out.get(), path.c_str(), 1);
 
     if (type == "ne" && !files.empty()) {
         for (const String16& entry : files) {
@@ -216,16 +229,16 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
         if (action == "do_dumpheap") {
             compressTimeout = kDumpheapCompressSeconds;
         } else if (action == "do_dmesg") {
-            DoDmesg(path);
+            DoDmesg(out.get(), path);
         } else if (action == "cat" && param.find(KoltoLogsParam()) != std::string::npos) {
             ALOGE("There is no kolto on this device");
-            CaptureFile::Append(path,
+            CaptureFile::Append(out.get(), path,
                                 "------ cat(" + param + ") ------\ncan not cat this file because there is no kolto.\n");
         } else if (action == "tarnbugreport") {
             wantBugreport = true;
             bugreportParam = param;
         } else if (IsSupportAction(action)) {
-            CommandRunner::Run(ActionCommand(action, param), path.c_str(), ActionTimeout());
+            CommandRunner::RunInto(ActionCommand(action, param), out.get(), path.c_str(), ActionTimeout());
         }
     }
 
@@ -236,15 +249,26 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     }
 
     // Temperature-hang captures stay as text.
-    if (type == "hangTemp") return;
+    if (!packs) return;
+    out.reset();
+    // The packer reads and writes by name. A log directory renamed away
+    // since it was opened (and something else under its name) is not packed
+    // from: the capture stays as text where it went.
+    if (!CaptureFile::StillInPlace(dirFd.get(), logDir)) {
+        ALOGE("Refusing to pack %s: its directory was moved", StringUtil::ForLog(path).c_str());
+        return;
+    }
     CapturePackager::Compress(path.c_str(), where.empty() ? nullptr : where.c_str(), &files, compressTimeout,
                               isRecordInLocal);
-    if (remove(path.c_str()) != 0) ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+    const std::string name = path.substr(path.find_last_of('/') + 1);
+    if (unlinkat(dirFd.get(), name.c_str(), 0) != 0) {
+        ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+    }
     if (!bugreport.empty()) {
         if (remove(bugreport.c_str()) != 0) {
             ALOGE("failed to remove %s, error: %s", bugreport.c_str(), strerror(errno));
         }
-        DeleteBugreportLeftovers(logDir);
+        DeleteBugreportLeftovers(dirFd.get(), logDir);
     }
 }
 

@@ -22,7 +22,8 @@ public:
                             int timeoutSeconds);
     static void DumpLiteBugreport(const char* target, const char* path);
 
-    // The SUPPORT_ACTION test: `action` occurs in the whitelist string.
+    // The SUPPORT_ACTION test: `action` occurs in the whitelist string (as
+    // the empty one does in every string).
     static bool IsSupportAction(const std::string& action);
 };
 

@@ -12,7 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <vector>
 
+#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
@@ -49,18 +51,81 @@ std::string LocalTime(const char* format) {
     return text;
 }
 
-// A capture directory: mode 0777, owned by the system user. A link in its
-// place is refused by create_dir_if_needed and never has its target changed.
-bool MakeCaptureDir(const std::string& path, const char* failure) {
-    if (create_dir_if_needed(path.c_str(), 0777) != 0) {
-        ALOGE("%s%s :%s", failure, path.c_str(), strerror(errno));
-        return false;
+// Opens the capture directory `name` below `parentFd`, making it when
+// missing: mode 0777, owned by the system user. Owner and mode are set
+// through the descriptor, so a link in its place (refused here) never has
+// its target changed, even when planted between the checks.
+base::unique_fd OpenCaptureDir(int parentFd, const std::string& name, const std::string& shown,
+                               const char* failure) {
+    if (mkdirat(parentFd, name.c_str(), 0777) != 0 && errno != EEXIST) {
+        ALOGE("%s%s :%s", failure, shown.c_str(), strerror(errno));
+        return {};
     }
-    if (lchown(path.c_str(), kSystemUid, kSystemUid) != 0) {
-        ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+    base::unique_fd dir(openat(parentFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.ok()) {
+        // The kernel says ELOOP or ENOTDIR for a link; the log says which it was.
+        const int openErrno = errno;
+        struct stat st;
+        const bool link = fstatat(parentFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
+        ALOGE("%s%s :%s", failure, shown.c_str(), link ? "a symbolic link is in its place" : strerror(openErrno));
+        return {};
     }
-    fchmodat(AT_FDCWD, path.c_str(), 0777, AT_SYMLINK_NOFOLLOW);
-    return true;
+    if (fchown(dir.get(), kSystemUid, kSystemUid) != 0) ALOGD("chown %s failed: %s", shown.c_str(), strerror(errno));
+    fchmod(dir.get(), 0777);
+    return dir;
+}
+
+std::string WithoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// "." and ".." of a device path resolved by their names alone, as the
+// device would from "/": ".." at the top stays there.
+std::string Normalize(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t begin = 0;
+    while (begin <= path.size()) {
+        size_t end = path.find('/', begin);
+        if (end == std::string::npos) end = path.size();
+        const std::string part = path.substr(begin, end - begin);
+        if (part == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        begin = end + 1;
+    }
+    std::string clean;
+    for (const std::string& part : parts) clean += "/" + part;
+    if (clean.empty()) return "/";
+    if (path.back() == '/') clean += "/";
+    return clean;
+}
+
+std::string RealPath(const std::string& path) {
+    std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), &free);
+    return real ? std::string(real.get()) : std::string();
+}
+
+bool IsAtOrBelow(const std::string& path, const std::string& top) {
+    if (top == "/") return true;
+    return path.compare(0, top.size(), top) == 0 && (path.size() == top.size() || path[top.size()] == '/');
+}
+
+// Text for the capture file, opened by name; a link in its place is refused.
+ScopedFile OpenForAppend(const std::string& path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (fd < 0) return nullptr;
+    ScopedFile file(fdopen(fd, "a"));
+    if (!file) close(fd);
+    return file;
+}
+
+bool WriteAll(int fd, const std::string& path, const std::string& text) {
+    if (base::WriteFully(fd, text.data(), text.size())) return true;
+    ALOGE("failed to write log file %s :%s", path.c_str(), strerror(errno));
+    return false;
 }
 
 }  // namespace
@@ -74,8 +139,26 @@ std::string CaptureFile::SanitizeHeadline(const std::string& headline) {
     return clean;
 }
 
+bool CaptureFile::IsPlainName(const std::string& type) {
+    return !type.empty() && type != "." && type != ".." && type.find('/') == std::string::npos;
+}
+
+std::string CaptureFile::ResolveWhere(const std::string& where) {
+    if (where.empty() || where[0] != '/') return "";
+    const std::string clean = Normalize(where);
+    // Resolved on disk as well, so that no link leads out of the partitions.
+    const std::string real = RealPath(paths::Get(clean));
+    struct stat st;
+    if (real.empty() || stat(real.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return "";
+    for (const char* partition : {paths::kDataMountPoint, paths::kRescueBase.rescue, paths::kRescueBase.cache}) {
+        const std::string top = RealPath(paths::Get(partition));
+        if (!top.empty() && IsAtOrBelow(real, top)) return clean;
+    }
+    return "";
+}
+
 bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, bool offline, int id,
-                             bool isRecordInLocal, std::string* logDir) {
+                             bool isRecordInLocal, std::string* logDir, base::unique_fd* dirFd) {
     std::string base;
     if (type == "RescuePartyLog" || type == "BootFailure") {
         base = where;
@@ -95,13 +178,24 @@ bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, 
             ALOGE("failed to create log dir %s :%s", dir.c_str(), strerror(errno));
             return false;
         }
+        dirFd->reset(open(WithoutTrailingSlashes(dir).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!dirFd->ok()) {
+            ALOGE("failed to create log dir %s :%s", dir.c_str(), strerror(errno));
+            return false;
+        }
         *logDir = dir;
     } else {
-        // Mapped once whole, so that an empty `where` still lands below the root.
+        // Mapped once whole; the base is the capture base or a checked `where`.
         const std::string typeDir = paths::Get(base + "/" + type);
-        if (!MakeCaptureDir(typeDir, "failed to create log dir ")) return false;
-        *logDir = typeDir + "/" + (offline ? "offline" : "online");
-        if (!MakeCaptureDir(*logDir, "failed to create dir ")) return false;
+        const base::unique_fd typeFd = OpenCaptureDir(AT_FDCWD, typeDir, typeDir, "failed to create log dir ");
+        if (!typeFd.ok()) return false;
+        // Found below the type directory's descriptor: the type directory is
+        // world-writable, and its "online" may be renamed away and a link
+        // planted under that name at any time.
+        const std::string leaf = offline ? "offline" : "online";
+        *logDir = typeDir + "/" + leaf;
+        *dirFd = OpenCaptureDir(typeFd.get(), leaf, *logDir, "failed to create dir ");
+        if (!dirFd->ok()) return false;
     }
     ALOGD("logfile_template:xline_dir=%s", StringUtil::ForLog(*logDir).c_str());
     return true;
@@ -109,13 +203,13 @@ bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, 
 
 // Picks the offline slot: the first whose archive is absent, else the one
 // with the oldest archive (the earliest slot on a tie).
-int CaptureFile::ChooseOfflineSlot(const std::string& logDir, const std::string& type) {
+int CaptureFile::ChooseOfflineSlot(int dirFd, const std::string& type) {
     int oldest = -1;
     struct timespec oldestTime = {0, 0};
     for (int slot = 0; slot < kOfflineSlots; ++slot) {
-        const std::string zip = base::StringPrintf("%s/%s_%d", logDir.c_str(), type.c_str(), slot) + ".zip";
+        const std::string zip = base::StringPrintf("%s_%d", type.c_str(), slot) + ".zip";
         struct stat st;
-        if (stat(zip.c_str(), &st) != 0) {
+        if (fstatat(dirFd, zip.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT) return slot;
             continue;
         }
@@ -132,47 +226,56 @@ int CaptureFile::ChooseOfflineSlot(const std::string& logDir, const std::string&
     return oldest;
 }
 
-std::string CaptureFile::Create(const std::string& logDir, const std::string& type, const std::string& headline,
-                                bool offline, int id, bool useId) {
-    std::string path;
-    base::unique_fd fd;
+std::string CaptureFile::Create(int dirFd, const std::string& logDir, const std::string& type,
+                                const std::string& headline, bool offline, int id, bool useId,
+                                base::unique_fd* fd) {
+    std::string name;
+    int flags = O_CREAT | O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC;
     if (offline) {
-        const int slot = ChooseOfflineSlot(logDir, type);
-        path = base::StringPrintf("%s/%s_%s_%d", logDir.c_str(), type.c_str(), headline.c_str(), slot);
-        fd.reset(open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, 0600));
+        const int slot = ChooseOfflineSlot(dirFd, type);
+        name = base::StringPrintf("%s_%s_%d", type.c_str(), headline.c_str(), slot);
+        flags |= O_EXCL;
     } else {
         const std::string idText = (id >= -2 && useId) ? std::to_string(id) : "null";
         const time_t now = time(nullptr);
         srand(static_cast<unsigned>(now));
-        path = base::StringPrintf("%s/%s_%s_%s_%s_%s_%lu_%d", logDir.c_str(), idText.c_str(), type.c_str(),
-                                  headline.c_str(), base::GetProperty("ro.product.device", "").c_str(),
+        name = base::StringPrintf("%s_%s_%s_%s_%s_%lu_%d", idText.c_str(), type.c_str(), headline.c_str(),
+                                  base::GetProperty("ro.product.device", "").c_str(),
                                   base::GetProperty("ro.build.version.incremental", "unknown").c_str(),
                                   static_cast<unsigned long>(now), rand());
-        fd.reset(open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, 0600));
+        flags |= O_TRUNC;
     }
-    if (!fd.ok()) {
+    const std::string path = logDir + "/" + name;
+    fd->reset(openat(dirFd, name.c_str(), flags, 0600));
+    if (!fd->ok()) {
         ALOGE("failed to open tombstone file '%s': %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         return "";
     }
-    if (fchown(fd.get(), kSystemUid, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
-    fchmod(fd.get(), 0666);
+    if (fchown(fd->get(), kSystemUid, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+    fchmod(fd->get(), 0666);
     return path;
 }
 
-bool CaptureFile::WriteHeader(const std::string& path, const std::string& headline) {
-    ScopedFile file(fopen(path.c_str(), "ae"));
-    if (!file) {
-        ALOGE("failed to open log file %s :%s", path.c_str(), strerror(errno));
-        return false;
-    }
-    fprintf(file.get(), "%s\n== date: %s\n== headline: %s\n== debuggable: %s\n== hwlevel: %s\n%s\n", kRule.c_str(),
-            LocalTime("%Y-%m-%d %H:%M:%S").c_str(), headline.c_str(), base::GetProperty("ro.debuggable", "0").c_str(),
-            base::GetProperty("ro.boot.hwlevel", "unkown").c_str(), kRule.c_str());
-    return true;
+bool CaptureFile::StillInPlace(int dirFd, const std::string& logDir) {
+    const base::unique_fd now(
+        open(WithoutTrailingSlashes(logDir).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat found, held;
+    return now.ok() && fstat(now.get(), &found) == 0 && fstat(dirFd, &held) == 0 && found.st_dev == held.st_dev &&
+           found.st_ino == held.st_ino;
 }
 
+bool CaptureFile::WriteHeader(int fd, const std::string& path, const std::string& headline) {
+    return WriteAll(fd, path,
+                    base::StringPrintf("%s\n== date: %s\n== headline: %s\n== debuggable: %s\n== hwlevel: %s\n%s\n",
+                                       kRule.c_str(), LocalTime("%Y-%m-%d %H:%M:%S").c_str(), headline.c_str(),
+                                       base::GetProperty("ro.debuggable", "0").c_str(),
+                                       base::GetProperty("ro.boot.hwlevel", "unkown").c_str(), kRule.c_str()));
+}
+
+void CaptureFile::Append(int fd, const std::string& path, const std::string& text) { WriteAll(fd, path, text); }
+
 void CaptureFile::WriteDateHeader(const std::string& path) {
-    ScopedFile file(fopen(path.c_str(), "ae"));
+    ScopedFile file(OpenForAppend(path));
     if (!file) {
         ALOGE("failed to open %s :%s", path.c_str(), strerror(errno));
         return;
@@ -182,7 +285,7 @@ void CaptureFile::WriteDateHeader(const std::string& path) {
 }
 
 void CaptureFile::Append(const std::string& path, const std::string& text) {
-    ScopedFile file(fopen(path.c_str(), "ae"));
+    ScopedFile file(OpenForAppend(path));
     if (!file) {
         ALOGE("failed to open log file %s :%s", path.c_str(), strerror(errno));
         return;

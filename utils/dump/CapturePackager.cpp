@@ -163,7 +163,22 @@ void SetOwnerAndMode(const std::string& path, uid_t owner, mode_t mode) {
     if (fchownat(AT_FDCWD, path.c_str(), owner, kSystemUid, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
         ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
     }
-    fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+    // On a link this fails (EOPNOTSUPP): its target keeps its mode.
+    if (fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
+        ALOGD("chmod %s failed: %s", path.c_str(), strerror(errno));
+    }
+}
+
+// A link planted where an archive goes would have the archive written
+// through it: it is removed, as a link and nothing more.
+void RemoveLinkAt(const std::string& path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return;
+    if (unlink(path.c_str()) == 0) {
+        ALOGW("removed the link at %s, not written through", path.c_str());
+    } else {
+        ALOGE("failed to remove the link at %s: %s", path.c_str(), strerror(errno));
+    }
 }
 
 // Packed native-crash files go, unless a test build or a developer keeps
@@ -215,7 +230,9 @@ void CopyToLocalRecord(const std::string& zipPath) {
         return;
     }
     SetOwnerAndMode(recordDir, kSystemUid, 0777);
-    const std::string params = "-p," + zipPath + "," + recordDir;
+    // --remove-destination: a link planted at the copy's name in this
+    // world-writable directory is replaced, never written through.
+    const std::string params = "-p,--remove-destination," + zipPath + "," + recordDir;
     CmdTool::run_command_lite("cp", params.c_str(), kLocalRecordCopySeconds);
     ALOGE("copy %s", zipPath.c_str());
 }
@@ -326,10 +343,13 @@ int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<
         observer = CompressObserverStore();
     }
     if (observer) observer(timeout);
+    RemoveLinkAt(zipPath);
     const int result = CompressWithTimeout(zipPath, path, files, timeout);
 
     if (hasGbg) {
-        const std::string params = zipPath + "," + zipPath + ".mtk";
+        // -T: a link to a directory planted at the new name is replaced,
+        // not taken for a directory to move the archive into.
+        const std::string params = "-T," + zipPath + "," + zipPath + ".mtk";
         CmdTool::run_command_lite("mv", params.c_str(), timeout);
         zipPath += ".mtk";
     }

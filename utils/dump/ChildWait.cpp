@@ -48,8 +48,14 @@ ChildWait::Result ChildWait::Wait(int timeoutSeconds, int* status, int* savedErr
     int localErrno = 0;
     if (status == nullptr) status = &localStatus;
     if (savedErrno == nullptr) savedErrno = &localErrno;
+    // A negative time cannot be waited for: it fails as the timed wait of
+    // the runners always failed on it, not as a time-out that came at once.
+    if (timeoutSeconds < 0) {
+        *savedErrno = EINVAL;
+        return kWaitFailed;
+    }
     const int64_t deadline =
-        MonotonicMs() + (timeoutSeconds > 0 ? static_cast<int64_t>(timeoutSeconds) * 1000 : 0);
+        MonotonicMs() + static_cast<int64_t>(timeoutSeconds) * 1000;
 
     if (!pidfd_.ok()) {
         // No pidfd (an old kernel, or no descriptor left): look at the one

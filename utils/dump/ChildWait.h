@@ -29,8 +29,9 @@ public:
 
     pid_t pid() const { return pid_; }
 
-    // Waits up to `timeoutSeconds` (0 or less: only looks) for the child to
-    // end and reaps it. `status` (a wait status) and `savedErrno` may be null.
+    // Waits up to `timeoutSeconds` (0: only looks) for the child to end and
+    // reaps it. A negative time is kWaitFailed with EINVAL. `status` (a wait
+    // status) and `savedErrno` may be null.
     Result Wait(int timeoutSeconds, int* status, int* savedErrno);
     // Wait, reported as the runners' waitpid_with_timeout report it: true
     // when reaped; false with errno ETIMEDOUT when the time ran out; any

@@ -35,7 +35,9 @@ bool CmdTool::waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* stat
 }
 
 int CmdTool::run_command_lite(const char* program, const char* params, int timeoutSeconds) {
-    if (program == nullptr || program[0] == '\0') {
+    // An empty name is run like any other, and fails at exec as a missing
+    // tool does.
+    if (program == nullptr) {
         ALOGE(CMDTOOL "*** no program to run\n");
         return -1;
     }

@@ -12,12 +12,14 @@ namespace android {
 class CmdTool {
 public:
     // 0 when the child was reaped within `timeoutSeconds`, whatever its exit
-    // status; -1 on time-out, wait error or fork failure.
+    // status; -1 on time-out, wait error (a negative time-out is one) or fork
+    // failure. An empty program fails at exec, as a missing one does.
     static int run_command_lite(const char* program, const char* params, int timeoutSeconds);
     static int run_command_lite(String16 program, String16 params, int timeoutSeconds);
 
     // True when `pid` was reaped within the time (status stored when not
-    // null); false otherwise, errno ETIMEDOUT when the time ran out.
+    // null); false otherwise, errno ETIMEDOUT when the time ran out and
+    // EINVAL (logged) for a negative time.
     static bool waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* status);
 };
 

@@ -70,6 +70,21 @@ struct iovec Piece(const char* text) {
     return {const_cast<char*>(text), strlen(text)};
 }
 
+// Where the result lines go: a copy of the capture's descriptor, else the
+// capture file opened by name, never through a link in its place.
+FILE* OpenForResult(int logFd, const char* logPath) {
+    const int fd = logFd >= 0 ? fcntl(logFd, F_DUPFD_CLOEXEC, 0)
+                              : open(logPath, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (fd < 0) return nullptr;
+    FILE* file = fdopen(fd, "a");
+    if (file == nullptr) {
+        const int saved = errno;
+        close(fd);
+        errno = saved;
+    }
+    return file;
+}
+
 }  // namespace
 
 bool CommandRunner::TestMode() { return gTestMode.load(std::memory_order_relaxed); }
@@ -97,7 +112,8 @@ bool CommandRunner::WaitWithTimeout(pid_t pid, int timeoutSeconds, int* status) 
 }
 
 void CommandRunner::RedirectOutput(const char* path) {
-    int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+    // A link planted at the capture's name must not take the tool's output.
+    int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
     // Power-off captures must be on disk before the power goes.
     if (strstr(path, "dumpsys_by_power") != nullptr) flags |= O_SYNC;
     const int fd = TEMP_FAILURE_RETRY(open(path, flags, 0644));
@@ -115,6 +131,11 @@ void CommandRunner::RedirectOutput(const char* path) {
 }
 
 void CommandRunner::Run(const std::vector<std::string>& args, const char* logPath, int timeoutSeconds) {
+    RunInto(args, -1, logPath, timeoutSeconds);
+}
+
+void CommandRunner::RunInto(const std::vector<std::string>& args, int logFd, const char* logPath,
+                            int timeoutSeconds) {
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
     if (args.empty() || logPath == nullptr) {
@@ -144,7 +165,14 @@ void CommandRunner::Run(const std::vector<std::string>& args, const char* logPat
         return;
     }
     if (pid == 0) {
-        RedirectOutput(logPath);
+        if (logFd < 0) {
+            RedirectOutput(logPath);
+        } else {
+            // The capture's own descriptor: its directory is not looked up
+            // again, so it cannot have been swapped for a link meanwhile.
+            TEMP_FAILURE_RETRY(dup2(logFd, STDOUT_FILENO));
+            TEMP_FAILURE_RETRY(dup2(logFd, STDERR_FILENO));
+        }
         // Output goes straight to the descriptors (no stdio buffers), so
         // nothing is left unflushed when exec replaces the image.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -182,7 +210,7 @@ void CommandRunner::Run(const std::vector<std::string>& args, const char* logPat
     const int waitErrno = errno;
     const double elapsed = ChildWait::SecondsSince(start);
 
-    std::unique_ptr<FILE, FileCloser> log(fopen(logPath, "ae+"));
+    std::unique_ptr<FILE, FileCloser> log(OpenForResult(logFd, logPath));
     if (!log) {
         ALOGE("Open log file failed. err: %s. log path: %s\n", strerror(errno), logPath);
         // The child must not outlive its time even when its result has

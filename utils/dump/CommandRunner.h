@@ -22,10 +22,14 @@ public:
     // its output and a result line to `logPath`. `timeoutSeconds` below 1
     // means the default.
     static void Run(const std::vector<std::string>& args, const char* logPath, int timeoutSeconds);
+    // Run into the open capture file `logFd` (opened for appending); the
+    // file is not looked up by name again. `logPath` names it in log lines.
+    static void RunInto(const std::vector<std::string>& args, int logFd, const char* logPath, int timeoutSeconds);
     // True when `pid` (a child of this process) was reaped within the time;
     // false otherwise, errno ETIMEDOUT when the time ran out.
     static bool WaitWithTimeout(pid_t pid, int timeoutSeconds, int* status);
-    // In the child only: makes `path` standard output and standard error.
+    // In the child only: makes `path` standard output and standard error
+    // (a link at `path` is refused).
     static void RedirectOutput(const char* path);
 
     // The process-wide test-mode flag: set the first time a run finds a test

@@ -73,10 +73,10 @@ protected:
     }
     void DumpAll(const std::string& type, const std::string& headline, Vector<String16> actions,
                  Vector<String16> params, bool offline, int id = -1, bool useId = false,
-                 Vector<String16> files = {}) {
+                 Vector<String16> files = {}, const std::string& whereText = "") {
         String16 type16 = String16FromUtf8(type);
         String16 headline16 = String16FromUtf8(headline);
-        String16 where;
+        String16 where = String16FromUtf8(whereText);
         CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, false);
         files_ = files;
     }
@@ -87,6 +87,16 @@ protected:
     CountingClock clock_;
     Vector<String16> files_;
 };
+
+bool IsLink(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+mode_t ModeOf(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
 
 const char kAnrStart[] = "==================Start Get data/anr log for BootMonitor======================\n";
 
@@ -321,6 +331,13 @@ TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildNewestFirst) {
     CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap2", actions);
     EXPECT_EQ(RunShell("unzip -Z1 '" + Path("/data/x/cap2.zip") + "' | sort"), "system/uiderrors.txt\nx/cap2\n");
     EXPECT_FALSE(log.HasLine(kAnrStart));
+    // Leading zeros do not make the stamp octal.
+    for (const auto& [stamp, allowed] : {std::pair<const char*, bool>{"0010799999", true}, {"0010800000", false}}) {
+        android::base::SetProperty("sys.service.watchdog.timestamp", stamp);
+        log.Clear();
+        CaptureLogUtil::dump_for_actions("/data/x", "/data/x/cap4", actions);
+        EXPECT_EQ(log.HasLine(kAnrStart), allowed) << stamp;
+    }
     // So does a stamp that is not a number, and one that is missing.
     for (const char* stamp : {"1e6", " 42", ""}) {
         android::base::SetProperty("sys.service.watchdog.timestamp", stamp);
@@ -343,4 +360,137 @@ TEST_F(CaptureDumpsTest, DumpByPowerRunsOnlyWhitelistedActions) {
                             ANDROID_LOG_ERROR));
     EXPECT_TRUE(CaptureLogUtil::isSupportAction("logc"));
     EXPECT_FALSE(CaptureLogUtil::isSupportAction("rm"));
+}
+
+TEST_F(CaptureDumpsTest, RefusesTypesThatAreNotPlainDirectoryNames) {
+    RunShell("mkdir -p '" + Path("/mnt/rescue/dorva") + "'");
+    platform::LogCapture log;
+    for (const std::string type : {"../x", "", ".", "..", "a/b"}) {
+        DumpAll(type, "h", List({"ps"}), List({""}), false);
+        EXPECT_EQ(ExactLines(log, "Refusing capture: type '" + type + "' is not a plain directory name", "dorvad",
+                             ANDROID_LOG_ERROR),
+                  1u)
+            << type;
+    }
+    EXPECT_EQ(Names("/data/dorva"), "");
+    EXPECT_EQ(Names("/data"), "anr\ndorva\nsystem\n");  // no "x", no "a"
+    EXPECT_EQ(log.Count("dump_all path"), 0u);
+}
+
+TEST_F(CaptureDumpsTest, WhereMustBeAnExistingDirectoryOnTheCapturePartitions) {
+    RunShell("mkdir -p '" + Path("/data/x") + "' '" + Path("/etc") + "' '" + Path("/mnt/rescue/dorva") + "' '" +
+             Path("/cache") + "'");
+    tarnis_test::TempDir outside;
+    ASSERT_EQ(chmod(outside.path().c_str(), 0700), 0);
+    ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/out").c_str()), 0);
+    platform::LogCapture log;
+    // Out by "..", by a link, not there at all, not a device path; and the
+    // rescue-party base may not be left out.
+    const std::vector<std::pair<std::string, std::string>> refused{
+        {"anr", "/data/../../etc/"}, {"anr", "/data/out/"},       {"anr", "/data/none/"},
+        {"anr", "data/x/"},          {"RescuePartyLog", ""},      {"BootFailure", "/data/x/../../etc"},
+        {"RescuePartyLog", "/data/out"}};
+    for (const auto& [type, where] : refused) {
+        DumpAll(type, "h", List({"do_dumpheap"}), List({""}), false, -1, false, {}, where);
+        EXPECT_EQ(ExactLines(log,
+                             "Refusing capture: where '" + where +
+                                 "' is not a directory on the data, rescue or cache partition",
+                             "dorvad", ANDROID_LOG_ERROR),
+                  1u)
+            << type << " " << where;
+    }
+    EXPECT_EQ(Names("/data/dorva"), "");
+    EXPECT_EQ(Names("/etc"), "");
+    EXPECT_EQ(RunShell("ls -A '" + outside.path() + "'"), "");
+    EXPECT_EQ(ModeOf(outside.path()), 0700u);
+    EXPECT_EQ(log.Count("dump_all path"), 0u);
+
+    // Inside, ".." and all, the archive goes there; the rescue partition takes
+    // rescue-party captures.
+    DumpAll("anr", "h", List({"do_dumpheap"}), List({""}), false, -1, false, {}, "/data/dorva/../x/");
+    EXPECT_TRUE(std::regex_match(Names("/data/x"), std::regex("null_anr_h_host_42_[0-9]+_-?[0-9]+\\.zip\n")))
+        << Names("/data/x");
+    DumpAll("RescuePartyLog", "h", List({"do_dumpheap"}), List({""}), true, -1, false, {}, "/mnt/rescue/dorva");
+    EXPECT_EQ(Names("/mnt/rescue/dorva/RescuePartyLog/offline"), "RescuePartyLog_h_0.zip\n");
+    EXPECT_EQ(log.Count("Refusing"), refused.size());
+}
+
+TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrough) {
+    tarnis_test::TempDir outside;
+    const std::string victim = outside.Sub("victim");
+    WriteFile(victim, "precious");
+    ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
+    const std::string offline = Path("/data/dorva//anr/offline");
+    RunShell("mkdir -p '" + offline + "'");
+    platform::LogCapture log;
+
+    // At the next offline capture's own name: refused, not opened.
+    ASSERT_EQ(symlink(victim.c_str(), (offline + "/anr_h_0").c_str()), 0);
+    DumpAll("anr", "h", List({"ps"}), List({""}), true);
+    EXPECT_TRUE(log.HasLine("failed to open tombstone file '" + offline + "/anr_h_0': File exists\n", "dorvad",
+                            ANDROID_LOG_ERROR));
+    EXPECT_EQ(ReadFile(victim), "precious");
+
+    // At its archive's name: the link goes, the archive takes its place.
+    unlink((offline + "/anr_h_0").c_str());
+    ASSERT_EQ(symlink(victim.c_str(), (offline + "/anr_h_0.zip").c_str()), 0);
+    DumpAll("anr", "h", List({"ps"}), List({""}), true);
+    EXPECT_EQ(ReadFile(victim), "precious");
+    EXPECT_EQ(ModeOf(victim), 0600u);
+    EXPECT_FALSE(IsLink(offline + "/anr_h_0.zip"));
+    EXPECT_EQ(RunShell("unzip -Z1 '" + offline + "/anr_h_0.zip'"), "offline/anr_h_0\n");
+
+    // In the place of a log directory, or of a type directory: refused, and
+    // the directory pointed to keeps its mode and stays empty.
+    const std::string elsewhere = outside.Sub("dir");
+    ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
+    RunShell("mkdir -p '" + Path("/data/dorva/je") + "'");
+    ASSERT_EQ(symlink(elsewhere.c_str(), Path("/data/dorva/je/online").c_str()), 0);
+    ASSERT_EQ(symlink(elsewhere.c_str(), Path("/data/dorva/ne").c_str()), 0);
+    log.Clear();
+    DumpAll("je", "h", List({"ps"}), List({""}), false);
+    DumpAll("ne", "h", List({"ps"}), List({""}), false);
+    EXPECT_TRUE(log.HasLine("failed to create dir " + Path("/data/dorva//je/online") +
+                                " :a symbolic link is in its place",
+                            "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.HasLine("failed to create log dir " + Path("/data/dorva//ne") + " :a symbolic link is in its place",
+                            "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_EQ(RunShell("ls -A '" + elsewhere + "'"), "");
+    EXPECT_EQ(ModeOf(elsewhere), 0700u);
+    EXPECT_EQ(log.Count("dump_all path"), 0u);
+}
+
+// The online directory renamed away while the capture runs, and a link
+// planted under its name: what is still written goes to the capture, and
+// nothing is packed from or written into the link's target.
+TEST_F(CaptureDumpsTest, LogDirectorySwappedForALinkMidCapture) {
+    tarnis_test::TempDir outside;
+    const std::string online = Path("/data/dorva//anr/online");
+    FakeDumpstate server(true, [&](const std::string&) {
+        EXPECT_EQ(rename(online.c_str(), (online + ".moved").c_str()), 0);
+        EXPECT_EQ(symlink(outside.path().c_str(), online.c_str()), 0);
+        return std::string();
+    });
+    platform::LogCapture log;
+    DumpAll("anr", "h", List({"tarnbugreport", "ps"}), List({"full", "-o,pid"}), false);
+    server.Request();
+    const std::string path = LineMatching(log, "dump_all path = (.*)").substr(strlen("dump_all path = "));
+    const std::string name = path.substr(path.find_last_of('/') + 1);
+    EXPECT_TRUE(log.HasLine("Refusing to pack " + path + ": its directory was moved", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_EQ(RunShell("ls -A '" + outside.path() + "'"), "");
+    EXPECT_NE(ReadFile(online + ".moved/" + name).find("------ (ps -o pid) in 1s ------\n"), std::string::npos);
+}
+
+// An empty action is in the whitelist (it occurs in any string) and fails
+// as a missing tool does.
+TEST_F(CaptureDumpsTest, EmptyActionRunsAndFailsAtExec) {
+    EXPECT_TRUE(CaptureLogUtil::isSupportAction(""));
+    DumpAll("hangTemp", "h", List({""}), List({""}), false);
+    const std::string dir = "/data/dorva//hangTemp/online";
+    const std::string name = Names(dir);
+    ASSERT_FALSE(name.empty());
+    const std::string text = ReadFile(Path(dir + "/" + name.substr(0, name.size() - 1)));
+    EXPECT_TRUE(std::regex_search(text, std::regex("------ \\(\\) in 1s ------\n\\*\\*\\* exec\\(\\): No such file or "
+                                                   "directory\n\\*\\*\\* : Exit code 255, [0-9]+\n")))
+        << text;
 }

@@ -206,6 +206,21 @@ TEST_F(CapturePackagerTest, OfflineDatabaseAndLocalRecordCopies) {
     EXPECT_TRUE(log.HasLine("copy " + Path("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789.zip"), "dorvad",
                             ANDROID_LOG_ERROR));
 
+    // A link planted at the local record's name is replaced, not written
+    // through.
+    const std::string victim = root_.Sub("victim");
+    WriteFile(victim, "precious");
+    const std::string record = Path("/data/nuvilog/stability/reboot/7_ne_head_dev_inc_123_456_789.zip");
+    ASSERT_EQ(unlink(record.c_str()), 0);
+    ASSERT_EQ(symlink(victim.c_str(), record.c_str()), 0);
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789", nullptr, nullptr,
+                                          5, true),
+              0);
+    EXPECT_EQ(ReadFile(victim), "precious");
+    struct stat st;
+    ASSERT_EQ(lstat(record.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+
     // A name with too few fields is skipped, never read past its end.
     Make("/data/dorva/ne/online/short_name");
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/short_name", nullptr, nullptr, 5, false), 0);

@@ -118,3 +118,37 @@ TEST_F(CmdToolTest, TimedOutChildIgnoringSigtermIsKilledAfterTheGrace) {
                            platform::DefaultLogTag(), ANDROID_LOG_ERROR),
               "");
 }
+
+// A negative time-out fails as a failed wait does, and still ends the child;
+// 0 stays a time-out that comes at once.
+TEST_F(CmdToolTest, NegativeTimeoutIsAWaitErrorNotATimeout) {
+    const std::string tag = platform::DefaultLogTag();
+    platform::LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", -1), -1);
+    EXPECT_LT(SecondsSince(start), 1.9);
+    EXPECT_TRUE(log.HasLine("dorvad cmdtool *** sigtimedwait failed: Invalid argument\n", tag, ANDROID_LOG_ERROR));
+    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: Error after 0\\.[0-9]{4}s \\(killing pid [0-9]+\\)\n", tag,
+                           ANDROID_LOG_ERROR),
+              "");
+    EXPECT_EQ(log.Count("Timed out"), 0u);
+    EXPECT_EQ(log.Count("Cannot kill"), 0u);
+
+    log.Clear();
+    EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", 0), -1);
+    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: Timed out after 0\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n",
+                           tag, ANDROID_LOG_ERROR),
+              "");
+    EXPECT_EQ(log.Count("sigtimedwait"), 0u);
+}
+
+// An empty program is no refusal of its own: it goes to exec like any name.
+TEST_F(CmdToolTest, EmptyProgramFailsAtExec) {
+    const std::string tag = platform::DefaultLogTag();
+    platform::LogCapture log;
+    StderrToFile err(root_.Sub("stderr"));
+    EXPECT_EQ(CmdTool::run_command_lite("", "x", 5), 0);
+    EXPECT_TRUE(ChildLogged(err.Take(), 'E', "dorvad cmdtool *** exec(): No such file or directory"));
+    EXPECT_TRUE(log.HasLine("dorvad cmdtool *** : Exit code 255\n", tag, ANDROID_LOG_ERROR));
+    EXPECT_EQ(CmdTool::run_command_lite(static_cast<const char*>(nullptr), "", 5), -1);
+}

@@ -211,3 +211,23 @@ TEST_F(CommandRunnerTest, CapturesListTheSandboxProperties) {
     EXPECT_NE(text.find("------ (getprop ro.product.device) in 5s ------\nsandboxed\n[getprop: "), std::string::npos)
         << text;
 }
+
+TEST_F(CommandRunnerTest, NegativeTimeoutOfTheWaitIsAnError) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        for (;;) pause();
+    }
+    ASSERT_GT(pid, 0);
+    platform::LogCapture log;
+    int status = 0;
+    errno = 0;
+    EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(pid, -1, &status));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(log.HasLine("*** sigtimedwait failed: Invalid argument\n", "dorvad", ANDROID_LOG_ERROR));
+    errno = 0;
+    EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(pid, 0, &status));
+    EXPECT_EQ(errno, ETIMEDOUT);
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(CaptureLogUtil::waitpid_with_timeout(pid, 5, &status));
+    EXPECT_EQ(log.Count("sigtimedwait"), 1u);
+}
