@@ -24,11 +24,13 @@
 #include <log/log.h>
 
 #include "utils/dump/BuildProbes.h"
+#include "utils/dump/CaptureFile.h"
 #include "utils/dump/CmdTool.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
 #include "utils/ZipFile.h"
 
 namespace android {
@@ -148,11 +150,17 @@ bool IsWritableDir(const std::string& path) {
 }
 
 // Beside the capture, unless `where` names a writable directory with its
-// final slash.
+// final slash on the partitions captures belong on.
 std::string ArchivePath(const std::string& path, const char* rawWhere) {
-    if (rawWhere != nullptr) {
-        const std::string where = paths::Get(rawWhere);
-        if (!where.empty() && where.back() == '/' && IsWritableDir(where)) return where + FileNameOf(path) + ".zip";
+    if (rawWhere != nullptr && rawWhere[0] != '\0') {
+        const std::string resolved = CaptureFile::ResolveWhere(rawWhere);
+        if (resolved.empty()) {
+            ALOGE("archive of %s goes beside it: %s is not a directory on the data, rescue or cache partition",
+                  path.c_str(), velmar::kolto::StringUtil::ForLog(rawWhere).c_str());
+            return path + ".zip";
+        }
+        const std::string where = paths::Get(resolved);
+        if (where.back() == '/' && IsWritableDir(where)) return where + FileNameOf(path) + ".zip";
     }
     return path + ".zip";
 }

@@ -80,6 +80,12 @@ TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
     EXPECT_TRUE(Exists(Path("/data/dorva/ne/online/cap.zip")));
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/none/", nullptr, 5, false), 0);
     EXPECT_EQ(Entries(Path("/data/dorva/ne/online/cap.zip")), "cap\n");
+    // So does one off the capture partitions, writable or not.
+    RunShell("mkdir -p '" + Path("/etc") + "'");
+    unlink(Path("/data/dorva/ne/online/cap.zip").c_str());
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/../etc/", nullptr, 5, false), 0);
+    EXPECT_TRUE(Exists(Path("/data/dorva/ne/online/cap.zip")));
+    EXPECT_EQ(RunShell("ls -A '" + Path("/etc") + "'"), "");
 
     // Outside the online directories the capture keeps its parent as well.
     Make("/data/other/cap2");
