@@ -83,21 +83,21 @@ std::string WithoutTrailingSlashes(std::string path) {
 // "." and ".." of a device path resolved by their names alone, as the
 // device would from "/": ".." at the top stays there.
 std::string Normalize(const std::string& path) {
-    std::vector<std::string> parts;
+    std::vector<std::string> names;
     size_t begin = 0;
     while (begin <= path.size()) {
         size_t end = path.find('/', begin);
         if (end == std::string::npos) end = path.size();
-        const std::string part = path.substr(begin, end - begin);
-        if (part == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!part.empty() && part != ".") {
-            parts.push_back(part);
+        const std::string name = path.substr(begin, end - begin);
+        if (name == "..") {
+            if (!names.empty()) names.pop_back();
+        } else if (!name.empty() && name != ".") {
+            names.push_back(name);
         }
         begin = end + 1;
     }
     std::string clean;
-    for (const std::string& part : parts) clean += "/" + part;
+    for (const std::string& name : names) clean += "/" + name;
     if (clean.empty()) return "/";
     if (path.back() == '/') clean += "/";
     return clean;
