@@ -236,10 +236,18 @@ TEST(DaemonTest, ACaptureOrderedFromAShellEndsAsAZip) {
     EXPECT_NE(text.find("------ (getprop ro.product.device) in "), std::string::npos) << text;
     EXPECT_NE(text.find("s ------\nhost\n[getprop: "), std::string::npos) << text;
 
+    // A type that is not a plain name is refused and nothing is made.
+    const std::string refused = RunShell(Ctl(root) + " capture ../x h --action getprop 2>&1", &status);
+    EXPECT_EQ(status, 1) << refused;
+    EXPECT_NE(access(root.Sub("data/x").c_str(), F_OK), 0);
+    EXPECT_NE(access(root.Sub("data/dorva/x").c_str(), F_OK), 0);
+
     kill(daemon, SIGTERM);
     waitpid(daemon, nullptr, 0);
     const std::string log = ReadFile(root.Sub("err"));
     EXPECT_NE(log.find(" I tarnisd : Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager..."),
               std::string::npos)
+        << log;
+    EXPECT_NE(log.find(" E dorvad  : Refusing capture: type '../x' is not a plain directory name"), std::string::npos)
         << log;
 }

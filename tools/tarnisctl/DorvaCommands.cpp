@@ -19,6 +19,7 @@
 #include <utils/Unicode.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
+#include "utils/Paths.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 // The commands of the native daemon service (IDorvaNative): captures,
@@ -30,6 +31,7 @@ namespace {
 using android::String16;
 using android::Utf8ToUtf16;
 using nuvi::dorva::IDorvaNative;
+namespace paths = velmar::kolto::paths;
 
 // A capture's compression alone may take 600 s on the daemon's side.
 constexpr int kCaptureCallMs = 700 * 1000;
@@ -174,8 +176,8 @@ int Capture(const std::vector<std::string>& args) {
         dirs.push_back(platform::DevicePath(where));
         dirs.push_back(platform::DevicePath(where) + "/" + type + leaf);
     }
-    dirs.push_back(platform::DevicePath("/data/dorva/" + type + leaf));
-    dirs.push_back(platform::DevicePath("/data/nuvilog/stability/reboot"));
+    dirs.push_back(paths::Get(std::string(paths::kDorvaDir) + type + leaf));
+    dirs.push_back(paths::Get(paths::kLocalRecordDir));
     Found best;
     for (const std::string& dir : dirs) FindArchive(dir, mark, start, &best);
     if (best.path.empty()) {
