@@ -347,6 +347,7 @@ private:
     dev_t archiveDev_ = 0;
     ino_t archiveIno_ = 0;
     // The entry being written.
+    std::string entryName_;
     bool entryOpen_ = false;
     bool entryFailed_ = false;
     uLong crc_ = 0;
@@ -562,6 +563,7 @@ void Packer::WriteFront() {
     if (step.opens) {
         // Opened only now, with its first block deflated: the entry's date
         // is when it is written, and zlib has told whether it is text.
+        entryName_ = step.name;
         entryOpen_ = OpenEntry(zip_, step.name, true, block.dataType == Z_TEXT);
         entryFailed_ = !entryOpen_;
         crc_ = crc32(0L, Z_NULL, 0);
@@ -571,7 +573,7 @@ void Packer::WriteFront() {
         if (zipWriteInFileInZip(zip_, block.out.get(), static_cast<unsigned>(block.outSize)) !=
             ZIP_OK) {
             ALOGW("[%s] Could not write data to zip for path: %s", "AddFileContentToZip",
-                  step.name.c_str());
+                  entryName_.c_str());
             entryFailed_ = true;
         }
         crc_ = crc32_combine(crc_, block.crc, static_cast<z_off_t>(block.inSize));
