@@ -287,7 +287,11 @@ public:
 };
 
 // The CPU time of the whole process, so that the deflate workers count.
-BENCHMARK(BM_ZipFile)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->Iterations(1);
+BENCHMARK(BM_ZipFile)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime()
+    ->Iterations(1);
 BENCHMARK(BM_InfoZip)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 BENCHMARK(BM_RawDeflate)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 

@@ -326,7 +326,8 @@ private:
 
     void Walk(int dirFd, const std::string& dir);
     void PackFile(int dirFd, const char* openName, const std::string& path, std::string name);
-    void ReadBlocks(int fd, const struct stat& st, const std::string& path, const std::string& name);
+    void ReadBlocks(int fd, const struct stat& st, const std::string& path,
+                    const std::string& name);
     std::shared_ptr<Block> NewBlock(off_t remaining, const Block* previous);
     ReadResult Fill(int fd, Block& block, const std::string& path);
     void Submit(std::shared_ptr<Block> block, const std::string& path, const std::string& name,
@@ -497,7 +498,9 @@ std::shared_ptr<Block> Packer::NewBlock(off_t remaining, const Block* previous) 
         remaining >= 0 ? std::min<size_t>(kBlockSize, static_cast<size_t>(remaining) + 1)
                        : kBlockSize;
     size_t window = 0;
-    if (previous != nullptr) window = std::min(kWindowSize, previous->window.size() + previous->inSize);
+    if (previous != nullptr) {
+        window = std::min(kWindowSize, previous->window.size() + previous->inSize);
+    }
     const size_t charge = capacity + window + OutputRoom(capacity);
     while (inFlight_ + charge > budget_ && !steps_.empty()) WriteFront();
     inFlight_ += charge;

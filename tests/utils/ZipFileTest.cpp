@@ -244,8 +244,8 @@ TEST_F(ZipFileTest, FilesOfManyBlocksRoundTripExactly) {
     EXPECT_TRUE(byName["b.bin"]->content == binary_);
     const std::string archive = tmp_.Sub("out.zip");
     EXPECT_EQ(RunShell("unzip -tqq " + archive + " >/dev/null 2>&1; echo $?"), "0\n");
-    EXPECT_EQ(RunShell("python3 -c 'import sys, zipfile; print(zipfile.ZipFile(sys.argv[1]).testzip())' " +
-                       archive),
+    EXPECT_EQ(RunShell("python3 -c 'import sys, zipfile; "
+                       "print(zipfile.ZipFile(sys.argv[1]).testzip())' " + archive),
               "None\n");
 }
 
