@@ -7,7 +7,7 @@ cd "$(dirname "$0")"
 scripts/install-deps.sh || exit 1
 
 # Suites whose threads ThreadSanitizer checks.
-TSAN_SUITES="framework;binder"
+TSAN_SUITES="framework;binder;utils"
 JOBS=$(nproc)
 passed=0
 failed=0

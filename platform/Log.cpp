@@ -34,6 +34,13 @@ std::atomic<bool> gInForkChild{false};
 
 void MarkForkChild() { gInForkChild.store(true, std::memory_order_relaxed); }
 
+// A child that borrows its parent's memory (vfork style) runs on the parent
+// thread's thread-local storage: this flag marks that thread while the child
+// runs in it, and the parent clears it once the child has gone.
+thread_local bool tSpawnedChild = false;
+
+bool InChild() { return gInForkChild.load(std::memory_order_relaxed) || tSpawnedChild; }
+
 struct ForkWatcher {
     ForkWatcher() { pthread_atfork(nullptr, nullptr, MarkForkChild); }
 };
@@ -81,7 +88,7 @@ char PrioLetter(int prio) {
 }
 
 long LocalOffset(time_t now) {
-    if (!gInForkChild.load(std::memory_order_relaxed)) {
+    if (!InChild()) {
         long readAt = gGmtOffsetReadAt.load(std::memory_order_relaxed);
         if (readAt < 0 || now - readAt >= 60 || now < readAt) {
             struct tm local;
@@ -124,7 +131,7 @@ void Emit(int prio, const char* tag, const char* text) {
     if (text == nullptr) text = "";
     const int savedErrno = errno;
 
-    if (!gInForkChild.load(std::memory_order_relaxed)) {
+    if (!InChild()) {
         std::lock_guard<std::mutex> guard(CapturesLock());
         for (LogCapture* capture : Captures()) capture->Append(prio, tag, text);
     }
@@ -234,6 +241,11 @@ void LogCapture::Clear() {
     lines_.clear();
 }
 
+namespace host {
+
+void MarkSpawnedChild(bool inChild) { tSpawnedChild = inChild; }
+
+}  // namespace host
 }  // namespace platform
 
 extern "C" int __android_log_write(int prio, const char* tag, const char* text) {

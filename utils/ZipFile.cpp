@@ -293,8 +293,8 @@ enum class ReadResult { kMore, kEnd, kFailed };
 // and room is needed for more.
 class Packer {
 public:
-    Packer(zipFile zip, int tailDepth, const std::string& archive)
-        : zip_(zip), tailDepth_(tailDepth), pool_(WorkerCount()),
+    Packer(zipFile zip, int tailDepth, const std::string& archive, unsigned workers)
+        : zip_(zip), tailDepth_(tailDepth), pool_(workers),
           budget_(pool_.workers() * kBytesInFlightPerWorker) {
         struct stat st {};
         if (lstat(archive.c_str(), &st) == 0) {
@@ -758,8 +758,23 @@ bool ZipFile::AddFileContentToZip(const std::string& path) {
     }
 }
 
+// Threads for the pending paths: none when they are a few small files (a
+// capture's text, say), which take less time to deflate than threads take to
+// start and end; the pool's usual number otherwise.
+unsigned WorkersFor(const std::vector<std::string>& paths) {
+    uint64_t total = 0;
+    for (const std::string& path : paths) {
+        struct stat st {};
+        if (lstat(path.c_str(), &st) != 0) continue;
+        if (!S_ISREG(st.st_mode)) return WorkerCount();
+        total += static_cast<uint64_t>(st.st_size);
+        if (total > kBlockSize) return WorkerCount();
+    }
+    return 0;
+}
+
 bool ZipFile::FlushFilesIfNeeded() {
-    Packer packer(static_cast<zipFile>(handle_), tailDepth_, tempPath_);
+    Packer packer(static_cast<zipFile>(handle_), tailDepth_, tempPath_, WorkersFor(pendingPaths_));
     size_t taken = 0;
     while (!pendingPaths_.empty()) {
         const size_t count = std::min(kBatchSize, pendingPaths_.size());

@@ -14,6 +14,7 @@
 
 #include <log/log.h>
 
+#include "utils/dump/ChildSpawn.h"
 #include "utils/dump/ChildWait.h"
 #include "utils/StringUtil.h"
 
@@ -26,6 +27,37 @@ namespace {
 constexpr size_t kParamBufferSize = 1024;
 constexpr size_t kArgSlots = 1024;
 constexpr size_t kMaxParams = kArgSlots - 2;
+
+// What the child needs, made before it starts: it may not allocate or take
+// a lock.
+struct LiteChild {
+    const char* program;
+    char* const* argv;
+    bool tooLong;
+    size_t paramLength;
+    const char* paramsForLog;
+};
+
+int RunLiteChild(void* raw) {
+    const LiteChild* plan = static_cast<const LiteChild*>(raw);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    signal(SIGPIPE, SIG_IGN);
+    // The tool must be stoppable with SIGTERM whatever the daemon blocks.
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (plan->tooLong) {
+        ALOGE(CMDTOOL "*** param too long: %zu bytes\n", plan->paramLength);
+        ExitChild(-1);
+        return -1;
+    }
+    ALOGD(CMDTOOL "*** (%s): %s\n", plan->program, plan->paramsForLog);
+    execvp(plan->program, plan->argv);
+    // strerrordesc_np reads a constant table: no locale lock in the child.
+    ALOGE(CMDTOOL "*** exec(%s): %s\n", plan->program, strerrordesc_np(errno));
+    ExitChild(-1);
+    return -1;
+}
 
 }  // namespace
 
@@ -66,28 +98,11 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
 
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
-    const pid_t pid = fork();
+    LiteChild plan{program, argv.data(), tooLong, paramLength, paramsForLog.c_str()};
+    const pid_t pid = SpawnChild(RunLiteChild, &plan);
     if (pid < 0) {
         ALOGD(CMDTOOL "*** fork: %s\n", strerror(errno));
         return -1;
-    }
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        signal(SIGPIPE, SIG_IGN);
-        // The forking thread may have signals blocked; the tool must be
-        // stoppable with SIGTERM.
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        if (tooLong) {
-            ALOGE(CMDTOOL "*** param too long: %zu bytes\n", paramLength);
-            _exit(-1);
-        }
-        ALOGD(CMDTOOL "*** (%s): %s\n", program, paramsForLog.c_str());
-        execvp(program, argv.data());
-        // strerrordesc_np reads a constant table: no locale lock in the child.
-        ALOGE(CMDTOOL "*** exec(%s): %s\n", program, strerrordesc_np(errno));
-        _exit(-1);
     }
 
     ChildWait child(pid);

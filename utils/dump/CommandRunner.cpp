@@ -21,6 +21,7 @@
 #include <log/log.h>
 
 #include "utils/dump/BuildProbes.h"
+#include "utils/dump/ChildSpawn.h"
 #include "utils/dump/ChildWait.h"
 #include "utils/StringUtil.h"
 
@@ -85,6 +86,44 @@ FILE* OpenForResult(int logFd, const char* logPath) {
     return file;
 }
 
+// What the child of one run needs, made before it starts: it may not
+// allocate or take a lock.
+struct ChildPlan {
+    int logFd;
+    const char* logPath;
+    const std::string* banner;
+    const char* program;
+    char* const* argv;
+};
+
+int RunChild(void* raw) {
+    const ChildPlan* plan = static_cast<const ChildPlan*>(raw);
+    if (plan->logFd < 0) {
+        CommandRunner::RedirectOutput(plan->logPath);
+    } else {
+        // The capture's own descriptor: its directory is not looked up
+        // again, so it cannot have been swapped for a link meanwhile.
+        TEMP_FAILURE_RETRY(dup2(plan->logFd, STDOUT_FILENO));
+        TEMP_FAILURE_RETRY(dup2(plan->logFd, STDERR_FILENO));
+    }
+    // Output goes straight to the descriptors (no stdio buffers), so
+    // nothing is left unflushed when exec replaces the image.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    struct iovec head[] = {{const_cast<char*>(plan->banner->data()), plan->banner->size()}};
+    WriteVector(STDOUT_FILENO, head, 1);
+    execvp(plan->program, plan->argv);
+    const int execErrno = errno;
+    struct iovec iov[] = {Piece("*** exec("), Piece(plan->program), Piece("): "),
+                          Piece(strerrordesc_np(execErrno)), Piece("\n")};
+    WriteVector(STDOUT_FILENO, iov, 5);
+    ExitChild(-1);
+    return -1;
+}
+
 }  // namespace
 
 bool CommandRunner::TestMode() { return gTestMode.load(std::memory_order_relaxed); }
@@ -123,7 +162,8 @@ void CommandRunner::RedirectOutput(const char* path) {
         struct iovec iov[] = {Piece("failed to open "), Piece(path), Piece(": "),
                               Piece(strerrordesc_np(openErrno)), Piece("\n")};
         WriteVector(STDERR_FILENO, iov, 5);
-        _exit(1);
+        ExitChild(1);
+        return;
     }
     TEMP_FAILURE_RETRY(dup2(fd, STDOUT_FILENO));
     TEMP_FAILURE_RETRY(dup2(fd, STDERR_FILENO));
@@ -159,35 +199,11 @@ void CommandRunner::RunInto(const std::vector<std::string>& args, int logFd, con
     ALOGE("run_command: %s\n", velmar::kolto::StringUtil::ForLog(display).c_str());
     std::string banner = base::StringPrintf("------ (%s) in %ds ------\n", display.c_str(), timeoutSeconds);
 
-    const pid_t pid = fork();
+    ChildPlan plan{logFd, logPath, &banner, program, argv.data()};
+    const pid_t pid = SpawnChild(RunChild, &plan);
     if (pid < 0) {
         ALOGE("*** fork: %s\n", strerror(errno));
         return;
-    }
-    if (pid == 0) {
-        if (logFd < 0) {
-            RedirectOutput(logPath);
-        } else {
-            // The capture's own descriptor: its directory is not looked up
-            // again, so it cannot have been swapped for a link meanwhile.
-            TEMP_FAILURE_RETRY(dup2(logFd, STDOUT_FILENO));
-            TEMP_FAILURE_RETRY(dup2(logFd, STDERR_FILENO));
-        }
-        // Output goes straight to the descriptors (no stdio buffers), so
-        // nothing is left unflushed when exec replaces the image.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        signal(SIGPIPE, SIG_IGN);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        struct iovec head[] = {{&banner[0], banner.size()}};
-        WriteVector(STDOUT_FILENO, head, 1);
-        execvp(program, argv.data());
-        const int execErrno = errno;
-        struct iovec iov[] = {Piece("*** exec("), Piece(program), Piece("): "),
-                              Piece(strerrordesc_np(execErrno)), Piece("\n")};
-        WriteVector(STDOUT_FILENO, iov, 5);
-        _exit(-1);
     }
     ChildWait child(pid);
 

@@ -63,5 +63,11 @@ void WithdrawServices();
 void SetBinderCallTimeoutMs(int timeoutMs);
 const std::string& LastBinderError();
 
+// Marks the calling thread as running a child that borrows this process's
+// memory until it execs (set in the child, cleared by the parent after): the
+// log then behaves as in the child of a fork, taking no lock and reading no
+// time zone.
+void MarkSpawnedChild(bool inChild);
+
 }  // namespace host
 }  // namespace platform
