@@ -8,7 +8,8 @@ mkdir -p "$ROOT"
 ROOT=$(cd "$ROOT" && pwd)
 for d in data/misc/tarnis data/dorva data/anr data/system data/nuvilog/stability/reboot \
          data/nuvilog/stability/nativecrash mnt/rescue/dorva mnt/vendor/persist/stability cache \
-         dev/socket dev/binder dev/block/by-name proc sys/fs/f2fs system_ext/etc/tarnsys; do
+         dev/socket dev/binder dev/block/by-name dev/block/bootdevice/by-name data/dorva/download \
+         proc sys/fs/f2fs system_ext/etc/tarnsys; do
   mkdir -p "$ROOT/$d"
 done
 REPO=$(cd "$(dirname "$0")/.." && pwd)
