@@ -1,0 +1,301 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <json/json.h>
+#include <log/log.h>
+#include <platform/LogCapture.h>
+
+#include "modules/LogManager/JsonHelper.h"
+#include "modules/LogManager/LogConfig.h"
+#include "modules/LogManager/LogManagerUtil.h"
+#include "tests/support/TempDir.h"
+#include "utils/JsonUtil.h"
+
+namespace {
+
+using velmar::kolto::JsonHelper;
+using velmar::kolto::JsonUtil;
+using velmar::kolto::LogConfig;
+using velmar::kolto::LogManagerUtil;
+
+constexpr char kTag[] = "Tarnis-LogManagerUtil";
+
+Json::Value Parse(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(JsonUtil::ConvertStringToJson(text, value)) << text;
+    return value;
+}
+
+// Reads one record; `why` gets the reason when it fails.
+bool ReadRecord(const std::string& text, LogConfig& record, std::string* why = nullptr) {
+    Json::Value json = Parse(text);
+    std::vector<std::string> names = LogConfig::MemberNames();
+    return record.TARNIS_CONVER_JSON_TO_OBJECT(json, names, why);
+}
+
+std::vector<std::string> FolderNames(const std::vector<LogConfig>& list) {
+    std::vector<std::string> names;
+    for (const LogConfig& record : list) names.push_back(record.folderName);
+    return names;
+}
+
+TEST(LogConfigTest, SplitAndTrimKeepEveryPiece) {
+    EXPECT_EQ(JsonHelper::StringSplit("a,,b,", ","), (std::vector<std::string>{"a", "", "b", ""}));
+    EXPECT_EQ(JsonHelper::StringSplit("a::b", "::"), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(JsonHelper::StringTrim(" \t x y \n"), "x y");
+    EXPECT_EQ(JsonHelper::StringTrim("   "), "");
+    const std::vector<std::string>& names = LogConfig::MemberNames();
+    ASSERT_EQ(names.size(), 13u);
+    EXPECT_EQ(names.front(), "folderName");
+    EXPECT_EQ(names[6], "watchSSRRamdumpHack");
+    EXPECT_EQ(names.back(), "maxLogNumber");
+}
+
+TEST(LogConfigTest, EveryKeyReachesItsOwnMember) {
+    LogConfig record;
+    std::string why;
+    ASSERT_TRUE(ReadRecord(R"({"folderName":"n","folderPath":"/p","children":[{"folderName":"c"}],
+        "compress":true,"delayCompress":false,"pushEventOnly":true,"watchSSRRamdumpHack":false,"inVendor":true,
+        "maxSize":18446744073709551615,"reuseMaxSize":2,"maxValidDay":3,"compressLatestAfterSec":4294967295,
+        "maxLogNumber":6,"unknown":[1,2]})",
+                           record, &why))
+        << why;
+    EXPECT_EQ(record.folderName, "n");
+    EXPECT_EQ(record.folderPath, "/p");
+    ASSERT_EQ(record.children.size(), 1u);
+    EXPECT_EQ(record.children[0].folderName, "c");
+    EXPECT_TRUE(record.compress);
+    EXPECT_FALSE(record.delayCompress);
+    EXPECT_TRUE(record.pushEventOnly);
+    EXPECT_FALSE(record.watchSSRRamdumpHack);
+    EXPECT_TRUE(record.inVendor);
+    EXPECT_EQ(record.maxSize, UINT64_MAX);
+    EXPECT_EQ(record.reuseMaxSize, 2u);
+    EXPECT_EQ(record.maxValidDay, 3u);
+    EXPECT_EQ(record.compressLatestAfterSec, UINT32_MAX);
+    EXPECT_EQ(record.maxLogNumber, 6u);
+}
+
+TEST(LogConfigTest, NullRecordAndAbsentMembersKeepDefaults) {
+    LogConfig record;
+    EXPECT_TRUE(ReadRecord("null", record));
+    EXPECT_TRUE(ReadRecord(R"({"folderName":null,"other":"x"})", record));
+    EXPECT_EQ(record.folderName, "");
+    EXPECT_TRUE(record.children.empty());
+    EXPECT_FALSE(record.compress);
+    EXPECT_EQ(record.maxSize, 0u);
+    EXPECT_EQ(record.maxLogNumber, 0u);
+    std::string why;
+    EXPECT_FALSE(ReadRecord("[1]", record, &why));
+    EXPECT_NE(why.find("not a JSON object"), std::string::npos) << why;
+}
+
+TEST(LogConfigTest, StringMembersTakeNumbersAndObjectsAsCompactText) {
+    LogConfig record;
+    ASSERT_TRUE(ReadRecord(R"({"folderName":12})", record));
+    EXPECT_EQ(record.folderName, "12\n");
+    ASSERT_TRUE(ReadRecord(R"({"folderName":{ "x" : 1, "y":[true] }})", record));
+    EXPECT_EQ(record.folderName, "{\"x\":1,\"y\":[true]}\n");
+    ASSERT_TRUE(ReadRecord(R"({"folderPath":-2.5})", record));
+    EXPECT_EQ(record.folderPath, "-2.5\n");
+    for (const char* bad : {R"({"folderName":true})", R"({"folderPath":["a"]})"}) {
+        EXPECT_FALSE(ReadRecord(bad, record)) << bad;
+    }
+}
+
+TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecord) {
+    struct Case {
+        const char* text;
+        bool ok;
+    };
+    const Case cases[] = {
+        {R"({"maxSize":-1})", false},
+        {R"({"maxSize":1.5})", false},
+        {R"({"maxSize":"1"})", false},
+        {R"({"maxSize":null})", false},
+        {R"({"maxSize":2.0})", true},
+        {R"({"reuseMaxSize":18446744073709551616})", false},
+        {R"({"maxValidDay":4294967296})", false},
+        {R"({"maxLogNumber":4294967295})", true},
+        {R"({"compressLatestAfterSec":-1})", false},
+        {R"({"compress":1})", false},
+        {R"({"inVendor":null})", false},
+        {R"({"delayCompress":"true"})", false},
+        {R"({"children":null})", false},
+        {R"({"children":{"folderName":"a"}})", false},
+        {R"({"children":[{"maxSize":-1}]})", false},
+        {R"({"children":[]})", true},
+    };
+    for (const Case& c : cases) {
+        LogConfig record;
+        EXPECT_EQ(ReadRecord(c.text, record), c.ok) << c.text;
+    }
+    LogConfig record;
+    std::string why;
+    EXPECT_FALSE(ReadRecord(R"({"maxSize":-1})", record, &why));
+    EXPECT_NE(why.find("\"maxSize\""), std::string::npos) << why;
+    EXPECT_NE(why.find("maxSize must be a whole number from 0 to 18446744073709551615, not -1"), std::string::npos)
+        << why;
+    EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record,
+                            &why));
+    EXPECT_NE(why.find("children[1] (folderName \"y\")"), std::string::npos) << why;
+    EXPECT_NE(why.find("maxValidDay must be a whole number from 0 to 4294967295, not 1.5"), std::string::npos)
+        << why;
+    // The member list and the key list must stay in step.
+    Json::Value json = Parse(R"({"folderName":"a"})");
+    std::vector<std::string> shortNames{"folderName"};
+    EXPECT_FALSE(record.TARNIS_CONVER_JSON_TO_OBJECT(json, shortNames));
+}
+
+TEST(LogConfigTest, ListsStopAtTheFirstBadRecord) {
+    std::vector<LogConfig> out{LogConfig{}};
+    EXPECT_TRUE(JsonHelper::JsonToObject(out, Parse("[]")));
+    EXPECT_TRUE(out.empty());
+    EXPECT_FALSE(JsonHelper::JsonToObject(out, Json::Value()));
+    EXPECT_FALSE(JsonHelper::JsonToObject(out, Parse(R"({"folderName":"a"})")));
+
+    const Json::Value list = Parse(R"([{"folderName":"a"},{"folderName":"b","compress":1},{"folderName":"c"}])");
+    EXPECT_FALSE(JsonHelper::JsonToObject(out, list));
+    EXPECT_EQ(FolderNames(out), std::vector<std::string>{"a"});
+
+    platform::LogCapture log;
+    const std::vector<LogConfig> kept = LogManagerUtil::GenerateConfigList(list);
+    EXPECT_EQ(FolderNames(kept), std::vector<std::string>{"a"});
+    EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
+    log.Clear();
+    EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse(R"({"folderName":"a"})")).empty());
+    EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
+    log.Clear();
+    EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse("[]")).empty());
+    EXPECT_EQ(log.Count("Failed to convert", kTag), 0u);
+}
+
+TEST(LogConfigTest, FullPathsFollowRootsAndParents) {
+    std::vector<LogConfig> list = LogManagerUtil::GenerateConfigList(Parse(R"([
+        {"folderName":"a","children":[{"folderName":"b"}]},
+        {"folderName":"v","inVendor":true,"children":[{"folderName":"w"}]},
+        {"folderName":"p","folderPath":"/x/y","children":[{"folderName":"q"},{"folderName":"r","folderPath":"/z"}]}
+    ])"));
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(list[0].parent, nullptr);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0], false), "/data/nuvilog/bsp/a");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0], true), "/data/vendor/bsplog/a");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0].children[0], false), "/data/nuvilog/bsp/a/b");
+    // A child follows where its parent lives, whatever the caller asks.
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[1], false), "/data/vendor/bsplog/v");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[1].children[0], false), "/data/vendor/bsplog/v/w");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[2].children[0], true), "/x/y/q");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[2].children[1], false), "/z");
+
+    // Records move when the list grows; the children must still know their parents.
+    LogConfig child = list[0].children[0];
+    for (int i = 0; i < 64; ++i) {
+        LogConfig more;
+        more.folderName = "more" + std::to_string(i);
+        list.push_back(more);
+    }
+    LogManagerUtil::SetParents(list);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0].children[0], false), "/data/nuvilog/bsp/a/b");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(child, false), "/data/nuvilog/bsp/a/b");
+    ASSERT_NE(list[0].children[0].parent, nullptr);
+    EXPECT_TRUE(list[0].children[0].parent->children.empty());
+}
+
+TEST(LogConfigTest, LookupGoesRecordByRecordEachBeforeItsChildren) {
+    const std::vector<LogConfig> list = LogManagerUtil::GenerateConfigList(Parse(R"([
+        {"folderName":"/data/nuvilog/bsp/a/b","maxLogNumber":1},
+        {"folderName":"a","maxLogNumber":2,"children":[{"folderName":"b","maxLogNumber":3}]},
+        {"folderName":"/data/nuvilog/bsp/c/d","maxLogNumber":4},
+        {"folderName":"c","maxLogNumber":5,"children":[{"folderName":"d","maxLogNumber":6}]},
+        {"folderName":"/data/nuvilog/bsp/c/d","maxLogNumber":7}
+    ])"));
+    ASSERT_EQ(list.size(), 5u);
+    const auto numberOf = [&list](const std::string& name) {
+        const auto found = LogManagerUtil::GetConfigByFolderName(name, list);
+        return found ? found->maxLogNumber : 0u;
+    };
+    // A top-level folderName that is also a later record's child's full path.
+    EXPECT_EQ(numberOf("/data/nuvilog/bsp/a/b"), 1u);
+    EXPECT_EQ(numberOf("/data/nuvilog/bsp/a"), 2u);
+    EXPECT_EQ(numberOf("b"), 3u);
+    EXPECT_EQ(numberOf("d"), 6u);
+    // The child of an earlier record comes before a later top-level record.
+    const std::vector<LogConfig> tail(list.begin() + 3, list.end());
+    const auto child = LogManagerUtil::GetConfigByFolderName("/data/nuvilog/bsp/c/d", tail);
+    ASSERT_TRUE(child.has_value());
+    EXPECT_EQ(child->maxLogNumber, 6u);
+    ASSERT_NE(child->parent, nullptr);
+    EXPECT_EQ(child->parent->folderName, "c");
+
+    platform::LogCapture log;
+    EXPECT_FALSE(LogManagerUtil::GetConfigByFolderName("nothing", list).has_value());
+    EXPECT_TRUE(log.HasLine("[GetConfigByFolderName] ERR! config not found for nothing", kTag, ANDROID_LOG_ERROR));
+}
+
+TEST(LogConfigTest, ReadMembersWriteEventFields) {
+    Json::Value event;
+    EXPECT_TRUE(JsonHelper::ReadMembers(event, "path", "/a"));
+    EXPECT_TRUE(JsonHelper::ReadMembers(event, "size", int64_t{-5}));
+    EXPECT_TRUE(JsonHelper::ReadMembers(event, "ok", true));
+    EXPECT_TRUE(JsonHelper::ReadMembers(event, "path", std::string("/b")));
+    EXPECT_EQ(JsonUtil::ConvertJsonToString(event), "{\"ok\":true,\"path\":\"/b\",\"size\":-5}\n");
+    Json::Value array(Json::arrayValue);
+    EXPECT_FALSE(JsonHelper::ReadMembers(array, "ok", false));
+    EXPECT_TRUE(array.isArray());
+}
+
+class ReadConfigFileTest : public ::testing::Test {
+protected:
+    bool Read(const std::string& content) {
+        const std::string path = dir_.Sub("log_config.json");
+        EXPECT_TRUE(tarnis_test::WriteFile(path, content));
+        return LogManagerUtil::ReadConfigFile(path, &out_, &json_, &why_);
+    }
+
+    tarnis_test::TempDir dir_;
+    std::vector<LogConfig> out_{LogConfig{}};
+    Json::Value json_{1};
+    std::string why_;
+};
+
+TEST_F(ReadConfigFileTest, UnusableFilesAreNamedWithTheReason) {
+    const std::string missing = dir_.Sub("missing.json");
+    EXPECT_FALSE(LogManagerUtil::ReadConfigFile(missing, &out_, &json_, &why_));
+    EXPECT_EQ(why_, "log configuration " + missing + " is not readable: No such file or directory");
+    EXPECT_TRUE(out_.empty());
+    EXPECT_TRUE(json_.isNull());
+
+    EXPECT_FALSE(Read("[{\"folderName\":"));
+    EXPECT_NE(why_.find("log_config.json is not JSON: not valid JSON at byte"), std::string::npos) << why_;
+
+    platform::LogCapture log;
+    EXPECT_FALSE(Read(R"({"folderName":"a"})"));
+    EXPECT_NE(why_.find("log_config.json is not an array of records: it is an object"), std::string::npos) << why_;
+    EXPECT_TRUE(json_.isObject());
+    EXPECT_TRUE(log.HasLine("[ReadConfigFile] " + why_, kTag, ANDROID_LOG_ERROR));
+}
+
+TEST_F(ReadConfigFileTest, BadRecordsAreSkippedAndTheGoodOnesKept) {
+    EXPECT_TRUE(Read(R"([{"folderName":"a","children":[{"folderName":"b"}]}])"));
+    EXPECT_EQ(why_, "");
+    ASSERT_EQ(out_.size(), 1u);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out_[0].children.at(0), false), "/data/nuvilog/bsp/a/b");
+
+    EXPECT_FALSE(Read(R"([{"folderName":"a"},{"folderName":"b","maxSize":-1},{"compress":true},
+        {"folderName":"d","children":[{"folderName":"e"},{"maxLogNumber":3}]}])"));
+    EXPECT_EQ(FolderNames(out_), (std::vector<std::string>{"a", "d"}));
+    ASSERT_EQ(out_[1].children.size(), 1u);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out_[1].children[0], false), "/data/nuvilog/bsp/d/e");
+    EXPECT_NE(why_.find(dir_.Sub("log_config.json")), std::string::npos) << why_;
+    EXPECT_NE(why_.find("record 1 (folderName \"b\") skipped: member \"maxSize\" has the wrong type: maxSize must be "
+                        "a whole number from 0 to 18446744073709551615, not -1"),
+              std::string::npos)
+        << why_;
+    EXPECT_NE(why_.find("record 2 skipped: it has no folderName and no folderPath"), std::string::npos) << why_;
+    EXPECT_NE(why_.find("children[1] skipped: it has no folderName and no folderPath"), std::string::npos) << why_;
+    EXPECT_EQ(why_.find("record 0"), std::string::npos) << why_;
+}
+
+}  // namespace
