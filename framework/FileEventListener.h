@@ -1,0 +1,76 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace velmar {
+namespace kolto {
+
+class TarnisHandler;
+class TarnisHandlerThread;
+
+// Watches paths with inotify on a thread of its own and hands each event to
+// OnFileEvent there, one at a time, in the kernel's order.
+//
+// The loop starts in this constructor, so an event on a path given to it may
+// be dispatched before the subclass's own constructor has run: a subclass
+// that cannot take that passes no paths here and calls addWatching() from
+// its constructor body instead. Likewise the subclass part is gone before
+// this destructor runs, so a subclass calls stop() first thing in its own
+// destructor, lest an event reach a half-destroyed object. Never delete a
+// listener from its OnFileEvent: its thread cannot join itself.
+class FileEventListener {
+public:
+    // `name` also names the thread. A path that cannot be watched is logged
+    // and skipped; the others are still watched.
+    FileEventListener(std::string name, std::vector<std::string> paths, uint32_t mask);
+
+    // `mask` is the inotify mask, `name` the file inside a watched directory
+    // when the event carries one, `path` the watched path it came from.
+    virtual void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) = 0;
+    virtual ~FileEventListener();
+
+    FileEventListener(const FileEventListener&) = delete;
+    FileEventListener& operator=(const FileEventListener&) = delete;
+
+    // 0 on success, non-zero when the path is already watched, cannot be
+    // watched, or inotify could not be set up. Any thread.
+    int addWatching(std::string path, uint32_t mask);
+    // False when the path is not watched. Any thread.
+    bool removeWatching(std::string path);
+
+    // Ends the loop for good; once it returns no event is dispatched any more
+    // (called from OnFileEvent, after that event). Safe to call repeatedly.
+    void stop();
+
+private:
+    void listenLoop();
+    void dispatch(uint32_t mask, int wd, std::optional<std::string> file);
+
+    int inotifyFd = -1;
+    std::unordered_map<std::string, int> watches;
+    std::string name;
+    TarnisHandlerThread* thread = nullptr;
+
+    // Guards `watches`: the loop looks up while callers add and remove.
+    std::mutex watchLock;
+    // Wakes the loop out of its wait when stop() is called.
+    int wakeFd = -1;
+    std::shared_ptr<TarnisHandler> handler;
+    std::mutex stateLock;
+    std::condition_variable stateCond;
+    std::atomic<bool> stopping{false};
+    bool looping = false;
+    std::thread::id loopThread;
+};
+
+}  // namespace kolto
+}  // namespace velmar

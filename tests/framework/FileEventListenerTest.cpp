@@ -1,0 +1,335 @@
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <log/log.h>
+
+#include "framework/FileEventListener.h"
+#include "platform/LogCapture.h"
+#include "tests/framework/LogLines.h"
+#include "tests/support/TempDir.h"
+
+using namespace velmar::kolto;
+using tarnis_test::NumbersInLines;
+using tarnis_test::TempDir;
+
+namespace {
+
+const char kTag[] = "Tarnis-FileEventListener";
+
+struct Event {
+    uint32_t mask;
+    std::optional<std::string> name;
+    std::string path;
+};
+
+// What the listener hands over, kept apart from it so that it exists before
+// the listener's thread does.
+class Recorder {
+public:
+    void Add(Event event) {
+        std::unique_lock<std::mutex> guard(lock_);
+        events_.push_back(std::move(event));
+        cond_.notify_all();
+        if (events_.size() == 1 && holdFirst_) {
+            entered_.set_value();
+            cond_.wait(guard, [this] { return released_; });
+        }
+    }
+    // The first event keeps the listener's thread until Release(), so that
+    // what happens meanwhile queues up in the kernel.
+    std::future<void> HoldFirst() {
+        holdFirst_ = true;
+        return entered_.get_future();
+    }
+    void Release() {
+        std::lock_guard<std::mutex> guard(lock_);
+        released_ = true;
+        cond_.notify_all();
+    }
+    // True once an event from `path` named `name` arrived.
+    bool WaitFor(const std::string& path, const std::optional<std::string>& name) {
+        return WaitUntil([&](const std::vector<Event>& events) {
+            for (const Event& event : events) {
+                if (event.path == path && event.name == name) return true;
+            }
+            return false;
+        });
+    }
+    bool WaitForCount(size_t count) {
+        return WaitUntil([count](const std::vector<Event>& events) { return events.size() >= count; });
+    }
+    std::vector<Event> Events() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return events_;
+    }
+
+private:
+    bool WaitUntil(const std::function<bool(const std::vector<Event>&)>& done) {
+        std::unique_lock<std::mutex> guard(lock_);
+        return cond_.wait_for(guard, std::chrono::seconds(10), [&] { return done(events_); });
+    }
+
+    std::mutex lock_;
+    std::condition_variable cond_;
+    std::vector<Event> events_;
+    bool holdFirst_ = false;
+    bool released_ = false;
+    std::promise<void> entered_;
+};
+
+// Paths given as `added` are watched only once the recorder is in place;
+// an event on the others may come before, so a test touches them only after
+// it has called the listener (which orders the two for ThreadSanitizer).
+class RecordingListener : public FileEventListener {
+public:
+    RecordingListener(Recorder* recorder, std::vector<std::string> paths, uint32_t mask,
+                      const std::vector<std::string>& added = {})
+        : FileEventListener("FelTest", std::move(paths), mask), recorder_(recorder) {
+        for (const std::string& path : added) EXPECT_EQ(addWatching(path, mask), 0) << path;
+    }
+    ~RecordingListener() override { stop(); }
+    void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) override {
+        recorder_->Add({mask, std::move(name), path});
+    }
+
+private:
+    Recorder* const recorder_;
+};
+
+void Touch(const std::string& path) {
+    const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0) << path;
+    close(fd);
+}
+
+// Deletes the listener on a helper thread; false when that took more than
+// five seconds. A file is then created in `wakeDir` so that a loop stuck in
+// a read lets go and the test fails instead of hanging.
+bool DeleteWithin(FileEventListener* listener, const std::string& wakeDir) {
+    std::promise<void> deleted;
+    std::future<void> done = deleted.get_future();
+    std::thread deleter([listener, &deleted] {
+        delete listener;
+        deleted.set_value();
+    });
+    const bool inTime = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    if (!inTime) Touch(wakeDir + "/wake");
+    deleter.join();
+    return inTime;
+}
+
+}  // namespace
+
+TEST(FileEventListener, NamesTheFileOnlyForEventsInsideAWatchedDirectory) {
+    TempDir tmp;
+    const std::string file = tmp.Sub("watched.txt");
+    const std::string dir = tmp.Sub("dir");
+    ASSERT_TRUE(tarnis_test::WriteFile(file, "a"));
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    Recorder recorder;
+    RecordingListener listener(&recorder, {}, IN_MODIFY | IN_CREATE, {file, dir});
+
+    ASSERT_TRUE(tarnis_test::WriteFile(file, "changed"));
+    ASSERT_TRUE(recorder.WaitFor(file, std::nullopt));
+    Touch(dir + "/inside.log");
+    ASSERT_TRUE(recorder.WaitFor(dir, std::string("inside.log")));
+
+    for (const Event& event : recorder.Events()) {
+        if (event.path == file) {
+            EXPECT_TRUE(event.mask & IN_MODIFY);
+            EXPECT_FALSE(event.name.has_value());
+        } else {
+            EXPECT_EQ(event.path, dir);
+            EXPECT_EQ(event.mask, static_cast<uint32_t>(IN_CREATE));
+            EXPECT_EQ(event.name, std::string("inside.log"));
+        }
+    }
+}
+
+TEST(FileEventListener, APathWatchedTwiceKeepsItsFirstWatch) {
+    platform::LogCapture capture;
+    TempDir tmp;
+    Recorder recorder;
+    RecordingListener listener(&recorder, {tmp.path()}, IN_CREATE);
+
+    // Had the second call reached the kernel, its mask would replace the
+    // first and creations would go unreported.
+    EXPECT_NE(listener.addWatching(tmp.path(), IN_DELETE), 0);
+    EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + tmp.path() + " failed! error: Already Watched",
+                                kTag, ANDROID_LOG_INFO));
+    Touch(tmp.Sub("created"));
+    EXPECT_TRUE(recorder.WaitFor(tmp.path(), std::string("created")));
+
+    EXPECT_TRUE(listener.removeWatching(tmp.path()));
+    EXPECT_FALSE(listener.removeWatching(tmp.path()));
+    // Another spelling of the directory shares its descriptor, which has to
+    // outlive the removal of the first.
+    const std::string slashed = tmp.path() + "/";
+    EXPECT_EQ(listener.addWatching(tmp.path(), IN_CREATE), 0);
+    EXPECT_EQ(listener.addWatching(slashed, IN_CREATE), 0);
+    EXPECT_TRUE(listener.removeWatching(tmp.path()));
+    Touch(tmp.Sub("again"));
+    EXPECT_TRUE(recorder.WaitFor(slashed, std::string("again")));
+}
+
+TEST(FileEventListener, AnUnwatchablePathIsLoggedAndTheOthersAreWatched) {
+    platform::LogCapture capture;
+    TempDir tmp;
+    const std::string missing = tmp.Sub("missing");
+    Recorder recorder;
+    RecordingListener listener(&recorder, {missing, tmp.path()}, IN_CREATE);
+
+    EXPECT_TRUE(capture.HasLine("[FileEventListener] add file watch failed! path: " + missing +
+                                    ", error: No such file or directory",
+                                kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + missing +
+                                    " failed! error: No such file or directory",
+                                kTag, ANDROID_LOG_ERROR));
+    EXPECT_FALSE(listener.removeWatching(missing));
+    Touch(tmp.Sub("seen"));
+    EXPECT_TRUE(recorder.WaitFor(tmp.path(), std::string("seen")));
+}
+
+TEST(FileEventListener, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWarning) {
+    platform::LogCapture capture;
+    TempDir tmp;
+    const std::string kept = tmp.Sub("kept");
+    const std::string dropped = tmp.Sub("dropped");
+    ASSERT_EQ(mkdir(kept.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(dropped.c_str(), 0755), 0);
+    Recorder recorder;
+    std::future<void> held = recorder.HoldFirst();
+    RecordingListener listener(&recorder, {}, IN_CREATE, {kept, dropped});
+
+    Touch(kept + "/first");
+    ASSERT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    Touch(dropped + "/x");
+    Touch(dropped + "/y");
+    EXPECT_TRUE(listener.removeWatching(dropped));
+    Touch(kept + "/last");
+    recorder.Release();
+    // Kernel order: by the time "last" arrives the others were read.
+    ASSERT_TRUE(recorder.WaitFor(kept, std::string("last")));
+
+    for (const Event& event : recorder.Events()) EXPECT_EQ(event.path, kept);
+    // Two creations and the kernel's notice that the watch went.
+    const std::vector<long> wds = NumbersInLines(capture, "[listenLoop] wd ",
+                                                 " is not in our watching list, remove watching!", kTag,
+                                                 ANDROID_LOG_WARN);
+    ASSERT_EQ(wds.size(), 3u);
+    EXPECT_EQ(wds[0], wds[1]);
+    EXPECT_EQ(wds[1], wds[2]);
+    EXPECT_GT(wds[0], 0);
+}
+
+TEST(FileEventListener, ManyEventsOfMixedLengthsArriveInOrderOverSeveralReads) {
+    TempDir tmp;
+    Recorder recorder;
+    RecordingListener listener(&recorder, {}, IN_CREATE, {tmp.path()});
+
+    // Names of 4 to 80 bytes: an event takes 16 to 96 bytes, so a read holds
+    // a varying number of them and the last one rarely ends the buffer.
+    std::vector<std::string> names;
+    for (int i = 0; i < 200; ++i) {
+        names.push_back("f" + std::to_string(1000 + i) + std::string(i % 77, 'x'));
+        Touch(tmp.Sub(names.back()));
+    }
+    ASSERT_TRUE(recorder.WaitForCount(names.size()));
+    const std::vector<Event> events = recorder.Events();
+    ASSERT_EQ(events.size(), names.size());
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(events[i].name, names[i]) << i;
+        EXPECT_EQ(events[i].path, tmp.path());
+    }
+}
+
+TEST(FileEventListener, DestructionEndsTheWaitAndLogsTheCleanup) {
+    TempDir tmp;
+    {
+        platform::LogCapture capture;
+        Recorder recorder;
+        auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
+        // Once an event went through, the loop is back waiting.
+        Touch(tmp.Sub("one"));
+        ASSERT_TRUE(recorder.WaitFor(tmp.path(), std::string("one")));
+        ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
+        EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup...", kTag, ANDROID_LOG_DEBUG));
+        EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
+    }
+    // Right after construction the loop may not have started yet, or be
+    // about to wait.
+    for (int i = 0; i < 20; ++i) {
+        Recorder recorder;
+        ASSERT_TRUE(DeleteWithin(new RecordingListener(&recorder, {tmp.path()}, IN_CREATE), tmp.path())) << i;
+    }
+}
+
+TEST(FileEventListener, StopFromTheEventEndsDispatching) {
+    TempDir tmp;
+    Recorder recorder;
+    class StoppingListener : public FileEventListener {
+    public:
+        StoppingListener(Recorder* recorder, std::string dir)
+            : FileEventListener("FelStop", {}, IN_CREATE), recorder_(recorder) {
+            EXPECT_EQ(addWatching(dir, IN_CREATE), 0);
+        }
+        ~StoppingListener() override { stop(); }
+        void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) override {
+            stop();
+            recorder_->Add({mask, std::move(name), path});
+        }
+
+    private:
+        Recorder* const recorder_;
+    };
+    auto* listener = new StoppingListener(&recorder, tmp.path());
+    Touch(tmp.Sub("a"));
+    Touch(tmp.Sub("b"));
+    ASSERT_TRUE(recorder.WaitForCount(1));
+    EXPECT_TRUE(DeleteWithin(listener, tmp.path()));
+    EXPECT_EQ(recorder.Events().size(), 1u);
+}
+
+TEST(FileEventListener, AListenerWithoutInotifyRefusesWatchesAndStillCleansUp) {
+    platform::LogCapture capture;
+    TempDir tmp;
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = std::min<rlim_t>(saved.rlim_cur, 256);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    // Every descriptor taken, so that inotify_init1 fails with EMFILE.
+    std::vector<int> taken;
+    for (int fd = dup(0); fd >= 0; fd = dup(0)) taken.push_back(fd);
+    Recorder recorder;
+    auto* listener = new RecordingListener(&recorder, {tmp.path()}, IN_CREATE);
+    const int added = listener->addWatching(tmp.path(), IN_CREATE);
+    for (int fd : taken) close(fd);
+    setrlimit(RLIMIT_NOFILE, &saved);
+
+    EXPECT_TRUE(capture.HasLine("[FileEventListener] init new inotify fd failed!, error: Too many open files", kTag,
+                                ANDROID_LOG_ERROR));
+    EXPECT_NE(added, 0);
+    EXPECT_FALSE(listener->removeWatching(tmp.path()));
+    Touch(tmp.Sub("unseen"));
+    ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
+    EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(recorder.Events().empty());
+}
