@@ -57,3 +57,16 @@ defprop ro.debuggable "1"
 defprop ro.boot.hwlevel "host"
 defprop ro.build.ab_update "true"
 defprop sys.boot_completed "0"
+
+# Log directories the log manager keeps in bounds (see README, "Log directories");
+# a config edited by hand is kept.
+mkdir -p "$ROOT/data/nuvilog/bsp"
+if [ ! -e "$ROOT/system_ext/etc/tarnsys/log_config.json" ]; then
+  cat > "$ROOT/system_ext/etc/tarnsys/log_config.json" <<'LOGCONFIG'
+[
+  {"folderName": "demo_count", "maxLogNumber": 3},
+  {"folderName": "demo_size", "maxSize": 1024},
+  {"folderName": "demo_zip", "compress": true, "maxLogNumber": 5}
+]
+LOGCONFIG
+fi

@@ -1,0 +1,868 @@
+#include "modules/LogManager/LogManager.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <any>
+#include <cctype>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+#include <ctime>
+#include <set>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <dorva/DorvaServiceManager.h>
+#include <log/log.h>
+#include <minizip/unzip.h>
+
+#include "framework/InternalBroadcastManager.h"
+#include "framework/IntentFilter.h"
+#include "framework/ModuleManager.h"
+#include "framework/TarnisHandlerThread.h"
+#include "modules/LogManager/LogManagerEvent.h"
+#include "modules/LogManager/LogManagerUtil.h"
+#include "modules/LogManager/LogMgrBroadcastReceiver.h"
+#include "modules/LogManager/LogMgrFileEventListener.h"
+#include "utils/Clock.h"
+#include "utils/FileUtil.h"
+#include "utils/Paths.h"
+#include "utils/ScopedDir.h"
+#include "utils/ZipFile.h"
+
+#define LOG_TAG "Tarnis-LogManager"
+
+namespace velmar {
+namespace kolto {
+namespace {
+
+constexpr char kListenerTag[] = "Tarnis-LogMgrFileEventListener";
+constexpr char kDisableProp[] = "persist.bsp.logmgr.disable";
+constexpr char kReuseProp[] = "persist.sys.abreuse.abstatus";
+constexpr char kActionConfigAppend[] = "velmar.tarnis.logmgr.config_append";
+constexpr char kActionVendorReady[] = "velmar.tarnis.logmgr.vendor_is_ready";
+constexpr char kActionConfigChanged[] = "velmar.tarnis.logmgr.config_changed";
+constexpr char kTrelvoAppId[] = "52000178316";
+constexpr char kTrelvoSource[] = "Tarnis.LogManager";
+constexpr long kLogDirRetryMs = 30 * 1000;
+constexpr long kSdcardRetryMs = 10 * 60 * 1000;
+constexpr int64_t kDayMs = 86400000;
+constexpr int kSystemUid = 1000;
+
+bool IsDotOrDotDot(const char* name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+bool Contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
+
+// Bytes in the tree below the directory `name` of `parentFd`, its own size
+// included; nothing reached through a link. -1 when it cannot be opened
+// (gone meanwhile, or swapped for a link).
+int64_t TreeSizeAt(int parentFd, const char* name) {
+    const int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return -1;
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        close(fd);
+        return -1;
+    }
+    ScopedDir owner(dir);
+    struct stat st {};
+    int64_t total = fstat(fd, &st) == 0 ? st.st_size : 0;
+    while (struct dirent* entry = readdir(dir)) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            const int64_t sub = TreeSizeAt(fd, entry->d_name);
+            if (sub > 0) total += sub;
+        } else {
+            total += st.st_size;
+        }
+    }
+    return total;
+}
+
+// The size of one entry as cleaning counts it: a regular file's bytes, a
+// directory's tree, nothing for anything else (a link is not ours to weigh).
+uint64_t EntrySize(const std::string& hostPath) {
+    struct stat st {};
+    if (lstat(hostPath.c_str(), &st) != 0) return 0;
+    if (S_ISREG(st.st_mode)) return static_cast<uint64_t>(st.st_size);
+    if (S_ISDIR(st.st_mode)) {
+        const int64_t size = TreeSizeAt(AT_FDCWD, hostPath.c_str());
+        return size > 0 ? static_cast<uint64_t>(size) : 0;
+    }
+    return 0;
+}
+
+// A record may only name a directory by a plain name below its parent or
+// the log root, or by an absolute path without "." or ".." steps: a config
+// must not lead the cleaning anywhere else.
+bool HostilePath(const LogConfig& config, const std::string& path) {
+    const auto badName = [](const std::string& name) {
+        return name == "." || name == ".." || name.find('/') != std::string::npos;
+    };
+    if (badName(config.folderName)) return true;
+    if (config.parent && badName(config.parent->folderName)) return true;
+    if (path.empty() || path[0] != '/') return true;
+    const std::string padded = path + "/";
+    return padded.find("/../") != std::string::npos || padded.find("/./") != std::string::npos;
+}
+
+std::string CompactJson(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+void ReportTrelvo(const char* op, const Json::Value& payload) {
+    if (android::DorvaServiceManager::getInstance().reportTrelvoEvent(kTrelvoAppId, kTrelvoSource,
+                                                                      CompactJson(payload), 0) != 0) {
+        ALOGE("[%s] Failed to connect Trelvo Binder!!", op);
+    }
+}
+
+// Digit groups of "YYYY-M-D?hh-mm-ss" (one or two digits past the year)
+// and the separators before each group; '?' is '_' or, when `dashToo`, '-'.
+// Every end at which the pattern can stop after `pos`, as a backtracking
+// regular expression would try them (longer groups first).
+void DateEnds(const std::string& s, size_t pos, size_t group, bool dashToo, std::vector<size_t>* ends) {
+    static const char kSeparators[] = {'\0', '-', '-', '_', '-', '-'};
+    if (group == 6) {
+        ends->push_back(pos);
+        return;
+    }
+    if (group > 0) {
+        if (pos >= s.size()) return;
+        const char sep = s[pos];
+        const bool ok = group == 3 ? (sep == '_' || (dashToo && sep == '-')) : sep == kSeparators[group];
+        if (!ok) return;
+        ++pos;
+    }
+    const size_t most = group == 0 ? 4 : 2;
+    const size_t least = group == 0 ? 4 : 1;
+    size_t digits = 0;
+    while (digits < most && pos + digits < s.size() && isdigit(static_cast<unsigned char>(s[pos + digits]))) ++digits;
+    for (size_t n = digits; n >= least && n > 0; --n) DateEnds(s, pos + n, group + 1, dashToo, ends);
+}
+
+// The first date-time in `name` (leftmost, then longest), as [start, end).
+bool FindDate(const std::string& name, size_t* start, size_t* end) {
+    for (size_t i = 0; i < name.size(); ++i) {
+        std::vector<size_t> ends;
+        DateEnds(name, i, 0, true, &ends);
+        if (!ends.empty()) {
+            *start = i;
+            *end = ends.front();
+            return true;
+        }
+    }
+    return false;
+}
+
+// The whole name reads "ramdump_<anything>_<date>_<time><anything>.<anything>".
+bool IsRamdumpName(const std::string& name) {
+    static const std::string kPrefix = "ramdump_";
+    if (name.compare(0, kPrefix.size(), kPrefix) != 0) return false;
+    for (size_t p = kPrefix.size(); p < name.size(); ++p) {
+        if (name[p] != '_') continue;
+        std::vector<size_t> ends;
+        DateEnds(name, p + 1, 0, false, &ends);
+        for (size_t end : ends) {
+            if (name.find('.', end) != std::string::npos) return true;
+        }
+    }
+    return false;
+}
+
+// The date a log entry was named after, as local time; false when its name
+// carries none.
+bool CompareTimeStrExpired(const std::string& name, uint32_t maxValidDay, int64_t nowMs, int64_t* ageMs) {
+    size_t start = 0;
+    size_t end = 0;
+    if (!FindDate(name, &start, &end)) {
+        ALOGD("CompareTimeStrExpired folderName is empty");
+        return false;
+    }
+    std::string date = name.substr(start, end - start);
+    ALOGD("[%s] %s find date: %s in file name", "matchedDate", name.c_str(), date.c_str());
+    // The date and the time may be joined by '-': strptime wants the '_'.
+    size_t dashes = 0;
+    for (char& c : date) {
+        if ((c == '-' || c == '_') && ++dashes == 3) c = '_';
+    }
+    struct tm tm {};
+    if (strptime(date.c_str(), "%Y-%m-%d_%H-%M-%S", &tm) == nullptr) return false;
+    tm.tm_isdst = -1;
+    const int64_t folderTime = static_cast<int64_t>(mktime(&tm));
+    const int64_t expiredTime = (nowMs - static_cast<int64_t>(maxValidDay) * kDayMs) / 1000;
+    ALOGD("folderTime %" PRId64 " expiredTime %" PRId64, folderTime, expiredTime);
+    *ageMs = nowMs - folderTime * 1000;
+    return folderTime <= expiredTime;
+}
+
+// The regular files below `hostPath` (itself one, or a tree walked without
+// following links) by the archive names ZipFile gives them at depth 0.
+bool CollectFiles(int parentFd, const char* openName, const std::string& path,
+                  std::map<std::string, uint64_t>* files) {
+    struct stat st {};
+    if (fstatat(parentFd, openName, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    const std::string entryName = !path.empty() && path[0] == '/' ? path.substr(1) : path;
+    if (S_ISREG(st.st_mode)) {
+        (*files)[entryName] = static_cast<uint64_t>(st.st_size);
+        return true;
+    }
+    if (!S_ISDIR(st.st_mode)) return true;  // links and the like are never packed
+    const int fd = openat(parentFd, openName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return false;
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        close(fd);
+        return false;
+    }
+    ScopedDir owner(dir);
+    while (struct dirent* entry = readdir(dir)) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        if (!CollectFiles(fd, entry->d_name, path + "/" + entry->d_name, files)) return false;
+    }
+    return true;
+}
+
+// ZipFile skips what it cannot read and still finishes the archive; before
+// the entry goes, every file of it must be in the archive whole.
+bool ArchiveHoldsAll(const std::string& archive, const std::string& source, std::string* why) {
+    std::map<std::string, uint64_t> files;
+    if (!CollectFiles(AT_FDCWD, source.c_str(), source, &files)) {
+        *why = "cannot list " + source;
+        return false;
+    }
+    unzFile zip = unzOpen64(archive.c_str());
+    if (zip == nullptr) {
+        *why = "cannot open the archive";
+        return false;
+    }
+    for (int rc = unzGoToFirstFile(zip); rc == UNZ_OK; rc = unzGoToNextFile(zip)) {
+        unz_file_info64 info {};
+        char name[4096];
+        if (unzGetCurrentFileInfo64(zip, &info, name, sizeof(name), nullptr, 0, nullptr, 0) != UNZ_OK) break;
+        auto found = files.find(name);
+        if (found != files.end() && found->second == info.uncompressed_size) files.erase(found);
+    }
+    unzClose(zip);
+    if (!files.empty()) {
+        *why = files.begin()->first + " is missing from the archive";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+LogManager::LogManager() = default;
+
+LogManager::~LogManager() {
+    if (receiver_) InternalBroadcastManager::unregisterReceiver(receiver_.get());
+    // Joins the listener's thread: no event reaches this object afterwards.
+    listener_.reset();
+    std::lock_guard<std::mutex> guard(handlerLock_);
+    handler_.reset();
+}
+
+bool LogManager::OnInit() {
+    if (android::base::GetBoolProperty(kDisableProp, false)) {
+        ALOGW("[%s] Will not load caused by disableLogMgr is true", "OnInit");
+        return false;
+    }
+    receiver_ = std::make_unique<LogMgrBroadcastReceiver>(this);
+    IntentFilter filter;
+    filter.addAction(kActionConfigAppend);
+    filter.addAction(kActionVendorReady);
+    InternalBroadcastManager::registerReceiver(receiver_.get(), filter);
+    return true;
+}
+
+void LogManager::OnAllModulesLoaded() {
+    {
+        std::lock_guard<std::mutex> guard(handlerLock_);
+        handler_ = std::make_unique<TarnisHandler>(handlerThread->getLooper(), nullptr);
+    }
+    if (!FileUtil::FileExist(paths::Get(paths::kSdcardDir))) Post([this] { CheckSdcardReady(); });
+    Post([this] { CheckLogDirReady(); });
+}
+
+void LogManager::Post(std::function<void()> task) {
+    std::lock_guard<std::mutex> guard(handlerLock_);
+    if (handler_) handler_->post(std::move(task));
+}
+
+TarnisMessageRef LogManager::PostDelayed(std::function<void()> task, long delayMs) {
+    std::lock_guard<std::mutex> guard(handlerLock_);
+    if (!handler_) return TarnisMessageRef();
+    return handler_->postDelayed(std::move(task), delayMs);
+}
+
+void LogManager::dump(int fd, const char**, unsigned int) {
+    ALOGI("[%s] dump", "dump");
+    std::lock_guard<std::mutex> guard(stateLock_);
+    std::string text = "LogManager System Dump:\nPath Sizes:\n";
+    for (auto& [path, size] : pathSizeMap_) {
+        if (Contains(path, paths::kTracesDir)) {
+            // Traces are written without a file event we would see: measure now.
+            std::optional<LogConfig> config = LogManagerUtil::GetConfigByFolderName(path, configs_);
+            if (config) {
+                std::vector<std::string> names;
+                size = getDirTotalSize(path, names, *config);
+            }
+            ALOGI("[%s] Path0: %s, Size: %s", "dump", path.c_str(), FileUtil::formatHumanSize(size).c_str());
+        } else {
+            ALOGI("[%s] Path: %s, Size: %s", "dump", path.c_str(), FileUtil::formatHumanSize(size).c_str());
+        }
+        text += path + ": " + FileUtil::formatHumanSize(size) + "\n";
+    }
+    android::base::WriteStringToFd(text, fd);
+}
+
+bool LogManager::IsReuseOpen(const char* op) {
+    const bool open = android::base::GetBoolProperty(kReuseProp, false);
+    ALOGD("[%s] isReuseOpen %d", op, open ? 1 : 0);
+    return open;
+}
+
+std::optional<LogConfig> LogManager::FindConfig(const std::string& devicePath) {
+    return LogManagerUtil::GetConfigByFolderName(devicePath, configs_);
+}
+
+bool LogManager::initConfig() {
+    const std::string file = paths::Get(paths::kLogConfig);
+    std::string text;
+    if (!android::base::ReadFileToString(file, &text, true)) {
+        ALOGE("[%s] Read config from config path failed!!", "initConfig");
+        return false;
+    }
+    std::vector<LogConfig> list;
+    Json::Value json;
+    std::string why;
+    const bool clean = LogManagerUtil::ReadConfigFile(file, &list, &json, &why);
+    if (!json.isArray()) {
+        if (!why.empty()) ALOGE("[%s] %s", "initConfig", why.c_str());
+        ALOGE("[%s] Config is invalid!!", "initConfig");
+        return false;
+    }
+    if (!clean) ALOGE("[%s] %s", "initConfig", why.c_str());
+    {
+        std::lock_guard<std::mutex> guard(stateLock_);
+        configs_ = std::move(list);
+    }
+    watchByConfigs(configs_);
+    if (!vendorReady_) ALOGW("[%s] Vendor maybe not ready while init config", "initConfig");
+    Intent changed(kActionConfigChanged);
+    changed.putExtra("config", json);
+    InternalBroadcastManager::sendBroadcast(changed, false);
+    return true;
+}
+
+void LogManager::CheckLogDirReady() {
+    if (FileUtil::IsDirectory(paths::Get(paths::kBspLogRoot))) {
+        ALOGI("[%s] log dir is Ready, init config now!", "CheckLogDirReady");
+        if (!initConfig()) {
+            ALOGE("[%s] Failed to init LogManager Config! Cannot continue!", "CheckLogDirReady");
+            removeModule(name, true);
+        }
+        return;
+    }
+    ALOGI("[%s] log dir not ready, schedule next check in 30s later", "CheckLogDirReady");
+    PostDelayed([this] { CheckLogDirReady(); }, kLogDirRetryMs);
+}
+
+void LogManager::CheckSdcardReady() {
+    if (!FileUtil::FileExist(paths::Get(paths::kSdcardDir))) {
+        ALOGI("[%s] Sdcard not ready, schedule next check in 10 mins later", "CheckSdcardReady");
+        PostDelayed([this] { CheckSdcardReady(); }, kSdcardRetryMs);
+        return;
+    }
+    ALOGI("[%s] Sdcard is Ready, trigger sdcard ready callback", "CheckSdcardReady");
+    std::vector<LogConfig> onSdcard;
+    for (const LogConfig& config : configs_) {
+        if (Contains(config.folderPath, paths::kSdcardDir)) onSdcard.push_back(config);
+    }
+    for (const LogConfig& config : onSdcard) {
+        CheckAndClean(config.folderPath);
+        updatePathSizeMap(config.folderPath, config);
+    }
+    watchByConfigs(onSdcard);
+}
+
+void LogManager::OnBroadcast(Intent intent) {
+    Post([this, intent = std::move(intent)] { HandleBroadcast(intent); });
+}
+
+void LogManager::HandleBroadcast(const Intent& intent) {
+    if (intent.action == kActionVendorReady) {
+        ALOGD("[%s] Vendor ready!", "operator()");
+        vendorReady_ = true;
+        if (!configs_.empty()) initConfig();
+        return;
+    }
+    if (intent.action != kActionConfigAppend || intent.extras.empty()) return;
+    auto found = intent.extras.find("config");
+    if (found == intent.extras.end()) return;
+    const ExtraValue& extra = found->second;
+    if (const Json::Value* value = std::get_if<Json::Value>(&extra)) {
+        if (value->isArray()) {
+            AppendConfigs(LogManagerUtil::GenerateConfigList(*value));
+            return;
+        }
+        if (value->isObject()) {
+            LogConfig record;
+            std::vector<std::string> names = LogConfig::MemberNames();
+            Json::Value copy = *value;
+            std::string why;
+            if (record.TARNIS_CONVER_JSON_TO_OBJECT(copy, names, &why) &&
+                !(record.folderName.empty() && record.folderPath.empty())) {
+                AppendConfigs({record});
+                return;
+            }
+            if (!why.empty()) ALOGE("[%s] %s", "operator()", why.c_str());
+        }
+        ALOGE("[%s] Intent extra is invalid for log manager!!", "operator()");
+        return;
+    }
+    if (const std::any* object = std::get_if<std::any>(&extra)) {
+        try {
+            AppendConfigs({std::any_cast<LogConfig>(*object)});
+        } catch (const std::bad_any_cast& e) {
+            ALOGE("[%s] obj is not a valid LogConfig! e.what %s", "operator()", e.what());
+        }
+        return;
+    }
+    ALOGE("[%s] Intent extra is invalid for log manager!!", "operator()");
+}
+
+void LogManager::AppendConfigs(std::vector<LogConfig> added) {
+    if (added.empty()) return;
+    const size_t first = configs_.size();
+    {
+        std::lock_guard<std::mutex> guard(stateLock_);
+        for (LogConfig& config : added) configs_.push_back(std::move(config));
+        LogManagerUtil::SetParents(configs_);
+    }
+    watchByConfigs(std::vector<LogConfig>(configs_.begin() + static_cast<long>(first), configs_.end()));
+}
+
+void LogManager::watchByConfigs(const std::vector<LogConfig>& configs) {
+    std::vector<std::pair<std::string, const LogConfig*>> watched;
+    const auto consider = [&watched](const LogConfig& config) {
+        if (config.folderName.empty() && config.folderPath.empty()) return;
+        if (config.maxSize == 0 && config.maxValidDay == 0 && config.maxLogNumber == 0 && !config.pushEventOnly) {
+            return;
+        }
+        if (config.inVendor) return;
+        const std::string path = LogManagerUtil::GetFullPathByConfig(config, false);
+        if (HostilePath(config, path)) {
+            ALOGE("[%s] %s is not a directory a record may name, not watched", "watchByConfigs", path.c_str());
+            return;
+        }
+        if (config.folderPath.empty()) {
+            const std::string host = paths::Get(path);
+            FileUtil::CreateDirectoryWithOwner(host, kSystemUid, kSystemUid);
+            FileUtil::ChangeMode(host, 0777);
+        }
+        watched.emplace_back(path, &config);
+    };
+    for (const LogConfig& top : configs) {
+        for (const LogConfig& child : top.children) consider(child);
+        consider(top);
+    }
+    if (!listener_) {
+        std::vector<std::string> paths;
+        for (const auto& [path, config] : watched) {
+            CheckAndClean(path);
+            if (std::optional<LogConfig> found = FindConfig(path)) updatePathSizeMap(path, *found);
+            paths.push_back(path);
+        }
+        listener_ = std::make_unique<LogMgrFileEventListener>(this, paths, kWatchMask);
+        return;
+    }
+    for (const auto& [path, config] : watched) listener_->Watch(path, kWatchMask);
+}
+
+void LogManager::OnFileEvent(uint32_t, std::optional<std::string> name, const std::string& devicePath) {
+    // Our own archives, and the hidden names they are written under first
+    // (".<entry>.zip.<random>"): packing must not start another check.
+    if (name && Contains(*name, ".zip")) return;
+    __android_log_print(ANDROID_LOG_DEBUG, kListenerTag, "[%s] fileName: %s, basePath: %s", "OnFileEvent",
+                        name ? name->c_str() : "", devicePath.c_str());
+    Post([this, devicePath] {
+        CheckAndClean(devicePath);
+        ALOGD("[%s] CheckAndClean %s", "operator()", devicePath.c_str());
+        if (std::optional<LogConfig> config = FindConfig(devicePath)) updatePathSizeMap(devicePath, *config);
+    });
+}
+
+namespace {
+
+// Lists the entries of one log directory and adds up their sizes. Nothing
+// is followed through a link, and an entry gone by the time it is looked at
+// is left out: another process may be cleaning too.
+struct ScanResult {
+    bool opened = false;
+    bool closed = true;
+    int error = 0;
+    uint64_t total = 0;
+    std::map<std::string, uint64_t> sizes;  // what each entry counted for
+};
+
+ScanResult ScanDirectory(const std::string& hostPath, const LogConfig& config, std::vector<std::string>& names,
+                                const char* op, const char* prefix, int unknownPrio) {
+    ScanResult result;
+    const int fd = open(hostPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (dir == nullptr) {
+        result.error = errno;
+        if (fd >= 0) close(fd);
+        return result;
+    }
+    result.opened = true;
+    while (struct dirent* entry = readdir(dir)) {
+        if (IsDotOrDotDot(entry->d_name)) continue;
+        const std::string fileName = entry->d_name;
+        if (config.watchSSRRamdumpHack && !IsRamdumpName(fileName)) {
+            ALOGD("[%s] %sOldRamdumpFileFormatHack: fileName %s not matched regex, skip!", op, prefix,
+                  fileName.c_str());
+            continue;
+        }
+        struct stat st {};
+        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, fileName.c_str());
+            continue;
+        }
+        if (S_ISREG(st.st_mode)) {
+            if (Contains(fileName, ".zip")) ALOGD("[%s] %sDetected zipped log %s", op, prefix, fileName.c_str());
+            result.total += static_cast<uint64_t>(st.st_size);
+            result.sizes[fileName] = static_cast<uint64_t>(st.st_size);
+        } else if (S_ISDIR(st.st_mode)) {
+            const int64_t size = TreeSizeAt(fd, entry->d_name);
+            if (size < 0) {
+                ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, fileName.c_str());
+                continue;
+            }
+            result.total += static_cast<uint64_t>(size);
+            result.sizes[fileName] = static_cast<uint64_t>(size);
+        } else {
+            __android_log_print(unknownPrio, LOG_TAG,
+                                "[%s] %sOnly directory with date named is allowed, but unknown file %s was detected!!",
+                                op, prefix, fileName.c_str());
+        }
+        names.push_back(fileName);
+    }
+    if (closedir(dir) != 0) {
+        result.closed = false;
+        result.error = errno;
+    }
+    return result;
+}
+
+}  // namespace
+
+void LogManager::CheckAndClean(const std::string& devicePath) {
+    std::optional<LogConfig> found = FindConfig(devicePath);
+    if (!found) {
+        ALOGE("[%s] get config failed for %s", "CheckAndClean", devicePath.c_str());
+        return;
+    }
+    const LogConfig& config = *found;
+    if (HostilePath(config, devicePath)) {
+        ALOGE("[%s] %s is not a directory a record may name, not cleaned", "CheckAndClean", devicePath.c_str());
+        return;
+    }
+    if (!config.children.empty()) {
+        ALOGD("[%s] found children items, ignore master folder clean", "CheckAndClean");
+        return;
+    }
+    ALOGI("[%s] Start Checking %s", "CheckAndClean", devicePath.c_str());
+    const std::string hostPath = paths::Get(devicePath);
+    std::vector<std::string> names;
+    const ScanResult scan = ScanDirectory(hostPath, config, names, "CheckAndClean", "", ANDROID_LOG_WARN);
+    if (!scan.opened) {
+        ALOGE("[%s] can not open dir %s", "CheckAndClean", devicePath.c_str());
+        return;
+    }
+    if (!scan.closed) ALOGE("[%s] Close Dir failed!", "CheckAndClean");
+    uint64_t total = scan.total;
+    const uint64_t sizeBefore = total;
+    const uint64_t limit = config.maxSize << 10;
+
+    if (config.pushEventOnly) {
+        if (config.maxSize != 0 && total > limit) {
+            Json::Value event(Json::objectValue);
+            event["EVENT_NAME"] = kAlarmEventName;
+            event["dirSize"] = static_cast<Json::UInt64>(total);
+            event["folderPath"] = devicePath;
+            ReportTrelvo("reportLogMonitorEvent", event);
+        }
+        return;
+    }
+    if (names.empty()) {
+        ALOGI("[%s] %s is empty, no need clean!", "CheckAndClean", devicePath.c_str());
+        return;
+    }
+    std::sort(names.begin(), names.end());
+    const bool reuseOpen = IsReuseOpen("CheckAndClean");
+    const uint64_t reuseLimit = config.reuseMaxSize << 10;
+    std::string reusePath = std::string(paths::kReuseLogRoot) + "/";
+    if (config.parent) reusePath += config.parent->folderName + "/";
+    reusePath += config.folderName;
+    const std::string reuseHost = paths::Get(reusePath);
+
+    bool dueToSize = false;
+    bool compressAfter = true;
+    int64_t reuseClearSize = 0;
+    int64_t reuseMoveSize = 0;
+    for (;;) {
+        const int64_t nowMs = GetClock().WallNowMs();
+        int64_t ageMs = 0;
+        const bool dueCount = config.maxLogNumber != 0 && names.size() > config.maxLogNumber;
+        const bool dueSize = config.maxSize != 0 && total > limit;
+        const bool dueAge = !dueCount && !dueSize && config.maxValidDay != 0 && !names.empty() &&
+                            CompareTimeStrExpired(names.front(), config.maxValidDay, nowMs, &ageMs);
+        if (!dueCount && !dueSize && !dueAge) break;
+        dueToSize = dueSize;
+        if (names.empty()) {
+            ALOGD("[%s] %s is clean, should not enter clean loop again!", "CheckAndClean", devicePath.c_str());
+            compressAfter = false;
+            break;
+        }
+        const std::string fileName = names.front();
+        const std::string fullPath = devicePath + "/" + fileName;
+        const std::string hostFull = hostPath + "/" + fileName;
+        const std::string reuseFullPath = reusePath + "/" + fileName;
+        ALOGI("[%s] fullPath: %s; reusePath: %s; reuseFullPath: %s", "CheckAndClean", fullPath.c_str(),
+              reusePath.c_str(), reuseFullPath.c_str());
+        ALOGI("[%s] Clean Start: fileName %s, fileNameList size %zu, totalSize %zu, NowTime %ld(ms), "
+              "MaxOffsetTime %lu(ms), time offset %lu(ms)",
+              "CheckAndClean", fileName.c_str(), names.size(), static_cast<size_t>(total), static_cast<long>(nowMs),
+              static_cast<unsigned long>(config.maxValidDay) * kDayMs,
+              static_cast<unsigned long>(ageMs > 0 ? ageMs : 0));
+        if (!reuseOpen || config.reuseMaxSize == 0) {
+            ALOGI("[%s] Delete File By Inital Logic.", "CheckAndClean");
+            DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+            continue;
+        }
+        std::vector<std::string> reuseNames;
+        uint64_t reuseTotal = getDirTotalSize(reusePath, reuseNames, config);
+        std::sort(reuseNames.begin(), reuseNames.end());
+        const uint64_t entrySize = EntrySize(hostFull);
+        if (entrySize > reuseLimit) {
+            ALOGI("[%s] Log %s size is too large to move file.", "CheckAndClean", fileName.c_str());
+            DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+            break;
+        }
+        const uint64_t reuseBefore = reuseTotal;
+        bool stop = false;
+        while (reuseOpen && reuseTotal + entrySize > reuseLimit && !reuseNames.empty()) {
+            ALOGI("[%s] Start delete A/B reused partition file: %s", "CheckAndClean", reuseNames.front().c_str());
+            if (!DeleteFileUpdateDirConfig(reuseHost + "/" + reuseNames.front(), &reuseTotal, reuseNames)) {
+                DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+                stop = true;
+                break;
+            }
+        }
+        if (stop) break;
+        reuseClearSize = static_cast<int64_t>(reuseBefore - reuseTotal);
+        ALOGI("[%s] Start move file to A/B reused partition", "CheckAndClean");
+        FileUtil::CreateDirectoryWithOwner(reuseHost, kSystemUid, kSystemUid);
+        FileUtil::ChangeMode(reuseHost, 0777);
+        const std::string reuseHostFull = reuseHost + "/" + fileName;
+        struct stat st {};
+        // Only what is ours goes: the target of a link stays where it is.
+        const bool copyable =
+            lstat(hostFull.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+        if (!copyable) errno = lstat(hostFull.c_str(), &st) == 0 ? EINVAL : errno;
+        if (copyable && FileUtil::CopyFileOrDirectory(hostFull, reuseHostFull)) {
+            reuseMoveSize = static_cast<int64_t>(entrySize);
+            FileUtil::ChangeMode(reuseHostFull, 0777);
+            ALOGI("[%s] Move file %s to A/B reused partition %s succeed, moved size %zu bytes.", "CheckAndClean",
+                  fullPath.c_str(), reuseFullPath.c_str(), static_cast<size_t>(entrySize));
+        } else {
+            ALOGW("[%s] Move file %s to A/B reused partition %s failed,error: %s", "CheckAndClean", fullPath.c_str(),
+                  reuseFullPath.c_str(), strerror(errno));
+        }
+        DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+    }
+
+    if (compressAfter && config.compress && !names.empty()) CompressEntries(devicePath, config, names);
+    if (dueToSize) ReportSizeCleaning(devicePath, sizeBefore, reuseOpen, reuseClearSize, reuseMoveSize);
+}
+
+void LogManager::CompressEntries(const std::string& devicePath, const LogConfig& config,
+                                 const std::vector<std::string>& names) {
+    size_t count = names.size();
+    // The newest entry may still be written to.
+    if (config.compressLatestAfterSec == 0 && (config.delayCompress || listener_)) --count;
+    const std::string hostPath = paths::Get(devicePath);
+    for (size_t i = 0; i < count; ++i) {
+        const std::string fullPath = hostPath + "/" + names[i];
+        if (Contains(names[i], ".zip") || fullPath == pendingCompressPath_) continue;
+        ALOGD("[%s] Compress loop: fullPath %s", "CheckAndClean", fullPath.c_str());
+        if (listener_ && config.compressLatestAfterSec != 0) {
+            if (!pendingCompressPath_.empty()) {
+                ALOGI("[%s] Last delay compress is not trigger, trigger it directly", "CheckAndClean");
+                std::lock_guard<std::mutex> guard(handlerLock_);
+                if (handler_) handler_->removeMessage(pendingCompressMsg_, false);
+            }
+            if (!pendingCompressPath_.empty()) {
+                const std::string previous = pendingCompressPath_;
+                pendingCompressPath_.clear();
+                pendingCompressMsg_ = TarnisMessageRef();
+                Compress(previous);
+            }
+            pendingCompressPath_ = fullPath;
+            pendingCompressMsg_ = PostDelayed(
+                [this, fullPath] {
+                    ALOGI("[%s] delayed compress task running for %s", "operator()", fullPath.c_str());
+                    if (pendingCompressPath_ == fullPath) {
+                        pendingCompressPath_.clear();
+                        pendingCompressMsg_ = TarnisMessageRef();
+                    }
+                    Compress(fullPath);
+                },
+                static_cast<long>(config.compressLatestAfterSec) * 1000);
+            ALOGI("[%s] Scheduled delayed compress task for %s", "CheckAndClean", fullPath.c_str());
+            continue;
+        }
+        if (Compress(fullPath)) {
+            ALOGD("[%s] Compressed: %s", "CheckAndClean", fullPath.c_str());
+        } else {
+            ALOGE("[%s] Compress the path: %s returned error!", "CheckAndClean", fullPath.c_str());
+        }
+    }
+}
+
+void LogManager::ReportSizeCleaning(const std::string& devicePath, uint64_t before, bool reuseOpen,
+                                    int64_t cleared, int64_t moved) {
+    const std::string hostPath = paths::Get(devicePath);
+    uint64_t after = 0;
+    const int fd = open(hostPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (dir == nullptr) {
+        if (fd >= 0) close(fd);
+        ALOGE("[%s] can not open dir %s", "CheckAndClean", devicePath.c_str());
+    } else {
+        while (struct dirent* entry = readdir(dir)) {
+            if (IsDotOrDotDot(entry->d_name)) continue;
+            struct stat st {};
+            if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            if (S_ISDIR(st.st_mode)) {
+                const int64_t size = TreeSizeAt(fd, entry->d_name);
+                if (size > 0) after += static_cast<uint64_t>(size);
+            } else if (S_ISREG(st.st_mode) && Contains(entry->d_name, ".zip")) {
+                after += static_cast<uint64_t>(st.st_size);
+            }
+        }
+        if (closedir(dir) != 0) ALOGE("[%s] Close Dir failed! error: %s", "CheckAndClean", strerror(errno));
+    }
+    LogManagerEvent event;
+    event.dirFullPath = devicePath;
+    event.dirSizeBefore = static_cast<int64_t>(before);
+    event.dirSizeAfter = static_cast<int64_t>(after);
+    event.isReuseOpen = reuseOpen;
+    event.reuseClearSize = cleared;
+    event.reuseMoveSize = moved;
+    Json::Value json;
+    event.ToJson(json);
+    ReportTrelvo("CheckAndClean", json);
+}
+
+bool LogManager::DeleteFileUpdateDirConfig(const std::string& hostPath, uint64_t* total,
+                                           std::vector<std::string>& names,
+                                           const std::map<std::string, uint64_t>* sizes) {
+    struct stat st {};
+    if (lstat(hostPath.c_str(), &st) != 0 && errno == ENOENT) {
+        // Another process cleaned it first: what it held is gone all the same.
+        ALOGI("[%s] %s vanished before its removal, skipped", "DeleteFileUpdateDirConfig", hostPath.c_str());
+        if (!names.empty()) {
+            auto known = sizes != nullptr ? sizes->find(names.front()) : std::map<std::string, uint64_t>::const_iterator();
+            if (sizes != nullptr && known != sizes->end()) *total = *total > known->second ? *total - known->second : 0;
+            names.erase(names.begin());
+        }
+        return true;
+    }
+    unsigned long removed = 0;
+    const int result = FileUtil::DeleteDirectoryOrFile(hostPath, &removed);
+    if (result == 0) {
+        ALOGI("[%s] DeleteDirectoryOrFile succeed, removed size %zu bytes (%zu MB)", "DeleteFileUpdateDirConfig",
+              static_cast<size_t>(removed), static_cast<size_t>(removed >> 20));
+        if (!names.empty()) names.erase(names.begin());
+        *total = *total > removed ? *total - removed : 0;
+        return true;
+    }
+    ALOGE("[%s] remove %s failed! error:%s. skipped this file for now..., ", "DeleteFileUpdateDirConfig",
+          hostPath.c_str(), strerror(errno));
+    if (!names.empty()) names.erase(names.begin());
+    return false;
+}
+
+uint64_t LogManager::getDirTotalSize(const std::string& devicePath, std::vector<std::string>& names,
+                                     const LogConfig& config) {
+    const ScanResult scan =
+        ScanDirectory(paths::Get(devicePath), config, names, "getDirTotalSize", "CheckAndClean: ", ANDROID_LOG_INFO);
+    if (!scan.opened) {
+        ALOGE("[%s] CheckAndClean: can not open dir %s error: %s", "getDirTotalSize", devicePath.c_str(),
+              strerror(scan.error));
+        return 0;
+    }
+    if (!scan.closed) {
+        ALOGE("[%s] Close Dir failed!", "getDirTotalSize");
+        return 0;
+    }
+    return scan.total;
+}
+
+void LogManager::updatePathSizeMap(const std::string& devicePath, const LogConfig& config) {
+    std::vector<std::string> names;
+    const ScanResult scan =
+        ScanDirectory(paths::Get(devicePath), config, names, "updatePathSizeMap", "", ANDROID_LOG_WARN);
+    if (!scan.opened) {
+        ALOGE("[%s] can not open dir %s", "updatePathSizeMap", devicePath.c_str());
+        return;
+    }
+    ALOGD("[%s] update pathSizeMap for %s, totalSize: %zu", "updatePathSizeMap", devicePath.c_str(),
+          static_cast<size_t>(scan.total));
+    std::lock_guard<std::mutex> guard(stateLock_);
+    pathSizeMap_[devicePath] = scan.total;
+}
+
+bool LogManager::Compress(const std::string& hostPath) {
+    struct stat st {};
+    if (lstat(hostPath.c_str(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) {
+        // A link's target is not ours to pack; a vanished entry has nothing left.
+        ALOGW("[%s] %s is not a regular file or directory, not compressed", "Compress", hostPath.c_str());
+        return false;
+    }
+    const std::string archive = hostPath + ".zip";
+    ZipFile zip({hostPath}, 0);
+    if (!zip.create(archive)) {
+        ALOGE("[%s] Create new zip failed!!", "Compress");
+        return false;
+    }
+    if (!zip.close()) {
+        FileUtil::DeleteDirectoryOrFile(archive, nullptr);
+        return false;
+    }
+    std::string why;
+    if (!ArchiveHoldsAll(archive, hostPath, &why)) {
+        ALOGE("[%s] %s is incomplete (%s), the entry is kept", "Compress", archive.c_str(), why.c_str());
+        FileUtil::DeleteDirectoryOrFile(archive, nullptr);
+        return false;
+    }
+    FileUtil::DeleteDirectoryOrFile(hostPath, nullptr);
+    FileUtil::ChangeMode(archive, 0775);
+    return true;
+}
+
+}  // namespace kolto
+}  // namespace velmar

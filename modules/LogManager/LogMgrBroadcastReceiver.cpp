@@ -1,0 +1,18 @@
+#include "modules/LogManager/LogMgrBroadcastReceiver.h"
+
+#include <log/log.h>
+
+#include "modules/LogManager/LogManager.h"
+
+#define LOG_TAG "Tarnis-onReceive"
+
+namespace velmar {
+namespace kolto {
+
+void LogMgrBroadcastReceiver::onReceive(Intent intent) const {
+    ALOGI("[%s] action %s", "onReceive", intent.action.c_str());
+    manager_->OnBroadcast(std::move(intent));
+}
+
+}  // namespace kolto
+}  // namespace velmar

@@ -1,0 +1,53 @@
+#include "modules/LogManager/LogMgrFileEventListener.h"
+
+#include <sys/inotify.h>
+
+#include <log/log.h>
+
+#include "modules/LogManager/LogManager.h"
+#include "utils/Paths.h"
+
+#define LOG_TAG "Tarnis-LogMgrFileEventListener"
+
+namespace velmar {
+namespace kolto {
+
+LogMgrFileEventListener::LogMgrFileEventListener(LogManager* manager, const std::vector<std::string>& devicePaths,
+                                                 uint32_t mask)
+    : FileEventListener("LogMgrFileEventListener", {}, mask), manager_(manager) {
+    for (const std::string& path : devicePaths) {
+        if (Watch(path, mask) != 0) ALOGE("[%s] add file watch failed! path: %s", "LogMgrFileEventListener", path.c_str());
+    }
+}
+
+LogMgrFileEventListener::~LogMgrFileEventListener() { stop(); }
+
+void LogMgrFileEventListener::OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) {
+    if (mask & IN_DELETE_SELF) {
+        // Handled here, not by the manager: its pointer to this object is
+        // not safe to read from this thread while the manager goes away.
+        ALOGI("[%s] watching dir %s deleted, remove watching", "OnFileEvent", DeviceOf(path).c_str());
+        removeWatching(path);
+        return;
+    }
+    manager_->OnFileEvent(mask, std::move(name), DeviceOf(path));
+}
+
+int LogMgrFileEventListener::Watch(const std::string& devicePath, uint32_t mask) {
+    return addWatching(paths::Get(devicePath), mask);
+}
+
+bool LogMgrFileEventListener::Unwatch(const std::string& devicePath) { return removeWatching(paths::Get(devicePath)); }
+
+std::string LogMgrFileEventListener::DeviceOf(const std::string& hostPath) {
+    std::string root = paths::Get("/");
+    while (!root.empty() && root.back() == '/') root.pop_back();
+    if (root.empty()) return hostPath;
+    if (hostPath.size() > root.size() && hostPath.compare(0, root.size(), root) == 0 && hostPath[root.size()] == '/') {
+        return hostPath.substr(root.size());
+    }
+    return hostPath;
+}
+
+}  // namespace kolto
+}  // namespace velmar

@@ -1,0 +1,507 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <log/log.h>
+
+#include "framework/Intent.h"
+#include "framework/InternalBroadcastManager.h"
+#include "framework/TarnisLooper.h"
+#include "framework/TarnisLooperManager.h"
+#include "modules/LogManager/LogManager.h"
+#include "tests/support/ModuleTest.h"
+#include "utils/FileUtil.h"
+
+namespace {
+
+using velmar::kolto::FileUtil;
+using velmar::kolto::LogManager;
+using velmar::kolto::TarnisLooper;
+using velmar::kolto::TarnisLooperManager;
+
+constexpr char kTag[] = "Tarnis-LogManager";
+constexpr char kBsp[] = "/data/nuvilog/bsp";
+constexpr int64_t kDayMs = 86400000;
+
+bool Exists(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0;
+}
+
+void Write(const std::string& path, const std::string& content) {
+    ASSERT_EQ(system(("mkdir -p \"$(dirname '" + path + "')\"").c_str()), 0);
+    ASSERT_TRUE(android::base::WriteStringToFile(content, path)) << path;
+}
+
+std::string Read(const std::string& path) {
+    std::string text;
+    android::base::ReadFileToString(path, &text);
+    return text;
+}
+
+std::vector<std::string> List(const std::string& dir) {
+    std::string out = tarnis_test::RunShell("ls -A '" + dir + "' 2>/dev/null");
+    std::vector<std::string> names;
+    size_t start = 0;
+    while (start < out.size()) {
+        size_t end = out.find('\n', start);
+        if (end == std::string::npos) end = out.size();
+        if (end > start) names.push_back(out.substr(start, end - start));
+        start = end + 1;
+    }
+    return names;
+}
+
+int64_t StatSize(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+    return st.st_size;
+}
+
+class LogManagerTest : public tarnis_test::ModuleTest {
+protected:
+    void TearDown() override {
+        known_.clear();
+        ModuleTest::TearDown();
+    }
+
+    // Before Start(), entries go to a staging copy of the log root, which
+    // becomes the root only once the module waits for it: the file-event
+    // listener's thread never idles, so the fixture's own waits must not
+    // meet it (Settle() leaves it out).
+    std::string Staged(const std::string& relative) const { return Device(kBsp) + ".stage/" + relative; }
+    std::string Bsp(const std::string& relative) const { return Device(kBsp) + "/" + relative; }
+
+    void Start(const std::string& config) {
+        Write(Device("/system_ext/etc/tarnsys/log_config.json"), config);
+        LoadModules();
+        ASSERT_TRUE(log_.HasLine("[CheckLogDirReady] log dir not ready, schedule next check in 30s later", kTag,
+                                 ANDROID_LOG_INFO));
+        for (const auto& looper : TarnisLooperManager::getInstance().loopers()) known_.push_back(looper);
+        ASSERT_EQ(system(("mkdir -p '" + Staged("") + "'").c_str()), 0);
+        ASSERT_EQ(rename(Staged("").c_str(), Device(kBsp).c_str()), 0);
+        Advance(30000);
+        ASSERT_TRUE(log_.HasLine("[CheckLogDirReady] log dir is Ready, init config now!", kTag, ANDROID_LOG_INFO));
+    }
+
+    // As WaitIdle, over the loopers there were before the listener.
+    void Settle() {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto snapshot = [this](std::vector<uint64_t>* counts) {
+            counts->clear();
+            for (const auto& looper : known_) {
+                if (!looper->hasEnded() && !looper->isIdle()) return false;
+                counts->push_back(looper->dispatched());
+            }
+            return true;
+        };
+        std::vector<uint64_t> first, second;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (snapshot(&first)) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                if (snapshot(&second) && first == second) return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        FAIL() << "threads still busy";
+    }
+    void Advance(int64_t ms) {
+        clock_.Advance(ms);
+        Settle();
+    }
+
+    // File events arrive on the listener's thread: waits until the check of
+    // `dir` ran `count` times in all, then for what it posted.
+    void WaitChecks(const std::string& dir, size_t count) {
+        const std::string line = "[operator()] CheckAndClean " + std::string(kBsp) + "/" + dir;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (log_.Count(line, kTag) < count && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ASSERT_GE(log_.Count(line, kTag), count) << line;
+        Settle();
+    }
+
+    // The payloads of the quality-service reports of this module.
+    std::vector<Json::Value> Reports() {
+        std::vector<Json::Value> out;
+        for (const Json::Value& event : JournalEvents()) {
+            if (event["call"].asString() != "reportTrelvoEvent") continue;
+            const Json::Value& args = event["args"];
+            EXPECT_EQ(args[0].asString(), "52000178316");
+            EXPECT_EQ(args[1].asString(), "Tarnis.LogManager");
+            Json::Value payload;
+            Json::CharReaderBuilder builder;
+            std::string errors;
+            std::istringstream in(args[2].asString());
+            EXPECT_TRUE(Json::parseFromStream(builder, in, &payload, &errors)) << args[2].asString();
+            out.push_back(payload);
+        }
+        return out;
+    }
+
+    std::vector<std::shared_ptr<TarnisLooper>> known_;
+};
+
+std::string Record(const std::string& name, const std::string& members) {
+    return "{\"folderName\":\"" + name + "\"" + (members.empty() ? "" : "," + members) + "}";
+}
+
+TEST_F(LogManagerTest, CountLimitKeepsTheNewestAtStartAndOnEachNewEntry) {
+    for (int i = 1; i <= 5; ++i) Write(Staged("demo_count/2025-11-23_10-00-0" + std::to_string(i) + "/log"), "x");
+    const int64_t oldest = StatSize(Staged("demo_count/2025-11-23_10-00-01")) + 1;
+    Start("[" + Record("demo_count", "\"maxLogNumber\":3") + "]");
+    EXPECT_EQ(List(Bsp("demo_count")),
+              (std::vector<std::string>{"2025-11-23_10-00-03", "2025-11-23_10-00-04", "2025-11-23_10-00-05"}));
+
+    ASSERT_EQ(mkdir(Bsp("demo_count/2025-11-23_10-00-06").c_str(), 0755), 0);
+    WaitChecks("demo_count", 1);
+    EXPECT_EQ(List(Bsp("demo_count")),
+              (std::vector<std::string>{"2025-11-23_10-00-04", "2025-11-23_10-00-05", "2025-11-23_10-00-06"}));
+    EXPECT_TRUE(log_.HasLine("[DeleteFileUpdateDirConfig] DeleteDirectoryOrFile succeed, removed size " +
+                                 std::to_string(oldest) + " bytes (0 MB)",
+                             kTag, ANDROID_LOG_INFO));
+}
+
+TEST_F(LogManagerTest, DumpListsEachDirectoryAndMeasuresTracesAgain) {
+    Write(Staged("demo_dump/2025-11-23_10-00-01"), std::string(1500, 'a'));
+    Write(Device("/data/local/traces/t1"), std::string(100, 't'));
+    Start("[" + Record("demo_dump", "\"maxLogNumber\":3") + "," +
+          "{\"folderPath\":\"/data/local/traces\",\"maxLogNumber\":50}]");
+    // Written behind the map's back (no check runs for a file that grows).
+    Write(Device("/data/local/traces/t1"), std::string(2048, 't'));
+
+    const std::string dump = Dump({"LogManager"});
+    EXPECT_NE(dump.find("LogManager System Dump:\nPath Sizes:\n/data/local/traces: 2.00 KB\n" + std::string(kBsp) +
+                        "/demo_dump: " + FileUtil::formatHumanSize(1500) + "\n"),
+              std::string::npos)
+        << dump;
+    EXPECT_TRUE(log_.HasLine("[dump] Path0: /data/local/traces, Size: 2.00 KB", kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("[dump] Path: " + std::string(kBsp) + "/demo_dump, Size: " +
+                                 FileUtil::formatHumanSize(1500),
+                             kTag, ANDROID_LOG_INFO));
+}
+
+TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
+    std::vector<int64_t> sizes;
+    for (int i = 1; i <= 5; ++i) Write(Staged("demo_size/2025-11-23_10-00-0" + std::to_string(i) + "/log"),
+                                       std::string(3000, 'a' + i));
+    int64_t before = 0;
+    for (int i = 1; i <= 5; ++i) {
+        const std::string dir = Staged("demo_size/2025-11-23_10-00-0" + std::to_string(i));
+        sizes.push_back(StatSize(dir) + StatSize(dir + "/log"));
+        before += sizes.back();
+    }
+    // Oldest first until the rest fits in 8 KiB.
+    int64_t after = before;
+    size_t firstKept = 0;
+    while (after > 8192) after -= sizes[firstKept++];
+    ASSERT_GT(firstKept, 0u);
+
+    Start("[" + Record("demo_size", "\"maxSize\":8") + "]");
+    const std::vector<std::string> left = List(Bsp("demo_size"));
+    ASSERT_EQ(left.size(), 5 - firstKept);
+    EXPECT_EQ(left.front(), "2025-11-23_10-00-0" + std::to_string(firstKept + 1));
+
+    const std::vector<Json::Value> reports = Reports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0]["EVENT_NAME"].asString(), "logManage");
+    EXPECT_EQ(reports[0]["folderPath"].asString(), std::string(kBsp) + "/demo_size");
+    EXPECT_EQ(reports[0]["totalSizeBefore"].asInt64(), before);
+    EXPECT_EQ(reports[0]["totalSize"].asInt64(), after);
+    EXPECT_FALSE(reports[0]["reuseOpen"].asBool());
+    EXPECT_EQ(reports[0]["reuseClearSize"].asInt64(), 0);
+    EXPECT_EQ(reports[0]["reuseMoveSize"].asInt64(), 0);
+}
+
+TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) {
+    // The clock reads 2026-01-01; ten days back is 2025-12-22.
+    for (const char* name : {"2025-11-01_00-00-00", "2025-11-05_undated", "2025-11-10-00-00-00", "2025-12-25_00-00-00"}) {
+        Write(Staged(std::string("demo_age/") + name), "x");
+    }
+    Start("[" + Record("demo_age", "\"maxValidDay\":10") + "]");
+    EXPECT_EQ(List(Bsp("demo_age")),
+              (std::vector<std::string>{"2025-11-05_undated", "2025-11-10-00-00-00", "2025-12-25_00-00-00"}));
+    EXPECT_TRUE(log_.HasLine("CompareTimeStrExpired folderName is empty", kTag, ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_.HasLine("[matchedDate] 2025-11-01_00-00-00 find date: 2025-11-01_00-00-00 in file name", kTag,
+                             ANDROID_LOG_DEBUG));
+
+    // Without the undated entry, and ten days later, the dated ones age out.
+    ASSERT_EQ(unlink(Bsp("demo_age/2025-11-05_undated").c_str()), 0);
+    clock_.SetWallMs(clock_.WallNowMs() + 10 * kDayMs);
+    Write(Bsp("demo_age/2026-01-10_00-00-00"), "x");
+    WaitChecks("demo_age", 1);
+    EXPECT_EQ(List(Bsp("demo_age")), (std::vector<std::string>{"2026-01-10_00-00-00"}));
+}
+
+TEST_F(LogManagerTest, RamdumpDirectoriesCountOnlyDatedDumpNames) {
+    const std::vector<std::string> names = {"notes.txt", "ramdump_2025-11-01_10-00-00.elf",
+                                            "ramdump_modem_2025-11-01_10-00-00.elf",
+                                            "ramdump_modem_2025-11-2_9-0-0_x.elf", "ramdump_x_2025-11-03_10-00-00"};
+    for (const std::string& name : names) Write(Staged("demo_ramdump/" + name), "r");
+    Start("[" + Record("demo_ramdump", "\"maxLogNumber\":1,\"watchSSRRamdumpHack\":true") + "]");
+    EXPECT_EQ(List(Bsp("demo_ramdump")),
+              (std::vector<std::string>{"notes.txt", "ramdump_2025-11-01_10-00-00.elf",
+                                        "ramdump_modem_2025-11-2_9-0-0_x.elf", "ramdump_x_2025-11-03_10-00-00"}));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] OldRamdumpFileFormatHack: fileName notes.txt not matched regex, skip!",
+                             kTag, ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] OldRamdumpFileFormatHack: fileName ramdump_x_2025-11-03_10-00-00 not "
+                             "matched regex, skip!",
+                             kTag, ANDROID_LOG_DEBUG));
+}
+
+TEST_F(LogManagerTest, CompressionPacksAllButTheNewestWithoutStartingAnotherCheck) {
+    Start("[" + Record("demo_zip", "\"compress\":true,\"maxLogNumber\":5") + "]");
+    const std::string start = "[CheckAndClean] Start Checking " + std::string(kBsp) + "/demo_zip";
+    ASSERT_EQ(log_.Count(start, kTag), 1u);
+    for (int i = 1; i <= 3; ++i) {
+        const std::string entry = Bsp("demo_zip/2025-11-23_10-00-0" + std::to_string(i));
+        ASSERT_EQ(mkdir(entry.c_str(), 0755), 0);
+        Write(entry + "/log", std::string(5000, 'a' + i));
+        WaitChecks("demo_zip", static_cast<size_t>(i));
+    }
+    // Time for a stray event from the archives to arrive.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    Settle();
+    EXPECT_EQ(log_.Count(start, kTag), 4u);
+    EXPECT_EQ(List(Bsp("demo_zip")), (std::vector<std::string>{"2025-11-23_10-00-01.zip", "2025-11-23_10-00-02.zip",
+                                                               "2025-11-23_10-00-03"}));
+    for (int i = 1; i <= 2; ++i) {
+        const std::string archive = Bsp("demo_zip/2025-11-23_10-00-0" + std::to_string(i) + ".zip");
+        int status = -1;
+        const std::string names = tarnis_test::RunShell(
+            "python3 -c 'import sys,zipfile; z=zipfile.ZipFile(sys.argv[1]); assert z.testzip() is None; "
+            "print(len(z.read(z.namelist()[-1])), z.namelist()[-1])' '" + archive + "'",
+            &status);
+        EXPECT_EQ(status, 0) << archive;
+        EXPECT_NE(names.find("5000 "), std::string::npos) << names;
+        EXPECT_NE(names.find("2025-11-23_10-00-0" + std::to_string(i) + "/log"), std::string::npos) << names;
+        EXPECT_EQ(StatSize(archive) > 0, true);
+        struct stat st {};
+        ASSERT_EQ(stat(archive.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0775u);
+    }
+}
+
+TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
+    Start("[" + Record("demo_delay", "\"compress\":true,\"compressLatestAfterSec\":60,\"maxLogNumber\":9") + "]");
+    const auto entry = [this](int i) { return Bsp("demo_delay/2025-11-23_10-00-0" + std::to_string(i)); };
+    ASSERT_EQ(mkdir(entry(1).c_str(), 0755), 0);
+    WaitChecks("demo_delay", 1);
+    EXPECT_TRUE(Exists(entry(1)));
+    Advance(59000);
+    EXPECT_FALSE(Exists(entry(1) + ".zip"));
+    Advance(1000);
+    EXPECT_TRUE(log_.HasLine("[operator()] delayed compress task running for " + entry(1), kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(Exists(entry(1) + ".zip"));
+    EXPECT_FALSE(Exists(entry(1)));
+
+    // A newer entry brings the pending one forward at once.
+    ASSERT_EQ(mkdir(entry(2).c_str(), 0755), 0);
+    WaitChecks("demo_delay", 2);
+    ASSERT_EQ(mkdir(entry(3).c_str(), 0755), 0);
+    WaitChecks("demo_delay", 3);
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] Last delay compress is not trigger, trigger it directly", kTag));
+    EXPECT_TRUE(Exists(entry(2) + ".zip"));
+    EXPECT_FALSE(Exists(entry(2)));
+    EXPECT_TRUE(Exists(entry(3)));
+    Advance(60000);
+    EXPECT_TRUE(Exists(entry(3) + ".zip"));
+    EXPECT_FALSE(Exists(entry(3)));
+}
+
+TEST_F(LogManagerTest, PushEventOnlyReportsOverSizeAndDeletesNothing) {
+    Write(Staged("demo_push/a.log"), std::string(3000, 'a'));
+    Write(Staged("demo_push/b.log"), std::string(3000, 'b'));
+    Start("[" + Record("demo_push", "\"pushEventOnly\":true,\"maxSize\":4,\"maxLogNumber\":1") + "]");
+    EXPECT_EQ(List(Bsp("demo_push")).size(), 2u);
+    const std::vector<Json::Value> reports = Reports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0]["EVENT_NAME"].asString(), "logMonitor");
+    EXPECT_EQ(reports[0]["dirSize"].asUInt64(), 6000u);
+    EXPECT_EQ(reports[0]["folderPath"].asString(), std::string(kBsp) + "/demo_push");
+}
+
+TEST_F(LogManagerTest, ARecordWithChildrenIsCleanedOnlyThroughThem) {
+    for (int i = 1; i <= 3; ++i) {
+        Write(Staged("demo_parent/a/2025-11-23_10-00-0" + std::to_string(i)), "a");
+        Write(Staged("demo_parent/b/2025-11-23_10-00-0" + std::to_string(i)), "b");
+    }
+    Write(Staged("demo_parent/loose.txt"), "kept");
+    Start("[" + Record("demo_parent", "\"maxLogNumber\":1,\"children\":[" + Record("a", "\"maxLogNumber\":1") + "," +
+                                          Record("b", "\"maxLogNumber\":2") + "]") +
+          "]");
+    EXPECT_EQ(List(Bsp("demo_parent/a")), (std::vector<std::string>{"2025-11-23_10-00-03"}));
+    EXPECT_EQ(List(Bsp("demo_parent/b")), (std::vector<std::string>{"2025-11-23_10-00-02", "2025-11-23_10-00-03"}));
+    EXPECT_EQ(List(Bsp("demo_parent")), (std::vector<std::string>{"a", "b", "loose.txt"}));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] found children items, ignore master folder clean", kTag,
+                             ANDROID_LOG_DEBUG));
+}
+
+TEST_F(LogManagerTest, ReusePartitionTakesWhatFitsAndAnOversizedEntryEndsTheCleaning) {
+    ASSERT_TRUE(android::base::SetProperty("persist.sys.abreuse.abstatus", "true"));
+    Write(Staged("demo_reuse/2025-12-01_00-00-00"), std::string(20000, 'o'));
+    Write(Staged("demo_reuse/2025-12-02_00-00-00"), std::string(3000, '2'));
+    Write(Staged("demo_reuse/2025-12-03_00-00-00"), std::string(3000, '3'));
+    Start("[" + Record("demo_reuse", "\"maxLogNumber\":1,\"reuseMaxSize\":8") + "]");
+    const std::string reuse = Device("/mnt/reuse/bsplog/demo_reuse");
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] Log 2025-12-01_00-00-00 size is too large to move file.", kTag,
+                             ANDROID_LOG_INFO));
+    EXPECT_FALSE(Exists(reuse + "/2025-12-01_00-00-00"));
+    EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-02_00-00-00", "2025-12-03_00-00-00"}));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] isReuseOpen 1", kTag, ANDROID_LOG_DEBUG));
+
+    Write(Bsp("demo_reuse/2025-12-04_00-00-00"), std::string(3000, '4'));
+    WaitChecks("demo_reuse", 1);
+    EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-04_00-00-00"}));
+    EXPECT_EQ(Read(reuse + "/2025-12-02_00-00-00"), std::string(3000, '2'));
+    EXPECT_EQ(Read(reuse + "/2025-12-03_00-00-00"), std::string(3000, '3'));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] Move file " + std::string(kBsp) +
+                                 "/demo_reuse/2025-12-02_00-00-00 to A/B reused partition "
+                                 "/mnt/reuse/bsplog/demo_reuse/2025-12-02_00-00-00 succeed, moved size 3000 bytes.",
+                             kTag, ANDROID_LOG_INFO));
+
+    // Full: the oldest copy makes room for the next one.
+    Write(Bsp("demo_reuse/2025-12-05_00-00-00"), std::string(3000, '5'));
+    WaitChecks("demo_reuse", 2);
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] Start delete A/B reused partition file: 2025-12-02_00-00-00", kTag));
+    EXPECT_EQ(List(reuse), (std::vector<std::string>{"2025-12-03_00-00-00", "2025-12-04_00-00-00"}));
+}
+
+TEST_F(LogManagerTest, LinksOutOfTheTreeAreNeitherFollowedNorPacked) {
+    tarnis_test::TempDir outside;
+    Write(outside.Sub("secret/keep.txt"), "precious");
+    ASSERT_EQ(system(("mkdir -p '" + Staged("demo_link/2025-12-01_00-00-00") + "'").c_str()), 0);
+    Write(Staged("demo_link/2025-12-01_00-00-00/log"), "ours");
+    ASSERT_EQ(symlink(outside.Sub("secret").c_str(), Staged("demo_link/2025-01-01_link").c_str()), 0);
+    ASSERT_EQ(symlink(outside.Sub("secret").c_str(), Staged("demo_link/2025-06-01_link").c_str()), 0);
+    Start("[" + Record("demo_link", "\"maxLogNumber\":2,\"compress\":true") + "]");
+
+    EXPECT_EQ(Read(outside.Sub("secret/keep.txt")), "precious");
+    EXPECT_EQ(List(outside.Sub("secret")), (std::vector<std::string>{"keep.txt"}));
+    EXPECT_EQ(List(Bsp("demo_link")), (std::vector<std::string>{"2025-06-01_link", "2025-12-01_00-00-00.zip"}));
+    struct stat st {};
+    ASSERT_EQ(lstat(Bsp("demo_link/2025-06-01_link").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] Only directory with date named is allowed, but unknown file "
+                             "2025-06-01_link was detected!!",
+                             kTag, ANDROID_LOG_WARN));
+}
+
+TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
+    const std::string entry = root_.Sub("full/2025-12-01_00-00-00");
+    std::string data(256 * 1024, '\0');
+    std::mt19937 random(7);
+    for (char& c : data) c = static_cast<char>(random());
+    Write(entry + "/log", data);
+    // The archive may not grow past 64 KiB: what a full file system does to a write.
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(30);
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit {64 * 1024, 64 * 1024};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(3);
+        _exit(LogManager::Compress(entry) ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 3) GTEST_SKIP() << "RLIMIT_FSIZE cannot be set here";
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the compression claimed success";
+    EXPECT_EQ(Read(entry + "/log"), data);
+    EXPECT_EQ(List(root_.Sub("full")), (std::vector<std::string>{"2025-12-01_00-00-00"}));
+
+    // Without the limit the same entry packs and goes.
+    ASSERT_TRUE(LogManager::Compress(entry));
+    EXPECT_EQ(List(root_.Sub("full")), (std::vector<std::string>{"2025-12-01_00-00-00.zip"}));
+}
+
+TEST_F(LogManagerTest, BrokenRecordsAreNamedAndTheReadableOnesStillManaged) {
+    for (int i = 1; i <= 3; ++i) Write(Staged("demo_ok/2025-11-23_10-00-0" + std::to_string(i)), "x");
+    Start("[" + Record("demo_ok", "\"maxLogNumber\":1") + "," + Record("demo_bad", "\"maxLogNumber\":\"three\"") +
+          ",{\"maxLogNumber\":3}]");
+    EXPECT_EQ(List(Bsp("demo_ok")), (std::vector<std::string>{"2025-11-23_10-00-03"}));
+    bool named = false;
+    for (const platform::LogLine& line : log_.Lines()) {
+        if (line.tag != kTag || line.prio != ANDROID_LOG_ERROR || line.text.rfind("[initConfig] ", 0) != 0) continue;
+        named = line.text.find("log_config.json") != std::string::npos &&
+                line.text.find("record 1 (folderName \"demo_bad\")") != std::string::npos &&
+                line.text.find("maxLogNumber") != std::string::npos &&
+                line.text.find("record 2") != std::string::npos;
+        if (named) break;
+    }
+    EXPECT_TRUE(named) << "no line names the file and the broken records";
+}
+
+TEST_F(LogManagerTest, RecordsNamingPathsOutsideTheirRootAreRefused) {
+    for (int i = 1; i <= 3; ++i) Write(Device("/data/nuvilog/victim/2025-11-23_10-00-0" + std::to_string(i)), "v");
+    Write(Device("/data/local/victim2/2025-11-23_10-00-01"), "v");
+    Write(Device("/data/local/victim2/2025-11-23_10-00-02"), "v");
+    Start("[" + Record("../victim", "\"maxLogNumber\":1") + "," +
+          "{\"folderPath\":\"/data/local/traces/../victim2\",\"maxLogNumber\":1}," +
+          Record("demo_ok", "\"maxLogNumber\":1") + "]");
+    EXPECT_EQ(List(Device("/data/nuvilog/victim")).size(), 3u);
+    EXPECT_EQ(List(Device("/data/local/victim2")).size(), 2u);
+    EXPECT_TRUE(log_.HasLine("[watchByConfigs] /data/nuvilog/bsp/../victim is not a directory a record may name, "
+                             "not watched",
+                             kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("[watchByConfigs] /data/local/traces/../victim2 is not a directory a record may name, "
+                             "not watched",
+                             kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Exists(Bsp("demo_ok")));
+}
+
+TEST_F(LogManagerTest, AConfigThatIsNotJsonStopsTheModule) {
+    Start("[{\"folderName\": ");
+    EXPECT_TRUE(log_.HasLine("[initConfig] Config is invalid!!", kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("[CheckLogDirReady] Failed to init LogManager Config! Cannot continue!", kTag,
+                             ANDROID_LOG_ERROR));
+    EXPECT_EQ(Dump({"LogManager"}), "Module LogManager is not running\n");
+}
+
+TEST_F(LogManagerTest, ConfigAppendFromTheWireAddsAWatchedDirectory) {
+    Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
+    // The form tarnisctl intent sends: value_type 0 carries a JSON value.
+    velmar::kolto::InternalBroadcastManager::onTarnisIntlMessageReceived(
+        "velmar.tarnis.logmgr.config_append",
+        "{\"extras\":[{\"key\":\"config\",\"value_type\":0,\"value\":[" + Record("demo_added", "\"maxLogNumber\":1") +
+            "]}]}");
+    Settle();
+    struct stat st {};
+    ASSERT_EQ(stat(Bsp("demo_added").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    Write(Bsp("demo_added/2025-11-23_10-00-01"), "1");
+    WaitChecks("demo_added", 1);
+    Write(Bsp("demo_added/2025-11-23_10-00-02"), "2");
+    WaitChecks("demo_added", 2);
+    EXPECT_EQ(List(Bsp("demo_added")), (std::vector<std::string>{"2025-11-23_10-00-02"}));
+
+    velmar::kolto::Intent wrong("velmar.tarnis.logmgr.config_append");
+    wrong.putExtra("config", std::string("demo"));
+    velmar::kolto::InternalBroadcastManager::sendBroadcast(wrong, false);
+    velmar::kolto::Intent object("velmar.tarnis.logmgr.config_append");
+    object.putExtra("config", std::vector<int>{42});
+    velmar::kolto::InternalBroadcastManager::sendBroadcast(object, false);
+    Settle();
+    EXPECT_TRUE(log_.HasLine("[operator()] Intent extra is invalid for log manager!!", kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.Contains("[operator()] obj is not a valid LogConfig! e.what ", kTag, ANDROID_LOG_ERROR));
+}
+
+}  // namespace
