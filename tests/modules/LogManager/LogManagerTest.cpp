@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <sstream>
 #include <string>
@@ -20,7 +21,9 @@
 #include <android-base/properties.h>
 #include <log/log.h>
 
+#include "framework/BroadcastReceiver.h"
 #include "framework/Intent.h"
+#include "framework/IntentFilter.h"
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
@@ -502,6 +505,85 @@ TEST_F(LogManagerTest, ConfigAppendFromTheWireAddsAWatchedDirectory) {
     Settle();
     EXPECT_TRUE(log_.HasLine("[operator()] Intent extra is invalid for log manager!!", kTag, ANDROID_LOG_ERROR));
     EXPECT_TRUE(log_.Contains("[operator()] obj is not a valid LogConfig! e.what ", kTag, ANDROID_LOG_ERROR));
+}
+
+// Keeps the last "config" extra of the config_changed broadcast.
+class ConfigChangedReceiver : public velmar::kolto::BroadcastReceiver {
+public:
+    void onReceive(velmar::kolto::Intent intent) const override {
+        std::lock_guard<std::mutex> guard(lock_);
+        config_ = intent.getExtra("config", Json::Value());
+        ++count_;
+    }
+    Json::Value Last() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return config_;
+    }
+    int Count() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return count_;
+    }
+
+private:
+    mutable std::mutex lock_;
+    mutable Json::Value config_;
+    mutable int count_ = 0;
+};
+
+TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
+    ConfigChangedReceiver changed;
+    velmar::kolto::InternalBroadcastManager::registerReceiver(
+        &changed, velmar::kolto::IntentFilter({"velmar.tarnis.logmgr.config_changed"}));
+    Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
+    EXPECT_TRUE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
+    ASSERT_EQ(changed.Count(), 1);
+    EXPECT_EQ(changed.Last()[0]["folderName"].asString(), "demo_first");
+
+    Write(Device("/system_ext/etc/tarnsys/log_config.json"),
+          "[" + Record("demo_first", "\"maxLogNumber\":1") + "," + Record("demo_second", "\"maxLogNumber\":1") + "]");
+    log_.Clear();
+    velmar::kolto::InternalBroadcastManager::sendBroadcast(velmar::kolto::Intent("velmar.tarnis.logmgr.vendor_is_ready"),
+                                                           false);
+    Settle();
+    EXPECT_TRUE(log_.HasLine("[onReceive] action velmar.tarnis.logmgr.vendor_is_ready", "Tarnis-onReceive",
+                             ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("[operator()] Vendor ready!", kTag, ANDROID_LOG_DEBUG));
+    EXPECT_FALSE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
+    ASSERT_EQ(changed.Count(), 2);
+    EXPECT_EQ(changed.Last()[1]["folderName"].asString(), "demo_second");
+    Write(Bsp("demo_second/2025-11-23_10-00-01"), "1");
+    WaitChecks("demo_second", 1);
+    Write(Bsp("demo_second/2025-11-23_10-00-02"), "2");
+    WaitChecks("demo_second", 2);
+    EXPECT_EQ(List(Bsp("demo_second")), (std::vector<std::string>{"2025-11-23_10-00-02"}));
+    velmar::kolto::InternalBroadcastManager::unregisterReceiver(&changed);
+}
+
+TEST_F(LogManagerTest, SdcardDirectoriesAreCleanedOnceTheSdcardAppears) {
+    Start("[{\"folderPath\":\"/sdcard/demo_card\",\"maxLogNumber\":1}]");
+    EXPECT_TRUE(log_.HasLine("[CheckSdcardReady] Sdcard not ready, schedule next check in 10 mins later", kTag,
+                             ANDROID_LOG_INFO));
+    Write(Device("/sdcard/demo_card/2025-11-23_10-00-01"), "1");
+    Write(Device("/sdcard/demo_card/2025-11-23_10-00-02"), "2");
+    Advance(600000);
+    EXPECT_TRUE(log_.HasLine("[CheckSdcardReady] Sdcard is Ready, trigger sdcard ready callback", kTag,
+                             ANDROID_LOG_INFO));
+    EXPECT_EQ(List(Device("/sdcard/demo_card")), (std::vector<std::string>{"2025-11-23_10-00-02"}));
+    Write(Device("/sdcard/demo_card/2025-11-23_10-00-03"), "3");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (log_.Count("[operator()] CheckAndClean /sdcard/demo_card", kTag) < 1 &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    Settle();
+    EXPECT_EQ(List(Device("/sdcard/demo_card")), (std::vector<std::string>{"2025-11-23_10-00-03"}));
+}
+
+TEST_F(LogManagerTest, TheDisableSwitchKeepsTheModuleFromLoading) {
+    ASSERT_TRUE(android::base::SetProperty("persist.bsp.logmgr.disable", "true"));
+    LoadModules();
+    EXPECT_TRUE(log_.HasLine("[OnInit] Will not load caused by disableLogMgr is true", kTag, ANDROID_LOG_WARN));
+    EXPECT_EQ(Dump({"LogManager"}), "Module LogManager is not running\n");
 }
 
 }  // namespace
