@@ -57,7 +57,7 @@ bool IsDotOrDotDot(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
-bool Contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
+bool Contains(const std::string& text, const char* piece) { return text.find(piece) != std::string::npos; }
 
 // Bytes in the tree below the directory `name` of `parentFd`, its own size
 // included; nothing reached through a link. -1 when it cannot be opened
