@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,10 +13,12 @@
 #include <cinttypes>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <set>
 
 #include <android-base/file.h>
 #include <android-base/properties.h>
+#include <android-base/unique_fd.h>
 #include <dorva/DorvaServiceManager.h>
 #include <log/log.h>
 #include <minizip/unzip.h>
@@ -59,28 +62,48 @@ bool IsDotOrDotDot(const char* name) {
 
 bool Contains(const std::string& text, const char* piece) { return text.find(piece) != std::string::npos; }
 
+constexpr long kDirentBufferBytes = 32768;
+
+// The entries of a directory as getdents64 hands them over.
+struct KernelDirent {
+    uint64_t ino;
+    int64_t off;
+    unsigned short reclen;
+    unsigned char type;
+    char name[];
+};
+
 // Bytes in the tree below the directory `name` of `parentFd`, its own size
-// included; nothing reached through a link. -1 when it cannot be opened
-// (gone meanwhile, or swapped for a link).
-int64_t TreeSizeAt(int parentFd, const char* name) {
+// (`ownSize`, from the caller's lstat of it) included; nothing reached
+// through a link. -1 when it cannot be opened (gone meanwhile, or swapped
+// for a link).
+//
+// Each check walks every entry of a log directory, so this runs once per
+// entry, and system calls are its whole cost: it reads the directory with
+// getdents64 itself, since fdopendir costs an fstat and an fcntl per
+// directory, and takes its own size from the stat its caller already made.
+int64_t TreeSizeAt(int parentFd, const char* name, int64_t ownSize) {
     const int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return -1;
-    DIR* dir = fdopendir(fd);
-    if (dir == nullptr) {
-        close(fd);
-        return -1;
-    }
-    ScopedDir owner(dir);
+    android::base::unique_fd owner(fd);
     struct stat st {};
-    int64_t total = fstat(fd, &st) == 0 ? st.st_size : 0;
-    while (struct dirent* entry = readdir(dir)) {
-        if (IsDotOrDotDot(entry->d_name)) continue;
-        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        if (S_ISDIR(st.st_mode)) {
-            const int64_t sub = TreeSizeAt(fd, entry->d_name);
-            if (sub > 0) total += sub;
-        } else {
-            total += st.st_size;
+    int64_t total = ownSize;
+    // On the heap: the walk recurses, and a thread's stack is not ours to size.
+    std::unique_ptr<char[]> buffer(new char[kDirentBufferBytes]);
+    for (;;) {
+        const long got = syscall(SYS_getdents64, fd, buffer.get(), kDirentBufferBytes);
+        if (got <= 0) break;
+        for (long at = 0; at < got;) {
+            const auto* entry = reinterpret_cast<const KernelDirent*>(buffer.get() + at);
+            at += entry->reclen;
+            if (IsDotOrDotDot(entry->name)) continue;
+            if (fstatat(fd, entry->name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            if (S_ISDIR(st.st_mode)) {
+                const int64_t sub = TreeSizeAt(fd, entry->name, st.st_size);
+                if (sub > 0) total += sub;
+            } else {
+                total += st.st_size;
+            }
         }
     }
     return total;
@@ -93,7 +116,7 @@ uint64_t EntrySize(const std::string& hostPath) {
     if (lstat(hostPath.c_str(), &st) != 0) return 0;
     if (S_ISREG(st.st_mode)) return static_cast<uint64_t>(st.st_size);
     if (S_ISDIR(st.st_mode)) {
-        const int64_t size = TreeSizeAt(AT_FDCWD, hostPath.c_str());
+        const int64_t size = TreeSizeAt(AT_FDCWD, hostPath.c_str(), st.st_size);
         return size > 0 ? static_cast<uint64_t>(size) : 0;
     }
     return 0;
@@ -545,7 +568,7 @@ ScanResult ScanDirectory(const std::string& hostPath, const LogConfig& config, s
             result.total += static_cast<uint64_t>(st.st_size);
             result.sizes[fileName] = static_cast<uint64_t>(st.st_size);
         } else if (S_ISDIR(st.st_mode)) {
-            const int64_t size = TreeSizeAt(fd, entry->d_name);
+            const int64_t size = TreeSizeAt(fd, entry->d_name, st.st_size);
             if (size < 0) {
                 ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, fileName.c_str());
                 continue;
@@ -757,7 +780,7 @@ void LogManager::ReportSizeCleaning(const std::string& devicePath, uint64_t befo
             struct stat st {};
             if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
             if (S_ISDIR(st.st_mode)) {
-                const int64_t size = TreeSizeAt(fd, entry->d_name);
+                const int64_t size = TreeSizeAt(fd, entry->d_name, st.st_size);
                 if (size > 0) after += static_cast<uint64_t>(size);
             } else if (S_ISREG(st.st_mode) && Contains(entry->d_name, ".zip")) {
                 after += static_cast<uint64_t>(st.st_size);
