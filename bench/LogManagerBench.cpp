@@ -33,6 +33,8 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+
+#include "bench/BenchDefaults.h"
 #include <host/Host.h>
 #include <log/log.h>
 
@@ -561,14 +563,7 @@ public:
 int main(int argc, char** argv) {
     // Five repetitions unless the command line says otherwise (each builds
     // its trees anew: minutes on a slow disk).
-    std::vector<char*> args(argv, argv + argc);
-    std::string repetitions = "--benchmark_repetitions=5";
-    std::string onlyAggregates = "--benchmark_report_aggregates_only=true";
-    args.insert(args.begin() + 1, &onlyAggregates[0]);
-    args.insert(args.begin() + 1, &repetitions[0]);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+    if (!tarnis_bench::InitializeWithDefaults(argc, argv)) return 1;
 
     // Silent unless a level is asked for: lines on a terminal would be what is timed.
     if (getenv("TARNIS_LOG_LEVEL") == nullptr) platform::SetStderrLogLevel(ANDROID_LOG_SILENT);

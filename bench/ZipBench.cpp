@@ -22,6 +22,8 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+
+#include "bench/BenchDefaults.h"
 #include <zlib.h>
 
 #include "utils/FileUtil.h"
@@ -299,14 +301,7 @@ BENCHMARK(BM_RawDeflate)->Unit(benchmark::kMillisecond)->UseRealTime()->Iteratio
 
 int main(int argc, char** argv) {
     // Five repetitions unless the command line says otherwise.
-    std::vector<char*> args(argv, argv + argc);
-    std::string repetitions = "--benchmark_repetitions=5";
-    std::string onlyAggregates = "--benchmark_report_aggregates_only=true";
-    args.insert(args.begin() + 1, &onlyAggregates[0]);
-    args.insert(args.begin() + 1, &repetitions[0]);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+    if (!tarnis_bench::InitializeWithDefaults(argc, argv)) return 1;
 
     const std::string load = LoadAverage();
     if (!MakeCorpus()) {

@@ -22,6 +22,7 @@
 #include <zip.h>
 #include <zlib.h>
 
+#include <android-base/unique_fd.h>
 #include <log/log.h>
 
 #include "utils/FileUtil.h"
@@ -32,6 +33,18 @@
 namespace velmar {
 namespace kolto {
 namespace {
+
+// Only regular files are packed: a device or fifo has no end to read to.
+// False, with the line the packer logs for a file it cannot open, otherwise.
+bool StatRegularFile(int fd, const std::string& path, struct stat* st) {
+    const int statError = fstat(fd, st) != 0 ? errno : 0;
+    if (statError == 0 && S_ISREG(st->st_mode)) return true;
+    const int error = statError != 0 ? statError : S_ISDIR(st->st_mode) ? EISDIR : EINVAL;
+    ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", path.c_str(),
+          strerror(error));
+    return false;
+}
+
 
 // Paths are taken off the pending list this many at a time, so that the
 // working copy stays small however long the list is.
@@ -440,16 +453,9 @@ void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
         FileFailed(path);
         return;
     }
-    struct FdCloser {
-        int fd;
-        ~FdCloser() { ::close(fd); }
-    } closer{fd};
+    android::base::unique_fd closer(fd);
     struct stat st {};
-    const int statError = fstat(fd, &st) != 0 ? errno : 0;
-    if (statError != 0 || !S_ISREG(st.st_mode)) {
-        const int error = statError != 0 ? statError : S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-        ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", path.c_str(),
-              strerror(error));
+    if (!StatRegularFile(fd, path, &st)) {
         FileFailed(path);
         return;
     }
@@ -728,18 +734,9 @@ bool ZipFile::AddFileContentToZip(const std::string& path) {
               strerror(errno));
         return false;
     }
-    struct FdCloser {
-        int fd;
-        ~FdCloser() { ::close(fd); }
-    } closer{fd};
+    android::base::unique_fd closer(fd);
     struct stat st {};
-    const int statError = fstat(fd, &st) != 0 ? errno : 0;
-    if (statError != 0 || !S_ISREG(st.st_mode)) {
-        const int error = statError != 0 ? statError : S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-        ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", path.c_str(),
-              strerror(error));
-        return false;
-    }
+    if (!StatRegularFile(fd, path, &st)) return false;
     if (!buffer_) buffer_.reset(new char[kReadChunk]);
     for (;;) {
         const ssize_t got = TEMP_FAILURE_RETRY(read(fd, buffer_.get(), kReadChunk));
