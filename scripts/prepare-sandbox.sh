@@ -9,9 +9,14 @@ ROOT=$(cd "$ROOT" && pwd)
 for d in data/misc/tarnis data/dorva data/anr data/system data/nuvilog/stability/reboot \
          data/nuvilog/stability/nativecrash mnt/rescue/dorva mnt/vendor/persist/stability cache \
          dev/socket dev/binder dev/block/by-name dev/block/bootdevice/by-name data/dorva/download \
-         proc sys/fs/f2fs system_ext/etc/tarnsys; do
+         proc sys/fs/f2fs system_ext/etc/tarnsys data/aee_exp; do
   mkdir -p "$ROOT/$d"
 done
+# The black-box partition: a sparse file of a version-2 size (190 MiB), kept
+# across runs like a real partition.
+if [ ! -e "$ROOT/dev/block/by-name/blackbox" ]; then
+  truncate -s 190M "$ROOT/dev/block/by-name/blackbox"
+fi
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 BUILD_DIR="${TARNIS_BUILD_DIR:-$REPO/build}"
 ctl="$BUILD_DIR/tarnisctl"
