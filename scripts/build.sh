@@ -4,6 +4,7 @@
 # the compilers in CC/CXX) differ from those the tree was last configured
 # with, it is configured afresh, so an option that changed or was dropped
 # never lingers in the cache; objects whose commands did not change are kept.
+# JOBS sets the parallel jobs (default: one per core).
 set -euo pipefail
 dir=$1; shift
 wanted="CC=${CC:-} CXX=${CXX:-} $*"
@@ -15,4 +16,4 @@ if [ ! -f "$dir/build.ninja" ] || [ ! -f "$stamp" ] || [ "$(cat "$stamp")" != "$
 fi
 targets=()
 for t in ${BUILD_TARGETS:-}; do targets+=(--target "$t"); done
-cmake --build "$dir" "${targets[@]}" -- -j"$(nproc)"
+cmake --build "$dir" "${targets[@]}" -- -j"${JOBS:-$(nproc)}"
