@@ -124,6 +124,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     HardenProcess();
+    // Init hands a device's daemon its capture socket; a host run makes its
+    // own, after taking the lock (so no other daemon's socket is replaced) and
+    // before the capture server's module looks for it.
+    if (!platform::host::ProvideControlSocket("dorvad", &why)) {
+        LOG(ERROR) << "tarnisd: no capture socket: " << why;
+    }
     InstallStopHandler(std::move(lock));
     LOG(INFO) << "Velmar Tarnis-System Service is starting...";
     // Module loading runs on the ModuleManager thread while the services come up.

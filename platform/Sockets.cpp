@@ -14,6 +14,7 @@
 #include <cutils/sockets.h>
 #include <host/Host.h>
 
+#include "platform/Dirs.h"
 #include "platform/Sockets.h"
 
 namespace platform {
@@ -45,6 +46,64 @@ bool MakeUnixAddress(const std::string& path, struct sockaddr_un* address, sockl
     return true;
 }
 
+}  // namespace platform
+
+namespace platform {
+namespace host {
+
+bool ProvideControlSocket(const std::string& name, std::string* why) {
+    const std::string variable = "ANDROID_SOCKET_" + name;
+    if (getenv(variable.c_str()) != nullptr) return true;  // handed over, as by init
+    auto fail = [why](const std::string& what) {
+        *why = what + ": " + strerror(errno);
+        return false;
+    };
+    if (name.empty() || name.find('/') != std::string::npos) {
+        errno = EINVAL;
+        return fail("control socket name '" + name + "'");
+    }
+    const std::string path = ReservedSocketPath(name);
+    const std::string dir = path.substr(0, path.rfind('/'));
+    if (!MakeDirs(dir)) return fail("cannot create " + dir);
+    // Bound under a private name and moved into place, so that the mode is
+    // right before any client can see the socket.
+    const std::string temp = dir + "/.new." + std::to_string(getpid()) + "." + name;
+    unlink(temp.c_str());
+    struct sockaddr_un address;
+    socklen_t length = 0;
+    android::base::unique_fd dirFd;  // held until bind returns
+    if (!MakeUnixAddress(temp, &address, &length, &dirFd)) return fail("cannot address " + temp);
+    android::base::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.ok()) return fail("cannot create a socket for " + path);
+    if (bind(fd.get(), reinterpret_cast<struct sockaddr*>(&address), length) != 0) {
+        return fail("cannot bind " + temp);
+    }
+    dirFd.reset();
+    // Other local users reach it as they do on a device, where init sets the mode.
+    if (fchmodat(AT_FDCWD, temp.c_str(), 0666, 0) != 0 || listen(fd.get(), 5) != 0) {
+        const int saved = errno;
+        unlink(temp.c_str());
+        errno = saved;
+        return fail("cannot prepare " + temp);
+    }
+    // A socket left by a daemon that died goes; anything else is not ours to remove.
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && !S_ISSOCK(st.st_mode)) {
+        unlink(temp.c_str());
+        errno = EEXIST;
+        return fail(path + " exists and is not a socket");
+    }
+    if (rename(temp.c_str(), path.c_str()) != 0) {
+        const int saved = errno;
+        unlink(temp.c_str());
+        errno = saved;
+        return fail("cannot publish " + path);
+    }
+    setenv(variable.c_str(), std::to_string(fd.release()).c_str(), 1);
+    return true;
+}
+
+}  // namespace host
 }  // namespace platform
 
 int android_get_control_socket(const char* name) {

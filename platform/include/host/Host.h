@@ -54,6 +54,14 @@ android::base::unique_fd AcquireInstanceLock(const std::string& name, std::strin
 // Gives the lock up and removes its file (before a clean exit).
 void ReleaseInstanceLock(const std::string& name, android::base::unique_fd lock);
 
+// Stands in for init's control socket `name` when the environment holds
+// none (ANDROID_SOCKET_<name> unset): binds <root>/dev/socket/NAME (a stream
+// socket, mode 0666 as init would set it, replacing a stale socket file but
+// never a file of another kind), listens, and exports the descriptor in
+// ANDROID_SOCKET_<name> for android_get_control_socket. Call before any
+// thread reads the environment. False with `why` set when it cannot.
+bool ProvideControlSocket(const std::string& name, std::string* why);
+
 // Withdraws every binder service this process added: their sockets are
 // removed, so clients see at once that nobody serves them.
 void WithdrawServices();

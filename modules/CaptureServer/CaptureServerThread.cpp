@@ -1,0 +1,378 @@
+#define LOG_TAG "CaptureServerThread"
+
+#include "modules/CaptureServer/CaptureServerThread.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include <aidl/vendor/velmar/hardware/kolto/common/IKoltoImpl.h>
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/unique_fd.h>
+#include <android/binder_manager.h>
+#include <android/sharedmem.h>
+#include <cutils/sockets.h>
+#include <log/log.h>
+
+#include "utils/Paths.h"
+#include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/DirectoryHelpers.h"
+
+namespace android {
+namespace {
+
+namespace paths = velmar::kolto::paths;
+using aidl::vendor::velmar::hardware::kolto::common::Ashmem;
+using aidl::vendor::velmar::hardware::kolto::common::IKoltoImpl;
+
+constexpr char kControlSocket[] = "dorvad";
+constexpr char kZelteeLogName[] = "zeltee.log";
+constexpr char kResponse[] = "finish";
+constexpr size_t kHeaderSize = 4;
+// Smaller archives hold no more than the headers of failed steps.
+constexpr off_t kMinArchiveBytes = 1024;
+// The secure world's log is a ring of a few MiB; a HAL that reports more is not believed.
+constexpr int64_t kMaxSecurityLogBytes = 64 << 20;
+const char* const kRebootRequests[] = {"VoldFailed", "ApexdFailed"};
+
+std::atomic<int> gIoTimeoutMs{10 * 1000};
+
+bool IsRebootRequest(const std::string& request) {
+    for (const char* name : kRebootRequests) {
+        if (request == name) return true;
+    }
+    return false;
+}
+
+// A name that stays one directory below the base and reads as text.
+bool IsPlainRequest(const std::string& request) {
+    if (request.empty() || request == "." || request == "..") return false;
+    for (unsigned char c : request) {
+        if (c == '/' || c < 0x20 || c == 0x7f) return false;
+    }
+    return true;
+}
+
+// The request as a log line may show it: bytes that are not printable as \xNN.
+std::string Printable(const std::string& text) {
+    std::string out;
+    for (unsigned char c : text) {
+        if (c >= 0x20 && c < 0x7f) {
+            out += static_cast<char>(c);
+        } else {
+            char escaped[5];
+            snprintf(escaped, sizeof(escaped), "\\x%02x", c);
+            out += escaped;
+        }
+    }
+    return out;
+}
+
+// A property's value as part of a file name: a slash would make it a path.
+std::string NamePart(const std::string& property) {
+    std::string value = base::GetProperty(property, "unknown");
+    for (char& c : value) {
+        if (c == '/') c = '_';
+    }
+    return value;
+}
+
+std::string LocalTimeForName() {
+    const time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char text[32];
+    strftime(text, sizeof(text), "%Y-%m-%d_%H-%M-%S", &local);
+    return text;
+}
+
+// Makes `path` (its parent must exist) a directory of root and the system
+// group, mode 0775. Owner and mode are set through a descriptor that refuses
+// a link, so a link planted in its place never has its target changed.
+bool MakeCaptureDir(const std::string& path) {
+    if (create_dir_if_needed(path.c_str(), 0775) != 0) {
+        ALOGE("Failed to create path: %s\n", path.c_str());
+        return false;
+    }
+    std::string clean = path;
+    while (clean.size() > 1 && clean.back() == '/') clean.pop_back();
+    base::unique_fd dir(open(clean.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.ok()) {
+        ALOGE("Failed to create path: %s\n", path.c_str());
+        return false;
+    }
+    if (fchown(dir.get(), 0, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+    fchmod(dir.get(), 0775);
+    return true;
+}
+
+int StatusCode(const ndk::ScopedAStatus& status) {
+    return status.getExceptionCode() == EX_SERVICE_SPECIFIC ? status.getServiceSpecificError()
+                                                             : status.getStatus();
+}
+
+// Writes `size` bytes to `path` under a temporary name first, so that a
+// half-written copy never appears under its name and a link planted there
+// is replaced, not written through.
+bool WriteCopy(const std::string& path, const void* data, size_t size) {
+    const std::string temp = path + ".tmp";
+    unlink(temp.c_str());
+    base::unique_fd out(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!out.ok()) return false;
+    if (!base::WriteFully(out.get(), data, size) || fsync(out.get()) != 0 ||
+        rename(temp.c_str(), path.c_str()) != 0) {
+        unlink(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+void CaptureServerThread::SetIoTimeoutMsForTesting(int ms) { gIoTimeoutMs.store(ms > 0 ? ms : 10 * 1000); }
+
+CaptureServerThread::CaptureServerThread(int stopFd) : stopFd_(stopFd) {
+    baseDir_ = paths::Get(paths::kCaptureServerDir, base::GetBoolProperty("ro.build.ab_update", false));
+    zelteeCopyPath_ = baseDir_ + "/" + kZelteeLogName;
+    MakeCaptureDir(baseDir_);
+    FetchSecurityLog();
+}
+
+void CaptureServerThread::FetchSecurityLog() {
+    ALOGI("Attempting to obtain the Kolto service");
+    // No vendor HAL is declared on devices without one: the look-up then
+    // comes back empty at once instead of waiting.
+    std::shared_ptr<IKoltoImpl> kolto;
+    if (AServiceManager_isDeclared(kKoltoInstance)) {
+        kolto = IKoltoImpl::fromBinder(AServiceManager_checkService(kKoltoInstance));
+    }
+    if (kolto == nullptr) {
+        ALOGE("Kolto service cannot obtain");
+        return;
+    }
+    ALOGI("Successfully obtained the Kolto service");
+    ALOGI("zelteelog_path is: %s\n", zelteeCopyPath_.c_str());
+
+    const char* dir = paths::kZelteeLogDir;
+    int64_t size = 0;
+    ndk::ScopedAStatus status = kolto->GetFileSize(dir, kZelteeLogName, &size);
+    if (!status.isOk()) {
+        ALOGE("koltoReadMtkSecurityLog GetFileSize failed, error = %d", StatusCode(status));
+        return;
+    }
+    ALOGI("koltoReadMtkSecurityLog GetFileSize success:, filepath:%s/%s size is %" PRId64 ".", dir, kZelteeLogName,
+          size);
+
+    base::unique_fd memory;
+    if (size > 0 && size <= kMaxSecurityLogBytes) {
+        memory.reset(ASharedMemory_create("shared_memory", static_cast<size_t>(size)));
+    }
+    if (!memory.ok()) {
+        ALOGE("Failed to create shared memory");
+        return;
+    }
+    Ashmem region;
+    region.fd.reset(base::unique_fd(dup(memory.get())));
+    region.size = size;
+    status = kolto->ReadFromFile(dir, kZelteeLogName, region, size);
+    if (!status.isOk()) {
+        ALOGE("koltoReadMtkSecurityLog ReadFromFile failed, error = %d", StatusCode(status));
+        return;
+    }
+    ALOGI("koltoReadMtkSecurityLog ReadFromFile success:, filepath:%s/%s size is %" PRId64 ".", dir, kZelteeLogName,
+          size);
+    void* data = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_SHARED, memory.get(), 0);
+    if (data == MAP_FAILED) {
+        ALOGE("Failed to map shared memory");
+        return;
+    }
+    if (!WriteCopy(zelteeCopyPath_, data, static_cast<size_t>(size))) ALOGE("cannot open zelteelog file !");
+    if (munmap(data, static_cast<size_t>(size)) != 0) ALOGE("Failed to unmap shared memory");
+}
+
+int CaptureServerThread::threadLoop() {
+    errno = 0;
+    const int listener = android_get_control_socket(kControlSocket);
+    if (listener < 0) {
+        ALOGE("Failed to get socket from environment: %s\n", strerror(errno != 0 ? errno : ENOENT));
+        return 0;
+    }
+    // The socket stays open when the server ends: it is init's, and a module
+    // loaded again serves it anew.
+    fcntl(listener, F_SETFD, FD_CLOEXEC);
+    if (listen(listener, 5) != 0) {
+        ALOGE("Listen on socket failed: %s\n", strerror(errno));
+        return 0;
+    }
+    for (;;) {
+        struct pollfd fds[2] = {{listener, POLLIN, 0}, {stopFd_, POLLIN, 0}};
+        const int ready = poll(fds, stopFd_ >= 0 ? 2 : 1, -1);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            ALOGE("Accept failed: %s\n", strerror(errno));
+            return 0;
+        }
+        if (stopFd_ >= 0 && fds[1].revents != 0) return 0;
+        if ((fds[0].revents & (POLLERR | POLLNVAL)) != 0) {
+            ALOGE("Accept failed: %s\n", strerror(EBADF));
+            return 0;
+        }
+        base::unique_fd connection(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection.ok()) {
+            const int error = errno;
+            ALOGE("Accept failed: %s\n", strerror(error));
+            if (error == EBADF || error == EINVAL || error == ENOTSOCK) return 0;
+            continue;
+        }
+        Serve(connection.get());
+    }
+}
+
+bool CaptureServerThread::ReadRequestBytes(int connection, char* out, size_t size) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(gIoTimeoutMs.load());
+    size_t done = 0;
+    while (done < size) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        struct pollfd fds[2] = {{connection, POLLIN, 0}, {stopFd_, POLLIN, 0}};
+        const int ready = poll(fds, stopFd_ >= 0 ? 2 : 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) return false;
+        if (stopFd_ >= 0 && fds[1].revents != 0) {
+            errno = ECANCELED;
+            return false;
+        }
+        if (ready == 0) continue;  // the deadline is looked at again
+        const ssize_t n = TEMP_FAILURE_RETRY(recv(connection, out + done, size - done, MSG_DONTWAIT));
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+        if (n < 0) return false;
+        if (n == 0) {
+            errno = ECONNRESET;  // the client went away before its request was complete
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+void CaptureServerThread::Serve(int connection) {
+    unsigned char header[kHeaderSize];
+    if (!ReadRequestBytes(connection, reinterpret_cast<char*>(header), sizeof(header))) {
+        ALOGE("read header failed: %s\n", strerror(errno));
+        return;
+    }
+    // Only the last byte counts: requests are short names.
+    const int size = header[3];
+    ALOGD("content size :%d", size);
+    std::string request(static_cast<size_t>(size), '\0');
+    if (size > 0 && !ReadRequestBytes(connection, &request[0], request.size())) {
+        ALOGE("read json failed: %s\n", strerror(errno));
+        return;
+    }
+    if (!IsPlainRequest(request)) {
+        ALOGE("refusing dump request %s: not a plain name", Printable(request).c_str());
+    } else {
+        ALOGD("dorvad dump begin for dump request: %s\n", request.c_str());
+        runCaptureLog(request.c_str());
+    }
+    // Never waits: a client that does not read its answer does not hold the server.
+    const ssize_t n = TEMP_FAILURE_RETRY(send(connection, kResponse, strlen(kResponse), MSG_DONTWAIT | MSG_NOSIGNAL));
+    if (n != static_cast<ssize_t>(strlen(kResponse))) {
+        ALOGE("Write response failed: %s\n", n < 0 ? strerror(errno) : "short write");
+    }
+}
+
+std::vector<DumpAction> CaptureServerThread::CaptureSteps() const {
+    const bool qseelogd = base::GetProperty("init.svc.qseelogd", "").rfind("running", 0) == 0;
+    const std::string qsee = paths::Get(qseelogd ? paths::kQseeLogCopy : paths::kQseeLogProc);
+    const std::string tz = paths::Get(qseelogd ? paths::kTzLogCopy : paths::kTzLogProc);
+    std::vector<DumpAction> steps = {
+        {"UPTIME", {"uptime", "-p"}, 1},
+        {"FILESYSTEMS & FREE SPACE", {"df"}, 1},
+        {"FILESYSTEMS & FREE INODES", {"df", "-i"}, 1},
+        {"MAIN,SYSTEM,EVENTS,CRASH LOGS", {"logcat", "-b", "main,system,events,crash", "-v", "uid", "-d", "*:v"}, 10},
+        {"DROPBOX SYSTEM SERVER CRASHES", {"dumpsys", "dropbox", "-p", "system_server_crash"}, 1},
+        {"DROPBOX SYSTEM SERVER WATCHDOG", {"dumpsys", "dropbox", "-p", "system_server_watchdog"}, 1},
+        {"DROPBOX SYSTEM APP CRASHES", {"dumpsys", "dropbox", "-p", "system_app_crash"}, 1},
+        {"SYSTEM PROPERTIES", {"getprop"}, 1},
+        {"SECURITY QSEE LOG", {"cat", qsee}, 4},
+        {"SECURITY TZ LOG", {"cat", tz}, 1},
+        {"MTK SECURITY LOG", {"cat", zelteeCopyPath_}, 1},
+        {"SPRD SECURITY LOG", {"cat", paths::Get(paths::kTrustyLog)}, 1},
+    };
+    const std::string package = base::GetProperty("sys.rescue_party_failed_package", "");
+    if (!package.empty()) steps.push_back({"DUMPSYS PACKAGE", {"dumpsys", "package", package}, 1});
+    return steps;
+}
+
+void CaptureServerThread::runCaptureLog(const char* rawRequest) {
+    const std::string request = rawRequest != nullptr ? rawRequest : "";
+    if (!IsPlainRequest(request)) {
+        ALOGE("refusing dump request %s: not a plain name", Printable(request).c_str());
+        return;
+    }
+    const std::string base = IsRebootRequest(request) ? paths::Get(paths::kLocalRecordDir) : baseDir_;
+    const std::string requestDir = base + "/" + request + "/";
+    MakeCaptureDir(base);
+    if (!MakeCaptureDir(requestDir)) return;
+    const std::string path = base + "/" + request + "/" + request + "_" + NamePart("ro.product.device") + "_" +
+                             NamePart("ro.build.version.incremental") + "_" + LocalTimeForName();
+    ALOGI("dorvad dump to: %s\n", path.c_str());
+
+    std::vector<DumpAction> steps = CaptureSteps();
+    // cat runs as this process's user, which the secure-world logs may not
+    // admit. A link in their place is left alone rather than followed.
+    for (const size_t step : {8u, 9u, 10u}) {
+        const std::string& file = steps[step].command[1];
+        if (fchmodat(AT_FDCWD, file.c_str(), 0644, AT_SYMLINK_NOFOLLOW) != 0) {
+            ALOGE("chmod failed: %s\n", strerror(errno));
+        }
+    }
+    CaptureLogUtil::dump_for_actions(requestDir.c_str(), path.c_str(), steps);
+
+    const std::string archive = path + ".zip";
+    struct stat st {};
+    bool keep = false;
+    base::unique_fd zip(open(archive.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!zip.ok()) {
+        ALOGW("Faile to open file: %s, %s", archive.c_str(), strerror(errno));
+    } else if (fstat(zip.get(), &st) != 0) {
+        ALOGW("Faile to read file stat: %s, %s", archive.c_str(), strerror(errno));
+    } else if (st.st_size >= kMinArchiveBytes) {
+        keep = true;
+    } else {
+        ALOGW("log too small, ready to delete.");
+    }
+    if (keep) {
+        // Earlier captures of the kinds this server writes go; the new one
+        // (its own name is in its path) and anything else stay.
+        delete_dir_contents(requestDir.c_str(), false, [&archive](const char* name, bool) {
+            const std::string entry = name;
+            const bool ours = entry.rfind("RescuePartyLog", 0) == 0 || entry.rfind("BootFailure", 0) == 0 ||
+                              IsRebootRequest(entry);
+            return !ours || archive.find(entry) != std::string::npos;
+        });
+    } else if (remove(archive.c_str()) != 0) {
+        ALOGE("remove path %s failed! info: %s\n", archive.c_str(), strerror(errno));
+    }
+    ALOGD("dorvad dump end for dump request\n");
+}
+
+}  // namespace android

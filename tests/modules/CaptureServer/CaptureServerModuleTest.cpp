@@ -1,0 +1,390 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <aidl/vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/unique_fd.h>
+#include <android/binder_manager.h>
+#include <android/binder_process.h>
+#include <android/sharedmem.h>
+#include <cutils/sockets.h>
+#include <host/Host.h>
+#include <log/log.h>
+
+#include "modules/CaptureServer/CaptureServerThread.h"
+#include "tests/support/ModuleTest.h"
+
+extern char** environ;
+
+namespace {
+
+using aidl::vendor::velmar::hardware::kolto::common::Ashmem;
+using aidl::vendor::velmar::hardware::kolto::common::BnKoltoImpl;
+using android::CaptureServerThread;
+using android::base::unique_fd;
+using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
+using tarnis_test::WriteFile;
+
+constexpr char kTag[] = "CaptureServerThread";
+constexpr char kStandInVariable[] = "TARNIS_KOLTO_STANDIN_ROOT";
+
+// The vendor HAL as a separate process would serve it: files below its root,
+// their bytes written into the caller's region.
+class FakeKolto : public BnKoltoImpl {
+public:
+    ndk::ScopedAStatus GetFileSize(const std::string& directory, const std::string& fileName,
+                                   int64_t* size) override {
+        struct stat st;
+        if (stat(platform::DevicePath(directory + "/" + fileName).c_str(), &st) != 0) {
+            return ndk::ScopedAStatus::fromServiceSpecificError(-errno);
+        }
+        *size = st.st_size;
+        return ndk::ScopedAStatus::ok();
+    }
+    ndk::ScopedAStatus ReadFromFile(const std::string& directory, const std::string& fileName, const Ashmem& region,
+                                    int64_t size) override {
+        std::string bytes;
+        if (!android::base::ReadFileToString(platform::DevicePath(directory + "/" + fileName), &bytes) ||
+            static_cast<int64_t>(bytes.size()) < size || region.size != size ||
+            static_cast<int64_t>(ASharedMemory_getSize(region.fd.get())) < size) {
+            return ndk::ScopedAStatus::fromServiceSpecificError(-EINVAL);
+        }
+        void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, region.fd.get(), 0);
+        if (data == MAP_FAILED) return ndk::ScopedAStatus::fromServiceSpecificError(-errno);
+        memcpy(data, bytes.data(), size);
+        munmap(data, size);
+        return ndk::ScopedAStatus::ok();
+    }
+};
+
+// The stand-in HAL's process: this test program run again for this test
+// alone (see StartKoltoStandIn), serving until it is killed.
+TEST(KoltoStandIn, DISABLED_Serve) {
+    const char* root = getenv(kStandInVariable);
+    if (root == nullptr) GTEST_SKIP() << "run by the Kolto tests only";
+    platform::SetRoot(root);
+    auto hal = ndk::SharedRefBase::make<FakeKolto>();
+    ASSERT_EQ(AServiceManager_addService(hal->asBinder().get(), CaptureServerThread::kKoltoInstance), STATUS_OK);
+    ABinderProcess_joinThreadPool();
+}
+
+class CaptureServerModuleTest : public tarnis_test::ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        for (const char* dir : {"/mnt/rescue", "/cache", "/data/nuvilog/stability/reboot", "/data/vendor/zeltee",
+                                "/bin"}) {
+            RunShell("mkdir -p '" + Device(dir) + "'");
+        }
+        android::base::SetProperty("ro.build.ab_update", "true");
+        android::base::SetProperty("ro.product.device", "host");
+        android::base::SetProperty("ro.build.version.incremental", "7");
+        // The capture's tools, by name: each says how it was called; logcat
+        // also prints the file "big" when there is one, to make the archive large.
+        const std::string echoTool = "#!/bin/sh\necho \"$(basename \"$0\") $*\"\n";
+        for (const char* tool : {"uptime", "df", "dumpsys", "getprop"}) WriteTool(tool, echoTool);
+        WriteTool("logcat", "#!/bin/sh\n[ -f '" + Device("/big") + "' ] && cat '" + Device("/big") + "'\nexit 0\n");
+        oldPath_ = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
+        setenv("PATH", (Device("/bin") + ":" + oldPath_).c_str(), 1);
+        std::string why;
+        ASSERT_TRUE(platform::host::ProvideControlSocket("dorvad", &why)) << why;
+        CaptureServerThread::SetIoTimeoutMsForTesting(0);
+    }
+    void TearDown() override {
+        ModuleTest::TearDown();
+        if (standIn_ > 0) {
+            kill(standIn_, SIGKILL);
+            waitpid(standIn_, nullptr, 0);
+        }
+        if (const char* fd = getenv("ANDROID_SOCKET_dorvad")) close(atoi(fd));
+        unsetenv("ANDROID_SOCKET_dorvad");
+        setenv("PATH", oldPath_.c_str(), 1);
+        CaptureServerThread::SetIoTimeoutMsForTesting(0);
+    }
+
+    void WriteTool(const std::string& name, const std::string& script) {
+        const std::string path = Device("/bin/" + name);
+        ASSERT_TRUE(WriteFile(path, script));
+        ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    }
+    // Enough incompressible text for an archive well over 1,024 bytes.
+    void MakeCaptureLarge() { RunShell("head -c 6000 /dev/urandom | base64 > '" + Device("/big") + "'"); }
+
+    // Sends `bytes` on a fresh connection and returns all the server answers
+    // before it closes the connection.
+    std::string Exchange(const std::string& bytes) {
+        unique_fd fd(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
+        EXPECT_TRUE(fd.ok()) << strerror(errno);
+        if (!fd.ok()) return "";
+        EXPECT_TRUE(android::base::WriteFully(fd.get(), bytes.data(), bytes.size()));
+        return ReadReply(fd.get());
+    }
+    static std::string ReadReply(int fd) {
+        std::string reply;
+        char buffer[64];
+        for (;;) {
+            struct pollfd pfd = {fd, POLLIN, 0};
+            if (poll(&pfd, 1, 60 * 1000) <= 0) break;
+            const ssize_t n = read(fd, buffer, sizeof(buffer));
+            if (n <= 0) break;
+            reply.append(buffer, n);
+        }
+        return reply;
+    }
+    static std::string Framed(const std::string& name) {
+        return std::string{0, 0, 0, static_cast<char>(name.size())} + name;
+    }
+    std::string Request(const std::string& name) { return Exchange(Framed(name)); }
+
+    // The capture path the last "dorvad dump to" line named.
+    std::string LastCapturePath() {
+        std::string path;
+        for (const platform::LogLine& line : log_.Lines()) {
+            if (line.tag == kTag && line.text.rfind("dorvad dump to: ", 0) == 0) {
+                path = line.text.substr(16, line.text.size() - 17);
+            }
+        }
+        return path;
+    }
+    static off_t SizeOf(const std::string& path) {
+        struct stat st;
+        return lstat(path.c_str(), &st) == 0 ? st.st_size : -1;
+    }
+
+    // Runs this test program again as the stand-in HAL on this test's root.
+    void StartKoltoStandIn() {
+        std::vector<std::string> env;
+        for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
+        env.push_back(std::string(kStandInVariable) + "=" + root_.path());
+        std::vector<char*> envp;
+        for (std::string& e : env) envp.push_back(e.data());
+        envp.push_back(nullptr);
+        std::string exe = "/proc/self/exe";
+        std::string filter = "--gtest_filter=KoltoStandIn.DISABLED_Serve";
+        std::string disabled = "--gtest_also_run_disabled_tests";
+        char* argv[] = {exe.data(), filter.data(), disabled.data(), nullptr};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        ASSERT_EQ(posix_spawn(&standIn_, exe.c_str(), &actions, nullptr, argv, envp.data()), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        for (int i = 0; i < 500 && !AServiceManager_isDeclared(CaptureServerThread::kKoltoInstance); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        ASSERT_TRUE(AServiceManager_isDeclared(CaptureServerThread::kKoltoInstance));
+    }
+
+    std::string oldPath_;
+    pid_t standIn_ = -1;
+};
+
+TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteAndLandInTheirBase) {
+    LoadModules();
+    EXPECT_TRUE(log_.HasLine("[OnInit] tarnis CaptureServer OnInit", "Tarnis-CaptureServer", ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load CaptureServer", "Tarnis-CaptureServerModule"));
+
+    // The 0x01 in the header is not part of the length.
+    EXPECT_EQ(Exchange(std::string{0, 0, 1, 5} + "Crash" + "trailing bytes are never read"), "finish");
+    EXPECT_TRUE(log_.HasLine("content size :5", kTag, ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_.HasLine("dorvad dump begin for dump request: Crash\n", kTag, ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_.HasLine("dorvad dump end for dump request\n", kTag, ANDROID_LOG_DEBUG));
+    // No vendor service runs here: the look-up gives up at once.
+    EXPECT_TRUE(log_.HasLine("Attempting to obtain the Kolto service", kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("Kolto service cannot obtain", kTag, ANDROID_LOG_ERROR));
+
+    // Reboot-kind failures are recorded with the stability records; the
+    // others below the rescue base (an A/B device).
+    EXPECT_EQ(Request("VoldFailed"), "finish");
+    const std::string vold = Device("/data/nuvilog/stability/reboot/") + "/VoldFailed/VoldFailed_host_7_";
+    EXPECT_EQ(LastCapturePath().substr(0, vold.size()), vold);
+    EXPECT_EQ(Request("BootFailure"), "finish");
+    const std::string boot = Device("/mnt/rescue/dorva/") + "/BootFailure/BootFailure_host_7_";
+    EXPECT_EQ(LastCapturePath().substr(0, boot.size()), boot);
+    EXPECT_TRUE(log_.HasLine("dorvad dump to: " + LastCapturePath() + "\n", kTag, ANDROID_LOG_INFO));
+    struct stat st;
+    ASSERT_EQ(stat(Device("/mnt/rescue/dorva/BootFailure").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0775u);
+    // The secure-world logs are missing here, so they cannot be made readable.
+    EXPECT_TRUE(log_.HasLine("chmod failed: No such file or directory\n", kTag, ANDROID_LOG_ERROR));
+}
+
+TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacingOlderCapturesOfItsKind) {
+    const std::string dir = Device("/mnt/rescue/dorva/BootFailure");
+    RunShell("mkdir -p '" + dir + "'");
+    for (const char* old : {"BootFailure_host_7_2025-01-01_00-00-00.zip", "RescuePartyLog_x.zip", "VoldFailed",
+                            "notes.txt", "VoldFailed_1.zip"}) {
+        ASSERT_TRUE(WriteFile(dir + "/" + old, "old"));
+    }
+    MakeCaptureLarge();
+    LoadModules();
+    ASSERT_EQ(Request("BootFailure"), "finish");
+    const std::string kept = LastCapturePath() + ".zip";
+    EXPECT_GE(SizeOf(kept), 1024);
+    EXPECT_EQ(RunShell("cd '" + dir + "' && ls"),
+              kept.substr(kept.rfind('/') + 1) + "\nVoldFailed_1.zip\nnotes.txt\n");
+    EXPECT_EQ(RunShell("unzip -tq '" + kept + "' >/dev/null && echo ok"), "ok\n");
+
+    // Under 1,024 bytes the archive goes and the earlier one stays.
+    ASSERT_EQ(unlink(Device("/big").c_str()), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // a capture name per second
+    ASSERT_EQ(Request("BootFailure"), "finish");
+    const std::string small = LastCapturePath() + ".zip";
+    ASSERT_NE(small, kept);
+    EXPECT_TRUE(log_.HasLine("log too small, ready to delete.", kTag, ANDROID_LOG_WARN));
+    EXPECT_EQ(SizeOf(small), -1);
+    EXPECT_GE(SizeOf(kept), 1024);
+    EXPECT_EQ(SizeOf(LastCapturePath()), -1);  // the text went into the archive
+}
+
+TEST_F(CaptureServerModuleTest, FailedPackageIsDumpedLastAndSecureLogsFollowTheirDaemon) {
+    android::base::SetProperty("sys.rescue_party_failed_package", "com.example.app");
+    MakeCaptureLarge();
+    LoadModules();
+    ASSERT_EQ(Request("RescuePartyLog"), "finish");
+    const std::string archive = LastCapturePath() + ".zip";
+    ASSERT_GE(SizeOf(archive), 1024);
+    const std::string text = RunShell("unzip -p '" + archive + "' '*RescuePartyLog_host_7_*'");
+    const size_t package = text.find("DUMPSYS PACKAGE\n");
+    ASSERT_NE(package, std::string::npos) << text;
+    EXPECT_LT(text.find("SPRD SECURITY LOG\n"), package);
+    EXPECT_NE(text.find("dumpsys package com.example.app\n", package), std::string::npos) << text;
+    // Nothing of the twelve steps follows it.
+    EXPECT_EQ(text.find("SECURITY LOG\n", package), std::string::npos);
+
+    // The steps, without the package when none failed; the log daemon's
+    // copies of the secure-world logs while it runs, the kernel's otherwise.
+    android::base::SetProperty("sys.rescue_party_failed_package", "");
+    android::base::SetProperty("init.svc.qseelogd", "running");
+    CaptureServerThread worker;
+    std::vector<android::DumpAction> steps = worker.CaptureSteps();
+    ASSERT_EQ(steps.size(), 12u);
+    EXPECT_EQ(steps[3].title, "MAIN,SYSTEM,EVENTS,CRASH LOGS");
+    EXPECT_EQ(steps[3].timeout, 10);
+    EXPECT_EQ(steps[8].command, (std::vector<std::string>{"cat", Device("/data/cache/qseelog/qsee_log_00")}));
+    EXPECT_EQ(steps[8].timeout, 4);
+    EXPECT_EQ(steps[9].command, (std::vector<std::string>{"cat", Device("/data/cache/qseelog/tzlog_00")}));
+    EXPECT_EQ(steps[10].command, (std::vector<std::string>{"cat", Device("/mnt/rescue/dorva/") + "/zeltee.log"}));
+    EXPECT_EQ(steps[11].command, (std::vector<std::string>{"cat", Device("/dev/trusty-log0")}));
+    android::base::SetProperty("init.svc.qseelogd", "stopped");
+    steps = worker.CaptureSteps();
+    EXPECT_EQ(steps[8].command[1], Device("/proc/tzdbg/qsee_log"));
+    EXPECT_EQ(steps[9].command[1], Device("/proc/tzdbg/log"));
+}
+
+TEST_F(CaptureServerModuleTest, NamesThatAreNotPlainAreRefusedButAnswered) {
+    LoadModules();
+    EXPECT_EQ(Request("."), "finish");  // answered after the server has made its base
+    const std::string before = RunShell("cd '" + root_.path() + "' && find mnt cache data | sort");
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"../x", "../x"}, {"", ""}, {"a/b", "a/b"}, {"..", ".."}, {std::string("ab\0c", 4), "ab\\x00c"},
+        {"new\nline", "new\\x0aline"}};
+    for (const auto& [name, shown] : refused) {
+        EXPECT_EQ(Request(name), "finish") << shown;
+        EXPECT_TRUE(log_.HasLine("refusing dump request " + shown + ": not a plain name", kTag, ANDROID_LOG_ERROR))
+            << shown;
+    }
+    EXPECT_TRUE(log_.HasLine("refusing dump request .: not a plain name", kTag, ANDROID_LOG_ERROR));
+    EXPECT_EQ(RunShell("cd '" + root_.path() + "' && find mnt cache data | sort"), before);
+    EXPECT_FALSE(log_.Contains("dorvad dump begin"));
+}
+
+TEST_F(CaptureServerModuleTest, ClientsThatStallOrLeaveDoNotHoldTheServer) {
+    CaptureServerThread::SetIoTimeoutMsForTesting(300);
+    LoadModules();
+    // Connected, silent, and never closing.
+    unique_fd silent(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
+    ASSERT_TRUE(silent.ok());
+    // Gone after half its request.
+    {
+        unique_fd partial(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
+        ASSERT_TRUE(partial.ok());
+        ASSERT_TRUE(android::base::WriteStringToFd(std::string{0, 0, 0, 9} + "Boot", partial.get()));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Request("Crash"), "finish");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_TRUE(log_.HasLine("read header failed: Connection timed out\n", kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("read json failed: Connection reset by peer\n", kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("dorvad dump begin for dump request: Crash\n", kTag));
+    // The silent client was dropped without an answer.
+    EXPECT_EQ(ReadReply(silent.get()), "");
+}
+
+TEST_F(CaptureServerModuleTest, WithoutItsSocketTheServerEndsAndRemovesItsModule) {
+    if (const char* fd = getenv("ANDROID_SOCKET_dorvad")) close(atoi(fd));
+    unsetenv("ANDROID_SOCKET_dorvad");
+    LoadModules();
+    for (int i = 0; i < 500 && !log_.Contains("quited!!"); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    WaitIdle();
+    EXPECT_TRUE(log_.HasLine("Failed to get socket from environment: No such file or directory\n", kTag,
+                             ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] CaptureServer done~", "Tarnis-CaptureServerModule"));
+    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", "Tarnis-CaptureServerModule"));
+    EXPECT_NE(Dump({"ModuleManager", "dump"}).find("CaptureServer\t\tStopped\n"), std::string::npos);
+}
+
+TEST_F(CaptureServerModuleTest, SecureWorldLogComesThroughTheVendorServiceInSharedMemory) {
+    StartKoltoStandIn();
+    const std::string copy = Device("/mnt/rescue/dorva/") + "/zeltee.log";
+    {
+        // Nothing to read yet: the size query fails and no copy is made.
+        CaptureServerThread worker;
+        EXPECT_TRUE(log_.HasLine("Successfully obtained the Kolto service", kTag, ANDROID_LOG_INFO));
+        EXPECT_TRUE(log_.HasLine("zelteelog_path is: " + copy + "\n", kTag, ANDROID_LOG_INFO));
+        EXPECT_TRUE(log_.HasLine("koltoReadMtkSecurityLog GetFileSize failed, error = -2", kTag, ANDROID_LOG_ERROR));
+        EXPECT_EQ(SizeOf(copy), -1);
+    }
+    std::string bytes;
+    for (int i = 0; i < 5000; ++i) bytes += static_cast<char>(i * 7);  // NULs and all
+    ASSERT_TRUE(WriteFile(Device("/data/vendor/zeltee/zeltee.log"), bytes));
+    // A link planted at the copy's name is replaced, not written through.
+    const std::string outside = Device("/outside");
+    ASSERT_TRUE(WriteFile(outside, "untouched"));
+    ASSERT_EQ(symlink(outside.c_str(), copy.c_str()), 0);
+    log_.Clear();
+    CaptureServerThread worker;
+    EXPECT_TRUE(log_.HasLine("koltoReadMtkSecurityLog GetFileSize success:, filepath:/data/vendor/zeltee//zeltee.log "
+                             "size is 5000.",
+                             kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("koltoReadMtkSecurityLog ReadFromFile success:, filepath:/data/vendor/zeltee//zeltee.log "
+                             "size is 5000.",
+                             kTag, ANDROID_LOG_INFO));
+    EXPECT_EQ(ReadFile(copy), bytes);
+    EXPECT_EQ(ReadFile(outside), "untouched");
+    struct stat st;
+    ASSERT_EQ(lstat(copy.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+}
+
+TEST(SharedMemoryTest, RegionsAreSealedToTheirSize) {
+    EXPECT_EQ(ASharedMemory_create("empty", 0), -1);
+    unique_fd region(ASharedMemory_create("shared_memory", 4096));
+    ASSERT_TRUE(region.ok());
+    EXPECT_EQ(ASharedMemory_getSize(region.get()), 4096u);
+    EXPECT_NE(ftruncate(region.get(), 100), 0);
+    EXPECT_NE(ftruncate(region.get(), 8192), 0);
+    EXPECT_EQ(ASharedMemory_getSize(region.get()), 4096u);
+    unique_fd plain(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(ASharedMemory_getSize(plain.get()), 0u);
+}
+
+}  // namespace
