@@ -83,6 +83,10 @@ inline constexpr RescueOrCache kUnhealthyBootLogDir{"/mnt/rescue/dorva/Unhealthy
                                                     "/cache/dorva/UnhealthyBootLog/"};
 inline constexpr RescueOrCache kUnhealthyBootKmsg{"/mnt/rescue/dorva/UnhealthyBootLog/kmsg.txt",
                                                   "/cache/dorva/UnhealthyBootLog/kmsg.txt"};
+inline constexpr RescueOrCache kUnhealthyBootPmsg{"/mnt/rescue/dorva/UnhealthyBootLog/pmsg.txt",
+                                                  "/cache/dorva/UnhealthyBootLog/pmsg.txt"};
+inline constexpr RescueOrCache kUnhealthyBootUefi{"/mnt/rescue/dorva/UnhealthyBootLog/uefi.txt",
+                                                  "/cache/dorva/UnhealthyBootLog/uefi.txt"};
 inline constexpr RescueOrCache kBootCountFile{"/mnt/rescue/boot_flag", "/cache/boot_flag"};
 inline constexpr RescueOrCache kSafeModeMarker{"/mnt/rescue/recovery/last_safemode",
                                                "/cache/recovery/last_safemode"};

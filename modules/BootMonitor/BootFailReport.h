@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+
+namespace velmar {
+namespace tarnis {
+
+// Turns a boot failure that the boot loaders or the kernel's boot-stage
+// watchdog left in the black box into evidence (the failed boot's logs in the
+// unhealthy-boot directory), one diagnostics event and one record line, and
+// marks it reported so that it is reported once. Also listens on the
+// watchdog's netlink protocol for boot-stage time-outs.
+//
+// The module object that holds this is made during static initialisation,
+// before the daemon knows its root, so the paths are chosen by Load() when the
+// module loads, not by the constructor.
+class BootFailReport {
+public:
+    // Payload of a netlink message, and the whole message with its header.
+    static constexpr size_t kPayloadBytes = 1024;
+    static constexpr size_t kMessageBytes = 16 + kPayloadBytes;
+
+    BootFailReport();
+
+    // Chooses the paths below the root from "ro.build.ab_update".
+    void Load();
+
+    void check_ablxbl_fail_report();
+
+    // The listener: sets the socket up, says hello to the kernel and serves
+    // it until stopped. 0 when stopped or closed, -1 when the socket cannot
+    // be set up.
+    int NetlinkInit();
+    // The listener's receive loop over a socket already set up. Its receive
+    // time-out bounds how long a stop takes to be noticed. Closes `fd`.
+    int ReceiveLoop(int fd);
+
+    void Stop() { stopFlag.store(true); }
+    bool Stopped() const { return stopFlag.load(); }
+
+    std::unordered_map<uint32_t, std::string> abl_xbl_event_map;
+    std::string kmsgPath;
+    std::string pmsgPath;
+    std::string uefiPath;
+    std::string recordPath;
+    std::atomic<bool> stopFlag{false};
+
+private:
+    void HandleMessage(const char* text);
+    bool ExtractLog(uint64_t offset, size_t bufferBytes, size_t readBytes, const std::string& path,
+                    const char* mallocError, const char* readError, const char* openError);
+    void Report(int64_t code, const std::string& summary, int32_t bootIndex);
+};
+
+}  // namespace tarnis
+}  // namespace velmar

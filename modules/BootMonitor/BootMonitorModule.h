@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+
+#include "framework/ModuleBase.h"
+#include "modules/BootMonitor/BootFailReport.h"
+
+namespace velmar {
+namespace tarnis {
+
+// Supervises the boot on the module's own thread and listens for the
+// kernel's boot-stage time-outs on a detached thread of its own. The module
+// removes itself once the supervision ends, while the listener runs on: the
+// reporter is shared with the listener, which keeps it alive, and the
+// module's end asks the listener to stop (it notices within its receive
+// time-out).
+class BootMonitorModule : public kolto::ModuleBase {
+public:
+    BootMonitorModule();
+    ~BootMonitorModule() override;
+
+    bool OnInit() override;
+    void OnAllModulesLoaded() override;
+
+private:
+    std::shared_ptr<BootFailReport> report;
+    std::unique_ptr<std::thread> listenerThread;
+};
+
+}  // namespace tarnis
+}  // namespace velmar
