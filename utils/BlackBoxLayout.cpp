@@ -4,6 +4,8 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 
 namespace velmar {
@@ -20,6 +22,22 @@ bool PartitionSize(int fd, uint64_t* size) {
     }
     errno = ENOTBLK;
     return false;
+}
+
+bool ReadAt(int fd, uint64_t offset, void* buf, size_t len) {
+    auto* out = static_cast<unsigned char*>(buf);
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = pread(fd, out + done, len - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) {
+            errno = 0;
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
 }
 
 }  // namespace blackbox

@@ -160,6 +160,29 @@ constexpr int VersionForSize(uint64_t size) {
 // with errno set when neither answers.
 bool PartitionSize(int fd, uint64_t* size);
 
+// Reads exactly `len` bytes at `offset` (retrying short reads); false with
+// errno set on an error, with errno 0 when the file ends first.
+bool ReadAt(int fd, uint64_t offset, void* buf, size_t len);
+
+// A record read from its place in the partition.
+template <class Record>
+bool ReadRecord(int fd, uint64_t offset, Record* out) {
+    return ReadAt(fd, offset, out, sizeof(Record));
+}
+
+// The crash-history base the log table header names.
+inline uint64_t CrashHistoryBase(const LogTableHeader& table) {
+    return static_cast<uint64_t>(table.crashHistoryBase4k) + 4096;
+}
+// Where crash-history item `slot` lies, from the crash-history base.
+inline uint64_t CrashItemOffset(uint64_t base, uint32_t slot) {
+    return base + kCrashItemsOffset + static_cast<uint64_t>(slot) * kCrashItemStride;
+}
+// One past the last byte that the crash history (header and every item) may use.
+inline uint64_t CrashHistoryEnd(uint64_t base) {
+    return CrashItemOffset(base, kCrashHistorySlots - 1) + sizeof(CrashHistoryItem);
+}
+
 }  // namespace blackbox
 }  // namespace kolto
 }  // namespace velmar

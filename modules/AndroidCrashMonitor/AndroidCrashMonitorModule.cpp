@@ -1,0 +1,76 @@
+#include "modules/AndroidCrashMonitor/AndroidCrashMonitorModule.h"
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include <android-base/file.h>
+#include <log/log.h>
+
+#include "framework/ModuleManager.h"
+#include "framework/ModuleRegister.h"
+#include "framework/TarnisHandlerThread.h"
+#include "utils/Paths.h"
+
+#define LOG_TAG "AndroidCrashMonitor"
+
+namespace velmar {
+namespace tarnis {
+
+TARNIS_MODULE_REGISTER(AndroidCrashMonitorModuleRegister, AndroidCrashMonitorModule, "AndroidCrashMonitor", 0);
+
+AndroidCrashMonitorModule::~AndroidCrashMonitorModule() {
+    if (worker_ != nullptr) worker_->RequestStop();
+    if (thread_.joinable()) thread_.join();
+}
+
+bool AndroidCrashMonitorModule::OnInit() {
+    __android_log_print(ANDROID_LOG_INFO, "Tarnis-AndroidCrashMonitorModule", "[%s] tarnis AndroidCrashMonitor OnInit",
+                        __func__);
+    worker_ = std::make_unique<AndroidCrashMonitorThread>();
+    return true;
+}
+
+void AndroidCrashMonitorModule::OnAllModulesLoaded() {
+    ALOGI("[%s] begin wait for mtk aee dir ready", __func__);
+    handler_ = std::make_unique<kolto::TarnisHandler>(handlerThread->getLooper(), nullptr);
+    WaitAeeDirReady();
+}
+
+void AndroidCrashMonitorModule::WaitAeeDirReady() {
+    struct stat st;
+    if (stat(kolto::paths::Get(kolto::paths::kAeeExpDir).c_str(), &st) == 0 || waits_ >= kAeeDirWaits) {
+        StartMonitor();
+        return;
+    }
+    handler_->postDelayed(
+            [this] {
+                ++waits_;
+                ALOGI("[%s] wait for aee dir ready", "WaitAeeDirReady");
+                WaitAeeDirReady();
+            },
+            kAeeDirWaitMs);
+}
+
+void AndroidCrashMonitorModule::StartMonitor() {
+    ALOGI("[%s] load Mtk AndroidCrashMonitor module", "OnAllModulesLoaded");
+    thread_ = std::thread([this] {
+        worker_->threadLoop();
+        if (!worker_->StopRequested()) handler_->post([this] { MonitorFinished(); });
+    });
+}
+
+void AndroidCrashMonitorModule::MonitorFinished() {
+    ALOGI("[%s] Mtk AndroidCrashMonitor done~", "OnAllModulesLoaded");
+    kolto::removeModule(name, true);
+    ALOGI("[%s] quited!!", "OnAllModulesLoaded");
+}
+
+void AndroidCrashMonitorModule::dump(int fd, const char**, unsigned int) {
+    std::string text = "aee dir waits: " + std::to_string(waits_) + "\n";
+    if (worker_ != nullptr) text += "fatal dbs handled: " + std::to_string(worker_->handled()) + "\n";
+    android::base::WriteStringToFd(text, fd);
+}
+
+}  // namespace tarnis
+}  // namespace velmar

@@ -1,0 +1,864 @@
+#include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include <android-base/logging.h>
+#include <android-base/properties.h>
+#include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
+#include <log/log.h>
+#include <openssl/crypto.h>
+
+#include "utils/Clock.h"
+#include "utils/Cryptography.h"
+#include "utils/Paths.h"
+
+#define LOG_TAG "AndroidCrashMonitor"
+
+namespace velmar {
+namespace tarnis {
+
+namespace bb = kolto::blackbox;
+namespace crypto = kolto::cryptography;
+namespace paths = kolto::paths;
+using android::base::GetProperty;
+using android::base::SetProperty;
+using android::base::unique_fd;
+
+namespace {
+
+constexpr char kStatusProperty[] = "vendor.blackbox.write.status";
+constexpr char kDbProperty[] = "vendor.debug.mtk.aee.db";
+constexpr char kOwnerLabel[] = "BSP-Android-Stability";
+constexpr int kStatusPolls = 20;
+constexpr int64_t kSecondMs = 1000;
+constexpr size_t kCopyChunk = 4096;
+constexpr size_t kEventBuffer = 1024;
+constexpr size_t kHistoryLine = 512;
+constexpr size_t kSummaryBytes = 512;
+
+std::mutex& HookLock() {
+    static std::mutex lock;
+    return lock;
+}
+AndroidCrashMonitorThread::WriteHook& Hook() {
+    static AndroidCrashMonitorThread::WriteHook hook;
+    return hook;
+}
+
+ssize_t WriteOnce(int fd, const void* buf, size_t len, off_t offset) {
+    AndroidCrashMonitorThread::WriteHook hook;
+    {
+        std::lock_guard<std::mutex> guard(HookLock());
+        hook = Hook();
+    }
+    if (hook) return hook(fd, buf, len, offset);
+    return offset < 0 ? write(fd, buf, len) : pwrite(fd, buf, len, offset);
+}
+
+// The whole buffer or false: a write that stops short (a full disk) is a
+// failure like an error, with errno ENOSPC when the system gave none.
+bool WriteAll(int fd, const void* data, size_t len, off_t offset = -1) {
+    const auto* buf = static_cast<const unsigned char*>(data);
+    size_t done = 0;
+    while (done < len) {
+        ssize_t n = WriteOnce(fd, buf + done, len - done, offset < 0 ? -1 : offset + static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = ENOSPC;
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+template <class Record>
+bool WriteRecord(int fd, uint64_t offset, const Record& record) {
+    return WriteAll(fd, &record, sizeof(Record), static_cast<off_t>(offset));
+}
+
+bool ContainsNoCase(const std::string& text, const char* needle) {
+    return strcasestr(text.c_str(), needle) != nullptr;
+}
+
+// A path from a property stays below the root only without ".." steps.
+bool HasParentStep(const std::string& path) {
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        if (path.compare(start, end - start, "..") == 0 && end - start == 2) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+void CutTrailingNewlines(std::string* text) {
+    while (!text->empty() && (text->back() == '\n' || text->back() == '\r')) text->pop_back();
+}
+
+uint64_t SlotEnd(const bb::FwMinidumpHeader& header, int slot) {
+    // A garbled size must not wrap around and hide an overlap.
+    const uint64_t size = std::min<uint64_t>(header.size[slot], bb::kFwAreaEnd);
+    return header.position[slot] + size + bb::kContainerOverhead;
+}
+
+uint32_t CountListed(const bb::FwMinidumpHeader& header) {
+    uint32_t filled = 0;
+    for (int i = 0; i < bb::kFwSlots; ++i) filled += header.position[i] != 0;
+    return filled;
+}
+
+}  // namespace
+
+AndroidCrashMonitorThread::AndroidCrashMonitorThread() : stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+AndroidCrashMonitorThread::~AndroidCrashMonitorThread() = default;
+
+void AndroidCrashMonitorThread::SetWriteHookForTesting(WriteHook hook) {
+    std::lock_guard<std::mutex> guard(HookLock());
+    Hook() = std::move(hook);
+}
+
+void AndroidCrashMonitorThread::RequestStop() {
+    {
+        std::lock_guard<std::mutex> guard(stopLock_);
+        stop_.store(true);
+    }
+    stopCond_.notify_all();
+    const uint64_t one = 1;
+    if (stopFd_.ok()) (void)!write(stopFd_.get(), &one, sizeof(one));
+}
+
+bool AndroidCrashMonitorThread::SleepUnlessStopped(int64_t ms) {
+    kolto::Clock& clock = kolto::GetClock();
+    const int64_t deadline = clock.SteadyNowMs() + ms;
+    std::unique_lock<std::mutex> lock(stopLock_);
+    while (!stop_.load()) {
+        if (clock.WaitUntilMs(stopCond_, lock, deadline)) return true;
+    }
+    return false;
+}
+
+unique_fd AndroidCrashMonitorThread::OpenPartition(int flags) const {
+    const std::string path = paths::Get(paths::kBlackbox);
+    // On a device the by-name entry is a link to the block device by design;
+    // below a sandbox root the partition is a plain file of the tree, and a
+    // link there could lead the writes out of it.
+    const int nofollow = path != paths::kBlackbox ? O_NOFOLLOW : 0;
+    return unique_fd(TEMP_FAILURE_RETRY(open(path.c_str(), flags | nofollow | O_CLOEXEC)));
+}
+
+int AndroidCrashMonitorThread::get_black_box_version() {
+    const std::string path = paths::Get(paths::kBlackbox);
+    unique_fd fd = OpenPartition(O_RDONLY);
+    uint64_t size = 0;
+    if (!fd.ok()) {
+        ALOGE("%s: open partition %s failed!", __func__, path.c_str());
+    } else if (!bb::PartitionSize(fd.get(), &size)) {
+        ALOGE("%s: get size of partition %s failed!", __func__, path.c_str());
+    } else {
+        ALOGI("The size of partition %s: %lu bytes", path.c_str(), static_cast<unsigned long>(size));
+        const int version = bb::VersionForSize(size);
+        if (version != 0) return version;
+    }
+    ALOGE("%s: the size of blackbox partition is incorrect, return v1 defaultly", __func__);
+    return 1;
+}
+
+void AndroidCrashMonitorThread::InitLogTableHeader() {
+    const int version = get_black_box_version();
+    ALOGI("%s: blackbox v%d", "init_black_box_log_table_header", version);
+    const uint32_t field2c = table_.field2c;
+    table_ = {};
+    table_.magic = bb::kLogTableMagic;
+    table_.versionCode = bb::kLayoutVersionCode[version];
+    table_.headerOffset = static_cast<uint32_t>(bb::kLogTableHeaderOffset);
+    table_.historyItemValue = 1;
+    table_.field14 = 0x800;
+    table_.field18 = 0x1901000;
+    table_.field1c = 0;
+    table_.field20 = 0xA01000;
+    table_.crashHistoryBase4k = static_cast<uint32_t>(bb::kCrashHistoryDefaultBase - 4096);
+    table_.fwMinidumpOffset = static_cast<uint32_t>(bb::kFwMinidumpHeaderOffset);
+    table_.field2c = field2c;
+    if (version >= 2) {
+        table_.zones[0] = 0xA400000;
+        table_.zones[1] = 0xA420000;
+        table_.zones[2] = 0xA440000;
+    }
+}
+
+void AndroidCrashMonitorThread::InitFwMinidumpHeader() {
+    fw_ = {};
+    fw_.magic = bb::kFwMinidumpMagic;
+    fw_.index = 0;
+    fw_.nextPosition = bb::kFwAreaStart;
+    fw_.filled = 0;
+    fw_.field14 = 0x400;
+}
+
+bool AndroidCrashMonitorThread::LoadHeaders() {
+    headersLoaded_ = false;
+    unique_fd fd = OpenPartition(O_RDWR);
+    if (!fd.ok()) {
+        ALOGE("%s: open blackbox partition failed", "write_fw_db_to_blackbox");
+        return false;
+    }
+    if (!bb::ReadRecord(fd.get(), bb::kLogTableHeaderOffset, &table_)) {
+        ALOGE("%s: read blackbox_log_table_header failed", "write_fw_db_to_blackbox");
+        return false;
+    }
+    bool initialised = false;
+    if (table_.magic != bb::kLogTableMagic) {
+        ALOGE("%s: black_box_log_table_header.magic is bad,should init", "write_fw_db_to_blackbox");
+        InitLogTableHeader();
+        if (!WriteRecord(fd.get(), bb::kLogTableHeaderOffset, table_)) {
+            LOG(ERROR) << "[mtkblackbox aidl]write blackbox_log_table_header failed: " << strerror(errno);
+            return false;
+        }
+        initialised = true;
+    }
+    if (!bb::ReadRecord(fd.get(), bb::kFwMinidumpHeaderOffset, &fw_)) {
+        ALOGE("%s: read fw_minidump_header failed", "write_fw_db_to_blackbox");
+        return false;
+    }
+    if (fw_.magic != bb::kFwMinidumpMagic) {
+        ALOGE("%s: black_box_fw_minidump_header.magic is bad, should init", "write_fw_db_to_blackbox");
+        InitFwMinidumpHeader();
+        if (!WriteRecord(fd.get(), bb::kFwMinidumpHeaderOffset, fw_)) {
+            ALOGE("%s: write fw_minidump_header failed", "write_fw_db_to_blackbox");
+            return false;
+        }
+        initialised = true;
+    }
+    if (initialised && fsync(fd.get()) != 0) {
+        ALOGE("%s: fsync blackbox headers failed: %s", "write_fw_db_to_blackbox", strerror(errno));
+        return false;
+    }
+    // A header that some other writer left garbled still must not send a
+    // container outside the area.
+    if (fw_.index >= bb::kFwSlots) fw_.index = 0;
+    if (fw_.nextPosition < bb::kFwAreaStart || fw_.nextPosition > bb::kFwAreaEnd) {
+        fw_.nextPosition = bb::kFwAreaStart;
+    }
+    historyBase_ = bb::CrashHistoryBase(table_);
+    headersLoaded_ = true;
+    return true;
+}
+
+int AndroidCrashMonitorThread::get_db_name(char* out, unsigned long size) {
+    const std::string value = GetProperty(kDbProperty, "null");
+    if (value == "null") {
+        ALOGE("%s: No reboot db", __func__);
+        return -1;
+    }
+    const size_t at = value.find("db.");
+    if (at == std::string::npos) {
+        ALOGE("%s: No db name", __func__);
+        return -1;
+    }
+    const std::string name = value.substr(at);
+    if (out == nullptr || name.size() >= size) {
+        ALOGE("%s: No db name", __func__);
+        return -1;
+    }
+    memcpy(out, name.c_str(), name.size() + 1);
+    return 0;
+}
+
+bool AndroidCrashMonitorThread::ReadDbPath(const std::string& name, std::string* devicePath) {
+    const std::string value = GetProperty(kDbProperty, "null");
+    const size_t slash = value.find('/');
+    if (slash == std::string::npos) {
+        ALOGE("%s: No db path", "get_db_path");
+        return false;
+    }
+    char path[PATH_MAX];
+    const int n = snprintf(path, sizeof(path), "%s/%s.dbg", value.c_str() + slash, name.c_str());
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(path)) {
+        ALOGE("%s: failed to snprintf for db_path", "get_db_path");
+        return false;
+    }
+    if (HasParentStep(path)) {
+        ALOGE("%s: db path %s has a \"..\" step, refused", "get_db_path", path);
+        return false;
+    }
+    *devicePath = path;
+    return true;
+}
+
+void AndroidCrashMonitorThread::DeleteEncFiles(const std::string& dir) {
+    unique_fd dirFd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+    DIR* stream = dirFd.ok() ? fdopendir(dirFd.get()) : nullptr;
+    if (stream == nullptr) {
+        ALOGE("cannot open directory: %s", dir.c_str());
+        return;
+    }
+    const int fd = dirFd.release();
+    std::unique_ptr<DIR, int (*)(DIR*)> guard(stream, closedir);
+    while (struct dirent* entry = readdir(stream)) {
+        const char* dot = strrchr(entry->d_name, '.');
+        if (dot == nullptr || strcmp(dot, ".enc") != 0) continue;
+        struct stat st;
+        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
+        const std::string path = dir + "/" + entry->d_name;
+        ALOGI("delete enc file: %s\n", path.c_str());
+        if (unlinkat(fd, entry->d_name, 0) == 0) {
+            ALOGI("delete enc file successfully!");
+        } else {
+            ALOGE("delete enc file failed: %s\n", path.c_str());
+        }
+    }
+}
+
+void AndroidCrashMonitorThread::sync_directory(const char* path) {
+    unique_fd fd(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+    if (!fd.ok()) {
+        ALOGE("cannot open directory: %s for sync", path);
+        return;
+    }
+    if (fsync(fd.get()) != 0) {
+        ALOGE("sync directory failed: %s", path);
+        return;
+    }
+    ALOGI("directory: %s has been synced to disk\n", path);
+}
+
+int AndroidCrashMonitorThread::write_rsa_encrypt_data(int fd, unsigned char* key, int len) {
+    unsigned char* wrapped = nullptr;
+    const int n = crypto::rsa_pub_encrypt_byte(key, &wrapped, len);
+    std::unique_ptr<unsigned char, void (*)(void*)> owner(wrapped, free);
+    if (n < 0 || wrapped == nullptr) {
+        ALOGE("%s: rsa pub encrypt failed", __func__);
+        return -1;
+    }
+    if (!WriteAll(fd, wrapped, static_cast<size_t>(n))) {
+        ALOGE("write encrypted data failed %d(%s)\n", errno, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+bool AndroidCrashMonitorThread::StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded) {
+    char sizes[2 * bb::kContainerSizeField] = {};
+    snprintf(sizes, bb::kContainerSizeField, "%lu", static_cast<unsigned long>(plainSize));
+    snprintf(sizes + bb::kContainerSizeField, bb::kContainerSizeField, "%lu", static_cast<unsigned long>(padded));
+    if (!WriteAll(containerFd, sizes, sizeof(sizes))) {
+        ALOGE("%s: write size fields failed %d(%s)", "write_fw_db_to_blackbox", errno, strerror(errno));
+        return false;
+    }
+    unsigned char key[crypto::kAes256KeyBytes] = {};
+    crypto::generate_aes256_key(key);
+    bool ok = true;
+    const int64_t encrypted = crypto::aes_encrypt_file(dbFd, containerFd, key);
+    if (encrypted != static_cast<int64_t>(padded)) {
+        ALOGE("%s: AES encrypt fw db failed!", "write_fw_db_to_blackbox");
+        ok = false;
+    } else if (write_rsa_encrypt_data(containerFd, key, sizeof(key)) != 0) {
+        ALOGE("%s: write encrypted aes key failed!", "write_fw_db_to_blackbox");
+        ok = false;
+    }
+    OPENSSL_cleanse(key, sizeof(key));
+    if (!ok) return false;
+    // The helpers report the bytes they handed over; the file itself must
+    // hold the whole container before the partition is touched.
+    struct stat st;
+    if (fstat(containerFd, &st) != 0 || static_cast<uint64_t>(st.st_size) != padded + bb::kContainerOverhead) {
+        ALOGE("%s: encrypted db file is incomplete", "write_fw_db_to_blackbox");
+        return false;
+    }
+    return true;
+}
+
+int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsigned long offset) {
+    const std::string target = paths::Get(paths::kBlackbox);
+    if (lseek(srcFd, 0, SEEK_SET) != 0) {
+        ALOGE("[%s] Failed to seek to the beginning of the source file", __func__);
+        return -1;
+    }
+    if (lseek(dstFd, static_cast<off_t>(offset), SEEK_SET) != static_cast<off_t>(offset)) {
+        ALOGE("[%s] Failed to seek to the beginning of the target file", __func__);
+        return -1;
+    }
+    unsigned char buf[kCopyChunk];
+    for (;;) {
+        ssize_t got = TEMP_FAILURE_RETRY(read(srcFd, buf, sizeof(buf)));
+        if (got < 0) {
+            ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, target.c_str());
+            return -1;
+        }
+        if (got == 0) return 1;
+        ssize_t put;
+        do {
+            put = WriteOnce(dstFd, buf, static_cast<size_t>(got), -1);
+        } while (put < 0 && errno == EINTR);
+        if (put < 0) {
+            ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, target.c_str());
+            return -1;
+        }
+        if (put != got) {
+            ALOGE("[%s] Failed to write all encrypted data to the target device %s", __func__, target.c_str());
+            return -1;
+        }
+    }
+}
+
+bool AndroidCrashMonitorThread::ClearOverlappedSlots(int partitionFd, uint64_t start, uint64_t end) {
+    bb::FwMinidumpHeader cleared = fw_;
+    bool changed = false;
+    for (int i = 0; i < bb::kFwSlots; ++i) {
+        if (cleared.position[i] == 0) continue;
+        if (cleared.position[i] >= end || SlotEnd(cleared, i) <= start) continue;
+        ALOGI("%s: slot %d at 0x%lx is overwritten, drop it from the header first", "write_fw_db_to_blackbox", i,
+              static_cast<unsigned long>(cleared.position[i]));
+        cleared.position[i] = 0;
+        cleared.size[i] = 0;
+        memset(cleared.name[i], 0, bb::kFwNameBytes);
+        changed = true;
+    }
+    if (!changed) return true;
+    cleared.filled = CountListed(cleared);
+    if (!WriteRecord(partitionFd, bb::kFwMinidumpHeaderOffset, cleared) || fsync(partitionFd) != 0) {
+        ALOGE("%s: write fw_minidump_header failed", "write_fw_db_to_blackbox");
+        return false;
+    }
+    fw_ = cleared;
+    return true;
+}
+
+int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
+    pending_ = {};
+    headersLoaded_ = false;
+    struct stat st;
+    if (stat(paths::Get(paths::kBlackbox).c_str(), &st) == 0) {
+        if (!LoadHeaders()) return 0;
+    } else {
+        ALOGE("%s: Blackbox partition not exist", __func__);
+    }
+
+    char name[256];
+    if (get_db_name(name, sizeof(name)) != 0) {
+        ALOGE("%s: Get db file name fail", __func__);
+        return 0;
+    }
+    std::string devicePath;
+    if (!ReadDbPath(name, &devicePath)) {
+        ALOGE("%s: Get db filepath fail", __func__);
+        return 0;
+    }
+    const std::string dbPath = paths::Get(devicePath);
+    const std::string dir = dbPath.substr(0, dbPath.rfind('/'));
+    ALOGI("%s: Db path is %s", __func__, dbPath.c_str());
+    ALOGI("%s: db name: %s", __func__, name);
+    ALOGI("%s: Newest fw db file: %s", __func__, dbPath.c_str());
+    long dbSize = stat(dbPath.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
+    ALOGI("%s: db_size = %ld", __func__, dbSize);
+
+    DeleteEncFiles(dir);
+
+    unique_fd dbFd(TEMP_FAILURE_RETRY(open(dbPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    if (dbFd.ok() && (fstat(dbFd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
+        dbFd.reset();
+        errno = EINVAL;
+    }
+    if (!dbFd.ok()) {
+        ALOGE("%s: Source_fd open fail %d(%s)", __func__, errno, strerror(errno));
+        sync_directory(dir.c_str());
+        return 0;
+    }
+    unique_fd partition = OpenPartition(O_WRONLY);
+    if (!partition.ok()) {
+        ALOGE("[%s] Target_fd open fail %d(%s)\n", __func__, errno, strerror(errno));
+        return 0;
+    }
+    if (!headersLoaded_) return 0;
+
+    const uint64_t plainSize = static_cast<uint64_t>(st.st_size);
+    const uint64_t padded = (plainSize + 15) & ~uint64_t{15};
+    const uint64_t needed = padded + bb::kContainerOverhead;
+    if (needed > bb::kFwAreaEnd - bb::kFwAreaStart) {
+        ALOGE("%s: fw db of %lu bytes does not fit the blackbox area", __func__,
+              static_cast<unsigned long>(plainSize));
+        return 0;
+    }
+    uint32_t slot = fw_.index;
+    uint64_t start = fw_.nextPosition;
+    if (start + needed > bb::kFwAreaEnd) {
+        ALOGI("%s: current fw_db_size is too large and needs to be rewritten from the partition header", __func__);
+        slot = 0;
+        start = bb::kFwAreaStart;
+    }
+
+    // Staged under a name of its own ("*.enc", so that an orphan of a killed
+    // run goes with the next deletion pass) and given its final name only
+    // when it is complete.
+    char temp[PATH_MAX];
+    const int tn = snprintf(temp, sizeof(temp), "%s.XXXXXX.enc", dbPath.c_str());
+    const std::string encPath = dbPath + ".enc";
+    if (tn < 0 || static_cast<size_t>(tn) >= sizeof(temp) || encPath.size() >= PATH_MAX) {
+        ALOGE("%s: encrypted db path too long", __func__);
+        return -1;
+    }
+    unique_fd container(mkostemps(temp, 4, O_CLOEXEC));
+    if (!container.ok() || fchmod(container.get(), 0660) != 0) {
+        ALOGE("%s: create file fail %d(%s)", __func__, errno, strerror(errno));
+        if (container.ok()) unlink(temp);
+        return 0;
+    }
+    auto discard = [&temp]() { unlink(temp); };
+    if (!StageContainer(dbFd.get(), container.get(), plainSize, padded)) {
+        discard();
+        return 0;
+    }
+    if (lseek(container.get(), 0, SEEK_SET) != 0) {
+        ALOGE("[%s] Failed to seek to the beginning of the encrypted target file", __func__);
+        discard();
+        return 0;
+    }
+    if (!ClearOverlappedSlots(partition.get(), start, start + needed)) {
+        discard();
+        return 0;
+    }
+    if (write_file_to_blackbox(container.get(), partition.get(), static_cast<unsigned long>(start)) != 1) {
+        ALOGE("%s: write encrypted db file to blackbox failed!", __func__);
+        discard();
+        return 0;
+    }
+    if (fsync(container.get()) != 0) {
+        ALOGE("%s: fsync encrypted db file to disk failed!", __func__);
+        discard();
+        return 0;
+    }
+    if (fsync(partition.get()) != 0) {
+        ALOGE("%s: fsync encrypted db file to blackbox failed!", __func__);
+        discard();
+        return 0;
+    }
+    pending_.valid = true;
+    pending_.slot = slot;
+    pending_.position = static_cast<uint32_t>(start);
+    pending_.padded = padded;
+    pending_.name.assign(name, strnlen(name, bb::kFwNameBytes - 1));
+
+    if (encrypt) {
+        if (rename(temp, encPath.c_str()) != 0) {
+            ALOGE("%s: rename %s failed: %s", __func__, temp, strerror(errno));
+            discard();
+        } else {
+            ALOGI("%s: write encrypted db to blackbox success, delete non-encrypted db file!", __func__);
+            unlink(dbPath.c_str());
+        }
+    } else {
+        ALOGI("%s: no need encrypt, delete encrypted db file!", __func__);
+        discard();
+    }
+    sync_directory(dir.c_str());
+    return 1;
+}
+
+int AndroidCrashMonitorThread::update_black_box_fw_minidump_header(int writeResult) {
+    if (!headersLoaded_) {
+        ALOGE("%s: open blackbox partition failed", __func__);
+        return 0;
+    }
+    // Only a container that is in the partition and fsynced may be listed.
+    const bool written = writeResult > 0 && pending_.valid;
+    bb::FwMinidumpHeader next = fw_;
+    if (written) {
+        ALOGI("%s: write blackbox success", __func__);
+        const uint64_t start = pending_.position;
+        const uint64_t end = start + pending_.padded + bb::kContainerOverhead;
+        for (int i = 0; i < bb::kFwSlots; ++i) {
+            if (static_cast<uint32_t>(i) == pending_.slot || next.position[i] == 0) continue;
+            if (next.position[i] < end && SlotEnd(next, i) > start) {
+                next.position[i] = 0;
+                next.size[i] = 0;
+                memset(next.name[i], 0, bb::kFwNameBytes);
+            }
+        }
+        next.position[pending_.slot] = pending_.position;
+        next.size[pending_.slot] = pending_.padded;
+        memset(next.name[pending_.slot], 0, bb::kFwNameBytes);
+        memcpy(next.name[pending_.slot], pending_.name.data(), pending_.name.size());
+        next.nextPosition = static_cast<uint32_t>(end);
+        next.index = (pending_.slot + 1) % bb::kFwSlots;
+        next.filled = CountListed(next);
+    } else {
+        ALOGI("%s: write blackbox failed", __func__);
+    }
+    unique_fd fd = OpenPartition(O_WRONLY);
+    if (!fd.ok()) {
+        ALOGE("%s: open blackbox partition failed", __func__);
+        return 0;
+    }
+    if (!WriteRecord(fd.get(), bb::kLogTableHeaderOffset, table_)) {
+        LOG(ERROR) << "[mtkblackbox aidl]write blackbox_log_table_header failed";
+        return 0;
+    }
+    if (!WriteRecord(fd.get(), bb::kFwMinidumpHeaderOffset, next) || fsync(fd.get()) != 0) {
+        ALOGE("%s: write fw_minidump_header failed", __func__);
+        return 0;
+    }
+    fw_ = next;
+    pending_ = {};
+    return 1;
+}
+
+int AndroidCrashMonitorThread::write_blackbox_crash_history() {
+    ALOGI("%s: begin enter into write blackbox crash history.", __func__);
+    char name[256];
+    if (get_db_name(name, sizeof(name)) != 0) {
+        ALOGE("[parse_crash_from_db_history]Get dbfilename fail");
+        return -1;
+    }
+    CrashRecord record;
+    const std::string historyPath = paths::Get(paths::kAeeDbHistory);
+    unique_fd historyFd(TEMP_FAILURE_RETRY(open(historyPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    FILE* history = historyFd.ok() ? fdopen(historyFd.get(), "re") : nullptr;
+    if (history == nullptr) {
+        ALOGE("open fw db_distory failed");
+    } else {
+        historyFd.release();
+        char line[kHistoryLine];
+        while (fgets(line, sizeof(line), history) != nullptr) {
+            const char* cst = strcasestr(line, "CST");
+            if (cst == nullptr) continue;
+            const char* from = cst - line >= 20 ? cst - 20 : line;
+            record.time = from;
+            CutTrailingNewlines(&record.time);
+            ALOGE("crash_time %s", record.time.c_str());
+            if (strstr(line, name) == nullptr) continue;
+            if (strstr(line, ".NE") != nullptr) {
+                record.mainType = record.type = 22;
+                record.kind = "NE";
+            } else if (strstr(line, ".JE") != nullptr) {
+                record.mainType = record.type = 21;
+                record.kind = "JE";
+            } else if (strstr(line, ".SWT") != nullptr) {
+                record.mainType = record.type = 23;
+                record.kind = "SWT";
+            } else {
+                record.mainType = record.type = 0;
+                record.kind.clear();
+            }
+            record.line = line;
+            CutTrailingNewlines(&record.line);
+        }
+        fclose(history);
+    }
+    return WriteCrashHistoryRecord(record);
+}
+
+int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record) {
+    static constexpr char kFunc[] = "write_blackbox_crash_history";
+    const std::string version = GetProperty("ro.build.version.incremental", "unkown_version");
+    char summary[kSummaryBytes];
+    snprintf(summary, sizeof(summary), "%s | %s | %s | %s | %s", version.c_str(), record.kind.c_str(), kOwnerLabel,
+             record.time.c_str(), record.line.c_str());
+    summary_ = summary;
+
+    unique_fd fd = OpenPartition(O_RDWR);
+    if (!fd.ok()) {
+        ALOGE("%s: open blackbox partition failed", kFunc);
+        return -1;
+    }
+    uint64_t size = 0;
+    if (!bb::PartitionSize(fd.get(), &size) || historyBase_ < bb::kFwAreaEnd ||
+        bb::CrashHistoryEnd(historyBase_) > size) {
+        ALOGE("%s: crash history at 0x%lx lies outside the partition", kFunc, static_cast<unsigned long>(historyBase_));
+        return -1;
+    }
+    bb::CrashHistoryHeader header{};
+    if (!bb::ReadRecord(fd.get(), historyBase_, &header)) header = {};
+    if (memcmp(header.magic, bb::kCrashHistoryMagic, sizeof(header.magic)) != 0) {
+        memcpy(header.magic, bb::kCrashHistoryMagic, sizeof(header.magic));
+        header.version = bb::kCrashHistoryVersion;
+        header.slotCount = bb::kCrashHistorySlots;
+        header.currentNum = 0;
+        header.nextPosition = 0;
+    }
+    if (header.counterMarker != bb::kCrashCounterMarker) {
+        const size_t from = offsetof(bb::CrashHistoryHeader, mainTypeTag);
+        memset(reinterpret_cast<char*>(&header) + from, 0, sizeof(header) - from);
+        header.counterMarker = bb::kCrashCounterMarker;
+    }
+    LOG(INFO) << "crash history header: version 0x" << std::hex << header.version << std::dec
+              << ", current_num " << header.currentNum << ", next_position " << header.nextPosition;
+    ALOGI("%s: crash main type: %u", kFunc, record.mainType);
+    ALOGI("%s: crash_type: %u", kFunc, record.type);
+
+    header.currentNum += 1;
+    char description[kHistoryLine * 2];
+    snprintf(description, sizeof(description), "%s | %s | %s | %s", record.time.c_str(), record.kind.c_str(),
+             record.line.c_str(), kOwnerLabel);
+    bb::CrashHistoryItem item{};
+    item.mainType = record.mainType;
+    item.type = record.type;
+    const std::string text = android::base::StringPrintf("%d)[%u] %s | %s \n", static_cast<int>(header.currentNum),
+                                                         table_.historyItemValue, version.c_str(), description);
+    // Cut to the field, always terminated.
+    item.textLength = std::min(text.size(), sizeof(item.text) - 1);
+    memcpy(item.text, text.data(), item.textLength);
+    item.tableValue = table_.historyItemValue;
+    ALOGI("%s: crash_item.string: %s", kFunc, item.text);
+    if (header.nextPosition >= bb::kCrashHistorySlots) header.nextPosition = 0;
+    if (!WriteRecord(fd.get(), bb::CrashItemOffset(historyBase_, header.nextPosition), item) || fsync(fd.get()) != 0) {
+        ALOGE("%s: write crash item to blackbox failed", kFunc);
+        return -1;
+    }
+    header.mainTypeTag = bb::kCrashCounterTag;
+    header.typeTag = bb::kCrashCounterTag;
+    if (record.mainType <= 31) {
+        header.mainTypeCount[record.mainType]++;
+    } else {
+        ALOGE("crash_history: crash_main type overflowed");
+    }
+    if (record.type <= 63) {
+        header.typeCount[record.type]++;
+    } else {
+        ALOGE("crash_history: crash type overflowed");
+    }
+    header.nextPosition += 1;
+    if (!WriteRecord(fd.get(), historyBase_, header) || fsync(fd.get()) != 0) {
+        ALOGE("%s: write crash history header to blackbox failed", kFunc);
+        return -1;
+    }
+    return 1;
+}
+
+void AndroidCrashMonitorThread::update_proc_crash_module() {
+    if (summary_.empty()) return;
+    const std::string path = paths::Get(paths::kProcCrashModule);
+    unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644)));
+    if (!fd.ok() || !WriteAll(fd.get(), summary_.data(), summary_.size())) {
+        ALOGE("%s: open proc crash_module file failed!", __func__);
+    }
+}
+
+void AndroidCrashMonitorThread::WaitForWriteStatusDone() {
+    std::thread helper([this] {
+        for (int i = 0; i < kStatusPolls; ++i) {
+            const std::string status = GetProperty(kStatusProperty, "unknown");
+            ALOGI("%s: propbuf = %s", "wait_blackbox_write_status", status.c_str());
+            if (status == "done") break;
+            if (!SleepUnlessStopped(kSecondMs)) break;
+            ALOGI("%s: i = %d", "wait_blackbox_write_status", i);
+        }
+    });
+    helper.join();
+}
+
+bool AndroidCrashMonitorThread::WaitBootCompleted() {
+    // Without limit, as boot completion may take long, but in steps so that a
+    // stop is noticed.
+    while (!stop_.load()) {
+        if (android::base::WaitForProperty("sys.boot_completed", "1", std::chrono::milliseconds(500))) return true;
+    }
+    return false;
+}
+
+void AndroidCrashMonitorThread::HandleFatalDb(bool* encrypt) {
+    static constexpr char kFunc[] = "threadLoop";
+    SetProperty("persist.mtk.fw.minidump.existed", "true");
+    SetProperty(kStatusProperty, "writing");
+    ALOGI("%s: monitored IN_CLOSE_WRITE event,  begin write fw db to blackbox", kFunc);
+    if (strcasecmp(GetProperty("ro.boot.hwlevel", "").c_str(), "MP") != 0) {
+        if (GetProperty("ro.boot.db_encrypt", "") == "1") {
+            ALOGI("%s: db encrypt flag is set to 1, need to enable fw db encrypt", kFunc);
+            *encrypt = true;
+        }
+    } else {
+        if (!WaitBootCompleted()) {
+            SetProperty(kStatusProperty, "done");
+            return;
+        }
+        *encrypt = android::base::GetBoolProperty("persist.sys.stability.db_encrypt.enable", false);
+        if (*encrypt) {
+            ALOGI("%s: MP device, cloud control property is true, need to enable fw db encrypt", kFunc);
+        } else {
+            ALOGI("%s: MP device, cloud control property is not true, need to disable fw db encrypt", kFunc);
+        }
+    }
+    const int r = write_fw_db_to_blackbox(*encrypt);
+    ALOGI("%s: return of write_fw_db_to_blackbox: %d", kFunc, r);
+    const int h = update_black_box_fw_minidump_header(r);
+    ALOGI("%s: return of update_black_box_fw_minidump_header: %d", kFunc, h);
+    if (h != 0) {
+        ALOGI("begin write_blackbox_crash_history");
+        if (write_blackbox_crash_history() == 1) {
+            ALOGI("begin update_proc_crash_module");
+            update_proc_crash_module();
+        }
+    }
+    SetProperty(kStatusProperty, "done");
+    SetProperty(kDbProperty, "null");
+    ++handled_;
+}
+
+int AndroidCrashMonitorThread::threadLoop() {
+    unique_fd inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!inotify.ok()) {
+        ALOGE("%s: Failed to initialize inotify", __func__);
+        return 0;
+    }
+    const std::string dir = paths::Get(paths::kAeeExpDir);
+    if (inotify_add_watch(inotify.get(), dir.c_str(), IN_CLOSE_WRITE) < 0) {
+        ALOGE("%s: Failed to add watch for directory %s, error = %d(%s)\n", __func__, dir.c_str(), errno,
+              strerror(errno));
+        return 0;
+    }
+    SetProperty(kStatusProperty, "done");
+    bool encrypt = false;
+    alignas(struct inotify_event) char buf[kEventBuffer];
+    while (!stop_.load()) {
+        ALOGI("%s: Start to wait the completion of writing android db to blackbox", __func__);
+        WaitForWriteStatusDone();
+        ALOGI("%s: Finished to wait the writing of android db to blackbox", __func__);
+
+        struct pollfd fds[2] = {{inotify.get(), POLLIN, 0}, {stopFd_.get(), POLLIN, 0}};
+        int ready = TEMP_FAILURE_RETRY(poll(fds, 2, -1));
+        if (stop_.load()) break;
+        ssize_t len = ready > 0 ? TEMP_FAILURE_RETRY(read(inotify.get(), buf, sizeof(buf))) : -1;
+        if (len <= 0) {
+            ALOGE("%s: Failed to read events", __func__);
+            continue;
+        }
+        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(struct inotify_event)) <= len;) {
+            const auto* event = reinterpret_cast<const struct inotify_event*>(buf + at);
+            at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
+            const std::string db = GetProperty(kDbProperty, "null");
+            if (db == "null" || !ContainsNoCase(db, "fatal")) {
+                ALOGE("%s: not fatal db, skip to handle it!", __func__);
+                continue;
+            }
+            if ((event->mask & IN_CLOSE_WRITE) == 0) continue;
+            HandleFatalDb(&encrypt);
+            if (stop_.load()) break;
+        }
+    }
+    return 1;
+}
+
+}  // namespace tarnis
+}  // namespace velmar

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include <android-base/unique_fd.h>
+
+#include "utils/BlackBoxLayout.h"
+
+namespace velmar {
+namespace tarnis {
+
+// Preserves the platform exception collector's fatal crash databases in the
+// black-box partition: each one is encrypted into a container, copied into a
+// three-slot ring of the firmware-database area, listed in that area's header
+// and counted in the crash history, and a one-line summary goes to
+// /proc/crash_module.
+//
+// A write into the partition can be cut short at any byte (the daemon killed,
+// the disk full while the container is staged), so the partition is changed
+// in an order that never lets a header name bytes that are not there: the
+// container is staged and checked in full first; a slot whose bytes the new
+// container will cover is first dropped from the on-disk header (fsynced);
+// only then is the container written and fsynced, and only then the header
+// that lists it. A staging failure leaves the partition untouched.
+class AndroidCrashMonitorThread {
+public:
+    // Every write the worker makes goes through here: `offset` < 0 writes at
+    // the file position, else at `offset`. Tests fail or cut writes with it.
+    using WriteHook = std::function<ssize_t(int fd, const void* buf, size_t len, off_t offset)>;
+
+    // What a crash-history line is made of.
+    struct CrashRecord {
+        uint32_t mainType = 0;
+        uint32_t type = 0;
+        std::string kind;  // "NE", "JE", "SWT" or empty
+        std::string time;  // from the history line's "CST" marker
+        std::string line;  // the history line of this database
+    };
+
+    AndroidCrashMonitorThread();
+    ~AndroidCrashMonitorThread();
+    AndroidCrashMonitorThread(const AndroidCrashMonitorThread&) = delete;
+    AndroidCrashMonitorThread& operator=(const AndroidCrashMonitorThread&) = delete;
+
+    // Watches the collector's directory and handles each fatal database.
+    // Returns 0 when inotify cannot be used, 1 once stopped.
+    int threadLoop();
+    // Ends threadLoop and every wait of this worker, from any thread.
+    void RequestStop();
+    bool StopRequested() const { return stop_.load(); }
+
+    // Waits, on a helper thread, up to 20 s for the collector to report its
+    // own partition writes done.
+    void WaitForWriteStatusDone();
+    // One fatal database announced by the collector: the encrypt choice
+    // (kept in `encrypt` across databases), the write, the headers, the
+    // history and the summary.
+    void HandleFatalDb(bool* encrypt);
+
+    int write_fw_db_to_blackbox(bool encrypt);
+    int update_black_box_fw_minidump_header(int writeResult);
+    int write_blackbox_crash_history();
+    // Steps of the history after the collector's history file was read.
+    int WriteCrashHistoryRecord(const CrashRecord& record);
+    void update_proc_crash_module();
+    int get_db_name(char* out, unsigned long size);
+    int write_rsa_encrypt_data(int fd, unsigned char* key, int len);
+    int write_file_to_blackbox(int srcFd, int dstFd, unsigned long offset);
+    void sync_directory(const char* path);
+    int get_black_box_version();
+
+    const kolto::blackbox::LogTableHeader& logTableHeader() const { return table_; }
+    const kolto::blackbox::FwMinidumpHeader& fwHeader() const { return fw_; }
+    const std::string& summary() const { return summary_; }
+    int handled() const { return handled_.load(); }
+
+    static void SetWriteHookForTesting(WriteHook hook);
+
+private:
+    struct PendingSlot {
+        bool valid = false;
+        uint32_t slot = 0;
+        uint32_t position = 0;
+        uint64_t padded = 0;
+        std::string name;
+    };
+
+    android::base::unique_fd OpenPartition(int flags) const;
+    void InitLogTableHeader();
+    void InitFwMinidumpHeader();
+    bool LoadHeaders();
+    // Drops from the on-disk header every slot whose bytes [start, end) covers.
+    bool ClearOverlappedSlots(int partitionFd, uint64_t start, uint64_t end);
+    bool StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded);
+    void DeleteEncFiles(const std::string& dir);
+    bool ReadDbPath(const std::string& name, std::string* devicePath);
+    bool SleepUnlessStopped(int64_t ms);
+    bool WaitBootCompleted();
+
+    kolto::blackbox::LogTableHeader table_{};
+    kolto::blackbox::FwMinidumpHeader fw_{};
+    bool headersLoaded_ = false;
+    uint64_t historyBase_ = kolto::blackbox::kCrashHistoryDefaultBase;
+    PendingSlot pending_;
+    std::string summary_;
+    std::atomic<int> handled_{0};
+
+    std::atomic<bool> stop_{false};
+    android::base::unique_fd stopFd_;
+    std::mutex stopLock_;
+    std::condition_variable stopCond_;
+};
+
+}  // namespace tarnis
+}  // namespace velmar
