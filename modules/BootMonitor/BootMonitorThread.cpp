@@ -99,6 +99,14 @@ void ConsumeModeMarker(const std::string& path, const char* mayBeSet, const char
 // Its ownership is set through a descriptor opened without following links,
 // so that a link planted in its place is never changed.
 void PrepareDirectory(const std::string& dir) {
+    std::string bare = dir;
+    while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+    // Captures and extracted logs go in here: a link in its place would carry
+    // them wherever it points, so it goes and a real directory is made.
+    struct stat st {};
+    if (lstat(bare.c_str(), &st) == 0 && S_ISLNK(st.st_mode) && unlink(bare.c_str()) != 0) {
+        ALOGE("remove path %s failed! info: %s\n", bare.c_str(), strerror(errno));
+    }
     DIR* existing = opendir(dir.c_str());
     if (existing != nullptr) {
         closedir(existing);
@@ -108,8 +116,6 @@ void PrepareDirectory(const std::string& dir) {
         ALOGE("create dir %s failed! error: %s\n", dir.c_str(), strerror(errno));
         return;
     }
-    std::string bare = dir;
-    while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
     unique_fd fd(TEMP_FAILURE_RETRY(open(bare.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
     if (!fd.ok() || fchown(fd.get(), 0, kSystemUid) != 0) {
         ALOGE("Failed to chown to user system for path %s, errinfo=%s.", dir.c_str(), strerror(errno));

@@ -224,6 +224,9 @@ TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
 TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
     WriteFile(Device("/cache/recovery/last_safemode"), "true\n");
     WriteFile(Device("/cache/recovery/last_maintenance"), "false");
+    // A link planted as the capture directory is replaced by a directory.
+    RunShell("mkdir -p '" + root_.Sub("elsewhere") + "'");
+    ASSERT_EQ(symlink(root_.Sub("elsewhere").c_str(), Device("/cache/dorva/UnhealthyBootLog").c_str()), 0);
     SetProperty("sys.boot_completed", "1");
     UseClockWaits();
     for (const std::string word : {"abc", ""}) {
@@ -242,6 +245,9 @@ TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
     EXPECT_EQ(log_.Count("Safe Mode may be set.", kBm, kD), 1u);
     EXPECT_TRUE(log_.HasLine("Safe Mode not set.", kBm, kD));
     EXPECT_FALSE(Exists(Device("/cache/recovery/last_maintenance")));
+    struct stat st {};
+    ASSERT_EQ(lstat(Device("/cache/dorva/UnhealthyBootLog").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode, S_IFDIR | 0775u);
 }
 
 TEST_F(BootMonitorTest, DisplayCompletionIsAwaitedOnceItIsKnown) {
