@@ -90,8 +90,9 @@ int CaptureRequest(const std::vector<std::string>& args) {
     const time_t started = time(nullptr);
     android::base::unique_fd fd(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
     if (!fd.ok()) {
+        const int error = errno;
         fprintf(stderr, "tarnisctl: cannot reach the capture server at %s: %s\n",
-                velmar::kolto::paths::Get("/dev/socket/dorvad").c_str(), strerror(errno));
+                paths::Get(std::string(paths::kSocketDir) + "dorvad").c_str(), strerror(error));
         return 1;
     }
     std::string request = {'\0', '\0', '\0', static_cast<char>(name.size())};
@@ -106,10 +107,11 @@ int CaptureRequest(const std::vector<std::string>& args) {
         sent += static_cast<size_t>(n);
     }
 
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int64_t>(timeoutS * 1000));
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(timeoutS * 1000));
     std::string reply;
     while (reply.size() < strlen(kResponse)) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
             fprintf(stderr, "tarnisctl: no answer from the capture server within %g s\n", timeoutS);
             return 1;
