@@ -308,14 +308,14 @@ bool AndroidCrashMonitorThread::ReadDbPath(const std::string& name, std::string*
     return true;
 }
 
-void AndroidCrashMonitorThread::DeleteEncFiles(const std::string& dir) {
-    unique_fd dirFd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
-    DIR* stream = dirFd.ok() ? fdopendir(dirFd.get()) : nullptr;
+void AndroidCrashMonitorThread::DeleteEncFiles(int dirFd, const std::string& dir) {
+    unique_fd own(dirFd >= 0 ? fcntl(dirFd, F_DUPFD_CLOEXEC, 0) : -1);
+    DIR* stream = own.ok() ? fdopendir(own.get()) : nullptr;
     if (stream == nullptr) {
         ALOGE("cannot open directory: %s", dir.c_str());
         return;
     }
-    const int fd = dirFd.release();
+    const int fd = own.release();
     std::unique_ptr<DIR, int (*)(DIR*)> guard(stream, closedir);
     while (struct dirent* entry = readdir(stream)) {
         const char* dot = strrchr(entry->d_name, '.');
@@ -475,9 +475,15 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
     long dbSize = stat(dbPath.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
     ALOGI("%s: db_size = %ld", __func__, dbSize);
 
-    DeleteEncFiles(dir);
+    // Everything in the database's directory is reached through one
+    // descriptor of it, opened without following a link: a link planted in
+    // place of the directory cannot send a deletion or a file elsewhere.
+    const std::string base = dbPath.substr(dbPath.rfind('/') + 1);
+    unique_fd dirFd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+    DeleteEncFiles(dirFd.get(), dir);
 
-    unique_fd dbFd(TEMP_FAILURE_RETRY(open(dbPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    unique_fd dbFd(TEMP_FAILURE_RETRY(
+            openat(dirFd.get(), base.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
     if (dbFd.ok() && (fstat(dbFd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
         dbFd.reset();
         errno = EINVAL;
@@ -513,20 +519,28 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
     // Staged under a name of its own ("*.enc", so that an orphan of a killed
     // run goes with the next deletion pass) and given its final name only
     // when it is complete.
-    char temp[PATH_MAX];
-    const int tn = snprintf(temp, sizeof(temp), "%s.XXXXXX.enc", dbPath.c_str());
-    const std::string encPath = dbPath + ".enc";
-    if (tn < 0 || static_cast<size_t>(tn) >= sizeof(temp) || encPath.size() >= PATH_MAX) {
+    const std::string encName = base + ".enc";
+    if (dbPath.size() + 4 >= PATH_MAX || encName.size() + 24 > NAME_MAX) {
         ALOGE("%s: encrypted db path too long", __func__);
         return -1;
     }
-    unique_fd container(mkostemps(temp, 4, O_CLOEXEC));
-    if (!container.ok() || fchmod(container.get(), 0660) != 0) {
+    std::string temp;
+    unique_fd container;
+    for (int attempt = 0; attempt < 16 && !container.ok(); ++attempt) {
+        static std::atomic<unsigned> serial{0};
+        char unique[32];
+        snprintf(unique, sizeof(unique), ".%d-%u", static_cast<int>(getpid()), serial++);
+        temp = base + unique + ".enc";
+        container.reset(TEMP_FAILURE_RETRY(openat(dirFd.get(), temp.c_str(),
+                                                  O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)));
+        if (!container.ok() && errno != EEXIST) break;
+    }
+    if (!container.ok()) {
         ALOGE("%s: create file fail %d(%s)", __func__, errno, strerror(errno));
-        if (container.ok()) unlink(temp);
         return 0;
     }
-    auto discard = [&temp]() { unlink(temp); };
+    const int dir_fd = dirFd.get();
+    auto discard = [dir_fd, &temp]() { unlinkat(dir_fd, temp.c_str(), 0); };
     if (!StageContainer(dbFd.get(), container.get(), plainSize, padded)) {
         discard();
         return 0;
@@ -562,12 +576,12 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
     pending_.name.assign(name, strnlen(name, bb::kFwNameBytes - 1));
 
     if (encrypt) {
-        if (rename(temp, encPath.c_str()) != 0) {
-            ALOGE("%s: rename %s failed: %s", __func__, temp, strerror(errno));
+        if (renameat(dir_fd, temp.c_str(), dir_fd, encName.c_str()) != 0) {
+            ALOGE("%s: rename %s failed: %s", __func__, temp.c_str(), strerror(errno));
             discard();
         } else {
             ALOGI("%s: write encrypted db to blackbox success, delete non-encrypted db file!", __func__);
-            unlink(dbPath.c_str());
+            unlinkat(dir_fd, base.c_str(), 0);
         }
     } else {
         ALOGI("%s: no need encrypt, delete encrypted db file!", __func__);

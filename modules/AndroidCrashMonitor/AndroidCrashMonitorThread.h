@@ -99,7 +99,7 @@ private:
     // Drops from the on-disk header every slot whose bytes [start, end) covers.
     bool ClearOverlappedSlots(int partitionFd, uint64_t start, uint64_t end);
     bool StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded);
-    void DeleteEncFiles(const std::string& dir);
+    void DeleteEncFiles(int dirFd, const std::string& dir);
     bool ReadDbPath(const std::string& name, std::string* devicePath);
     bool SleepUnlessStopped(int64_t ms);
     bool WaitBootCompleted();

@@ -329,6 +329,33 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
     EXPECT_EQ(ReadFile(path), content);  // not encrypted: the database stays
 }
 
+TEST_F(AndroidCrashMonitorTest, HostileDatabasePathsAreRefusedAndNothingOutsideIsTouched) {
+    AndroidCrashMonitorThread worker;
+    SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/../../../etc/db.fatal.00.NE");
+    EXPECT_EQ(worker.write_fw_db_to_blackbox(true), 0);
+    EXPECT_TRUE(HasError("get_db_path: db path /data/aee_exp/../../../etc/db.fatal.00.NE/db.fatal.00.NE.dbg has a "
+                         "\"..\" step, refused"));
+    EXPECT_TRUE(HasError("write_fw_db_to_blackbox: Get db filepath fail"));
+
+    // A link in place of the database's directory.
+    const std::string outside = root_.Sub("outside");
+    ASSERT_EQ(mkdir(outside.c_str(), 0700), 0);
+    ASSERT_TRUE(android::base::WriteStringToFile("plain", outside + "/db.fatal.01.NE.dbg"));
+    ASSERT_TRUE(android::base::WriteStringToFile("old", outside + "/old.enc"));
+    ASSERT_EQ(symlink(outside.c_str(), Device("/data/aee_exp/db.fatal.01.NE").c_str()), 0);
+    SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/db.fatal.01.NE");
+    bool encrypt = true;
+    worker.HandleFatalDb(&encrypt);
+    EXPECT_TRUE(HasError("cannot open directory: " + Device("/data/aee_exp/db.fatal.01.NE")));
+    EXPECT_TRUE(HasError("write_fw_db_to_blackbox: Source_fd open fail 9(Bad file descriptor)"));
+    EXPECT_EQ(ReadFile(outside + "/old.enc"), "old");
+    EXPECT_EQ(ReadFile(outside + "/db.fatal.01.NE.dbg"), "plain");
+    EXPECT_EQ(RunShell("ls '" + outside + "'"), "db.fatal.01.NE.dbg\nold.enc\n");
+    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+    EXPECT_EQ(fw.filled, 0u);
+    EXPECT_EQ(fw.position[0], 0u);
+}
+
 // The partition as a fault finds it: A in slot 0 at the area start, B in
 // slot 1 a mebibyte further, and no room at the end, so that the next
 // database C goes to slot 0 over A's bytes but not over B's.
