@@ -402,7 +402,7 @@ int main(int argc, char** argv) {
     if (!extract && (!key.empty() || !out.empty())) return UsageError("--key and --out belong to extract");
     if (extract && (key.empty() || out.empty())) return UsageError("extract needs --key and --out");
 
-    unique_fd fd(open(image.c_str(), O_RDONLY | O_CLOEXEC));
+    unique_fd fd(open(image.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a FIFO must not block
     struct stat st;
     if (!fd.ok() || fstat(fd.get(), &st) != 0) {
         fprintf(stderr, "tarnis-blackbox: cannot open %s: %s\n", image.c_str(), strerror(errno));

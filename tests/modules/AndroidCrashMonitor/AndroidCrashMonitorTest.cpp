@@ -329,6 +329,44 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
     EXPECT_EQ(ReadFile(path), content);  // not encrypted: the database stays
 }
 
+TEST_F(AndroidCrashMonitorTest, MpDeviceWaitsForBootCompletionThenFollowsTheCloudSwitch) {
+    SetProperty("ro.boot.hwlevel", "mp");
+    SetProperty("ro.boot.db_encrypt", "1");  // not what an MP device goes by
+    SetProperty("persist.sys.stability.db_encrypt.enable", "true");
+    const std::string path = MakeDb("db.fatal.04.NE", RandomBytes(64, 9));
+    AndroidCrashMonitorThread worker;
+    bool encrypt = false;
+    std::thread handler([&] { worker.HandleFatalDb(&encrypt); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(GetProperty("vendor.blackbox.write.status", ""), "writing");
+    EXPECT_FALSE(log_.Contains("write_fw_db_to_blackbox", kTag));
+    SetProperty("sys.boot_completed", "1");
+    handler.join();
+    EXPECT_TRUE(encrypt);
+    EXPECT_TRUE(HasInfo("threadLoop: MP device, cloud control property is true, need to enable fw db encrypt"));
+    EXPECT_FALSE(log_.Contains("db encrypt flag is set to 1", kTag));
+    EXPECT_EQ(ReadFile(path + ".enc").size(), 64u + 288);
+
+    SetProperty("persist.sys.stability.db_encrypt.enable", "false");
+    MakeDb("db.fatal.05.NE", RandomBytes(64, 10));
+    worker.HandleFatalDb(&encrypt);
+    EXPECT_FALSE(encrypt);
+    EXPECT_TRUE(HasInfo("threadLoop: MP device, cloud control property is not true, need to disable fw db encrypt"));
+}
+
+TEST_F(AndroidCrashMonitorTest, StopEndsTheWaitForBootCompletion) {
+    SetProperty("ro.boot.hwlevel", "MP");
+    MakeDb("db.fatal.06.NE", RandomBytes(64, 11));
+    AndroidCrashMonitorThread worker;
+    bool encrypt = false;
+    std::thread handler([&] { worker.HandleFatalDb(&encrypt); });
+    ASSERT_TRUE(WaitFor([] { return GetProperty("vendor.blackbox.write.status", "") == "writing"; }));
+    worker.RequestStop();
+    handler.join();
+    EXPECT_EQ(GetProperty("vendor.blackbox.write.status", ""), "done");
+    EXPECT_FALSE(log_.Contains("write_fw_db_to_blackbox", kTag));
+}
+
 TEST_F(AndroidCrashMonitorTest, HostileDatabasePathsAreRefusedAndNothingOutsideIsTouched) {
     AndroidCrashMonitorThread worker;
     SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/../../../etc/db.fatal.00.NE");
