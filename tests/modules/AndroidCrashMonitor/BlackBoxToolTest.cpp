@@ -115,6 +115,42 @@ TEST_F(BlackBoxToolTest, CommandLineAndAnImageWithoutHeaders) {
     EXPECT_EQ(Tool("--json " + image_, &status), "{\n  \"initialised\" : false,\n  \"size\" : 199229440,\n  \"version\" : 2\n}\n");
 }
 
+TEST_F(BlackBoxToolTest, BootFailureAndOtaRecordsAreShown) {
+    WriteValidImage("db.fatal.00.NE", RandomBytes(10, 3));
+    bb::BootMonitorHeader boot{};
+    boot.identifier = bb::kBootFailIdentifier;
+    boot.bootIndex = 3;
+    boot.currentError = 901005303;
+    blackbox_test::WriteRecordAt(image_, bb::kBootMonitorHeaderOffset, boot);
+    bb::OtaRecordZone zone{};
+    zone.magic = bb::kOtaMagic;
+    zone.versionCode = 8192;
+    zone.nextIndex = 1;
+    zone.updateCount = 1;
+    zone.isDebuggable[0] = 1;
+    strcpy(zone.packageName[0], "ota-2.zip");
+    strcpy(zone.srcBuild[0], "100");
+    strcpy(zone.tgtBuild[0], "200");
+    strcpy(zone.srcSlot[0], "_a");
+    strcpy(zone.tgtSlot[0], "_b");
+    strcpy(zone.startTime[0], "2026-01-01 10:00:00");
+    strcpy(zone.endTime[0], "2026-01-01 10:20:00");
+    strcpy(zone.mergedTime[0], "2026-01-01 10:30:00");
+    blackbox_test::WriteRecordAt(image_, bb::kOtaZoneOffset, zone);
+    int status = -1;
+    const std::string out = Tool(image_, &status);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_NE(out.find("boot monitor: failure 901005303 in boot 3, not reported\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("OTA records: 1 of 10, next index 1\n  record 0: ota-2.zip, 100 (_a) -> 200 (_b), debuggable 1, "
+                       "start 2026-01-01 10:00:00, end 2026-01-01 10:20:00, merged 2026-01-01 10:30:00\n"),
+              std::string::npos)
+            << out;
+
+    memset(zone.tgtSlot[0], 'b', sizeof(zone.tgtSlot[0]));
+    blackbox_test::WriteRecordAt(image_, bb::kOtaZoneOffset, zone);
+    ExpectRefused("OTA record 0: a text field is not terminated");
+}
+
 TEST_F(BlackBoxToolTest, DamagedImagesAreRefusedWithTheirReason) {
     WriteValidImage("db.fatal.00.NE", RandomBytes(100, 1));
     int status = -1;
