@@ -13,45 +13,17 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/service/DaemonProcess.h"
 #include "tests/support/TempDir.h"
 
+using tarnis_test::Ctl;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
+using tarnis_test::StartDaemon;
+using tarnis_test::StopDaemon;
+using tarnis_test::WaitServing;
 using tarnis_test::TempDir;
 using tarnis_test::WriteFile;
-
-namespace {
-
-std::string Ctl(const TempDir& root) { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl --root " + root.path(); }
-
-pid_t StartDaemon(const TempDir& root) {
-    pid_t daemon = fork();
-    if (daemon == 0) {
-        freopen("/dev/null", "w", stdout);
-        freopen(root.Sub("err").c_str(), "w", stderr);
-        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return daemon;
-}
-
-bool WaitServing(const TempDir& root) {
-    int status = -1;
-    for (int i = 0; i < 400; ++i) {
-        RunShell(Ctl(root) + " dump ModuleManager dump >/dev/null 2>&1", &status);
-        if (status == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(25));
-    }
-    return false;
-}
-
-void StopDaemon(pid_t daemon) {
-    kill(daemon, SIGTERM);
-    waitpid(daemon, nullptr, 0);
-}
-
-}  // namespace
 
 TEST(CaptureSocketTest, DaemonBindsTheSocketAndTarnisctlGetsTheArchive) {
     TempDir root;
@@ -71,7 +43,7 @@ TEST(CaptureSocketTest, DaemonBindsTheSocketAndTarnisctlGetsTheArchive) {
     ASSERT_TRUE(WriteFile(root.Sub("bin/logcat"), "#!/bin/sh\nhead -c 6000 /dev/urandom | base64\n"));
     ASSERT_EQ(chmod(root.Sub("bin/logcat").c_str(), 0755), 0);
 
-    pid_t daemon = StartDaemon(root);
+    pid_t daemon = StartDaemon(root, "/dev/null", root.Sub("err"));
     ASSERT_TRUE(WaitServing(root));
     struct stat st;
     ASSERT_EQ(lstat(root.Sub("dev/socket/dorvad").c_str(), &st), 0);
@@ -100,7 +72,7 @@ TEST(CaptureSocketTest, AFileThatIsNotASocketIsLeftAlone) {
     TempDir root;
     RunShell("mkdir -p " + root.Sub("dev/socket"));
     ASSERT_TRUE(WriteFile(root.Sub("dev/socket/dorvad"), "precious"));
-    pid_t daemon = StartDaemon(root);
+    pid_t daemon = StartDaemon(root, "/dev/null", root.Sub("err"));
     ASSERT_TRUE(WaitServing(root));
     StopDaemon(daemon);
     EXPECT_EQ(ReadFile(root.Sub("dev/socket/dorvad")), "precious");

@@ -20,43 +20,22 @@
 #include "platform/binder/WireIo.h"
 #include "service/DorvaNativeDaemon.h"
 #include "service/TarnisSsiImpl.h"
+#include "tests/service/DaemonProcess.h"
 #include "tests/support/TempDir.h"
 
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
+using tarnis_test::Ctl;
+using tarnis_test::DaemonCommand;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
+using tarnis_test::StartDaemon;
+using tarnis_test::StopDaemon;
+using tarnis_test::WaitServing;
 using tarnis_test::TempDir;
 
 namespace {
 
 const std::string kSsiName = std::string(TarnisSsiImpl::descriptor) + "/default";
-
-std::string Daemon(const TempDir& root) { return std::string(TARNIS_BUILD_DIR) + "/tarnisd --root " + root.path(); }
-std::string Ctl(const TempDir& root) { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl --root " + root.path(); }
-
-// Starts tarnisd in the background with its output in out1/err1 and waits
-// until it answers a dump.
-pid_t StartDaemon(const TempDir& root) {
-    pid_t daemon = fork();
-    if (daemon == 0) {
-        freopen("/dev/null", "w", stdout);
-        freopen("/dev/null", "w", stderr);
-        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return daemon;
-}
-
-bool WaitServing(const TempDir& root) {
-    int status = -1;
-    for (int i = 0; i < 200; ++i) {
-        RunShell(Ctl(root) + " dump ModuleManager dump >/dev/null 2>&1", &status);
-        if (status == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(25));
-    }
-    return false;
-}
 
 bool Alive(pid_t pid) {
     int status = 0;
@@ -68,15 +47,8 @@ bool Alive(pid_t pid) {
 TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
     TempDir root;
     int err = -1;
-    pid_t daemon = fork();
+    pid_t daemon = StartDaemon(root, root.Sub("out1"), root.Sub("err1"));
     ASSERT_GE(daemon, 0);
-    if (daemon == 0) {
-        freopen(root.Sub("out1").c_str(), "w", stdout);
-        freopen(root.Sub("err1").c_str(), "w", stderr);
-        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
     ASSERT_TRUE(WaitServing(root));
     const std::string ctl = Ctl(root);
     int status = -1;
@@ -111,7 +83,7 @@ TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
 
     // A second daemon on the same root says so in one line and exits, without
     // aborting (the start-up log lines of its static threads aside).
-    std::string second = RunShell("TARNIS_LOG_LEVEL=W " + Daemon(root) + " 2>&1 >/dev/null; echo \"exit $?\"", &err);
+    std::string second = RunShell("TARNIS_LOG_LEVEL=W " + DaemonCommand(root) + " 2>&1 >/dev/null; echo \"exit $?\"", &err);
     EXPECT_EQ(second, "tarnisd: another tarnisd (pid " + std::to_string(daemon) + ") is already running on root " +
                           root.path() + "\nexit 1\n");
 
@@ -135,8 +107,7 @@ TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
     // A fresh daemon takes the root over.
     pid_t next = StartDaemon(root);
     EXPECT_TRUE(WaitServing(root));
-    kill(next, SIGTERM);
-    waitpid(next, nullptr, 0);
+    StopDaemon(next);
 }
 
 // A service manager that refuses the registration is fatal: the success line
@@ -148,7 +119,7 @@ TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
     auto squatter = ndk::SharedRefBase::make<TarnisSsiImpl>();
     ASSERT_EQ(AServiceManager_addService(squatter->asBinder().get(), kSsiName.c_str()), STATUS_OK);
     int status = -1;
-    std::string err = RunShell(Daemon(root) + " 2>&1 >/dev/null", &status);
+    std::string err = RunShell(DaemonCommand(root) + " 2>&1 >/dev/null", &status);
     EXPECT_NE(status, 0);
     size_t added = err.find("Velmar Tarnis-System Service is added in ServiceManager...");
     size_t check = err.find("Check failed: status == STATUS_OK (status=");
@@ -162,7 +133,7 @@ TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
     auto dorva = ndk::SharedRefBase::make<android::DorvaNativeDaemon>();
     ASSERT_EQ(android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva->asBinder()),
               android::OK);
-    err = RunShell(Daemon(root) + " 2>&1 >/dev/null", &status);
+    err = RunShell(DaemonCommand(root) + " 2>&1 >/dev/null", &status);
     EXPECT_NE(status, 0);
     added = err.find("Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...");
     check = err.find("Check failed: err == android::OK (err=");
@@ -207,15 +178,8 @@ TEST(DaemonTest, ACaptureOrderedFromAShellEndsAsAZip) {
     const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
     ASSERT_EQ(system(("TARNIS_BUILD_DIR=" + std::string(TARNIS_BUILD_DIR) + " " + prepare + " >/dev/null").c_str()),
               0);
-    pid_t daemon = fork();
+    pid_t daemon = StartDaemon(root, "/dev/null", root.Sub("err"));
     ASSERT_GE(daemon, 0);
-    if (daemon == 0) {
-        freopen("/dev/null", "w", stdout);
-        freopen(root.Sub("err").c_str(), "w", stderr);
-        execl(std::string(TARNIS_BUILD_DIR).append("/tarnisd").c_str(), "tarnisd", "--root", root.path().c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
     ASSERT_TRUE(WaitServing(root));
     int status = -1;
     const std::string archive =
@@ -242,8 +206,7 @@ TEST(DaemonTest, ACaptureOrderedFromAShellEndsAsAZip) {
     EXPECT_NE(access(root.Sub("data/x").c_str(), F_OK), 0);
     EXPECT_NE(access(root.Sub("data/dorva/x").c_str(), F_OK), 0);
 
-    kill(daemon, SIGTERM);
-    waitpid(daemon, nullptr, 0);
+    StopDaemon(daemon);
     const std::string log = ReadFile(root.Sub("err"));
     EXPECT_NE(log.find(" I tarnisd : Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager..."),
               std::string::npos)
