@@ -508,9 +508,11 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
               static_cast<unsigned long>(plainSize));
         return 0;
     }
+    const bb::FwMinidumpHeader before = fw_;
     uint32_t slot = fw_.index;
     uint64_t start = fw_.nextPosition;
-    if (start + needed > bb::kFwAreaEnd) {
+    const bool restarted = start + needed > bb::kFwAreaEnd;
+    if (restarted) {
         ALOGI("%s: current fw_db_size is too large and needs to be rewritten from the partition header", __func__);
         slot = 0;
         start = bb::kFwAreaStart;
@@ -574,6 +576,8 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
     pending_.position = static_cast<uint32_t>(start);
     pending_.padded = padded;
     pending_.name.assign(name, strnlen(name, bb::kFwNameBytes - 1));
+    pending_.restarted = restarted;
+    pending_.before = before;
 
     if (encrypt) {
         if (renameat(dir_fd, temp.c_str(), dir_fd, encName.c_str()) != 0) {
@@ -615,9 +619,21 @@ int AndroidCrashMonitorThread::update_black_box_fw_minidump_header(int writeResu
         next.size[pending_.slot] = pending_.padded;
         memset(next.name[pending_.slot], 0, bb::kFwNameBytes);
         memcpy(next.name[pending_.slot], pending_.name.data(), pending_.name.size());
+        // The listing then follows the ring's own rule: a slot after the one
+        // just written whose container starts below the new end is dropped,
+        // and the count with it; a restart at the area's start gives up one
+        // more. Slots the new bytes cover have already left the on-disk
+        // header before the write.
+        uint32_t filled = pending_.before.filled;
+        if (pending_.restarted && filled > 0) --filled;
+        for (uint32_t i = pending_.slot + 1; i < static_cast<uint32_t>(bb::kFwSlots); ++i) {
+            if (pending_.before.position[i] == 0 || pending_.before.position[i] >= end) continue;
+            next.position[i] = 0;
+            if (filled > 0) --filled;
+        }
         next.nextPosition = static_cast<uint32_t>(end);
         next.index = (pending_.slot + 1) % bb::kFwSlots;
-        next.filled = CountListed(next);
+        next.filled = std::min<uint32_t>(filled + 1, bb::kFwSlots);
     } else {
         ALOGI("%s: write blackbox failed", __func__);
     }

@@ -90,6 +90,8 @@ private:
         uint32_t position = 0;
         uint64_t padded = 0;
         std::string name;
+        bool restarted = false;                 // the ring went back to the area's start
+        kolto::blackbox::FwMinidumpHeader before{};  // the header as this write found it
     };
 
     android::base::unique_fd OpenPartition(int flags) const;

@@ -194,6 +194,26 @@ TEST_F(AndroidCrashMonitorTest, RingRestartsAtTheAreaStartAndDropsTheSlotsItOver
     EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, 0x5C00C00, 400)), content);
 }
 
+TEST_F(AndroidCrashMonitorTest, FourthDatabaseDropsTheSlotsAfterItThatLieBelowItsEnd) {
+    // The ring's listing rule once the index wraps without a restart: the
+    // slots after the new one start below its end, so they leave the header
+    // and the count, although their bytes are still intact.
+    AndroidCrashMonitorThread worker;
+    bool encrypt = false;
+    for (int i = 0; i < 4; ++i) {
+        MakeDb("db.fatal.0" + std::to_string(i) + ".NE", RandomBytes(32, 20 + i));
+        worker.HandleFatalDb(&encrypt);
+    }
+    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+    EXPECT_EQ(fw.index, 1u);
+    EXPECT_EQ(fw.position[0], 0x5C00C00u + 3 * 320);
+    EXPECT_STREQ(fw.name[0], "db.fatal.03.NE");
+    EXPECT_EQ(fw.position[1], 0u);
+    EXPECT_EQ(fw.position[2], 0u);
+    EXPECT_EQ(fw.filled, 2u);
+    EXPECT_EQ(fw.nextPosition, 0x5C00C00u + 4 * 320);
+}
+
 TEST_F(AndroidCrashMonitorTest, HistoryWrapsAtSlot509AndCountsOnlyKnownTypes) {
     AndroidCrashMonitorThread worker;
     EXPECT_EQ(worker.write_fw_db_to_blackbox(false), 0);  // no database: loads the headers only
