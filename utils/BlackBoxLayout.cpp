@@ -4,9 +4,16 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
+
+#include <android-base/unique_fd.h>
+#include <log/log.h>
+
+#include "utils/Paths.h"
 
 namespace velmar {
 namespace kolto {
@@ -22,6 +29,32 @@ bool PartitionSize(int fd, uint64_t* size) {
     }
     errno = ENOTBLK;
     return false;
+}
+
+int OpenPartition(int flags) {
+    const std::string path = paths::Get(paths::kBlackbox);
+    const int nofollow = path != paths::kBlackbox ? O_NOFOLLOW : 0;
+    return TEMP_FAILURE_RETRY(open(path.c_str(), flags | nofollow | O_CLOEXEC));
+}
+
+int GetBlackBoxVersion(const char* tag) {
+    static constexpr char kFunc[] = "get_black_box_version";
+    const std::string path = paths::Get(paths::kBlackbox);
+    android::base::unique_fd fd(OpenPartition(O_RDONLY));
+    uint64_t size = 0;
+    if (!fd.ok()) {
+        __android_log_print(ANDROID_LOG_ERROR, tag, "%s: open partition %s failed!", kFunc, path.c_str());
+    } else if (!PartitionSize(fd.get(), &size)) {
+        __android_log_print(ANDROID_LOG_ERROR, tag, "%s: get size of partition %s failed!", kFunc, path.c_str());
+    } else {
+        __android_log_print(ANDROID_LOG_INFO, tag, "The size of partition %s: %lu bytes", path.c_str(),
+                            static_cast<unsigned long>(size));
+        const int version = VersionForSize(size);
+        if (version != 0) return version;
+    }
+    __android_log_print(ANDROID_LOG_ERROR, tag, "%s: the size of blackbox partition is incorrect, return v1 defaultly",
+                        kFunc);
+    return 1;
 }
 
 bool ReadAt(int fd, uint64_t offset, void* buf, size_t len) {

@@ -155,6 +155,17 @@ constexpr int VersionForSize(uint64_t size) {
     return 0;
 }
 
+// Opens the black-box partition with `flags`. On a device its by-name entry
+// is a link to the block device by design; below a sandbox root the
+// partition is a plain file of the tree, and a link there could lead writes
+// out of it, so there it is opened without following links. -1 with errno.
+int OpenPartition(int flags);
+
+// The partition's version (1, 2 or 3) by its size, with the lines its writers
+// log under their own `tag`; 1 when the partition cannot be opened or sized or
+// its size fits no version.
+int GetBlackBoxVersion(const char* tag);
+
 // The size of an open partition: BLKGETSIZE64 on a block device, the file's
 // size for the regular file that stands for the partition on a host. False
 // with errno set when neither answers.

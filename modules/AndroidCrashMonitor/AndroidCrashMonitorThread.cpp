@@ -161,29 +161,11 @@ bool AndroidCrashMonitorThread::SleepUnlessStopped(int64_t ms) {
 }
 
 unique_fd AndroidCrashMonitorThread::OpenPartition(int flags) const {
-    const std::string path = paths::Get(paths::kBlackbox);
-    // On a device the by-name entry is a link to the block device by design;
-    // below a sandbox root the partition is a plain file of the tree, and a
-    // link there could lead the writes out of it.
-    const int nofollow = path != paths::kBlackbox ? O_NOFOLLOW : 0;
-    return unique_fd(TEMP_FAILURE_RETRY(open(path.c_str(), flags | nofollow | O_CLOEXEC)));
+    return unique_fd(bb::OpenPartition(flags));
 }
 
 int AndroidCrashMonitorThread::get_black_box_version() {
-    const std::string path = paths::Get(paths::kBlackbox);
-    unique_fd fd = OpenPartition(O_RDONLY);
-    uint64_t size = 0;
-    if (!fd.ok()) {
-        ALOGE("%s: open partition %s failed!", __func__, path.c_str());
-    } else if (!bb::PartitionSize(fd.get(), &size)) {
-        ALOGE("%s: get size of partition %s failed!", __func__, path.c_str());
-    } else {
-        ALOGI("The size of partition %s: %lu bytes", path.c_str(), static_cast<unsigned long>(size));
-        const int version = bb::VersionForSize(size);
-        if (version != 0) return version;
-    }
-    ALOGE("%s: the size of blackbox partition is incorrect, return v1 defaultly", __func__);
-    return 1;
+    return bb::GetBlackBoxVersion(LOG_TAG);
 }
 
 void AndroidCrashMonitorThread::InitLogTableHeader() {
