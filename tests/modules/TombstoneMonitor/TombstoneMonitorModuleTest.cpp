@@ -1,0 +1,156 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <android-base/file.h>
+#include <log/log.h>
+
+#include "tests/support/ModuleTest.h"
+
+namespace {
+
+constexpr char kTag[] = "TombstoneMonitor";
+
+class TombstoneMonitorModuleTest : public tarnis_test::ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        in_ = Device("/data/tombstones/");
+        out_ = Device("/data/nuvilog/stability/nativecrash/tombstones/");
+        outside_ = elsewhere_.Sub("secret");
+        ASSERT_EQ(system(("mkdir -p '" + in_ + "'").c_str()), 0);
+        ASSERT_TRUE(tarnis_test::WriteFile(outside_, "keep"));
+    }
+
+    // Real time for what real threads do (inotify events), bounded.
+    static bool WaitFor(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+    // Moves the test clock a second at a time until `done`; the clock time it took.
+    int64_t AdvanceUntil(const std::function<bool()>& done) {
+        const int64_t start = clock_.SteadyNowMs();
+        EXPECT_TRUE(WaitFor([&] {
+            if (done()) return true;
+            clock_.Advance(1000);
+            return false;
+        }));
+        return clock_.SteadyNowMs() - start;
+    }
+    void StartWatching() {
+        ASSERT_EQ(system(("mkdir -p '" + out_ + "'").c_str()), 0);
+        LoadModules();
+        AdvanceUntil([this] { return Dump({"TombstoneMonitor"}).find("watching: yes") != std::string::npos; });
+    }
+    static std::string Content(const std::string& path) {
+        std::string text;
+        return android::base::ReadFileToString(path, &text) ? text : "<missing>";
+    }
+    static bool IsLink(const std::string& path) {
+        struct stat st;
+        return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    }
+    static bool Exists(const std::string& path) {
+        struct stat st;
+        return lstat(path.c_str(), &st) == 0;
+    }
+
+    tarnis_test::TempDir elsewhere_;
+    std::string in_, out_, outside_;
+};
+
+TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly) {
+    StartWatching();
+    ASSERT_TRUE(log_.HasLine("Tombstone Monitor is Start!", kTag, ANDROID_LOG_INFO));
+
+    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_00", "first"));
+    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_00") == "first"; }));
+    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_00", "second, longer"));
+    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_00") == "second, longer"; }));
+    EXPECT_TRUE(log_.HasLine("Detected creat or modify file: tombstone_00", kTag, ANDROID_LOG_WARN));
+    struct stat st;
+    ASSERT_EQ(stat((out_ + "tombstone_00").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0770u);
+    if (geteuid() == 0) {
+        EXPECT_EQ(st.st_uid, 1000u);
+        EXPECT_EQ(st.st_gid, 1000u);
+    }
+
+    // Events come in order: once the last is mirrored the others were handled.
+    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "trace_01", "not a tombstone"));
+    ASSERT_EQ(mkdir((in_ + "tombstone_x").c_str(), 0755), 0);
+    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_03.pb", "proto"));
+    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_03.pb") == "proto"; }));
+    EXPECT_FALSE(Exists(out_ + "trace_01"));
+    EXPECT_FALSE(Exists(out_ + "tombstone_x"));
+    EXPECT_FALSE(log_.Contains("trace_01"));
+
+    ASSERT_EQ(unlink((in_ + "tombstone_00").c_str()), 0);
+    ASSERT_TRUE(WaitFor([&] { return !Exists(out_ + "tombstone_00"); }));
+    EXPECT_TRUE(log_.HasLine("Detected deletd file: tombstone_00", kTag, ANDROID_LOG_INFO));
+    // A delete of a tombstone that was never mirrored says so and goes on.
+    ASSERT_EQ(rmdir((in_ + "tombstone_x").c_str()), 0);
+    ASSERT_TRUE(WaitFor([&] { return log_.Contains("remove path " + out_ + "tombstone_x failed!"); }));
+
+    std::string names;
+    for (const char* name : {".tombstone_00.tmp", ".tombstone_03.pb.tmp"}) {
+        if (Exists(out_ + name)) names += name;
+    }
+    EXPECT_EQ(names, "");
+}
+
+TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
+    // Mirrored before the daemon ran; its mirror is now a link out of the tree.
+    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_06", "old"));
+    ASSERT_EQ(system(("mkdir -p '" + out_ + "'").c_str()), 0);
+    ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_06").c_str()), 0);
+    ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_05").c_str()), 0);
+    StartWatching();
+
+    // A tombstone that is a link is not read.
+    ASSERT_EQ(symlink(outside_.c_str(), (in_ + "tombstone_link").c_str()), 0);
+    const std::string src = in_ + "tombstone_link";
+    ASSERT_TRUE(WaitFor([&] {
+        return log_.HasLine("Faile to copy file: " + src + ", " + out_ + "tombstone_link !", kTag, ANDROID_LOG_ERROR);
+    }));
+    EXPECT_TRUE(log_.HasLine("open file [" + src + "] error: Too many levels of symbolic links", kTag,
+                             ANDROID_LOG_WARN));
+    EXPECT_FALSE(Exists(out_ + "tombstone_link"));
+
+    // A link planted at the mirror's name is replaced, not written through.
+    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_05", "crash"));
+    ASSERT_TRUE(WaitFor([&] { return !IsLink(out_ + "tombstone_05"); }));
+    EXPECT_EQ(Content(out_ + "tombstone_05"), "crash");
+
+    // Deleting removes the link itself.
+    ASSERT_EQ(unlink((in_ + "tombstone_06").c_str()), 0);
+    ASSERT_TRUE(WaitFor([&] { return !Exists(out_ + "tombstone_06"); }));
+    EXPECT_EQ(Content(outside_), "keep");
+}
+
+TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNeverComes) {
+    LoadModules();
+    const std::string line = "wait " + out_ + " timeout, so exit: No such file or directory";
+    const int64_t waited = AdvanceUntil([&] { return log_.HasLine(line, kTag, ANDROID_LOG_ERROR); });
+    // 62 checks, a second apart.
+    EXPECT_GE(waited, 61 * 1000);
+    EXPECT_LE(waited, 63 * 1000);
+    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
+    const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
+    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load TombstoneMonitor", moduleTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] TombstoneMonitor done~", moduleTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", moduleTag, ANDROID_LOG_INFO));
+}
+
+}  // namespace
