@@ -1,0 +1,240 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <android-base/properties.h>
+#include <log/log.h>
+
+#include "modules/OTAMonitor/OTAMonitor.h"
+#include "tests/support/ModuleTest.h"
+#include "utils/BlackBoxLayout.h"
+
+namespace {
+
+namespace bb = velmar::kolto::blackbox;
+using android::base::SetProperty;
+
+constexpr char kTag[] = "OTAMonitor";
+constexpr char kStatus[] = "persist.sys.memory.snapshot.otastatus";
+constexpr char kWaiting[] = "ota_monitor_func: Waiting for ota_status: ";
+constexpr time_t kLogEpoch = 1795000000;
+
+class OTAMonitorModuleTest : public tarnis_test::ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        partition_ = Device("/dev/block/by-name/blackbox");
+        logDir_ = Device("/data/misc/update_engine_log");
+        ASSERT_EQ(system(("mkdir -p '" + logDir_ + "' \"$(dirname '" + partition_ + "')\"").c_str()), 0);
+        ASSERT_TRUE(SetProperty("sys.boot_completed", "1"));
+        ASSERT_TRUE(SetProperty("ro.build.version.incremental", "V816.0.3"));
+        ASSERT_TRUE(SetProperty("ro.boot.slot_suffix", "_b"));
+        ASSERT_TRUE(SetProperty("ro.debuggable", "1"));
+    }
+
+    void MakePartition(off_t bytes) {
+        const int fd = open(partition_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(ftruncate(fd, bytes), 0);
+        close(fd);
+    }
+    bb::OtaRecordZone Zone() {
+        bb::OtaRecordZone zone{};
+        const int fd = open(partition_.c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(pread(fd, &zone, sizeof(zone), bb::kOtaZoneOffset), static_cast<ssize_t>(sizeof(zone)));
+        close(fd);
+        return zone;
+    }
+    static bool WaitFor(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+    // Sets the status and waits until the monitor has handled it and waits
+    // for `next` for the `count`-th time.
+    void Report(const std::string& status, const std::string& next, size_t count) {
+        ASSERT_TRUE(SetProperty(kStatus, status));
+        ASSERT_TRUE(WaitFor([&] { return log_.Count(kWaiting + next, kTag, ANDROID_LOG_INFO) >= count; }))
+                << status << " pass " << count;
+    }
+    // An update-engine log, `age` seconds older than the newest.
+    void WriteLog(const std::string& name, const std::string& text, int age) {
+        const std::string path = logDir_ + "/" + name;
+        ASSERT_TRUE(tarnis_test::WriteFile(path, text));
+        struct timespec times[2] = {{kLogEpoch - age, 0}, {kLogEpoch - age, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+    // The update's boot and the merge's boot of update `n`.
+    void WriteUpdateLogs(int n) {
+        WriteLog("update_engine.20261120-101500", "[2026-11-20 10:15:00.123] Update Boot Timestamp Start\n"
+                 "[2026-11-20 10:15:01.000] Using this install plan: initial url: file:///data/ota_package/ota-" +
+                 std::to_string(n) + ".zip\r\n"
+                 "[2026-11-20 10:31:42.500] Updated Marker written\n", 600);
+        WriteLog("update_engine.20261120-104000",
+                 "[2026-11-20 10:40:00.456] snapshot: Merge finished with state MergeCompleted\n", 0);
+    }
+
+    std::string partition_, logDir_;
+};
+
+TEST_F(OTAMonitorModuleTest, ElevenUpdatesOnAFreshV3PartitionWrapIntoSlotZero) {
+    MakePartition(200 << 20);
+    LoadModules();
+    ASSERT_TRUE(WaitFor([&] { return log_.Count(std::string(kWaiting) + "ota_start") == 1; }));
+
+    Report("ota_start", "ota_complete", 1);
+    EXPECT_TRUE(log_.HasLine("check_black_box_ota_record_zone: ota record zone magic is wrong", kTag,
+                             ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("blackbox v3", kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("save_update_metrics_to_black_box_on_start: debuggable: 1, src_slot: _b, src_build: "
+                             "V816.0.3", kTag, ANDROID_LOG_INFO));
+    bb::OtaRecordZone zone = Zone();
+    EXPECT_EQ(zone.magic, bb::kOtaMagic);
+    EXPECT_EQ(zone.versionCode, 12288u);
+    EXPECT_EQ(zone.nextIndex, 0u);
+    EXPECT_EQ(zone.updateCount, 0u);
+    EXPECT_STREQ(zone.srcBuild[0], "V816.0.3");
+
+    for (int n = 1; n <= 11; ++n) {
+        if (n > 1) Report("ota_start", "ota_complete", n);
+        WriteUpdateLogs(n);
+        Report("ota_complete", "ota_start", n + 1);
+    }
+    zone = Zone();
+    EXPECT_EQ(zone.nextIndex, 1u);
+    EXPECT_EQ(zone.updateCount, 10u);
+    EXPECT_STREQ(zone.packageName[0], "ota-11.zip");
+    EXPECT_STREQ(zone.packageName[1], "ota-2.zip");
+    EXPECT_STREQ(zone.packageName[9], "ota-10.zip");
+    EXPECT_TRUE(log_.HasLine("save_update_metrics_to_black_box_after_merged: next_index: 1, tgt_slot: _b, "
+                             "tgt_build: V816.0.3", kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("update_count: 10", kTag, ANDROID_LOG_INFO));
+
+    // The crash monitor's header, as a device's partition has it, for the tool to read the image.
+    bb::LogTableHeader table{};
+    table.magic = bb::kLogTableMagic;
+    table.versionCode = 0x3000;
+    table.headerOffset = bb::kLogTableHeaderOffset;
+    table.crashHistoryBase4k = bb::kCrashHistoryDefaultBase - 4096;
+    table.fwMinidumpOffset = bb::kFwMinidumpHeaderOffset;
+    const int fd = open(partition_.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(pwrite(fd, &table, sizeof(table), bb::kLogTableHeaderOffset), static_cast<ssize_t>(sizeof(table)));
+    close(fd);
+    int status = -1;
+    const std::string shown = tarnis_test::RunShell(std::string(TARNIS_BUILD_DIR) + "/tarnis-blackbox " +
+                                                    partition_ + " 2>&1", &status);
+    EXPECT_EQ(status, 0) << shown;
+    EXPECT_NE(shown.find("OTA records: 10 of 10, next index 1\n"
+                         "  record 0: ota-11.zip, V816.0.3 (_b) -> V816.0.3 (_b), debuggable 1, "
+                         "start 2026-11-20 10:15:00.123, end 2026-11-20 10:31:42.500, "
+                         "merged 2026-11-20 10:40:00.456\n"),
+              std::string::npos) << shown;
+}
+
+TEST_F(OTAMonitorModuleTest, StartAlreadyReportedCompletesTheSlotFromTheLogs) {
+    MakePartition(190 << 20);
+    WriteUpdateLogs(7);
+    ASSERT_TRUE(SetProperty(kStatus, "ota_start"));
+    LoadModules();
+    ASSERT_TRUE(WaitFor([&] { return log_.Count(std::string(kWaiting) + "ota_complete") == 1; }));
+    Report("ota_complete", "ota_start", 1);
+
+    EXPECT_FALSE(log_.Contains("ota status is start"));
+    EXPECT_TRUE(log_.HasLine("ota status is merged, save ota info to blackbox", kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("file[0]: " + logDir_ + "/update_engine.20261120-104000", kTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("file[1]: " + logDir_ + "/update_engine.20261120-101500", kTag, ANDROID_LOG_INFO));
+    for (const char* line : {"ota_start_time: 2026-11-20 10:15:00.123", "ota_package_name: ota-7.zip",
+                             "ota_end_time: 2026-11-20 10:31:42.500", "ota_merged_time: 2026-11-20 10:40:00.456"}) {
+        EXPECT_TRUE(log_.HasLine(line, kTag, ANDROID_LOG_INFO)) << line;
+    }
+    const bb::OtaRecordZone zone = Zone();
+    EXPECT_EQ(zone.versionCode, 8192u);
+    EXPECT_EQ(zone.nextIndex, 1u);
+    EXPECT_EQ(zone.updateCount, 1u);
+    EXPECT_STREQ(zone.startTime[0], "2026-11-20 10:15:00.123");
+    EXPECT_STREQ(zone.endTime[0], "2026-11-20 10:31:42.500");
+    EXPECT_STREQ(zone.mergedTime[0], "2026-11-20 10:40:00.456");
+    EXPECT_STREQ(zone.packageName[0], "ota-7.zip");
+    EXPECT_STREQ(zone.tgtBuild[0], "V816.0.3");
+    EXPECT_STREQ(zone.tgtSlot[0], "_b");
+    EXPECT_STREQ(zone.srcBuild[0], "");
+    EXPECT_TRUE(log_.HasLine("end_time: 2026-11-20 10:31:42.500", kTag, ANDROID_LOG_INFO));
+}
+
+TEST_F(OTAMonitorModuleTest, MissingLogsAndLinesLeaveTheirFieldsEmpty) {
+    MakePartition(200 << 20);
+    LoadModules();
+    ASSERT_TRUE(WaitFor([&] { return log_.Count(std::string(kWaiting) + "ota_start") == 1; }));
+
+    // No log at all, then only one: no times, no package.
+    Report("ota_start", "ota_complete", 1);
+    Report("ota_complete", "ota_start", 2);
+    EXPECT_TRUE(log_.HasLine("No update_engine_log files found!", kTag, ANDROID_LOG_INFO));
+    WriteLog("update_engine.20261120-104000", "[2026-11-20 10:40:00.456] Merge finished with state MergeCompleted\n", 0);
+    Report("ota_start", "ota_complete", 2);
+    Report("ota_complete", "ota_start", 3);
+    EXPECT_TRUE(log_.HasLine("Only one update_engine_log file found!", kTag, ANDROID_LOG_INFO));
+
+    // Two logs with only some of the lines, one time without its bracket.
+    WriteLog("update_engine.20261120-101500", "[2026-11-20 10:15:00.123 Update Boot Timestamp Start\n"
+             "initial url: no-slash-here\n", 600);
+    WriteLog("update_engine.20261120-104000", "nothing merged yet\n", 0);
+    Report("ota_start", "ota_complete", 3);
+    Report("ota_complete", "ota_start", 4);
+    const std::string older = logDir_ + "/update_engine.20261120-101500";
+    const std::string newer = logDir_ + "/update_engine.20261120-104000";
+    for (const std::string& line :
+         {"search_ota_start_time_in_ota_log: cannot find ota start time in file: " + older,
+          "search_ota_package_name_in_ota_log: cannot find the url in file: " + older,
+          "search_ota_end_time_in_ota_log: cannot find ota end time line in file: " + older,
+          "search_ota_merged_time_in_ota_log: cannot find ota merged time line in path: " + newer,
+          std::string("cannot find the end flag of timestamp")}) {
+        EXPECT_TRUE(log_.HasLine(line, kTag, ANDROID_LOG_ERROR)) << line;
+    }
+    EXPECT_TRUE(log_.HasLine("failed to search ota merged time in ota log", kTag, ANDROID_LOG_INFO));
+
+    const bb::OtaRecordZone zone = Zone();
+    EXPECT_EQ(zone.updateCount, 3u);
+    std::string filled;
+    for (int i = 0; i < 3; ++i) {
+        filled += std::string(zone.startTime[i]) + zone.endTime[i] + zone.mergedTime[i] + zone.packageName[i];
+        EXPECT_STREQ(zone.tgtBuild[i], "V816.0.3");
+    }
+    EXPECT_EQ(filled, "");
+}
+
+TEST_F(OTAMonitorModuleTest, WithoutAUsablePartitionTheModuleEnds) {
+    LoadModules();
+    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }));
+    EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox partition is not existed, return directly!", kTag,
+                             ANDROID_LOG_ERROR));
+
+    // A version-1 partition has no zone.
+    MakePartition(160 << 20);
+    ASSERT_EQ(Dump({"ModuleManager", "load", "OTAMonitor"}), "Load module OTAMonitor succeed!\n");
+    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }));
+    EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox v1 is not support ota record zone, return directly!", kTag,
+                             ANDROID_LOG_ERROR));
+}
+
+TEST(OtaTimeTest, TextBetweenTheFirstBracketsCutTo31Characters) {
+    platform::LogCapture log;
+    EXPECT_EQ(velmar::tarnis::extract_ota_time("no bracket"), nullptr);
+    EXPECT_TRUE(log.HasLine("cannot find the start flag of timestamp", kTag, ANDROID_LOG_ERROR));
+    EXPECT_STREQ(velmar::tarnis::extract_ota_time("x [] y").get(), "");
+    EXPECT_STREQ(velmar::tarnis::extract_ota_time("[1120/101500.000001:INFO:main.cc(55)] Start").get(),
+                 "1120/101500.000001:INFO:main.cc");
+}
+
+}  // namespace
