@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+
+#include "framework/ModuleBase.h"
+#include "framework/TarnisHandler.h"
+#include "modules/BootLogDumper/BootLogDumper.h"
+
+namespace velmar {
+namespace tarnis {
+
+// Archives the logs of this boot once it has completed, then removes itself.
+// Until boot completion the module looks at the property once a second
+// through delayed messages on its handler, so its thread is never blocked and
+// the module can be removed while it waits.
+class BootLogDumperModule : public kolto::ModuleBase {
+public:
+    static constexpr long kBootPollMs = 1000;
+
+    bool OnInit() override;
+    void OnAllModulesLoaded() override;
+
+private:
+    void DumpWhenBootCompleted();
+
+    std::unique_ptr<kolto::TarnisHandler> handler_;
+    BootLogDumper dumper_;
+};
+
+}  // namespace tarnis
+}  // namespace velmar
