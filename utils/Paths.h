@@ -129,6 +129,8 @@ inline constexpr char kPlatformDevicesDir[] = "/sys/devices/platform/";
 inline constexpr char kF2fsStatus[] = "/proc/fs/f2fs/status";
 inline constexpr char kAgingMaintRecord[] = "/data/dorva/aging/maint_record";
 inline constexpr char kAgingImproveRecord[] = "/data/dorva/aging/improve_record";
+// Device-mapper devices name the block devices they sit on under slaves/.
+inline constexpr char kSysBlockDir[] = "/sys/block/";
 inline constexpr char kZelKernelDir[] = "/proc/zel_kernel/";
 inline constexpr char kBinderLatInfo[] = "/proc/zel_kernel/trace_binder/lat_info";
 inline constexpr char kBinderLatReset[] = "/proc/zel_kernel/trace_binder/reset";

@@ -1,0 +1,73 @@
+#include "modules/F2fsTrack/F2fsTrackModule.h"
+
+#include <time.h>
+
+#include <string>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <log/log.h>
+
+#include "framework/ModuleRegister.h"
+#include "framework/TarnisHandlerThread.h"
+#include "modules/F2fsTrack/F2fsTrack.h"
+#include "utils/Clock.h"
+
+#define LOG_TAG "Tarnis-F2fsTrackModule"
+
+namespace velmar {
+namespace kolto {
+namespace F2fsTrack {
+
+TARNIS_MODULE_REGISTER(F2fsTrackModuleRegister, F2fsTrackModule, "F2fsTrack", 0);
+
+bool F2fsTrackModule::OnInit() {
+    const bool enabled = android::base::GetBoolProperty("persist.sys.stability.f2fsTrackEnable", false);
+    if (enabled) {
+        __android_log_print(ANDROID_LOG_INFO, "Tarnis-F2fsTrack", "[%s] tarnis F2fsTrack OnInit", __func__);
+    } else {
+        __android_log_print(ANDROID_LOG_INFO, "Tarnis-F2fsTrack", "[%s] F2fsTrack not enabled", __func__);
+    }
+    return enabled;
+}
+
+int64_t F2fsTrackModule::DelayToMidnightMs(int64_t wallMs) {
+    // The zone may have changed since the last run (travel, a settings change).
+    tzset();
+    const time_t now = static_cast<time_t>(wallMs / 1000);
+    struct tm local {};
+    localtime_r(&now, &local);
+    local.tm_hour = 24;
+    local.tm_min = 0;
+    local.tm_sec = 0;
+    local.tm_isdst = -1;
+    const time_t midnight = mktime(&local);
+    if (midnight == static_cast<time_t>(-1)) return kDayMs;
+    const int64_t delay = static_cast<int64_t>(midnight) * 1000 - wallMs;
+    if (delay < 0) return 0;
+    return delay > kDayMs ? kDayMs : delay;
+}
+
+void F2fsTrackModule::OnAllModulesLoaded() {
+    ALOGI("[%s] load F2fsTrack", __func__);
+    handler_ = std::make_unique<TarnisHandler>(handlerThread->getLooper(), nullptr);
+    const int64_t delay = DelayToMidnightMs(GetClock().WallNowMs());
+    ALOGI("[%s] DayMidnight: %u h", __func__, static_cast<unsigned>(delay / 3600000));
+    handler_->postDelayed([this] { scheduleTrackTask(); }, static_cast<long>(delay));
+    ALOGI("[%s] F2fsTrack done~", __func__);
+}
+
+void F2fsTrackModule::scheduleTrackTask() {
+    doTrack();
+    ++runs_;
+    // No catch-up: a day the device slept through is simply not reported.
+    handler_->postDelayed([this] { scheduleTrackTask(); }, kDayMs);
+}
+
+void F2fsTrackModule::dump(int fd, const char**, unsigned int) {
+    android::base::WriteStringToFd("runs: " + std::to_string(runs_.load()) + "\n", fd);
+}
+
+}  // namespace F2fsTrack
+}  // namespace kolto
+}  // namespace velmar
