@@ -10,4 +10,8 @@ scripts/prepare-sandbox.sh "$ROOT"
 # Captures run tools by name: the sandbox's bin/ (getprop and the host tools) first.
 export PATH="$ROOT/bin:$PATH"
 echo "run.sh: tarnisd --root $ROOT (try: build/tarnisctl --root $ROOT getprop)"
-exec build/tarnisd --root "$ROOT"
+# The daemon's log also goes to a file of this boot, which the sandbox's
+# logcat prints.
+LOG="$ROOT/data/misc/tarnis/tarnisd.log"
+: >"$LOG"
+exec build/tarnisd --root "$ROOT" 2> >(tee -a "$LOG" >&2)

@@ -33,6 +33,34 @@ for tool in uptime df ps top cat dmesg netstat; do
     ln -sfn "$host_tool" "$ROOT/bin/$tool"
   fi
 done
+# The system's own tools that the boot log dumper runs by path: the host's
+# tar, rm and dmesg (a host that refuses dmesg to this user leaves the kernel
+# log holding its complaint), and a logcat that prints the daemon's log, which
+# run.sh keeps in data/misc/tarnis/tarnisd.log.
+mkdir -p "$ROOT/system/bin"
+for tool in tar rm dmesg; do
+  if host_tool=$(PATH="$(getconf PATH):/usr/sbin:/sbin:/usr/local/bin" command -v "$tool" 2>/dev/null) &&
+     [ "${host_tool#/}" != "$host_tool" ]; then
+    ln -sfn "$host_tool" "$ROOT/system/bin/$tool"
+  fi
+done
+cat > "$ROOT/system/bin/logcat" <<LOGCAT
+#!/bin/sh
+# Stands in for logcat: the options are accepted and the daemon's log printed.
+[ -f "$ROOT/data/misc/tarnis/tarnisd.log" ] && exec cat "$ROOT/data/misc/tarnis/tarnisd.log"
+exit 0
+LOGCAT
+chmod 755 "$ROOT/system/bin/logcat"
+# The boot loader's log and the boot profile the kernel would offer; a text
+# put there by hand is kept.
+if [ ! -e "$ROOT/proc/pl_lk" ]; then
+  echo "Sandbox stand-in for the boot loader log (/proc/pl_lk): preloader and lk messages would be here." \
+    >"$ROOT/proc/pl_lk"
+fi
+if [ ! -e "$ROOT/proc/bootprof" ]; then
+  echo "Sandbox stand-in for the boot profile (/proc/bootprof): boot stage timings would be here." \
+    >"$ROOT/proc/bootprof"
+fi
 cat > "$ROOT/bin/getprop" <<GETPROP
 #!/bin/sh
 exec "$BUILD_DIR/getprop" --root "$ROOT" "\$@"
