@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -151,6 +152,15 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     EXPECT_EQ(kernel, "kernel: booted\n");
     EXPECT_EQ(Archives(), std::vector<std::string>{"bootlog"});
     EXPECT_EQ(Shell("ls -A '" + outside + "'"), "");
+}
+
+TEST_F(BootLogDumperModuleTest, AStopEndsTheWaitForBootCompletion) {
+    BootLogDumper dumper;
+    std::thread waiter([&dumper] { dumper.dump_boot_logs(); });
+    dumper.Stop();
+    waiter.join();
+    EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
+    EXPECT_FALSE(Exists(staging_));
 }
 
 TEST_F(BootLogDumperModuleTest, CopyFileHonoursOffsetsAndRefusesALinkAsTarget) {
