@@ -278,7 +278,10 @@ bool ParseImage(const ReadFn& read, uint64_t size, Image* out, std::string* erro
     out->version = bb::VersionForSize(size);
     bb::LogTableHeader table;
     if (!ReadRecord(read, size, bb::kLogTableHeaderOffset, &table, "log table header", error)) return false;
-    if (AllZero(table)) return true;
+    // The boot-monitor area and the OTA zone have writers of their own (the
+    // boot loaders, the OTA monitor), so they are read even while the crash
+    // monitor has not laid down its log table yet.
+    if (AllZero(table)) return ParseBoot(read, out, error) && ParseOta(read, out, error);
     if (table.magic != bb::kLogTableMagic) return Fail(error, "log table header: wrong magic " + Hex(table.magic));
     if (table.headerOffset != bb::kLogTableHeaderOffset) {
         return Fail(error, "log table header: its own offset reads " + Hex(table.headerOffset) + ", not 0x400");

@@ -59,12 +59,10 @@ std::string Hex(uint64_t value) {
 
 bool ReadFull(int fd, uint64_t offset, void* buf, size_t len) { return bb::ReadAt(fd, offset, buf, len); }
 
-Json::Value ToJson(const Image& image) {
-    Json::Value root;
-    root["size"] = Json::UInt64(image.size);
-    root["version"] = image.version;
-    root["initialised"] = image.initialised;
-    if (!image.initialised) return root;
+// The log table, the firmware-database slots and the crash history: the
+// areas the crash monitor lays down with its log table.
+void AddCrashMonitorAreas(const Image& image, Json::Value* out) {
+    Json::Value& root = *out;
     Json::Value table;
     table["version_code"] = image.table.versionCode;
     table["history_item_value"] = image.table.historyItemValue;
@@ -120,6 +118,14 @@ Json::Value ToJson(const Image& image) {
         history["items"] = items;
     }
     root["crash_history"] = history;
+}
+
+Json::Value ToJson(const Image& image) {
+    Json::Value root;
+    root["size"] = Json::UInt64(image.size);
+    root["version"] = image.version;
+    root["initialised"] = image.initialised;
+    if (image.initialised) AddCrashMonitorAreas(image, &root);
 
     if (image.bootPresent) {
         Json::Value boot;
@@ -159,12 +165,20 @@ Json::Value ToJson(const Image& image) {
     return root;
 }
 
+void PrintCrashMonitorAreas(const Image& image);
+void PrintBootAndOta(const Image& image);
+
 void PrintText(const std::string& path, const Image& image) {
     printf("image: %s (%" PRIu64 " bytes, partition version %d)\n", path.c_str(), image.size, image.version);
     if (!image.initialised) {
         printf("not initialised: no log table header yet\n");
-        return;
+    } else {
+        PrintCrashMonitorAreas(image);
     }
+    PrintBootAndOta(image);
+}
+
+void PrintCrashMonitorAreas(const Image& image) {
     const bb::LogTableHeader& t = image.table;
     printf("log table header: version code %s, history item value %u, crash history at %s, zones %s %s %s\n",
            Hex(t.versionCode).c_str(), static_cast<unsigned>(t.historyItemValue), Hex(image.historyBase).c_str(),
@@ -204,6 +218,9 @@ void PrintText(const std::string& path, const Image& image) {
             printf("  [slot %u] main type %u, type %u: %s\n", item.slot, item.mainType, item.type, text.c_str());
         }
     }
+}
+
+void PrintBootAndOta(const Image& image) {
     if (image.bootPresent) {
         if (image.bootFailure) {
             printf("boot monitor: failure %" PRId64 " in boot %d, %s\n", image.bootError, image.bootIndex,
