@@ -2,6 +2,9 @@
 
 #include <time.h>
 
+#include <chrono>
+#include <cstring>
+#include <future>
 #include <string>
 
 #include <android-base/file.h>
@@ -50,6 +53,7 @@ int64_t F2fsTrackModule::DelayToMidnightMs(int64_t wallMs) {
 
 void F2fsTrackModule::OnAllModulesLoaded() {
     ALOGI("[%s] load F2fsTrack", __func__);
+    std::lock_guard<std::mutex> guard(handlerLock_);
     handler_ = std::make_unique<TarnisHandler>(handlerThread->getLooper(), nullptr);
     const int64_t delay = DelayToMidnightMs(GetClock().WallNowMs());
     ALOGI("[%s] DayMidnight: %u h", __func__, static_cast<unsigned>(delay / 3600000));
@@ -57,14 +61,37 @@ void F2fsTrackModule::OnAllModulesLoaded() {
     ALOGI("[%s] F2fsTrack done~", __func__);
 }
 
-void F2fsTrackModule::scheduleTrackTask() {
+void F2fsTrackModule::Track() {
     doTrack();
     ++runs_;
+}
+
+void F2fsTrackModule::scheduleTrackTask() {
+    Track();
+    std::lock_guard<std::mutex> guard(handlerLock_);
     // No catch-up: a day the device slept through is simply not reported.
     handler_->postDelayed([this] { scheduleTrackTask(); }, kDayMs);
 }
 
-void F2fsTrackModule::dump(int fd, const char**, unsigned int) {
+void F2fsTrackModule::dump(int fd, const char** args, unsigned int argc) {
+    if (argc >= 2 && args[1] != nullptr && strcmp(args[1], "run") == 0) {
+        auto done = std::make_shared<std::promise<void>>();
+        std::future<void> finished = done->get_future();
+        {
+            std::lock_guard<std::mutex> guard(handlerLock_);
+            if (handler_ == nullptr) {
+                android::base::WriteStringToFd("run: not ready\n", fd);
+                return;
+            }
+            handler_->post([this, done] {
+                Track();
+                done->set_value();
+            });
+        }
+        // A real wait on the caller's thread: the run itself is short.
+        const bool ran = finished.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+        android::base::WriteStringToFd(ran ? "run: done\n" : "run: still running\n", fd);
+    }
     android::base::WriteStringToFd("runs: " + std::to_string(runs_.load()) + "\n", fd);
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "framework/ModuleBase.h"
 #include "framework/TarnisHandler.h"
@@ -20,6 +21,8 @@ public:
 
     bool OnInit() override;
     void OnAllModulesLoaded() override;
+    // "dump F2fsTrack run" makes a run now, on the module's thread, and
+    // returns when it is done; any dump prints the number of runs.
     void dump(int fd, const char** args, unsigned int argc) override;
 
     void scheduleTrackTask();
@@ -28,6 +31,10 @@ public:
     static int64_t DelayToMidnightMs(int64_t wallMs);
 
 private:
+    void Track();
+
+    // Set on the module's thread, read by a dump on a binder thread.
+    std::mutex handlerLock_;
     std::unique_ptr<TarnisHandler> handler_;
     std::atomic<int> runs_{0};
 };

@@ -215,7 +215,9 @@ TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageE
     EXPECT_EQ(Reports().size(), 1u);
     AdvanceAndSettle(kMinuteMs);
     EXPECT_EQ(Reports().size(), 2u);
-    EXPECT_EQ(Dump({"F2fsTrack"}), "Dumping module F2fsTrack: \nruns: 2\n\n-------------------------------------\n");
+    EXPECT_EQ(Dump({"F2fsTrack", "run"}),
+              "Dumping module F2fsTrack: \nrun: done\nruns: 3\n\n-------------------------------------\n");
+    EXPECT_EQ(Reports().size(), 3u);
 }
 
 TEST_F(F2fsTrackModuleTest, DisabledByDefault) {
