@@ -9,7 +9,8 @@ ROOT=$(cd "$ROOT" && pwd)
 for d in data/misc/tarnis data/dorva data/anr data/system data/nuvilog/stability/reboot \
          data/nuvilog/stability/nativecrash mnt/rescue/dorva mnt/vendor/persist/stability cache \
          dev/socket dev/binder dev/block/by-name dev/block/bootdevice/by-name data/dorva/download \
-         proc sys/fs/f2fs system_ext/etc/tarnsys data/aee_exp; do
+         proc sys/fs/f2fs system_ext/etc/tarnsys data/aee_exp mnt/rescue/recovery data/tombstones \
+         data/nuvilog/stability/nativecrash/tombstones data/misc/update_engine_log; do
   mkdir -p "$ROOT/$d"
 done
 # The black-box partition: a sparse file of a version-2 size (190 MiB), kept
