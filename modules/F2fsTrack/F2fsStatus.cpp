@@ -1,6 +1,8 @@
 // GCC 12 reports std::regex's own NFA states as maybe uninitialized when
 // built with the sanitizers (a false positive inside <regex>).
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include "modules/F2fsTrack/F2fsStatus.h"
 
 #include <cerrno>
@@ -88,6 +90,7 @@ void Add(Names& names, Values& values, const std::string& name, const std::strin
 
 // Every "[NAME: n(SUB:n SUB:n)]" of a zone summary line.
 void BracketPairs(const std::string& line, Names& names, Values& values) {
+    if (line.find('[') == std::string::npos) return;
     const std::regex& re = Regex(R"(\[(\w+):\s*(\d+)\((\w+):(\d+)\s*(\w+):(\d+)\)\])");
     for (std::sregex_iterator it(line.begin(), line.end(), re), end; it != end; ++it) {
         const std::smatch& m = *it;
@@ -119,6 +122,9 @@ void Utilization(const std::string& line, Names& names, Values& values) {
 }
 
 struct Rule {
+    // Text every match contains: a line without it skips the expression,
+    // which keeps the many lines that match nothing cheap.
+    const char* needle;
     const char* pattern;
     std::vector<const char*> keys;  // one per capture, when no capture names the key
     int nameGroup;                  // the capture that names the key, 0 for none
@@ -128,27 +134,27 @@ struct Rule {
 
 const std::vector<Rule>& Rules() {
     static const std::vector<Rule>* rules = new std::vector<Rule>{
-        {R"(- Hit Count: L1-1:(\d+) L1-2:(\d+) L2:(\d+))", {"Hit_Count_L1_1", "Hit_Count_L1_2", "Hit_Count_L2"}, 0,
-         "", ""},
-        {R"(- Hit Ratio: (\d+)%\s*\((\d+)\s*/\s*(\d+)\))", {"Hit_Ratio", "Hit_Ratio_hits", "Hit_Ratio_lookups"}, 0,
-         "", ""},
-        {R"(CP calls:\s*(\d+)\s*\(BG:\s*(\d+)\))", {"CP_calls", "CP_BG_calls"}, 0, "", ""},
-        {R"(CP count:\s*(\d+))", {"CP_count"}, 0, "", ""},
-        {R"(- (cp|sit|nat|ssa) blocks\s*:\s*(\d+))", {}, 1, "", "_blks"},
-        {R"(-\s*(Queued|Issued|Total|Cur time|Peak time)\s*:\s*(\d+)\s*(?:\(ms\))?\s*)", {}, 1, "CP_", ""},
-        {R"(- DIO\s*\(R:\s*(\d+),\s*W:\s*(\d+)\))", {"DIO_R", "DIO_W"}, 0, "", ""},
-        {R"(- IO_R\s*\(Data:\s*(\d+),\s*Node:\s*(\d+),\s*Meta:\s*(\d+))", {"IO_R_Data", "IO_R_Node", "IO_R_Meta"}, 0,
-         "", ""},
-        {R"(- IO_W\s*\(CP:\s*(\d+),\s*Data:\s*(\d+),\s*Flush:\s*\(\s*(\d+)\s*(\d+)\s*(\d+))",
+        {"Hit Count", R"(- Hit Count: L1-1:(\d+) L1-2:(\d+) L2:(\d+))",
+         {"Hit_Count_L1_1", "Hit_Count_L1_2", "Hit_Count_L2"}, 0, "", ""},
+        {"Hit Ratio", R"(- Hit Ratio: (\d+)%\s*\((\d+)\s*/\s*(\d+)\))",
+         {"Hit_Ratio", "Hit_Ratio_hits", "Hit_Ratio_lookups"}, 0, "", ""},
+        {"CP calls", R"(CP calls:\s*(\d+)\s*\(BG:\s*(\d+)\))", {"CP_calls", "CP_BG_calls"}, 0, "", ""},
+        {"CP count", R"(CP count:\s*(\d+))", {"CP_count"}, 0, "", ""},
+        {" blocks", R"(- (cp|sit|nat|ssa) blocks\s*:\s*(\d+))", {}, 1, "", "_blks"},
+        {"-", R"(-\s*(Queued|Issued|Total|Cur time|Peak time)\s*:\s*(\d+)\s*(?:\(ms\))?\s*)", {}, 1, "CP_", ""},
+        {"DIO", R"(- DIO\s*\(R:\s*(\d+),\s*W:\s*(\d+)\))", {"DIO_R", "DIO_W"}, 0, "", ""},
+        {"IO_R", R"(- IO_R\s*\(Data:\s*(\d+),\s*Node:\s*(\d+),\s*Meta:\s*(\d+))",
+         {"IO_R_Data", "IO_R_Node", "IO_R_Meta"}, 0, "", ""},
+        {"IO_W", R"(- IO_W\s*\(CP:\s*(\d+),\s*Data:\s*(\d+),\s*Flush:\s*\(\s*(\d+)\s*(\d+)\s*(\d+))",
          {"IO_W_CP", "IO_W_Data", "IO_W_Flush_flushing", "IO_W_Flush_flushed", "IO_W_Flush_empty"}, 0, "", ""},
-        {R"(- MAIN \(R: (\d+), W: (\d+) D: (\d+)\))", {"MAIN_R", "MAIN_W", "MAIN_D"}, 0, "", ""},
-        {R"(- EXT \(R: (\d+), W: (\d+) D: (\d+)\))", {"EXT_R", "EXT_W", "EXT_D"}, 0, "", ""},
-        {R"(- atomic IO:\s*(\d+))", {"atomic_IO"}, 0, "", ""},
-        {R"(IPU:\s*(\d+)\s*blocks)", {"IPU_blks"}, 0, "", ""},
-        {R"(SSR:\s*(\d+)\s*blocks in (\d+)\s*segments)", {"SSR_blks", "SSR_segs"}, 0, "", ""},
-        {R"(LFS:\s*(\d+)\s*blocks in (\d+)\s*segments)", {"LFS_blks", "LFS_segs"}, 0, "", ""},
-        {R"(Memory:\s*(\d+) KB)", {"Mem_total"}, 0, "", ""},
-        {R"(- (\w[\w\s]+):\s*(\d+) KB)", {}, 1, "Mem_", ""},
+        {"- MAIN", R"(- MAIN \(R: (\d+), W: (\d+) D: (\d+)\))", {"MAIN_R", "MAIN_W", "MAIN_D"}, 0, "", ""},
+        {"- EXT", R"(- EXT \(R: (\d+), W: (\d+) D: (\d+)\))", {"EXT_R", "EXT_W", "EXT_D"}, 0, "", ""},
+        {"atomic IO", R"(- atomic IO:\s*(\d+))", {"atomic_IO"}, 0, "", ""},
+        {"IPU:", R"(IPU:\s*(\d+)\s*blocks)", {"IPU_blks"}, 0, "", ""},
+        {"SSR:", R"(SSR:\s*(\d+)\s*blocks in (\d+)\s*segments)", {"SSR_blks", "SSR_segs"}, 0, "", ""},
+        {"LFS:", R"(LFS:\s*(\d+)\s*blocks in (\d+)\s*segments)", {"LFS_blks", "LFS_segs"}, 0, "", ""},
+        {"Memory:", R"(Memory:\s*(\d+) KB)", {"Mem_total"}, 0, "", ""},
+        {" KB", R"(- (\w[\w\s]+):\s*(\d+) KB)", {}, 1, "Mem_", ""},
     };
     return *rules;
 }
@@ -184,9 +190,12 @@ void getPatternNum(std::string line, std::string key, Names& names, Values& valu
     Guarded(names, values, [&](Names& n, Values& v) {
         std::smatch m;
         if (key == kTryToMove) {
-            if (std::regex_search(line, m, Regex(key))) Add(n, v, "Try_to_move_blocks", m[1]);
+            if (line.find("Try to move") != std::string::npos && std::regex_search(line, m, Regex(key))) {
+                Add(n, v, "Try_to_move_blocks", m[1]);
+            }
             return;
         }
+        if (line.find(key) == std::string::npos) return;
         if (!std::regex_search(line, m, Regex(Escaped(key) + R"(\s*:\s*(\d+))"))) return;
         std::string name = "gc_" + Underscored(key);
         for (const Label& label : kLabels) {
@@ -198,6 +207,7 @@ void getPatternNum(std::string line, std::string key, Names& names, Values& valu
 
 void getSegsInfo(std::string line, std::string label, std::string prefix, Names& names, Values& values) {
     Guarded(names, values, [&](Names& n, Values& v) {
+        if (line.find(label.substr(0, label.find(' '))) == std::string::npos) return;
         std::istringstream words(label);
         std::string word;
         std::string pattern = R"(^\s*-\s*)";
@@ -219,6 +229,7 @@ void getSegsInfo(std::string line, std::string label, std::string prefix, Names&
 void f2fsStatusPattern(std::string line, Names& names, Values& values, std::string prefix) {
     Guarded(names, values, [&](Names& n, Values& v) {
         for (const Rule& rule : Rules()) {
+            if (line.find(rule.needle) == std::string::npos) continue;
             std::smatch m;
             if (!std::regex_search(line, m, Regex(rule.pattern))) continue;
             if (rule.nameGroup == 0) {
