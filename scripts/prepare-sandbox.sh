@@ -91,6 +91,8 @@ defprop ro.debuggable "1"
 defprop ro.boot.hwlevel "host"
 defprop ro.build.ab_update "true"
 defprop sys.boot_completed "0"
+# This "device" keeps the daily storage report switched on.
+defprop persist.sys.stability.f2fsTrackEnable "true"
 
 # Log directories the log manager keeps in bounds (see README, "Log directories");
 # a config edited by hand is kept.

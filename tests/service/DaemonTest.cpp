@@ -47,21 +47,25 @@ bool Alive(pid_t pid) {
 TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
     TempDir root;
     int err = -1;
+    // The storage tracker loads only on devices that switch it on.
+    RunShell(Ctl(root) + " setprop persist.sys.stability.f2fsTrackEnable true");
     pid_t daemon = StartDaemon(root, root.Sub("out1"), root.Sub("err1"));
     ASSERT_GE(daemon, 0);
     ASSERT_TRUE(WaitServing(root));
     const std::string ctl = Ctl(root);
     int status = -1;
-    // Every module linked into the daemon is listed, and each one runs.
+    // Every module of the daemon (ten) is listed, and each one runs.
     const std::string modules = RunShell(ctl + " dump ModuleManager dump", &status);
     const std::string header = "Current Modules:\n-------------------------\nName \t\t Status\n";
     ASSERT_EQ(modules.substr(0, header.size()), header);
-    for (size_t line = header.size(); line < modules.size();) {
+    int listed = 0;
+    for (size_t line = header.size(); line < modules.size(); ++listed) {
         const size_t end = modules.find('\n', line);
         ASSERT_NE(end, std::string::npos);
         EXPECT_EQ(modules.substr(end - 9, 9), "\t\tRunning") << modules;
         line = end + 1;
     }
+    EXPECT_EQ(listed, 10) << modules;
     EXPECT_EQ(ReadFile(root.Sub("out1")), "TarnisSsiImpl impl ready!\n");
 
     // A reader that goes away costs the daemon one error line, not its life.
