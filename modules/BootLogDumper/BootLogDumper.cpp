@@ -21,6 +21,7 @@
 
 #include "utils/Clock.h"
 #include "utils/Paths.h"
+#include "utils/PropertyWait.h"
 
 #define LOG_TAG "BootLogDumper"
 
@@ -105,11 +106,7 @@ bool IsDirectoryNoFollow(const std::string& path, bool* exists) {
 }  // namespace
 
 bool BootLogDumper::WaitBootCompleted() {
-    // Without limit, in steps, so that a stop is noticed.
-    while (!stop_.load()) {
-        if (android::base::WaitForProperty("sys.boot_completed", "1", std::chrono::milliseconds(500))) return true;
-    }
-    return false;
+    return kolto::WaitForPropertyUnlessStopped("sys.boot_completed", "1", stop_);
 }
 
 void BootLogDumper::dump_boot_logs() {

@@ -1,5 +1,6 @@
 #include "modules/BootLogDumper/BootLogDumperModule.h"
 
+#include <algorithm>
 #include <string>
 
 #include <android-base/properties.h>
@@ -30,7 +31,8 @@ void BootLogDumperModule::OnAllModulesLoaded() {
 void BootLogDumperModule::DumpWhenBootCompleted() {
     static constexpr char kFunc[] = "OnAllModulesLoaded";
     if (android::base::GetProperty("sys.boot_completed", "") != "1") {
-        handler_->postDelayed([this] { DumpWhenBootCompleted(); }, kBootPollMs);
+        handler_->postDelayed([this] { DumpWhenBootCompleted(); }, pollMs_);
+        pollMs_ = std::min(pollMs_ * 2, kBootPollLongestMs);
         return;
     }
     dumper_.dump_boot_logs();

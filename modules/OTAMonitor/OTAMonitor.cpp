@@ -18,6 +18,7 @@
 #include <log/log.h>
 
 #include "utils/Paths.h"
+#include "utils/PropertyWait.h"
 
 #define LOG_TAG "OTAMonitor"
 
@@ -37,8 +38,6 @@ constexpr char kBuildProperty[] = "ro.build.version.incremental";
 constexpr char kSlotProperty[] = "ro.boot.slot_suffix";
 constexpr uint32_t kVersionCodeV2 = 8192;
 constexpr uint32_t kVersionCodeV3 = 12288;
-// How long one property wait lasts before the stop flag is looked at again.
-constexpr std::chrono::milliseconds kWaitSlice(500);
 
 // Copies `text` into a NUL-terminated field, cut to what it holds.
 template <size_t N>
@@ -338,10 +337,7 @@ void dump_ota_record_zone() {
 }
 
 bool OtaMonitorControl::WaitForProperty(const std::string& key, const std::string& value) const {
-    while (!StopRequested()) {
-        if (android::base::WaitForProperty(key, value, kWaitSlice)) return !StopRequested();
-    }
-    return false;
+    return kolto::WaitForPropertyUnlessStopped(key, value, stop_);
 }
 
 void ota_monitor_func(OtaMonitorControl* control) {

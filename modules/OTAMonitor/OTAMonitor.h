@@ -55,8 +55,8 @@ class OtaMonitorControl {
 public:
     void RequestStop() { stop_.store(true); }
     bool StopRequested() const { return stop_.load(); }
-    // Waits without limit for property `key` to hold `value`, in slices so
-    // that a stop is seen; false once stopped.
+    // Waits without limit for property `key` to hold `value`; false once
+    // stopped.
     bool WaitForProperty(const std::string& key, const std::string& value) const;
     int passes() const { return passes_.load(); }
     void CountPass() { ++passes_; }

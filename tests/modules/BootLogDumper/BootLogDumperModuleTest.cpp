@@ -134,7 +134,7 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
 
     ASSERT_TRUE(android::base::SetProperty("sys.boot_completed", "1"));
-    AdvanceAndSettle(velmar::tarnis::BootLogDumperModule::kBootPollMs);
+    AdvanceAndSettle(velmar::tarnis::BootLogDumperModule::kBootPollLongestMs);
     EXPECT_TRUE(log_.HasLine("begin dump boot main log", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("begin dump boot pl_lk log", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("src file " + Device(paths::kProcPlLk) + " is not exist!", kTag));
