@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -131,7 +130,7 @@ uint32_t CountListed(const bb::FwMinidumpHeader& header) {
 
 }  // namespace
 
-AndroidCrashMonitorThread::AndroidCrashMonitorThread() : stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+AndroidCrashMonitorThread::AndroidCrashMonitorThread() = default;
 
 AndroidCrashMonitorThread::~AndroidCrashMonitorThread() = default;
 
@@ -140,25 +139,7 @@ void AndroidCrashMonitorThread::SetWriteHookForTesting(WriteHook hook) {
     Hook() = std::move(hook);
 }
 
-void AndroidCrashMonitorThread::RequestStop() {
-    {
-        std::lock_guard<std::mutex> guard(stopLock_);
-        stop_.store(true);
-    }
-    stopCond_.notify_all();
-    const uint64_t one = 1;
-    if (stopFd_.ok()) (void)!write(stopFd_.get(), &one, sizeof(one));
-}
-
-bool AndroidCrashMonitorThread::SleepUnlessStopped(int64_t ms) {
-    kolto::Clock& clock = kolto::GetClock();
-    const int64_t deadline = clock.SteadyNowMs() + ms;
-    std::unique_lock<std::mutex> lock(stopLock_);
-    while (!stop_.load()) {
-        if (clock.WaitUntilMs(stopCond_, lock, deadline)) return true;
-    }
-    return false;
-}
+void AndroidCrashMonitorThread::RequestStop() { stop_.Request(); }
 
 unique_fd AndroidCrashMonitorThread::OpenPartition(int flags) const {
     return unique_fd(bb::OpenPartition(flags));
@@ -774,7 +755,7 @@ void AndroidCrashMonitorThread::WaitForWriteStatusDone() {
             const std::string status = GetProperty(kStatusProperty, "unknown");
             ALOGI("%s: propbuf = %s", "wait_blackbox_write_status", status.c_str());
             if (status == "done") break;
-            if (!SleepUnlessStopped(kSecondMs)) break;
+            if (!stop_.Sleep(kSecondMs)) break;
             ALOGI("%s: i = %d", "wait_blackbox_write_status", i);
         }
     });
@@ -784,7 +765,7 @@ void AndroidCrashMonitorThread::WaitForWriteStatusDone() {
 bool AndroidCrashMonitorThread::WaitBootCompleted() {
     // Without limit, as boot completion may take long, but in steps so that a
     // stop is noticed.
-    while (!stop_.load()) {
+    while (!stop_.Requested()) {
         if (android::base::WaitForProperty("sys.boot_completed", "1", std::chrono::milliseconds(500))) return true;
     }
     return false;
@@ -843,14 +824,14 @@ int AndroidCrashMonitorThread::threadLoop() {
     SetProperty(kStatusProperty, "done");
     bool encrypt = false;
     alignas(struct inotify_event) char buf[kEventBuffer];
-    while (!stop_.load()) {
+    while (!stop_.Requested()) {
         ALOGI("%s: Start to wait the completion of writing android db to blackbox", __func__);
         WaitForWriteStatusDone();
         ALOGI("%s: Finished to wait the writing of android db to blackbox", __func__);
 
-        struct pollfd fds[2] = {{inotify.get(), POLLIN, 0}, {stopFd_.get(), POLLIN, 0}};
+        struct pollfd fds[2] = {{inotify.get(), POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
         int ready = TEMP_FAILURE_RETRY(poll(fds, 2, -1));
-        if (stop_.load()) break;
+        if (stop_.Requested()) break;
         ssize_t len = ready > 0 ? TEMP_FAILURE_RETRY(read(inotify.get(), buf, sizeof(buf))) : -1;
         if (len <= 0) {
             ALOGE("%s: Failed to read events", __func__);
@@ -866,7 +847,7 @@ int AndroidCrashMonitorThread::threadLoop() {
             }
             if ((event->mask & IN_CLOSE_WRITE) == 0) continue;
             HandleFatalDb(&encrypt);
-            if (stop_.load()) break;
+            if (stop_.Requested()) break;
         }
     }
     return 1;

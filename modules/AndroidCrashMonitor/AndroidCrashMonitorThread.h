@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -12,6 +11,7 @@
 #include <android-base/unique_fd.h>
 
 #include "utils/BlackBoxLayout.h"
+#include "utils/StopSignal.h"
 
 namespace velmar {
 namespace tarnis {
@@ -54,7 +54,7 @@ public:
     int threadLoop();
     // Ends threadLoop and every wait of this worker, from any thread.
     void RequestStop();
-    bool StopRequested() const { return stop_.load(); }
+    bool StopRequested() const { return stop_.Requested(); }
 
     // Waits, on a helper thread, up to 20 s for the collector to report its
     // own partition writes done.
@@ -103,7 +103,6 @@ private:
     bool StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded);
     void DeleteEncFiles(int dirFd, const std::string& dir);
     bool ReadDbPath(const std::string& name, std::string* devicePath);
-    bool SleepUnlessStopped(int64_t ms);
     bool WaitBootCompleted();
 
     kolto::blackbox::LogTableHeader table_{};
@@ -114,10 +113,7 @@ private:
     std::string summary_;
     std::atomic<int> handled_{0};
 
-    std::atomic<bool> stop_{false};
-    android::base::unique_fd stopFd_;
-    std::mutex stopLock_;
-    std::condition_variable stopCond_;
+    kolto::StopSignal stop_;
 };
 
 }  // namespace tarnis

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -97,27 +96,9 @@ bool CopyInto(int in, int dirFd, const std::string& name) {
 
 }  // namespace
 
-TombstoneMonitorThread::TombstoneMonitorThread() : stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+TombstoneMonitorThread::TombstoneMonitorThread() = default;
 
-void TombstoneMonitorThread::RequestStop() {
-    {
-        std::lock_guard<std::mutex> guard(stopLock_);
-        stop_.store(true);
-    }
-    stopCond_.notify_all();
-    const uint64_t one = 1;
-    if (stopFd_.ok()) (void)!write(stopFd_.get(), &one, sizeof(one));
-}
-
-bool TombstoneMonitorThread::SleepUnlessStopped(int64_t ms) {
-    kolto::Clock& clock = kolto::GetClock();
-    const int64_t deadline = clock.SteadyNowMs() + ms;
-    std::unique_lock<std::mutex> lock(stopLock_);
-    while (!stop_.load()) {
-        if (clock.WaitUntilMs(stopCond_, lock, deadline)) return true;
-    }
-    return false;
-}
+void TombstoneMonitorThread::RequestStop() { stop_.Request(); }
 
 bool TombstoneMonitorThread::WaitOutputDir(const std::string& dir) {
     struct stat st;
@@ -125,14 +106,14 @@ bool TombstoneMonitorThread::WaitOutputDir(const std::string& dir) {
     for (int i = 0; i < kOutDirChecks; ++i) {
         exists = stat(dir.c_str(), &st) == 0;
         if (exists) break;
-        if (i + 1 < kOutDirChecks && !SleepUnlessStopped(kOutDirCheckMs)) return false;
+        if (i + 1 < kOutDirChecks && !stop_.Sleep(kOutDirCheckMs)) return false;
     }
     if (!exists) {
         ALOGE("wait %s timeout, so exit: %s", dir.c_str(), strerror(errno));
         return false;
     }
     // The directory's creator may still be setting it up.
-    return SleepUnlessStopped(kSettleMs);
+    return stop_.Sleep(kSettleMs);
 }
 
 void TombstoneMonitorThread::threadLoop() {
@@ -163,9 +144,9 @@ void TombstoneMonitorThread::ReadEvents(int inotifyFd, const std::string& inDir,
     // Whole events only: the kernel never splits one across reads.
     alignas(struct inotify_event) char buf[sizeof(struct inotify_event) * 16 + NAME_MAX + 1];
     for (;;) {
-        struct pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {stopFd_.get(), POLLIN, 0}};
+        struct pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
         const int ready = poll(fds, 2, -1);
-        if (stop_.load()) return;
+        if (stop_.Requested()) return;
         if (ready < 0 && errno == EINTR) continue;
         ssize_t len = ready > 0 ? TEMP_FAILURE_RETRY(read(inotifyFd, buf, sizeof(buf))) : -1;
         if (len <= 0) {

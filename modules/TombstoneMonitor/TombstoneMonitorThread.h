@@ -1,12 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include <android-base/unique_fd.h>
+
+#include "utils/StopSignal.h"
 
 namespace velmar {
 namespace tarnis {
@@ -36,7 +36,7 @@ public:
     void threadLoop();
     // Ends threadLoop and its waits, from any thread.
     void RequestStop();
-    bool StopRequested() const { return stop_.load(); }
+    bool StopRequested() const { return stop_.Requested(); }
     // True while events of the input directory are being read.
     bool watching() const { return watching_.load(); }
     int copies() const { return copies_.load(); }
@@ -45,17 +45,13 @@ public:
     bool copy(const std::string& src, const std::string& dst);
 
 private:
-    bool SleepUnlessStopped(int64_t ms);
     bool WaitOutputDir(const std::string& dir);
     void ReadEvents(int inotifyFd, const std::string& inDir, const std::string& outDir);
     void HandleEvent(uint32_t mask, const std::string& name, const std::string& inDir, const std::string& outDir);
 
-    std::atomic<bool> stop_{false};
+    kolto::StopSignal stop_;
     std::atomic<bool> watching_{false};
     std::atomic<int> copies_{0};
-    android::base::unique_fd stopFd_;
-    std::mutex stopLock_;
-    std::condition_variable stopCond_;
 };
 
 }  // namespace tarnis
