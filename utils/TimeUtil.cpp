@@ -20,5 +20,21 @@ struct timespec TimeUtil::ms2ts(long ms) {
     return ts;
 }
 
+int64_t TimeUtil::DelayToNextMidnightMs(int64_t wallMs) {
+    // The zone may have changed since the last run (travel, a settings change).
+    tzset();
+    const time_t now = static_cast<time_t>(wallMs / 1000);
+    struct tm local {};
+    if (localtime_r(&now, &local) == nullptr) return kDayMs;
+    local.tm_hour = 24;
+    local.tm_min = 0;
+    local.tm_sec = 0;
+    local.tm_isdst = -1;
+    const time_t midnight = mktime(&local);
+    const int64_t delay = static_cast<int64_t>(midnight) * 1000 - wallMs;
+    if (midnight == static_cast<time_t>(-1) || delay <= 0 || delay > kDayMs) return kDayMs;
+    return delay;
+}
+
 }  // namespace kolto
 }  // namespace velmar

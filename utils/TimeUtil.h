@@ -16,6 +16,13 @@ public:
     static int64_t getCurrentTimeUS();
     // The timespec of a duration in milliseconds.
     static struct timespec ms2ts(long ms);
+
+    static constexpr int64_t kDayMs = 86400000;
+    // From `wallMs` (milliseconds since the epoch) to the next local midnight,
+    // in the zone in force now: at most a day, and a whole day when the
+    // conversion fails or the clock reads oddly, so a daily schedule neither
+    // stalls nor runs back to back.
+    static int64_t DelayToNextMidnightMs(int64_t wallMs);
 };
 
 }  // namespace kolto

@@ -15,6 +15,7 @@
 #include "framework/TarnisHandlerThread.h"
 #include "modules/F2fsTrack/F2fsTrack.h"
 #include "utils/Clock.h"
+#include "utils/TimeUtil.h"
 
 #define LOG_TAG "Tarnis-F2fsTrackModule"
 
@@ -34,28 +35,11 @@ bool F2fsTrackModule::OnInit() {
     return enabled;
 }
 
-int64_t F2fsTrackModule::DelayToMidnightMs(int64_t wallMs) {
-    // The zone may have changed since the last run (travel, a settings change).
-    tzset();
-    const time_t now = static_cast<time_t>(wallMs / 1000);
-    struct tm local {};
-    localtime_r(&now, &local);
-    local.tm_hour = 24;
-    local.tm_min = 0;
-    local.tm_sec = 0;
-    local.tm_isdst = -1;
-    const time_t midnight = mktime(&local);
-    if (midnight == static_cast<time_t>(-1)) return kDayMs;
-    const int64_t delay = static_cast<int64_t>(midnight) * 1000 - wallMs;
-    if (delay < 0) return 0;
-    return delay > kDayMs ? kDayMs : delay;
-}
-
 void F2fsTrackModule::OnAllModulesLoaded() {
     ALOGI("[%s] load F2fsTrack", __func__);
     std::lock_guard<std::mutex> guard(handlerLock_);
     handler_ = std::make_unique<TarnisHandler>(handlerThread->getLooper(), nullptr);
-    const int64_t delay = DelayToMidnightMs(GetClock().WallNowMs());
+    const int64_t delay = TimeUtil::DelayToNextMidnightMs(GetClock().WallNowMs());
     ALOGI("[%s] DayMidnight: %u h", __func__, static_cast<unsigned>(delay / 3600000));
     handler_->postDelayed([this] { scheduleTrackTask(); }, static_cast<long>(delay));
     ALOGI("[%s] F2fsTrack done~", __func__);

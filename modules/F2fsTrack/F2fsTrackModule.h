@@ -28,7 +28,6 @@ public:
     void scheduleTrackTask();
 
     // Milliseconds from `wallMs` to the next local midnight (at most a day).
-    static int64_t DelayToMidnightMs(int64_t wallMs);
 
 private:
     void Track();

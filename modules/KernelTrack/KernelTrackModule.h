@@ -23,7 +23,6 @@ public:
     void dump(int fd, const char** args, unsigned int argc) override;
 
     // Milliseconds from `wallMs` to the next local midnight (at most a day).
-    static int64_t DelayToMidnightMs(int64_t wallMs);
 
 private:
     void scheduleTrackTask();
