@@ -12,9 +12,12 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
+#include "tests/support/Bytes.h"
 #include "tests/support/TempDir.h"
 #include "utils/Cryptography.h"
 
+using tarnis_test::Hex;
+using tarnis_test::RandomBytes;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
@@ -25,23 +28,6 @@ namespace {
 
 const std::string kPrivKey = std::string(TARNIS_SOURCE_DIR) + "/keys/blackbox_test_priv.pem";
 const std::string kIvText = "k3vTq9ZpLw2xR8nB";
-
-std::string Random(size_t len, uint64_t seed) {
-    std::mt19937_64 gen(seed);
-    std::string out(len, '\0');
-    for (char& c : out) c = static_cast<char>(gen());
-    return out;
-}
-
-std::string Hex(const std::string& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += kDigits[c >> 4];
-        out += kDigits[c & 15];
-    }
-    return out;
-}
 
 std::string NewKey() {
     unsigned char key[crypto::kAes256KeyBytes] = {};
@@ -147,7 +133,7 @@ class ContainerRoundTrip : public ::testing::TestWithParam<size_t> {};
 
 TEST_P(ContainerRoundTrip, DecryptsToTheOriginalBytes) {
     TempDir dir;
-    const std::string plain = Random(GetParam(), GetParam() + 1);
+    const std::string plain = RandomBytes(GetParam(), GetParam() + 1);
     Opened opened = OpenContainer(dir, BuildContainer(dir, plain));
     EXPECT_TRUE(opened.plain == plain) << "size " << plain.size();
     EXPECT_EQ(opened.padded.substr(plain.size()), ExpectedPadding(plain));
@@ -180,7 +166,7 @@ TEST(AesEncryptFile, EmptyInputWritesNothing) {
 TEST(AesEncryptFile, EveryFileStartsFromTheSameIv) {
     TempDir dir;
     const std::string key = NewKey();
-    ASSERT_TRUE(WriteFile(dir.Sub("in"), Random(100, 7)));
+    ASSERT_TRUE(WriteFile(dir.Sub("in"), RandomBytes(100, 7)));
     ASSERT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("a"), key), 112);
     ASSERT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("b"), key), 112);
     EXPECT_EQ(ReadFile(dir.Sub("a")), ReadFile(dir.Sub("b")));
@@ -192,7 +178,7 @@ TEST(AesEncryptFile, EveryFileStartsFromTheSameIv) {
 // Blocks are full blocks of the stream, however a pipe's writer splits it.
 TEST(AesEncryptFile, PipeInPiecesMatchesRegularFile) {
     TempDir dir;
-    const std::string plain = Random(100003, 11);
+    const std::string plain = RandomBytes(100003, 11);
     const std::string key = NewKey();
     ASSERT_TRUE(WriteFile(dir.Sub("in"), plain));
     ASSERT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("file.enc"), key), 100016);
@@ -224,7 +210,7 @@ TEST(AesEncryptFile, PipeInPiecesMatchesRegularFile) {
 
 TEST(AesEncryptFile, UnusableKeyOrOutputFails) {
     TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.Sub("in"), Random(40, 5)));
+    ASSERT_TRUE(WriteFile(dir.Sub("in"), RandomBytes(40, 5)));
     int inFd = open(dir.Sub("in").c_str(), O_RDONLY | O_CLOEXEC);
     int outFd = open(dir.Sub("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(inFd, 0);
@@ -263,7 +249,7 @@ TEST(RsaPubEncrypt, RejectsNullAndEmptyInput) {
 TEST(RsaPubEncrypt, TooLongForPkcs1Fails) {
     platform::LogCapture capture;
     // PKCS #1 v1.5 leaves 256 - 11 bytes of message in a 2048-bit block.
-    std::string data = Random(246, 2);
+    std::string data = RandomBytes(246, 2);
     unsigned char* out = nullptr;
     EXPECT_EQ(crypto::rsa_pub_encrypt_byte(reinterpret_cast<unsigned char*>(data.data()), &out, 246), -1);
     EXPECT_EQ(out, nullptr);
@@ -275,7 +261,7 @@ TEST(RsaPubEncrypt, TooLongForPkcs1Fails) {
 
 TEST(RsaPubEncrypt, PrivateKeyRecoversTheDataAndBufferEndsInZero) {
     TempDir dir;
-    std::string data = Random(32, 9);
+    std::string data = RandomBytes(32, 9);
     unsigned char* out = nullptr;
     ASSERT_EQ(crypto::rsa_pub_encrypt_byte(reinterpret_cast<unsigned char*>(data.data()), &out, 32), 256);
     ASSERT_NE(out, nullptr);

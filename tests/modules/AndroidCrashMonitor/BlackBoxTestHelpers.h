@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/Bytes.h"
 #include "tests/support/TempDir.h"
 
 // Partition images for the crash monitor's suite: sparse files of the real
@@ -21,12 +22,8 @@ namespace blackbox_test {
 
 constexpr off_t kPartitionBytes = 190 << 20;
 
-inline std::string RandomBytes(size_t len, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string out(len, '\0');
-    for (char& c : out) c = static_cast<char>(gen());
-    return out;
-}
+using tarnis_test::Hex;
+using tarnis_test::RandomBytes;
 
 inline std::string ReadBytes(const std::string& path, uint64_t offset, size_t len) {
     std::string out(len, '\0');
@@ -55,16 +52,6 @@ Record ReadRecordAt(const std::string& path, uint64_t offset) {
 template <class Record>
 void WriteRecordAt(const std::string& path, uint64_t offset, const Record& record) {
     WriteBytes(path, offset, &record, sizeof(Record));
-}
-
-inline std::string Hex(const std::string& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += kDigits[c >> 4];
-        out += kDigits[c & 15];
-    }
-    return out;
 }
 
 // The plain database of a container: the key unwrapped with `openssl
