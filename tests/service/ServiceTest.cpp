@@ -167,6 +167,26 @@ TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) 
     EXPECT_TRUE(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
 }
 
+// tarnisctl starts without the C++ runtime's shared library (jsoncpp would
+// bring it back) and hands the JSON commands to tarnisctl-json beside it; one
+// copied away alone says what it is missing instead of failing obscurely.
+TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
+    int status = -1;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    const std::string needed = RunShell("readelf -d " + Ctl() + " | grep NEEDED", &status);
+    ASSERT_EQ(status, 0) << needed;
+    EXPECT_EQ(needed.find("libstdc++"), std::string::npos) << needed;
+    EXPECT_EQ(needed.find("libjsoncpp"), std::string::npos) << needed;
+#endif
+    TempDir lone;
+    ASSERT_EQ(system(("cp " + Ctl() + " " + lone.path() + "/").c_str()), 0);
+    const std::string err =
+        RunShell(lone.path() + "/tarnisctl --root " + root_.path() + " event reportEventV2 a b c true 2>&1", &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(err, "tarnisctl: event is run by " + lone.path() +
+                       "/tarnisctl-json, which could not be started: No such file or directory\n");
+}
+
 TEST_F(ServiceTest, InProcessCallersGetTheLocalObjects) {
     TarnisUtil::SetTarnisSsiAidl(ssi_);
     TarnisUtil::SetTarnisSsiIntl(internal_);

@@ -23,6 +23,9 @@ struct CtlCommandRegister {
     explicit CtlCommandRegister(CtlCommand command);
 };
 
+// The tool's whole command line as main received it (null-terminated).
+char* const* CommandLine();
+
 // Prints "tarnisctl: <message>" and the usage to standard error; returns 2.
 int UsageError(const std::string& message);
 

@@ -1,68 +1,19 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include <json/json.h>
-
 #include <aidl/velmar/system/tarnis/common/ITarnisSsi.h>
-#include <aidl/velmar/system/tarnis/common/ITarnisSsiIntl.h>
-#include <android-base/parseint.h>
 #include <android/binder_manager.h>
-#include <android/binder_process.h>
-#include <host/Host.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
-#include "utils/JsonUtil.h"
+#include "tools/tarnisctl/ServiceConnect.h"
 
 namespace tarnisctl {
 namespace {
 
 using aidl::velmar::system::tarnis::common::ITarnisSsi;
-using aidl::velmar::system::tarnis::common::ITarnisSsiIntl;
-
-// The daemon's service, or null with an error line when it does not run:
-// a tool must not hang waiting for a daemon that is not there.
-ndk::SpAIBinder FindService(const char* descriptor) {
-    const std::string instance = std::string(descriptor) + "/default";
-    ndk::SpAIBinder binder = AServiceManager_checkService(instance.c_str());
-    if (!binder) {
-        fprintf(stderr, "tarnisctl: service %s is not running below root %s (is tarnisd running?)\n",
-                instance.c_str(), platform::GetRoot().c_str());
-    }
-    return binder;
-}
-
-// The interface behind a service found above; null with the reason printed
-// (the daemon may turn the connection away, and then says why).
-template <typename Interface>
-std::shared_ptr<Interface> Connect(ndk::SpAIBinder* binder) {
-    *binder = FindService(Interface::descriptor);
-    if (!*binder) return nullptr;
-    std::shared_ptr<Interface> service = Interface::fromBinder(*binder);
-    if (service) return service;
-    const std::string& why = platform::host::LastBinderError();
-    if (!why.empty()) {
-        fprintf(stderr, "tarnisctl: %s\n", why.c_str());
-    } else {
-        fprintf(stderr, "tarnisctl: the service at %s is not %s\n", platform::GetRoot().c_str(),
-                Interface::descriptor);
-    }
-    return nullptr;
-}
-
-// Arguments that should hold JSON are checked before sending: a mistake is
-// pointed out, but the text still goes to the daemon, whose answer decides.
-void WarnUnlessJson(const char* what, const std::string& text) {
-    Json::Value ignored;
-    std::string error;
-    if (!velmar::kolto::JsonUtil::ConvertStringToJson(text, ignored, &error)) {
-        fprintf(stderr, "tarnisctl: warning: %s is not valid JSON (%s); sending it anyway\n", what, error.c_str());
-    }
-}
 
 int Dump(const std::vector<std::string>& args) {
     ndk::SpAIBinder binder;
@@ -79,113 +30,8 @@ int Dump(const std::vector<std::string>& args) {
     return 0;
 }
 
-int Intent(const std::vector<std::string>& args) {
-    if (args.size() != 2) return UsageError("intent needs ACTION and JSON");
-    WarnUnlessJson("the intent's JSON", args[1]);
-    ndk::SpAIBinder binder;
-    std::shared_ptr<ITarnisSsiIntl> service = Connect<ITarnisSsiIntl>(&binder);
-    if (!service) return 1;
-    return Report("transferMessage", service->transferMessage(args[0], args[1]));
-}
-
-// Parses the arguments of one report operation; false when they do not fit.
-bool ParseInt(const std::string& text, int32_t* out) { return android::base::ParseInt(text, out); }
-
-bool ParseBool(const std::string& text, bool* out) {
-    if (text == "true" || text == "1") {
-        *out = true;
-    } else if (text == "false" || text == "0") {
-        *out = false;
-    } else {
-        return false;
-    }
-    return true;
-}
-
-// A JSON array of strings; false with the reason otherwise.
-bool ParseList(const std::string& text, std::vector<std::string>* out, std::string* why) {
-    Json::Value root;
-    if (!velmar::kolto::JsonUtil::ConvertStringToJson(text, root, why)) return false;
-    if (!root.isArray()) {
-        *why = "not a JSON array";
-        return false;
-    }
-    for (const Json::Value& item : root) {
-        if (!item.isString()) {
-            *why = "an element is not a string";
-            return false;
-        }
-        out->push_back(item.asString());
-    }
-    return true;
-}
-
-constexpr char kEventUsage[] =
-    "OPERATION ARGS...\n"
-    "      reportSimpleEvent INT TEXT\n"
-    "      reportEventV2 A B C BOOL\n"
-    "      reportNativeFeatureEvent A B C\n"
-    "      appCaptureLog A B C D\n"
-    "      reportEventsV2 A JSON_LIST C BOOL\n"
-    "      reportTrelvoEvent APP_ID PACKAGE PAYLOAD INT\n"
-    "      reportTrelvoEvents APP_ID PACKAGE JSON_LIST INT\n"
-    "     (JSON_LIST: a JSON array of strings, e.g. '[\"a\",\"b\"]')";
-
-int Event(const std::vector<std::string>& args) {
-    if (args.empty()) return UsageError("event needs an OPERATION");
-    const std::string& op = args[0];
-    const std::vector<std::string> a(args.begin() + 1, args.end());
-    auto wrong = [&](const char* form) { return UsageError("usage: event " + op + " " + form); };
-    int32_t number = 0;
-    bool flag = false;
-    std::vector<std::string> list;
-
-    std::string why;
-    auto badList = [&](const char* form) { return UsageError("event " + op + ": JSON_LIST " + why + "; usage: event " + op + " " + form); };
-    ndk::SpAIBinder binder;
-    auto service = [&]() { return Connect<ITarnisSsi>(&binder); };
-    if (op == "reportSimpleEvent") {
-        if (a.size() != 2 || !ParseInt(a[0], &number)) return wrong("INT TEXT");
-        auto s = service();
-        return s ? Report(op.c_str(), s->reportSimpleEvent(number, a[1])) : 1;
-    } else if (op == "reportEventV2") {
-        if (a.size() != 4 || !ParseBool(a[3], &flag)) return wrong("A B C BOOL");
-        auto s = service();
-        return s ? Report(op.c_str(), s->reportEventV2(a[0], a[1], a[2], flag)) : 1;
-    } else if (op == "reportNativeFeatureEvent") {
-        if (a.size() != 3) return wrong("A B C");
-        auto s = service();
-        return s ? Report(op.c_str(), s->reportNativeFeatureEvent(a[0], a[1], a[2])) : 1;
-    } else if (op == "appCaptureLog") {
-        if (a.size() != 4) return wrong("A B C D");
-        auto s = service();
-        return s ? Report(op.c_str(), s->appCaptureLog(a[0], a[1], a[2], a[3])) : 1;
-    } else if (op == "reportEventsV2") {
-        if (a.size() != 4 || !ParseBool(a[3], &flag)) return wrong("A JSON_LIST C BOOL");
-        if (!ParseList(a[1], &list, &why)) return badList("A JSON_LIST C BOOL");
-        auto s = service();
-        return s ? Report(op.c_str(), s->reportEventsV2(a[0], list, a[2], flag)) : 1;
-    } else if (op == "reportTrelvoEvent") {
-        if (a.size() != 4 || !ParseInt(a[3], &number)) return wrong("APP_ID PACKAGE PAYLOAD INT");
-        WarnUnlessJson("PAYLOAD", a[2]);
-        auto s = service();
-        return s ? Report(op.c_str(), s->reportTrelvoEvent(a[0], a[1], a[2], number)) : 1;
-    } else if (op == "reportTrelvoEvents") {
-        if (a.size() != 4 || !ParseInt(a[3], &number)) return wrong("APP_ID PACKAGE JSON_LIST INT");
-        if (!ParseList(a[2], &list, &why)) return badList("APP_ID PACKAGE JSON_LIST INT");
-        for (size_t i = 0; i < list.size(); ++i) WarnUnlessJson(("payload " + std::to_string(i + 1)).c_str(), list[i]);
-        auto s = service();
-        return s ? Report(op.c_str(), s->reportTrelvoEvents(a[0], a[1], list, number)) : 1;
-    }
-    return UsageError("unknown event operation " + op);
-}
-
 CtlCommandRegister gDump({"dump", "[ARGS...]",
                           "print the daemon's dump (module framework commands: ModuleManager dump|load NAME)", Dump});
-CtlCommandRegister gIntent({"intent", "ACTION JSON",
-                            "send a broadcast intent (JSON: {\"extras\":[...]}) through ITarnisSsiIntl.transferMessage",
-                            Intent});
-CtlCommandRegister gEvent({"event", kEventUsage, "call one ITarnisSsi reporting operation", Event});
 
 }  // namespace
 }  // namespace tarnisctl

@@ -18,6 +18,7 @@ namespace {
 constexpr int kDefaultTimeoutS = 30;
 
 int gRequestedTimeoutMs = 0;
+char* const* gCommandLine = nullptr;
 
 std::vector<CtlCommand>& MutableCommands() {
     static auto* commands = new std::vector<CtlCommand>;
@@ -40,6 +41,8 @@ void PrintUsage(FILE* out) {
 
 const std::vector<CtlCommand>& Commands() { return MutableCommands(); }
 
+char* const* CommandLine() { return gCommandLine; }
+
 CtlCommandRegister::CtlCommandRegister(CtlCommand command) {
     MutableCommands().push_back(std::move(command));
 }
@@ -60,6 +63,7 @@ void RaiseDefaultTimeoutMs(int ms) {
 
 int main(int argc, char** argv) {
     using namespace tarnisctl;
+    gCommandLine = argv;
     // The tool's own log lines are for diagnosing it (TARNIS_LOG_LEVEL shows
     // them); its user gets one sentence per failure instead.
     if (getenv("TARNIS_LOG_LEVEL") == nullptr) platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
