@@ -7,7 +7,7 @@ namespace nuvi {
 namespace dorva {
 
 std::shared_ptr<IDorvaNative> IDorvaNative::asInterface(const android::sp<android::IBinder>& binder) {
-    return ndk::InterfaceFromBinder<IDorvaNative, BpDorvaNative>(binder);
+    return ndk::ClassicInterfaceFromBinder<IDorvaNative, BpDorvaNative>(binder);
 }
 
 const android::String16& IDorvaNative::getInterfaceDescriptor() {

@@ -68,4 +68,19 @@ std::shared_ptr<I> InterfaceFromBinder(const SpAIBinder& binder) {
     return SharedRefBase::make<Bp>(binder);
 }
 
+// The body of a classic (libbinder) interface's asInterface: the local object
+// when the binder is one, else a proxy made without asking the remote side
+// anything. Each of the proxy's calls carries the interface token, which the
+// service checks, so a binder of another interface fails its first call
+// (BAD_TYPE) instead of costing every client a round trip up front.
+template <typename I, typename Bp>
+std::shared_ptr<I> ClassicInterfaceFromBinder(const SpAIBinder& binder) {
+    if (!binder) return nullptr;
+    if (android::BBinder* local = binder->localBinder()) {
+        if (local->getInterfaceDescriptor() != I::descriptor) return nullptr;
+        return std::static_pointer_cast<I>(local->interface());
+    }
+    return SharedRefBase::make<Bp>(binder);
+}
+
 }  // namespace ndk

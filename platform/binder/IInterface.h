@@ -10,7 +10,7 @@
 // ITarnisSsi / BnTarnisSsi / BpTarnisSsi): a descriptor, TRANSACTION_ codes
 // from FIRST_CALL_TRANSACTION in declaration order, onTransact in the Bn
 // class, transactCall in the Bp class (with a reply parcel for out values),
-// and asInterface = the fromBinder of ICInterface.h.
+// and asInterface = ClassicInterfaceFromBinder of ICInterface.h.
 namespace android {
 
 using IInterface = ::ndk::ICInterface;

@@ -22,6 +22,8 @@ std::string Explain(binder_status_t status) {
             return "the daemon refused the call";
         case android::UNKNOWN_TRANSACTION:
             return "the daemon does not know this call (is it an older version?)";
+        case android::BAD_TYPE:
+            return "the service there is not the interface this call is for";
         case android::BAD_VALUE:
             return "the daemon found the call's arguments malformed";
         case android::PERMISSION_DENIED:

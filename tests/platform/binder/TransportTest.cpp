@@ -13,6 +13,7 @@
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 #include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
 #include <host/Host.h>
+#include <nuvi/dorva/IDorvaNative.h>
 
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
@@ -89,6 +90,11 @@ TEST_F(TransportTest, RemoteCallsCarryEveryArgumentStatusAndDescriptor) {
     ASSERT_NE(ssi, nullptr);
     EXPECT_TRUE(ssi->isRemote());
     EXPECT_EQ(ITarnisSsiIntl::fromBinder(binder), nullptr);  // not that interface
+    // A classic cast asks the remote nothing, as libbinder's does: the
+    // service refuses the first call, whose interface token is not its own.
+    auto wrong = nuvi::dorva::IDorvaNative::asInterface(binder);
+    ASSERT_NE(wrong, nullptr);
+    EXPECT_EQ(wrong->setCoreFilter(1, true).transactionError(), android::BAD_TYPE);
 
     const std::string who = "|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid());
     EXPECT_TRUE(ssi->reportSimpleEvent(1, "quiet").isOk());
