@@ -52,22 +52,6 @@ private:
     std::weak_ptr<android::BBinder> binder_;
 };
 
-// The body of every interface's fromBinder.
-template <typename I, typename Bp>
-std::shared_ptr<I> InterfaceFromBinder(const SpAIBinder& binder) {
-    if (!binder) return nullptr;
-    if (android::BBinder* local = binder->localBinder()) {
-        if (local->getInterfaceDescriptor() != I::descriptor) return nullptr;
-        return std::static_pointer_cast<I>(local->interface());
-    }
-    std::string descriptor = binder->getInterfaceDescriptor();
-    if (descriptor != I::descriptor) {
-        LOG(ERROR) << "Binder of interface \"" << descriptor << "\" is not a " << I::descriptor;
-        return nullptr;
-    }
-    return SharedRefBase::make<Bp>(binder);
-}
-
 // The body of a classic (libbinder) interface's asInterface: the local object
 // when the binder is one, else a proxy made without asking the remote side
 // anything. Each of the proxy's calls carries the interface token, which the
@@ -81,6 +65,20 @@ std::shared_ptr<I> ClassicInterfaceFromBinder(const SpAIBinder& binder) {
         return std::static_pointer_cast<I>(local->interface());
     }
     return SharedRefBase::make<Bp>(binder);
+}
+
+// The body of every NDK interface's fromBinder: as above, but a remote binder
+// is asked for its descriptor first (once; the proxy keeps it).
+template <typename I, typename Bp>
+std::shared_ptr<I> InterfaceFromBinder(const SpAIBinder& binder) {
+    if (binder && binder->localBinder() == nullptr) {
+        const std::string descriptor = binder->getInterfaceDescriptor();
+        if (descriptor != I::descriptor) {
+            LOG(ERROR) << "Binder of interface \"" << descriptor << "\" is not a " << I::descriptor;
+            return nullptr;
+        }
+    }
+    return ClassicInterfaceFromBinder<I, Bp>(binder);
 }
 
 }  // namespace ndk
