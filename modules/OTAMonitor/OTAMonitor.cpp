@@ -39,6 +39,19 @@ constexpr char kSlotProperty[] = "ro.boot.slot_suffix";
 constexpr uint32_t kVersionCodeV2 = 8192;
 constexpr uint32_t kVersionCodeV3 = 12288;
 
+// The partition opened with `flags` and placed at the OTA zone; not valid,
+// after `func`'s line saying why, when either step failed.
+unique_fd OpenZone(int flags, const char* func) {
+    unique_fd fd(bb::OpenPartition(flags));
+    if (!fd.ok()) {
+        ALOGE("%s: open file %s failed\n", func, paths::Get(paths::kBlackbox).c_str());
+    } else if (lseek(fd.get(), static_cast<off_t>(bb::kOtaZoneOffset), SEEK_SET) < 0) {
+        ALOGE("%s: lseek ota record zone offset failed", func);
+        fd.reset();
+    }
+    return fd;
+}
+
 // Copies `text` into a NUL-terminated field, cut to what it holds.
 template <size_t N>
 void SetField(char (&field)[N], const std::string& text) {
@@ -110,17 +123,9 @@ int get_black_box_version() {
 
 int check_black_box_ota_record_zone() {
     static constexpr char kFunc[] = "check_black_box_ota_record_zone";
-    const std::string path = paths::Get(paths::kBlackbox);
     bb::OtaRecordZone& zone = ota_record_zone();
-    unique_fd fd(bb::OpenPartition(O_RDWR));
-    if (!fd.ok()) {
-        ALOGE("%s: open file %s failed\n", kFunc, path.c_str());
-        return -1;
-    }
-    if (lseek(fd.get(), static_cast<off_t>(bb::kOtaZoneOffset), SEEK_SET) < 0) {
-        ALOGE("%s: lseek ota record zone offset failed", kFunc);
-        return -1;
-    }
+    unique_fd fd = OpenZone(O_RDWR, kFunc);
+    if (!fd.ok()) return -1;
     if (!android::base::ReadFully(fd.get(), &zone, sizeof(zone))) {
         ALOGE("%s: read ota record zone failed", kFunc);
         return -1;
@@ -157,16 +162,8 @@ int check_black_box_ota_record_zone() {
 
 int write_ota_record_zone_to_black_box() {
     static constexpr char kFunc[] = "write_ota_record_zone_to_black_box";
-    const std::string path = paths::Get(paths::kBlackbox);
-    unique_fd fd(bb::OpenPartition(O_WRONLY));
-    if (!fd.ok()) {
-        ALOGE("%s: open file %s failed\n", kFunc, path.c_str());
-        return -1;
-    }
-    if (lseek(fd.get(), static_cast<off_t>(bb::kOtaZoneOffset), SEEK_SET) < 0) {
-        ALOGE("%s: lseek ota record zone offset failed", kFunc);
-        return -1;
-    }
+    unique_fd fd = OpenZone(O_WRONLY, kFunc);
+    if (!fd.ok()) return -1;
     if (!android::base::WriteFully(fd.get(), &ota_record_zone(), sizeof(bb::OtaRecordZone)) || fsync(fd.get()) != 0) {
         ALOGE("%s: write ota record zone failed", kFunc);
         return -1;

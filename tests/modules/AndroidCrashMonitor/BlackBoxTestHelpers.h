@@ -14,6 +14,7 @@
 
 #include "tests/support/Bytes.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WaitFor.h"
 
 // Partition images for the crash monitor's suite: sparse files of the real
 // size, records read and written at their offsets, and containers decrypted
@@ -77,14 +78,6 @@ inline std::string DecryptWithOpenssl(const std::string& container) {
     return tarnis_test::ReadFile(dir.Sub("plain")).substr(0, plain);
 }
 
-// Real time, for what other threads and processes do: true once `done`.
-inline bool WaitFor(const std::function<bool()>& done, int timeoutMs = 10000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
-}
+using tarnis_test::WaitFor;
 
 }  // namespace blackbox_test

@@ -27,6 +27,7 @@
 #include "modules/BootMonitor/BootFailReport.h"
 #include "modules/BootMonitor/BootMonitorThread.h"
 #include "tests/support/ModuleTest.h"
+#include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
 
 namespace {
@@ -269,10 +270,7 @@ TEST_F(BootMonitorTest, TrapModeCapturesEveryIntervalUntilStopped) {
     WriteFile(Device("/cache/recovery/last_trap"), "true 30\n");
     WriteFile(count_, "2");
     std::thread loop([this] { EXPECT_EQ(monitor_.threadLoop(), 0); });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (log_.Count("(trap mode) boot time: ") < 3 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    tarnis_test::WaitFor([this] { return log_.Count("(trap mode) boot time: ") >= 3; });
     monitor_.Stop();
     loop.join();
     EXPECT_TRUE(log_.HasLine("(trap mode) boot time: 60 seconds\n", kBm, kI));
@@ -324,10 +322,7 @@ TEST_F(BootMonitorTest, DisabledModuleRemovesItselfWhileTheListenerGoesOn) {
         GTEST_SKIP() << "this kernel speaks the boot-watchdog protocol";
     }
     const std::string line = std::string("create netlink socket error: ") + strerror(errno);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!log_.HasLine(line, kBfr, kE) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    tarnis_test::WaitFor([&] { return log_.HasLine(line, kBfr, kE); });
     EXPECT_TRUE(log_.HasLine(line, kBfr, kE));
 }
 

@@ -29,6 +29,7 @@
 #include "framework/TarnisLooperManager.h"
 #include "modules/LogManager/LogManager.h"
 #include "tests/support/ModuleTest.h"
+#include "tests/support/WaitFor.h"
 #include "utils/FileUtil.h"
 
 namespace {
@@ -133,10 +134,7 @@ protected:
     // `dir` ran `count` times in all, then for what it posted.
     void WaitChecks(const std::string& dir, size_t count) {
         const std::string line = "[operator()] CheckAndClean " + std::string(kBsp) + "/" + dir;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (log_.Count(line, kTag) < count && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        tarnis_test::WaitFor([&] { return log_.Count(line, kTag) >= count; });
         ASSERT_GE(log_.Count(line, kTag), count) << line;
         Settle();
     }
@@ -570,11 +568,7 @@ TEST_F(LogManagerTest, SdcardDirectoriesAreCleanedOnceTheSdcardAppears) {
                              ANDROID_LOG_INFO));
     EXPECT_EQ(List(Device("/sdcard/demo_card")), (std::vector<std::string>{"2025-11-23_10-00-02"}));
     Write(Device("/sdcard/demo_card/2025-11-23_10-00-03"), "3");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (log_.Count("[operator()] CheckAndClean /sdcard/demo_card", kTag) < 1 &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    tarnis_test::WaitFor([this] { return log_.Count("[operator()] CheckAndClean /sdcard/demo_card", kTag) >= 1; });
     Settle();
     EXPECT_EQ(List(Device("/sdcard/demo_card")), (std::vector<std::string>{"2025-11-23_10-00-03"}));
 }

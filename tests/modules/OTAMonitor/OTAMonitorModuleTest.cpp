@@ -15,7 +15,10 @@
 
 #include "modules/OTAMonitor/OTAMonitor.h"
 #include "tests/support/ModuleTest.h"
+#include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
+
+using tarnis_test::WaitFor;
 
 namespace {
 
@@ -52,14 +55,6 @@ protected:
         EXPECT_EQ(pread(fd, &zone, sizeof(zone), bb::kOtaZoneOffset), static_cast<ssize_t>(sizeof(zone)));
         close(fd);
         return zone;
-    }
-    static bool WaitFor(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return true;
     }
     // Sets the status and waits until the monitor has handled it and waits
     // for `next` for the `count`-th time.

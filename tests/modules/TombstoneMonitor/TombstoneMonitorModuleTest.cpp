@@ -13,6 +13,9 @@
 #include <log/log.h>
 
 #include "tests/support/ModuleTest.h"
+#include "tests/support/WaitFor.h"
+
+using tarnis_test::WaitFor;
 
 namespace {
 
@@ -29,15 +32,6 @@ protected:
         ASSERT_TRUE(tarnis_test::WriteFile(outside_, "keep"));
     }
 
-    // Real time for what real threads do (inotify events), bounded.
-    static bool WaitFor(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return true;
-    }
     // Moves the test clock a second at a time until `done`; the clock time it took.
     int64_t AdvanceUntil(const std::function<bool()>& done) {
         const int64_t start = clock_.SteadyNowMs();
