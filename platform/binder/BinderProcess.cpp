@@ -522,17 +522,21 @@ bool BinderProcess::account(Connection& conn) {
     return false;
 }
 
-bool BinderProcess::acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message) {
+BinderProcess::Work BinderProcess::acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message) {
     std::lock_guard<std::mutex> lock(workLock_);
     UidWork& work = work_[conn->uid];
     if (work.busy < uidWorkCapLocked()) {
         ++work.busy;
-        return true;
+        return Work::kGranted;
     }
+    // Settled before the connection is queued: from then on the thread that
+    // releaseWork wakes may own it at any moment. The buffer only shrank, so
+    // this stays within every budget.
+    if (!account(*conn)) return Work::kClosed;
     conn->pending = std::make_unique<WireMessage>(std::move(message));
     conn->state = Connection::State::kDeferred;
     work.deferred.push_back(conn);
-    return false;
+    return Work::kDeferred;
 }
 
 void BinderProcess::releaseWork(uid_t uid) {
@@ -587,10 +591,9 @@ BinderProcess::Outcome BinderProcess::readAndServe(const std::shared_ptr<Connect
                 return Outcome::kClosed;
             }
             if (result == WireDecoder::Result::kNeedMore) break;
-            if (!acquireWork(shared, message)) {
-                account(conn);  // the buffer only shrank: within every budget
-                return Outcome::kDeferred;
-            }
+            Work work = acquireWork(shared, message);
+            if (work == Work::kClosed) return Outcome::kClosed;
+            if (work == Work::kDeferred) return Outcome::kDeferred;
             bool ok = serveOne(conn, message);
             releaseWork(conn.uid);
             if (!ok) return Outcome::kClosed;

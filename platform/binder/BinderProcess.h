@@ -120,9 +120,11 @@ private:
     Outcome readAndServe(const std::shared_ptr<Connection>& conn, bool resumed);
     bool serveOne(Connection& conn, WireMessage& message);
     bool account(Connection& conn);
-    // False when the uid has its share of threads busy: `message` then waits
-    // in the connection for a thread that releaseWork hands it.
-    bool acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message);
+    enum class Work { kGranted, kDeferred, kClosed };
+    // kDeferred when the uid has its share of threads busy: `message` then
+    // waits in the connection for a thread that releaseWork hands it, and
+    // the caller must not touch the connection again.
+    Work acquireWork(const std::shared_ptr<Connection>& conn, WireMessage& message);
     void releaseWork(uid_t uid);
     void closeConnection(Connection& conn, const std::string& why);
     void logClose(const Connection& conn, const std::string& why);
@@ -146,7 +148,8 @@ private:
     std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
     std::unordered_map<std::string, uint64_t> serviceIds_;
     // The threads each uid occupies and its waiting transactions: taken twice
-    // per transaction, so apart from lock_.
+    // per transaction, so apart from lock_. When both are held, workLock_ is
+    // taken first.
     std::mutex workLock_;
     std::unordered_map<uid_t, UidWork> work_;
     std::deque<std::shared_ptr<Connection>> ready_;
