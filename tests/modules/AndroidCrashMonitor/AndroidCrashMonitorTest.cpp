@@ -357,8 +357,9 @@ TEST_F(AndroidCrashMonitorTest, MpDeviceWaitsForBootCompletionThenFollowsTheClou
     AndroidCrashMonitorThread worker;
     bool encrypt = false;
     std::thread handler([&] { worker.HandleFatalDb(&encrypt); });
+    EXPECT_TRUE(WaitFor([] { return GetProperty("vendor.blackbox.write.status", "") == "writing"; }));
+    // Still waiting for the boot to complete: nothing written yet.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(GetProperty("vendor.blackbox.write.status", ""), "writing");
     EXPECT_FALSE(log_.Contains("write_fw_db_to_blackbox", kTag));
     SetProperty("sys.boot_completed", "1");
     handler.join();
