@@ -319,7 +319,9 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
     ASSERT_TRUE(WaitFor([] { return GetProperty("vendor.debug.mtk.aee.db", "") == "null"; }));
     ASSERT_TRUE(WaitFor([&] { return log_.HasLine("begin update_proc_crash_module", kTag); }));
     EXPECT_TRUE(HasInfo("threadLoop: monitored IN_CLOSE_WRITE event,  begin write fw db to blackbox"));
-    EXPECT_NE(Dump({"AndroidCrashMonitor"}).find("fatal dbs handled: 1\n"), std::string::npos);
+    // Counted once the database is wholly handled, just after its properties.
+    EXPECT_TRUE(WaitFor(
+        [&] { return Dump({"AndroidCrashMonitor"}).find("fatal dbs handled: 1\n") != std::string::npos; }));
 
     int status = -1;
     std::string out = Tool(partition_, &status);
