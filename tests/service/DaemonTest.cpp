@@ -23,6 +23,7 @@
 #include "service/TarnisSsiImpl.h"
 #include "tests/service/DaemonProcess.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WaitFor.h"
 
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
 using tarnis_test::Ctl;
@@ -33,6 +34,7 @@ using tarnis_test::StartDaemon;
 using tarnis_test::StopDaemon;
 using tarnis_test::WaitServing;
 using tarnis_test::TempDir;
+using tarnis_test::WaitFor;
 
 namespace {
 
@@ -74,8 +76,13 @@ TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
     ASSERT_TRUE(WaitServing(root));
     const std::string ctl = Ctl(root);
     int status = -1;
-    // Every module of the daemon (ten) is listed, and each one runs.
-    const std::string modules = RunShell(ctl + " dump ModuleManager dump", &status);
+    // Every module of the daemon (ten) is listed, and each one runs once the
+    // load, which the service does not wait for, is through.
+    std::string modules;
+    WaitFor([&] {
+        modules = RunShell(ctl + " dump ModuleManager dump", &status);
+        return modules.find("Stopped") == std::string::npos;
+    });
     const std::string header = "Current Modules:\n-------------------------\nName \t\t Status\n";
     ASSERT_EQ(modules.substr(0, header.size()), header);
     int listed = 0;
