@@ -215,7 +215,10 @@ TEST_F(OTAMonitorModuleTest, WithoutAUsablePartitionTheModuleEnds) {
     EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox partition is not existed, return directly!", kTag,
                              ANDROID_LOG_ERROR));
 
-    // A version-1 partition has no zone.
+    // A version-1 partition has no zone. The module shows as stopped a moment
+    // before its removal is through, and only then can it be loaded again.
+    ASSERT_TRUE(WaitFor(
+        [&] { return log_.HasLine("[~ModuleBase] Bye~ OTAMonitor", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG); }));
     MakePartition(160 << 20);
     ASSERT_EQ(Dump({"ModuleManager", "load", "OTAMonitor"}), "Load module OTAMonitor succeed!\n");
     ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }));
