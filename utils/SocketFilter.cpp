@@ -36,6 +36,8 @@ constexpr unsigned kEthHeaderLen = 14;
 constexpr unsigned kProtoIcmp = 1;
 constexpr unsigned kProtoTcp = 6;
 constexpr unsigned kIcmpHeaderLen = 8;
+// More than a socket's default receive buffer holds of small frames.
+constexpr int kMaxDrained = 4096;
 
 int hexValue(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -184,6 +186,13 @@ int SocketFilter::attach() {
     if (setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof(prog)) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "SockFilter setsockopt failed");
         return -1;
+    }
+    // From socket() to the filter, every IP packet of the interface was
+    // queued unfiltered: drop those, so the client sees only what it asked
+    // for. Bounded, so that a flood cannot hold the caller here.
+    for (int i = 0; i < kMaxDrained; ++i) {
+        char byte;
+        if (recv(fd.get(), &byte, sizeof(byte), MSG_DONTWAIT | MSG_TRUNC) < 0) break;
     }
     socket_ = fd.release();
     return socket_;

@@ -15,6 +15,7 @@
 
 #include "tests/service/DaemonProcess.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WaitFor.h"
 
 using tarnis_test::Ctl;
 using tarnis_test::ReadFile;
@@ -23,6 +24,7 @@ using tarnis_test::StartDaemon;
 using tarnis_test::StopDaemon;
 using tarnis_test::WaitServing;
 using tarnis_test::TempDir;
+using tarnis_test::WaitFor;
 using tarnis_test::WriteFile;
 
 TEST(CaptureSocketTest, DaemonBindsTheSocketAndTarnisctlGetsTheArchive) {
@@ -74,6 +76,10 @@ TEST(CaptureSocketTest, AFileThatIsNotASocketIsLeftAlone) {
     ASSERT_TRUE(WriteFile(root.Sub("dev/socket/dorvad"), "precious"));
     pid_t daemon = StartDaemon(root, "/dev/null", root.Sub("err"));
     ASSERT_TRUE(WaitServing(root));
+    // The capture server starts on its own thread, after the service answers.
+    EXPECT_TRUE(WaitFor([&] {
+        return ReadFile(root.Sub("err")).find("Failed to get socket from environment") != std::string::npos;
+    }));
     StopDaemon(daemon);
     EXPECT_EQ(ReadFile(root.Sub("dev/socket/dorvad")), "precious");
     const std::string log = ReadFile(root.Sub("err"));

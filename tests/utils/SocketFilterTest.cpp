@@ -7,9 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -162,7 +164,22 @@ TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
     std::vector<unsigned char> bytes(prefix.begin(), prefix.end());
     SocketFilter filter(nullptr, nullptr, 0, 0, IPPROTO_UDP, senderPort, port, bytes.data(),
                         static_cast<unsigned>(bytes.size()), extra, "lo");
+    // Traffic the filter refuses, flowing while the socket is made: what
+    // came before the filter must not reach the client either.
+    std::atomic<bool> quiet{false};
+    std::thread noise([&] {
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(static_cast<uint16_t>(port));
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const char text[] = "XRN1 noise";
+        while (!quiet) {
+            sendto(sender.get(), text, sizeof(text) - 1, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+        }
+    });
     unique_fd fd(filter.attach());
+    quiet = true;
+    noise.join();
     ASSERT_GE(fd.get(), 0);
 
     SendTo(sender.get(), port, "TRN1 hello, first");

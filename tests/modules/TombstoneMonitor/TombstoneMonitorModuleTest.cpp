@@ -37,6 +37,9 @@ protected:
         const int64_t start = clock_.SteadyNowMs();
         EXPECT_TRUE(WaitFor([&] {
             if (done()) return true;
+            // A second per sleep of the worker: one moved while it is between
+            // two sleeps would pass unseen.
+            clock_.WaitForWaiters(1, std::chrono::milliseconds(100));
             clock_.Advance(1000);
             return false;
         }));
@@ -145,7 +148,8 @@ TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNev
     const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load TombstoneMonitor", moduleTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] TombstoneMonitor done~", moduleTag, ANDROID_LOG_INFO));
-    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", moduleTag, ANDROID_LOG_INFO));
+    // Logged just after the removal is asked for, which may already show.
+    EXPECT_TRUE(WaitFor([&] { return log_.HasLine("[OnAllModulesLoaded] quited!!", moduleTag, ANDROID_LOG_INFO); }));
 }
 
 }  // namespace
