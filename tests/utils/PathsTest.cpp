@@ -1,6 +1,8 @@
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
+#include <fcntl.h>
+
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -11,9 +13,11 @@
 #include <host/Host.h>
 
 #include "tests/support/TempDir.h"
+#include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
 
 namespace paths = velmar::kolto::paths;
+using tarnis_test::RunShell;
 using tarnis_test::TempDir;
 
 namespace {
@@ -109,4 +113,51 @@ TEST_F(PathsTest, NoDevicePathIsSpelledOutsideTheTable) {
     std::string report;
     for (const std::string& hit : found) report += hit + "\n";
     EXPECT_TRUE(found.empty()) << "device paths spelled outside utils/Paths.h:\n" << report;
+}
+
+// Outside paths stay in their tree whichever way the walk is done: the
+// kernel's openat2 or the descriptor walk of older kernels.
+TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
+    using velmar::kolto::ConfinedPath;
+    TempDir root;
+    platform::SetRoot(root.path());
+    ASSERT_EQ(RunShell("mkdir -p " + root.Sub("data/a/b") + " " + root.Sub("outside") + " && echo s > " +
+                       root.Sub("outside/secret") + " && echo k > " + root.Sub("data/a/b/keep") + " && ln -s " +
+                       root.Sub("outside") + " " + root.Sub("data/a/link") + " && ln -s keep " +
+                       root.Sub("data/a/b/leaf") + " && mkfifo " + root.Sub("data/a/fifo")),
+              "");
+    for (bool walk : {false, true}) {
+        SCOPED_TRACE(walk ? "walk" : "openat2");
+        ConfinedPath::UseWalkForTesting(walk);
+        struct Case {
+            const char* path;
+            const char* why;  // "" when it opens
+        } cases[] = {
+            {"/data/a/b/keep", ""},
+            {"/data/a/./b/../b/keep", ""},
+            {"/data/../outside/secret", "is not below"},
+            {"/data/a/../../../outside/secret", "climbs out of"},
+            {"/data/a/link/secret", "passes through a symbolic link"},
+            {"/data/a/b/leaf", "passes through a symbolic link"},
+            {"/data/a/fifo", "is not a regular file"},
+            {"data/a/b/keep", "is not an absolute path"},
+        };
+        for (const Case& c : cases) {
+            std::string why;
+            const android::base::unique_fd fd = ConfinedPath::OpenRegular(c.path, "/data", O_RDONLY, 0, &why);
+            EXPECT_EQ(fd.ok(), c.why[0] == '\0') << c.path << ": " << why;
+            EXPECT_NE(why.find(c.why), std::string::npos) << c.path << ": " << why;
+        }
+        // Made and removed below the tree, never through the link.
+        std::string why;
+        EXPECT_FALSE(ConfinedPath::MakeDirs("/data/a/link/made", "/data", 0755, &why).ok());
+        EXPECT_FALSE(std::filesystem::exists(root.Sub("outside/made")));
+        EXPECT_TRUE(ConfinedPath::MakeDirs("/data/a/new/deeper", "/data", 0755, &why).ok()) << why;
+        EXPECT_FALSE(ConfinedPath::Remove("/data/a/link/secret", "/data", &why));
+        EXPECT_TRUE(std::filesystem::exists(root.Sub("outside/secret")));
+        EXPECT_TRUE(ConfinedPath::Remove("/data/a/b/leaf", "/data", &why)) << why;
+        EXPECT_TRUE(std::filesystem::exists(root.Sub("data/a/b/keep")));
+        ASSERT_EQ(RunShell("ln -s keep " + root.Sub("data/a/b/leaf")), "");
+    }
+    ConfinedPath::UseWalkForTesting(false);
 }
