@@ -27,6 +27,7 @@
 
 #include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
+#include "utils/TempName.h"
 
 #define LOG_TAG "Tarnis-ZipFile"
 
@@ -617,26 +618,16 @@ int ZCALLBACK CloseSynced(voidpf, voidpf stream) {
     return fclose(file) == 0 && synced ? 0 : EOF;
 }
 
-// A new file beside `path`, hidden and with a random part.
+// A new file beside `path`, under the daemon's temporary name.
 int CreateTemporary(const std::string& path, std::string* temporary) {
     const size_t slash = path.find_last_of('/');
-    const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-    // Short enough for any file system's name limit.
-    const std::string base = path.substr(dir.size()).substr(0, 200);
-    static const char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-    std::random_device random;
-    for (int attempt = 0; attempt < 32; ++attempt) {
-        std::string name = dir + "." + base + ".";
-        for (int i = 0; i < 8; ++i) name += kChars[random() % (sizeof(kChars) - 1)];
-        const int fd = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                            0666);
-        if (fd >= 0) {
-            *temporary = name;
-            return fd;
-        }
-        if (errno != EEXIST) return -1;
-    }
-    return -1;
+    const std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+    android::base::unique_fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd.ok()) return -1;
+    std::string name;
+    const int fd = TempName::CreateAt(dirFd.get(), path.substr(slash + 1), 0666, &name);
+    if (fd >= 0) *temporary = (slash == std::string::npos ? std::string() : dir) + name;
+    return fd;
 }
 
 }  // namespace
