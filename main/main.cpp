@@ -19,6 +19,7 @@
 #include "framework/ModuleManager.h"
 #include "framework/TarnisUtil.h"
 #include "service/DorvaNativeDaemon.h"
+#include "utils/dump/CaptureFile.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
 
@@ -150,6 +151,8 @@ int main(int argc, char** argv) {
     TarnisUtil::SetTarnisSsiAidl(ssi);
     TarnisUtil::SetTarnisSsiIntl(internal);
 
+    // Before the first capture can start: what killed captures left half-written goes.
+    android::CaptureFile::RemoveLeftovers();
     std::shared_ptr<android::DorvaNativeDaemon> daemon = ndk::SharedRefBase::make<android::DorvaNativeDaemon>();
     android::status_t err = android::defaultServiceManager()->addService(
         daemon->getInterfaceDescriptor(), daemon->asBinder(), false,

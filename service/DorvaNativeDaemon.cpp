@@ -15,11 +15,13 @@
 #include <log/log.h>
 
 #include "modules/RescueSpace/RescueSpaceThread.h"
+#include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
 #include "utils/SocketFilter.h"
 #include "utils/StringUtil.h"
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/CmdTool.h"
+#include "utils/dump/PersistFiles.h"
 #include "utils/wificond/NetlinkUtils.h"
 
 namespace android {
@@ -31,6 +33,13 @@ using velmar::kolto::StringUtil;
 // client can tell which check turned it away.
 binder::Status Refuse(int32_t code, const char* method, int line, const char* reason) {
     return binder::Status::fromServiceSpecificError(code, base::StringPrintf("%s:%d: %s", method, line, reason));
+}
+
+// A path that would leave its tree: the sentence goes to the log and back to
+// the caller, and nothing is touched.
+binder::Status RefusePath(const char* method, int line, const std::string& why) {
+    ALOGE("%s: %s", method, why.c_str());
+    return binder::Status::fromServiceSpecificError(-1, base::StringPrintf("%s:%d: %s", method, line, why.c_str()));
 }
 
 uid_t CallingUid() { return IPCThreadState::self()->getCallingUid(); }
@@ -105,16 +114,22 @@ binder::Status DorvaNativeDaemon::runCommand(const String16& action, const Strin
 binder::Status DorvaNativeDaemon::startDefrag() { return binder::Status::ok(); }
 
 binder::Status DorvaNativeDaemon::createFileInPersist(const String16& path, int32_t* result) {
+    std::string why;
+    if (!PersistFiles::Check(String8(path), &why)) return RefusePath("createFileInPersist", 108, why);
     *result = CaptureLogUtil::create_file_in_persist(String8(path).c_str());
     return binder::Status::ok();
 }
 
 binder::Status DorvaNativeDaemon::writeToPersistFile(const String16& path, const String16& content) {
+    std::string why;
+    if (!PersistFiles::Check(String8(path), &why)) return RefusePath("writeToPersistFile", 114, why);
     CaptureLogUtil::write_to_persist_file(String8(path).c_str(), String8(content).c_str());
     return binder::Status::ok();
 }
 
 binder::Status DorvaNativeDaemon::readFile(const String16& path, String16* content) {
+    std::string why;
+    if (!PersistFiles::Check(String8(path), &why)) return RefusePath("readFile", 120, why);
     std::string text;
     CaptureLogUtil::read_file(String8(path).c_str(), text);
     *content = String16FromUtf8(text);
@@ -189,6 +204,11 @@ binder::Status DorvaNativeDaemon::captureLogByRunCommand(const std::vector<Strin
         return Refuse(-1, "captureLogByRunCommand", 266, "No valid commands found");
     }
     const std::string path8 = String8(path);
+    std::string why;
+    std::string leaf;
+    if (!velmar::kolto::ConfinedPath::OpenParent(path8, velmar::kolto::paths::kDataMountPoint, &leaf, &why).ok()) {
+        return RefusePath("captureLogByRunCommand", 262, why);
+    }
     CaptureLogUtil::dump_by_power(keptActions, keptParams, path8.c_str(), timeoutSeconds);
     return binder::Status::ok();
 }

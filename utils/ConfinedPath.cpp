@@ -36,7 +36,13 @@ std::vector<std::string> Components(const std::string& path) {
     return names;
 }
 
-std::string Shown(const std::string& path) { return "\"" + StringUtil::ForLog(path, 256) + "\""; }
+// Callers read errno after a refusal; building the sentence must not change it.
+std::string Shown(const std::string& path) {
+    const int saved = errno;
+    std::string shown = "\"" + StringUtil::ForLog(path, 256) + "\"";
+    errno = saved;
+    return shown;
+}
 
 std::string Join(const std::vector<std::string>& names, size_t from, size_t to) {
     std::string joined;
@@ -85,7 +91,9 @@ int OpenBeneath(int topFd, const std::string& relative, int flags, mode_t mode) 
             const long fd = syscall(SYS_openat2, topFd, name, &how, sizeof(how));
             if (fd >= 0) return static_cast<int>(fd);
             if (errno == EINTR || errno == EAGAIN) continue;  // EAGAIN: a rename raced the walk
-            if (errno != ENOSYS && errno != EPERM) return -1;
+            // ENOTDIR is also what a link at the end gives with O_DIRECTORY:
+            // the walk below tells the two apart.
+            if (errno != ENOSYS && errno != EPERM && errno != ENOTDIR) return -1;
             // EPERM could be the file's own; the walk below tells them apart.
             if (errno == ENOSYS) gHaveOpenat2.store(false, std::memory_order_relaxed);
             break;
@@ -114,6 +122,7 @@ unique_fd OpenTop(const std::string& deviceTop, std::string* why) {
 
 bool ConfinedPath::Relative(const std::string& devicePath, const std::string& deviceTop, std::string* relative,
                             std::string* why) {
+    errno = EXDEV;
     if (devicePath.empty() || devicePath[0] != '/') {
         if (why != nullptr) *why = Shown(devicePath) + " is not an absolute path";
         return false;
@@ -139,6 +148,7 @@ bool ConfinedPath::Relative(const std::string& devicePath, const std::string& de
         return false;
     }
     if (relative != nullptr) *relative = Join(names, top.size(), names.size());
+    errno = 0;
     return true;
 }
 

@@ -150,6 +150,10 @@ inline constexpr char kDstateStatReset[] = "/proc/zel_kernel/trace_sched/reset_d
 // a property or a configuration file) go through here as well; relative
 // paths and paths already below the root come back unchanged.
 std::string Get(std::string_view devicePath);
+// The device path of a file-system path below the root: Get's inverse, for
+// a path a peer answered with as it sees the file system. Paths not below
+// the root come back unchanged.
+std::string DeviceOf(std::string_view path);
 // Get(choice.For(abUpdate)).
 std::string Get(const RescueOrCache& choice, bool abUpdate);
 

@@ -25,6 +25,7 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
+#include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
@@ -321,6 +322,8 @@ public:
     Packer& operator=(const Packer&) = delete;
 
     void PackPath(const std::string& path);
+    // Paths below `hostTop` are reached from it without following a link.
+    void ConfineBelow(const std::string& hostTop) { confineTop_ = hostTop; }
     // Writes everything still in flight.
     void Finish() {
         while (!steps_.empty()) WriteFront();
@@ -339,6 +342,7 @@ private:
     };
 
     void Walk(int dirFd, const std::string& dir);
+    bool PackConfined(const std::string& path, const std::string& relative);
     void PackFile(int dirFd, const char* openName, const std::string& path, std::string name);
     void ReadBlocks(int fd, const struct stat& st, const std::string& path,
                     const std::string& name);
@@ -367,10 +371,12 @@ private:
     bool entryFailed_ = false;
     uLong crc_ = 0;
     ZPOS64_T size_ = 0;
+    std::string confineTop_;
 };
 
 void Packer::PackPath(const std::string& path) {
     const std::string relative = RelativeName(path);
+    if (PackConfined(path, relative)) return;
     // A directory named in the list may be reached through a link, as the
     // caller chose it; inside it no link is followed.
     if (!FileUtil::IsDirectory(path)) {
@@ -391,6 +397,48 @@ void Packer::PackPath(const std::string& path) {
         return;
     }
     Walk(fd, path);
+}
+
+// A path below the confining tree is opened from the tree's top, component by
+// component, never through a link: checking it beforehand would leave time
+// for a directory on the way to be swapped for one. False when the path is
+// not below the tree (the caller packs it as it stands).
+bool Packer::PackConfined(const std::string& path, const std::string& relative) {
+    if (confineTop_.empty() || path.compare(0, confineTop_.size() + 1, confineTop_ + "/") != 0) return false;
+    const std::string rest = path.substr(confineTop_.size() + 1);
+    const size_t slash = rest.find_last_of('/');
+    const std::string leaf = slash == std::string::npos ? rest : rest.substr(slash + 1);
+    std::string why;
+    android::base::unique_fd top(open(confineTop_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    android::base::unique_fd parent;
+    if (top.ok()) {
+        parent = ConfinedPath::OpenAt(top.get(), slash == std::string::npos ? "" : rest.substr(0, slash),
+                                      O_RDONLY | O_DIRECTORY, 0, &why);
+    }
+    struct stat st {};
+    if (!parent.ok() || leaf.empty()) {
+        ALOGW("[%s] %s not packed: %s", "FlushFilesIfNeeded", StringUtil::ForLog(path).c_str(), why.c_str());
+        FileFailed(path);
+        return true;
+    }
+    if (fstatat(parent.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) {
+        PackFile(parent.get(), leaf.c_str(), path, relative);
+        return true;
+    }
+    if (tailDepth_ == 0) {
+        Step step;
+        step.name = StringUtil::EndsWith(relative, "/") ? relative : relative + "/";
+        step.path = path;
+        steps_.push_back(std::move(step));
+    }
+    const int fd = openat(parent.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        ALOGE("[%s] Failed to get file list on directory", "FlushFilesIfNeeded");
+        ++failures_;
+        return true;
+    }
+    Walk(fd, path);
+    return true;
 }
 
 // Depth first, in the order readdir gives, each subdirectory where it is met.
@@ -635,6 +683,8 @@ int CreateTemporary(const std::string& path, std::string* temporary) {
 ZipFile::ZipFile(std::vector<std::string> paths, int tailDepth)
     : pendingPaths_(std::move(paths)), tailDepth_(tailDepth) {}
 
+void ZipFile::ConfineBelow(const std::string& hostTop) { confineTop_ = hostTop; }
+
 ZipFile::~ZipFile() {
     // Callers close the archive themselves; this is the safety net for one
     // left open. Unlike a bare abandon, it also finishes an archive with no
@@ -763,6 +813,7 @@ unsigned WorkersFor(const std::vector<std::string>& paths) {
 
 bool ZipFile::FlushFilesIfNeeded() {
     Packer packer(static_cast<zipFile>(handle_), tailDepth_, tempPath_, WorkersFor(pendingPaths_));
+    packer.ConfineBelow(confineTop_);
     size_t taken = 0;
     while (!pendingPaths_.empty()) {
         const size_t count = std::min(kBatchSize, pendingPaths_.size());

@@ -32,6 +32,10 @@ public:
     ZipFile(const ZipFile&) = delete;
     ZipFile& operator=(const ZipFile&) = delete;
 
+    // Paths below the directory `hostTop` are the callers' clients' and are
+    // opened from it component by component, never through a link in any of
+    // them; a path that meets one is not packed.
+    void ConfineBelow(const std::string& hostTop);
     // Starts the archive that will replace `path`, closing any open one first.
     bool create(const std::string& path);
     // Writes every pending path, finishes the archive and puts it in place.
@@ -54,6 +58,7 @@ private:
     std::string path_;      // where the finished archive goes
     std::string tempPath_;  // where it is written until then
     std::unique_ptr<char[]> buffer_;
+    std::string confineTop_;
 };
 
 }  // namespace kolto

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <thread>
@@ -173,20 +174,30 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     EXPECT_EQ(Ctl("persist write " + dir + "/a HE", &status), "");
     EXPECT_EQ(Ctl("persist read " + dir + "/a", &status), "HEllo");
 
-    // A link at the name is not written through.
+    // Nothing outside the directory is made, written or read: not by "..",
+    // not through a link at the name or on the way.
     ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
     ASSERT_EQ(symlink(root_.Sub("outside").c_str(), root_.Sub("mnt/vendor/persist/stability/link").c_str()), 0);
-    EXPECT_EQ(Ctl("persist write " + dir + "/link overwritten", &status), "");
+    ASSERT_EQ(symlink(root_.path().c_str(), root_.Sub("mnt/vendor/persist/stability/up").c_str()), 0);
+    for (const char* command : {"write /mnt/vendor/persist/stability/../../../../outside X",
+                                "write /mnt/vendor/persist/stability/link X", "write /mnt/vendor/persist/stability/up/outside X",
+                                "create /mnt/vendor/persist/stability/up/made", "read /../outside", "read /data/../outside"}) {
+        const std::string said = Ctl(std::string("persist ") + command, &status);
+        EXPECT_NE(status, 0) << command;
+        EXPECT_TRUE(said.find("symbolic link") != std::string::npos || said.find("not below") != std::string::npos ||
+                    said.find("climbs out") != std::string::npos) << command << ": " << said;
+    }
     EXPECT_EQ(ReadFile(root_.Sub("outside")), "keep");
+    EXPECT_FALSE(std::filesystem::exists(root_.Sub("made")));
 
     // Files without an end, or that never answer, cost a line and no thread.
-    ASSERT_EQ(mkfifo(root_.Sub("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(root_.Sub("mnt/vendor/persist/stability/fifo").c_str(), 0600), 0);
     platform::LogCapture log;
     android::String16 content = Utf8ToUtf16("unchanged?");
     content.clear();
-    ASSERT_TRUE(daemon_->readFile(Utf8ToUtf16("/fifo"), &content).isOk());
+    ASSERT_TRUE(daemon_->readFile(Utf8ToUtf16(dir + "/fifo"), &content).isOk());
     EXPECT_TRUE(content.empty());
-    EXPECT_TRUE(log.HasLine("readFile: /fifo is not a regular file; nothing read", "dorvad", 6));
+    EXPECT_EQ(log.Count("is not a regular file; nothing read"), 1u);
 }
 
 TEST_F(DorvaNativeDaemonTest, DeviceHelpers) {

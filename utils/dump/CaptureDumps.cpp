@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/properties.h>
@@ -19,6 +20,7 @@
 #include <log/log.h>
 
 #include "utils/Clock.h"
+#include "utils/ConfinedPath.h"
 #include "utils/dump/AnrTraces.h"
 #include "utils/dump/BuildProbes.h"
 #include "utils/dump/CaptureFile.h"
@@ -87,10 +89,17 @@ void WaitForCoredump(const std::string& file) {
     const bool armed = base::GetBoolProperty("persist.sys.device_config_gki", false) ||
                        base::GetBoolProperty("persist.sys.enable_nuvi_coredump", false);
     velmar::kolto::Clock& clock = velmar::kolto::GetClock();
-    const std::string shown = StringUtil::ForLog(file);
+    const std::string shown = StringUtil::ForLog(paths::Get(file));
+    // The path is the client's: looked at below the native-crash directory only.
+    const auto look = [&file](struct stat* st) {
+        const base::unique_fd fd =
+            velmar::kolto::ConfinedPath::Open(file, paths::kNativeCrashDir, O_PATH, 0, nullptr);
+        return fd.ok() && fstat(fd.get(), st) == 0;
+    };
     if (armed) {
         for (int attempt = 1; attempt <= kCoredumpCreationTries; ++attempt) {
-            if (access(file.c_str(), F_OK) == 0) {
+            struct stat st;
+            if (look(&st)) {
                 ALOGE("coredump(%s) file has created\n", shown.c_str());
                 break;
             }
@@ -101,7 +110,7 @@ void WaitForCoredump(const std::string& file) {
     long previous = -1;
     for (int poll = 1; poll <= kCoredumpPolls; ++poll) {
         struct stat st;
-        if (stat(file.c_str(), &st) != 0) {
+        if (!look(&st)) {
             ALOGE("coredump(%s) file stat fail: %s\n", shown.c_str(), strerror(errno));
             return;
         }
@@ -213,8 +222,8 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
 
     if (type == "ne" && !files.empty()) {
         for (const String16& entry : files) {
-            const std::string file = paths::Get(String8(entry));
-            if (file.find(paths::kNativeCrashDir) != std::string::npos) WaitForCoredump(file);
+            const std::string file = String8(entry);
+            if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) WaitForCoredump(file);
         }
     }
 
@@ -258,12 +267,19 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
         ALOGE("Refusing to pack %s: its directory was moved", StringUtil::ForLog(path).c_str());
         return;
     }
-    CapturePackager::Compress(path.c_str(), where.empty() ? nullptr : where.c_str(), &files, compressTimeout,
-                              isRecordInLocal);
+    // The text goes only once an archive holds all of it, whenever the
+    // worker gets there: a full disk or a packing that fails keeps it.
     const std::string name = path.substr(path.find_last_of('/') + 1);
-    if (unlinkat(dirFd.get(), name.c_str(), 0) != 0) {
-        ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
-    }
+    auto held = std::make_shared<base::unique_fd>(fcntl(dirFd.get(), F_DUPFD_CLOEXEC, 0));
+    CapturePackager::Compress(path.c_str(), where.empty() ? nullptr : where.c_str(), &files, compressTimeout,
+                              isRecordInLocal, [held, name, path](bool complete) {
+                                  if (!complete) {
+                                      ALOGE("kept %s: its archive is not complete", StringUtil::ForLog(path).c_str());
+                                  } else if (unlinkat(held->get(), name.c_str(), 0) != 0) {
+                                      ALOGE("failed to remove %s, error: %s", StringUtil::ForLog(path).c_str(),
+                                            strerror(errno));
+                                  }
+                              });
     if (!bugreport.empty()) {
         if (remove(bugreport.c_str()) != 0) {
             ALOGE("failed to remove %s, error: %s", bugreport.c_str(), strerror(errno));
@@ -278,14 +294,26 @@ void CaptureDumps::DumpByPower(const Vector<String16>& actions, const Vector<Str
         ALOGE("dump_by_power: %zu actions but only %zu params", actions.size(), params.size());
         return;
     }
-    const std::string path = paths::Get(rawPath);
+    // The output file is the caller's to name, below the data partition and
+    // through no link; opened once, and every tool writes to what was opened.
+    // Power-off captures must be on disk before the power goes.
+    const std::string path = rawPath;
+    const int sync = path.find("dumpsys_by_power") != std::string::npos ? O_SYNC : 0;
+    std::string why;
+    const base::unique_fd out = velmar::kolto::ConfinedPath::OpenRegular(
+        path, paths::kDataMountPoint, O_WRONLY | O_CREAT | O_APPEND | sync, 0644, &why);
+    if (!out.ok()) {
+        ALOGE("dump_by_power: %s", why.c_str());
+        return;
+    }
     for (size_t i = 0; i < actions.size(); ++i) {
         const std::string action = String8(actions[i]);
         const std::string param = String8(params[i]);
         if (IsSupportAction(action)) {
-            ALOGE("dump begin path=%s (%s %s)", StringUtil::ForLog(path).c_str(), StringUtil::ForLog(action).c_str(),
+            ALOGE("dump begin path=%s (%s %s)", StringUtil::ForLog(paths::Get(path)).c_str(),
+                  StringUtil::ForLog(action).c_str(),
                   StringUtil::ForLog(param).c_str());
-            CommandRunner::Run(ActionCommand(action, param), path.c_str(), timeoutSeconds);
+            CommandRunner::RunInto(ActionCommand(action, param), out.get(), path.c_str(), timeoutSeconds);
         } else {
             ALOGE("dump_by_power: action '%s' not in SUPPORT_ACTION whitelist, skipping",
                   StringUtil::ForLog(action).c_str());
@@ -308,9 +336,15 @@ void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, co
     for (const DumpData& trace : anr.traces()) {
         attachments.push_back(String16FromUtf8(std::string(paths::kAnrDir) + trace.name));
     }
-    if (CapturePackager::Compress(path.c_str(), outDir.c_str(), &attachments, kForActionsCompressSeconds, false) == 0) {
-        if (remove(path.c_str()) != 0) ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
-    } else {
+    const auto removeText = [path](bool complete) {
+        if (!complete) {
+            ALOGE("kept %s: its archive is not complete", StringUtil::ForLog(path).c_str());
+        } else if (remove(path.c_str()) != 0) {
+            ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+        }
+    };
+    if (CapturePackager::Compress(path.c_str(), outDir.c_str(), &attachments, kForActionsCompressSeconds, false,
+                                  removeText) != 0) {
         // The archive may come late or not at all: the text and the uid
         // errors stay beside it.
         const std::string copy = outDir + "/uiderrors.txt";

@@ -2,6 +2,7 @@
 
 #include "utils/dump/CaptureFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -24,6 +25,7 @@
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
+#include "utils/TempName.h"
 
 namespace android {
 namespace {
@@ -140,6 +142,10 @@ std::string CaptureFile::SanitizeHeadline(const std::string& headline) {
 }
 
 bool CaptureFile::IsPlainName(const std::string& type) {
+    // A control byte would let the name forge lines wherever it is logged.
+    for (char c : type) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
+    }
     return !type.empty() && type != "." && type != ".." && type.find('/') == std::string::npos;
 }
 
@@ -201,15 +207,27 @@ bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, 
     return true;
 }
 
+// A capture text left by a capture that was killed, or planted in the
+// world-writable directory, is taken for stale once no capture could still
+// be writing it: past the longest packing time and then some.
+static bool IsStaleText(int dirFd, const std::string& name) {
+    struct stat st;
+    if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    return time(nullptr) - st.st_mtime > CaptureFile::kStaleTextSeconds;
+}
+
 // Picks the offline slot: the first whose archive is absent, else the one
-// with the oldest archive (the earliest slot on a tie).
-int CaptureFile::ChooseOfflineSlot(int dirFd, const std::string& type) {
+// with the oldest archive (the earliest slot on a tie). A slot whose text a
+// running capture still writes is passed over, so two captures never share
+// one.
+int CaptureFile::ChooseOfflineSlot(int dirFd, const std::string& type, const std::string& headline) {
     int oldest = -1;
     struct timespec oldestTime = {0, 0};
     for (int slot = 0; slot < kOfflineSlots; ++slot) {
-        const std::string zip = base::StringPrintf("%s_%d", type.c_str(), slot) + ".zip";
+        const std::string text = base::StringPrintf("%s_%s_%d", type.c_str(), headline.c_str(), slot);
         struct stat st;
-        if (fstatat(dirFd, zip.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (fstatat(dirFd, text.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !IsStaleText(dirFd, text)) continue;
+        if (fstatat(dirFd, (text + ".zip").c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT) return slot;
             continue;
         }
@@ -229,24 +247,36 @@ int CaptureFile::ChooseOfflineSlot(int dirFd, const std::string& type) {
 std::string CaptureFile::Create(int dirFd, const std::string& logDir, const std::string& type,
                                 const std::string& headline, bool offline, int id, bool useId,
                                 base::unique_fd* fd) {
+    // Created exclusively in both cases: a capture never writes into
+    // another's text. A stale text in the way is removed once.
+    const int flags = O_CREAT | O_EXCL | O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC;
     std::string name;
-    int flags = O_CREAT | O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC;
-    if (offline) {
-        const int slot = ChooseOfflineSlot(dirFd, type);
-        name = base::StringPrintf("%s_%s_%d", type.c_str(), headline.c_str(), slot);
-        flags |= O_EXCL;
-    } else {
-        const std::string idText = (id >= -2 && useId) ? std::to_string(id) : "null";
-        const time_t now = time(nullptr);
-        srand(static_cast<unsigned>(now));
-        name = base::StringPrintf("%s_%s_%s_%s_%s_%lu_%d", idText.c_str(), type.c_str(), headline.c_str(),
-                                  base::GetProperty("ro.product.device", "").c_str(),
-                                  base::GetProperty("ro.build.version.incremental", "unknown").c_str(),
-                                  static_cast<unsigned long>(now), rand());
-        flags |= O_TRUNC;
+    for (int attempt = 0; attempt < 8 && !fd->ok(); ++attempt) {
+        if (offline) {
+            name = base::StringPrintf("%s_%s_%d", type.c_str(), headline.c_str(),
+                                      ChooseOfflineSlot(dirFd, type, headline));
+        } else {
+            // The random part comes from the kernel: two captures of one
+            // type and headline in the same second get names of their own.
+            const std::string idText = (id >= -2 && useId) ? std::to_string(id) : "null";
+            const time_t now = time(nullptr);
+            uint32_t random = 0;
+            const std::string bytes = velmar::kolto::TempName::Random(9);
+            for (char c : bytes) random = random * 31 + static_cast<unsigned char>(c);
+            name = base::StringPrintf("%s_%s_%s_%s_%s_%lu_%d", idText.c_str(), type.c_str(), headline.c_str(),
+                                      base::GetProperty("ro.product.device", "").c_str(),
+                                      base::GetProperty("ro.build.version.incremental", "unknown").c_str(),
+                                      static_cast<unsigned long>(now), static_cast<int>(random & 0x7fffffff));
+        }
+        fd->reset(TEMP_FAILURE_RETRY(openat(dirFd, name.c_str(), flags, 0600)));
+        if (!fd->ok() && errno == EEXIST && IsStaleText(dirFd, name)) {
+            ALOGW("removing stale capture text %s", StringUtil::ForLog(logDir + "/" + name).c_str());
+            unlinkat(dirFd, name.c_str(), 0);
+        } else if (!fd->ok() && errno != EEXIST) {
+            break;
+        }
     }
     const std::string path = logDir + "/" + name;
-    fd->reset(openat(dirFd, name.c_str(), flags, 0600));
     if (!fd->ok()) {
         ALOGE("failed to open tombstone file '%s': %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         return "";
@@ -254,6 +284,23 @@ std::string CaptureFile::Create(int dirFd, const std::string& logDir, const std:
     if (fchown(fd->get(), kSystemUid, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
     fchmod(fd->get(), 0666);
     return path;
+}
+
+void CaptureFile::RemoveLeftovers() {
+    using velmar::kolto::TempName;
+    int removed = TempName::RemoveLeftovers(WithoutTrailingSlashes(paths::Get(paths::kLocalRecordDir)));
+    const std::string base = WithoutTrailingSlashes(paths::Get(paths::kDorvaDir));
+    base::unique_fd baseFd(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(baseFd.ok() ? fdopendir(dup(baseFd.get())) : nullptr, closedir);
+    while (dir) {
+        struct dirent* entry = readdir(dir.get());
+        if (entry == nullptr) break;
+        if (!IsPlainName(entry->d_name)) continue;
+        for (const char* leaf : {"online", "offline"}) {
+            removed += TempName::RemoveLeftovers(base + "/" + entry->d_name + "/" + leaf);
+        }
+    }
+    if (removed > 0) ALOGI("removed %d unfinished archives of earlier captures", removed);
 }
 
 bool CaptureFile::StillInPlace(int dirFd, const std::string& logDir) {

@@ -35,7 +35,8 @@ public:
     // Creates the capture file in the open directory `dirFd` (`logDir`),
     // owned by the system user with mode 0666 and open for appending in
     // `fd`, and returns its path ("" on failure). Offline captures rotate
-    // through five slots; online ones get a name of their own.
+    // through five slots; online ones get a name of their own. The file is
+    // always new: a stale text in the way (see kStaleTextSeconds) is removed.
     static std::string Create(int dirFd, const std::string& logDir, const std::string& type,
                               const std::string& headline, bool offline, int id, bool useId, base::unique_fd* fd);
     // True while `logDir` still names the directory open in `dirFd`.
@@ -51,8 +52,16 @@ public:
     // Appends `text`.
     static void Append(const std::string& path, const std::string& text);
 
+    // Removes the unfinished archives that killed captures left in the
+    // capture directories; run once as the daemon starts.
+    static void RemoveLeftovers();
+
+    // A capture text this old is no capture's any more: the longest packing
+    // (ten minutes, four more per core dump) is long over.
+    static constexpr long kStaleTextSeconds = 3600;
+
 private:
-    static int ChooseOfflineSlot(int dirFd, const std::string& type);
+    static int ChooseOfflineSlot(int dirFd, const std::string& type, const std::string& headline);
 };
 
 }  // namespace android

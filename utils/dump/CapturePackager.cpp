@@ -27,6 +27,7 @@
 #include "utils/dump/CaptureFile.h"
 #include "utils/dump/CmdTool.h"
 #include "utils/dump/DirectoryHelpers.h"
+#include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
@@ -38,6 +39,7 @@ namespace {
 
 namespace paths = velmar::kolto::paths;
 using velmar::kolto::FileUtil;
+using velmar::kolto::StringUtil;
 using velmar::kolto::ZipFile;
 
 constexpr char kCompressTag[] = "Tarnis-CaptureLogUtils";
@@ -75,6 +77,7 @@ struct CompressJob {
     std::mutex lock;
     std::condition_variable finished;
     std::function<void()> beforePack;
+    std::function<void(bool)> afterPack;
 };
 
 // Binds the calling thread to CPUs 0 to 5, or to those of them this machine
@@ -98,11 +101,12 @@ void RunCompressJob(const std::shared_ptr<CompressJob>& job) {
     pthread_setname_np(pthread_self(), "CaptureLog_Comp");
     BindToFirstCpus();
     if (job->beforePack) job->beforePack();
-    ALOGD("_compress fullPath %s", job->zipPath.c_str());
+    ALOGD("_compress fullPath %s", StringUtil::ForLog(job->zipPath).c_str());
+    bool complete = false;
     if (!job->zip->create(job->zipPath)) {
         __android_log_print(ANDROID_LOG_ERROR, kCompressTag, "[%s] Create new zip failed!!", "_compress");
     } else {
-        job->zip->close();
+        complete = job->zip->close();
         base::unique_fd fd(open(job->zipPath.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
         if (!fd.ok()) {
             __android_log_print(ANDROID_LOG_ERROR, kCompressTag,
@@ -112,6 +116,7 @@ void RunCompressJob(const std::shared_ptr<CompressJob>& job) {
         }
         FileUtil::ChangeMode(job->zipPath, 0777);
     }
+    if (job->afterPack) job->afterPack(complete);
     {
         std::lock_guard<std::mutex> guard(job->lock);
         job->done.store(true);
@@ -126,6 +131,11 @@ void* CompressThreadMain(void* arg) {
 }
 
 bool Contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
+
+std::string WithoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
 
 std::string FileNameOf(const std::string& path) {
     const size_t slash = path.find_last_of('/');
@@ -190,24 +200,53 @@ void RemoveLinkAt(const std::string& path) {
 }
 
 // Packed native-crash files go, unless a test build or a developer keeps
-// core dumps, or they are the tombstone monitor's own copies.
+// core dumps, or they are the tombstone monitor's own copies. Only what lies
+// below the native-crash directory is ever deleted, never through a link.
 void CleanNativeCrashFiles(const std::vector<std::string>& files) {
     if (ismtbftest() || base::GetBoolProperty("persist.reboot.coredump", false)) {
-        for (const std::string& file : files) ALOGE("skip delete file(%s) \n", file.c_str());
+        for (const std::string& file : files) {
+            ALOGE("skip delete file(%s) \n", StringUtil::ForLog(paths::Get(file)).c_str());
+        }
         return;
     }
     for (const std::string& file : files) {
-        const std::string keepDir =
-            paths::Get(base::GetProperty("sys.tombstone.monitor.out.dir", paths::kNativeCrashTombstoneDir));
+        const std::string keepDir = base::GetProperty("sys.tombstone.monitor.out.dir", paths::kNativeCrashTombstoneDir);
+        const std::string shown = StringUtil::ForLog(paths::Get(file));
         if (Contains(file, keepDir.c_str())) {
-            ALOGW("skip delete file(%s) \n", file.c_str());
+            ALOGW("skip delete file(%s) \n", shown.c_str());
             continue;
         }
-        ALOGE("delete file(%s) \n", file.c_str());
-        if (access(file.c_str(), F_OK) == 0 && remove(file.c_str()) != 0) {
-            ALOGW("failed to remove file(%s) \n", file.c_str());
+        ALOGE("delete file(%s) \n", shown.c_str());
+        std::string why;
+        if (!velmar::kolto::ConfinedPath::Remove(file, paths::kNativeCrashDir, &why)) {
+            ALOGW("failed to remove file(%s) \n", shown.c_str());
+            ALOGW("%s", why.c_str());
         }
     }
+}
+
+// An attachment is the client's device path: it is packed only when it
+// lies below the data partition and no link is on its way, and its mode is
+// opened up through what was opened. `file` gets it with "." and ".."
+// taken by name.
+bool AcceptAttachment(const std::string& raw, std::string* file) {
+    using velmar::kolto::ConfinedPath;
+    std::string relative;
+    std::string why;
+    if (!ConfinedPath::Relative(raw, paths::kDataMountPoint, &relative, &why)) {
+        ALOGE("attachment refused: %s", why.c_str());
+        return false;
+    }
+    *file = std::string(paths::kDataMountPoint) + "/" + relative;
+    base::unique_fd fd = ConfinedPath::Open(*file, paths::kDataMountPoint, O_RDONLY | O_NONBLOCK, 0, &why);
+    if (!fd.ok()) {
+        if (errno == ENOENT) return true;  // the packer says it is missing
+        ALOGE("attachment refused: %s", why.c_str());
+        return false;
+    }
+    int count = 0;
+    CapturePackager::OpenUp(fd.get(), paths::Get(*file), &count);
+    return true;
 }
 
 // The offline database keeps archives under a name built from fields of the
@@ -240,8 +279,9 @@ void CopyToLocalRecord(const std::string& zipPath) {
     SetOwnerAndMode(recordDir, kSystemUid, 0777);
     // --remove-destination: a link planted at the copy's name in this
     // world-writable directory is replaced, never written through.
-    const std::string params = "-p,--remove-destination," + zipPath + "," + recordDir;
-    CmdTool::run_command_lite("cp", params.c_str(), kLocalRecordCopySeconds);
+    // The paths go apart and after "--": a headline's commas or a leading
+    // "-" never become options.
+    CmdTool::run_command_lite({"cp", "-p", "--remove-destination", "--", zipPath, recordDir}, kLocalRecordCopySeconds);
     ALOGE("copy %s", zipPath.c_str());
 }
 
@@ -255,30 +295,49 @@ void CapturePackager::SetHooksForTesting(std::function<void(int)> onCompress, st
 
 void CapturePackager::IncludeZipFiles(const char* path, int* count) {
     if (*count > kMaxOpenedPerAttachment) return;
-    struct stat st;
-    if (lstat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        // A link is counted but neither followed nor opened up: its target
-        // is not the capture's to change.
-        if (paths::Get(paths::kUidErrors) != path) fchmodat(AT_FDCWD, path, 0777, AT_SYMLINK_NOFOLLOW);
+    base::unique_fd fd(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    if (!fd.ok()) {
+        // A link is counted but neither followed nor opened up.
         ++*count;
         return;
     }
-    velmar::kolto::ScopedDir dir(opendir(path));
+    OpenUp(fd.get(), path, count);
+}
+
+// Through descriptors only: the file's mode is changed on what was opened,
+// and a directory's entries are opened from it, never through a link.
+void CapturePackager::OpenUp(int fd, const std::string& path, int* count) {
+    if (*count > kMaxOpenedPerAttachment) return;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        if (S_ISREG(st.st_mode) && paths::Get(paths::kUidErrors) != path) fchmod(fd, 0777);
+        ++*count;
+        return;
+    }
+    velmar::kolto::ScopedDir dir(fdopendir(fcntl(fd, F_DUPFD_CLOEXEC, 0)));
     if (!dir) {
-        ALOGE("Error in open dir %s", path);
+        ALOGE("Error in open dir %s", StringUtil::ForLog(path).c_str());
         return;
     }
     std::vector<std::string> children;
     while (struct dirent* entry = readdir(dir.get())) {
         if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-        children.push_back(std::string(path) + "/" + entry->d_name);
+        children.push_back(entry->d_name);
     }
-    dir.reset();
-    for (const std::string& child : children) IncludeZipFiles(child.c_str(), count);
+    for (const std::string& child : children) {
+        if (*count > kMaxOpenedPerAttachment) return;
+        base::unique_fd childFd(
+            TEMP_FAILURE_RETRY(openat(fd, child.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+        if (!childFd.ok()) {
+            ++*count;
+            continue;
+        }
+        OpenUp(childFd.get(), path + "/" + child, count);
+    }
 }
 
 int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
-                                         int timeoutSeconds) {
+                                         int timeoutSeconds, std::function<void(bool)> afterPack) {
     std::vector<std::string> packing;
     if (files != nullptr) {
         for (const String16& file : *files) packing.push_back(paths::Get(String8(file)));
@@ -295,7 +354,10 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
 
     auto job = std::make_shared<CompressJob>();
     job->zip = std::make_shared<ZipFile>(std::move(packing), 2);
+    // Attachments are the client's: below the data partition, no link on the way is followed.
+    job->zip->ConfineBelow(WithoutTrailingSlash(paths::Get(paths::kDataMountPoint)));
     job->zipPath = zipPath;
+    job->afterPack = std::move(afterPack);
     {
         std::lock_guard<std::mutex> guard(HooksLock());
         job->beforePack = BeforePackStore();
@@ -322,26 +384,25 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
 }
 
 int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<String16>* files, int timeoutSeconds,
-                              bool isRecordInLocal) {
+                              bool isRecordInLocal, std::function<void(bool)> afterPack) {
     const std::string path = paths::Get(rawPath);
     std::string zipPath = ArchivePath(path, rawWhere);
 
     int timeout = timeoutSeconds;
     bool hasGbg = false;
     std::vector<std::string> nativeCrashFiles;
+    Vector<String16> accepted;
     if (files != nullptr) {
         for (const String16& entry : *files) {
-            const std::string file = paths::Get(String8(entry));
+            std::string file;
+            if (!AcceptAttachment(paths::DeviceOf(String8(entry)), &file)) continue;
+            accepted.push_back(String16FromUtf8(file));
             // Core dumps are large: each native crash gets four more minutes.
-            if (Contains(file, paths::kNativeCrashDir)) {
+            if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) {
                 timeout += kNativeCrashExtraSeconds;
                 nativeCrashFiles.push_back(file);
             }
             if (Contains(file, "gbg")) hasGbg = true;
-            if (access(file.c_str(), F_OK) == 0) {
-                int count = 0;
-                IncludeZipFiles(file.c_str(), &count);
-            }
         }
     }
 
@@ -352,13 +413,12 @@ int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<
     }
     if (observer) observer(timeout);
     RemoveLinkAt(zipPath);
-    const int result = CompressWithTimeout(zipPath, path, files, timeout);
+    const int result = CompressWithTimeout(zipPath, path, &accepted, timeout, std::move(afterPack));
 
     if (hasGbg) {
         // -T: a link to a directory planted at the new name is replaced,
         // not taken for a directory to move the archive into.
-        const std::string params = "-T," + zipPath + "," + zipPath + ".mtk";
-        CmdTool::run_command_lite("mv", params.c_str(), timeout);
+        CmdTool::run_command_lite({"mv", "-T", "--", zipPath, zipPath + ".mtk"}, timeout);
         zipPath += ".mtk";
     }
     if (Contains(path, "_ne_") && !nativeCrashFiles.empty()) CleanNativeCrashFiles(nativeCrashFiles);

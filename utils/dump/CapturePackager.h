@@ -14,17 +14,23 @@ namespace android {
 class CapturePackager {
 public:
     // 0 when the worker finished within the time-out, -1 when it did not
-    // (it then finishes the archive on its own).
+    // (it then finishes the archive on its own). Attachments are packed only
+    // from below the data partition, through no link. `afterPack`, when
+    // given, runs on the worker once the archive is finished or given up,
+    // told whether it is complete: in time or late, the caller's text can
+    // go only then.
     static int Compress(const char* path, const char* where, Vector<String16>* files, int timeoutSeconds,
-                        bool isRecordInLocal);
+                        bool isRecordInLocal, std::function<void(bool complete)> afterPack = nullptr);
     // Starts the worker on `zipPath` and waits for it up to the time-out.
     // Paths are file-system paths.
     static int CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
-                                   int timeoutSeconds);
+                                   int timeoutSeconds, std::function<void(bool complete)> afterPack = nullptr);
     // Opens an attachment up for reading (mode 0777): a file, or the files of
     // a directory tree, at most 16 counted through `count`. Links are
     // counted, never followed.
     static void IncludeZipFiles(const char* path, int* count);
+    // The same for the open file or directory `fd` at `path`.
+    static void OpenUp(int fd, const std::string& path, int* count);
 
     // `onCompress` sees the time-out of each packing before it starts;
     // `beforePack` runs on the worker before it packs (to make it slow).

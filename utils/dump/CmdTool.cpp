@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <log/log.h>
@@ -25,8 +26,7 @@ namespace {
 #define CMDTOOL "dorvad cmdtool "
 
 constexpr size_t kParamBufferSize = 1024;
-constexpr size_t kArgSlots = 1024;
-constexpr size_t kMaxParams = kArgSlots - 2;
+constexpr size_t kMaxParams = 1022;
 
 // What the child needs, made before it starts: it may not allocate or take
 // a lock.
@@ -74,27 +74,41 @@ int CmdTool::run_command_lite(const char* program, const char* params, int timeo
         return -1;
     }
     if (params == nullptr) params = "";
-
-    // The daemon is multi-threaded: the child may not allocate or take locks,
-    // so the argument array is split here and the child only execs it.
+    std::vector<std::string> args{program};
     const size_t paramLength = strlen(params);
-    // The parameters are the client's; made printable here, where
-    // allocating is still allowed.
-    const std::string paramsForLog = velmar::kolto::StringUtil::ForLog(params);
-    const bool tooLong = paramLength >= kParamBufferSize;
-    char buffer[kParamBufferSize];
-    std::vector<char*> argv(kArgSlots, nullptr);
-    argv[0] = const_cast<char*>(program);
-    if (!tooLong) {
-        memcpy(buffer, params, paramLength + 1);
-        size_t argc = 1;
-        char* save = nullptr;
-        for (char* field = strtok_r(buffer, ",", &save); field != nullptr && argc <= kMaxParams;
-             field = strtok_r(nullptr, ",", &save)) {
-            argv[argc++] = field;
+    if (paramLength < kParamBufferSize) {
+        std::string text(params);
+        size_t begin = 0;
+        while (begin <= text.size() && args.size() <= kMaxParams) {
+            size_t end = text.find(',', begin);
+            if (end == std::string::npos) end = text.size();
+            if (end > begin) args.push_back(text.substr(begin, end - begin));
+            begin = end + 1;
         }
-        argv[argc] = nullptr;
     }
+    return Run(args, params, paramLength >= kParamBufferSize, timeoutSeconds);
+}
+
+int CmdTool::run_command_lite(const std::vector<std::string>& args, int timeoutSeconds) {
+    if (args.empty()) {
+        ALOGE(CMDTOOL "*** no program to run\n");
+        return -1;
+    }
+    std::string joined;
+    for (size_t i = 1; i < args.size(); ++i) joined += (i > 1 ? "," : "") + args[i];
+    return Run(args, joined.c_str(), false, timeoutSeconds);
+}
+
+int CmdTool::Run(const std::vector<std::string>& args, const char* params, bool tooLong, int timeoutSeconds) {
+    const char* program = args[0].c_str();
+    const size_t paramLength = strlen(params);
+    // The daemon is multi-threaded: the child may not allocate or take
+    // locks, so the argument array and the printable parameters (they are
+    // the client's) are made here and the child only execs.
+    const std::string paramsForLog = velmar::kolto::StringUtil::ForLog(params);
+    std::vector<char*> argv;
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
 
     struct timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);

@@ -2,6 +2,9 @@
 
 #include <sys/types.h>
 
+#include <string>
+#include <vector>
+
 #include <utils/String16.h>
 
 namespace android {
@@ -16,11 +19,17 @@ public:
     // failure. An empty program fails at exec, as a missing one does.
     static int run_command_lite(const char* program, const char* params, int timeoutSeconds);
     static int run_command_lite(String16 program, String16 params, int timeoutSeconds);
+    // The same with the arguments already apart (program first): for paths
+    // the daemon built, which may hold commas of a client's headline.
+    static int run_command_lite(const std::vector<std::string>& args, int timeoutSeconds);
 
     // True when `pid` was reaped within the time (status stored when not
     // null); false otherwise, errno ETIMEDOUT when the time ran out and
     // EINVAL (logged) for a negative time.
     static bool waitpid_with_timeout_lite(pid_t pid, int timeoutSeconds, int* status);
+
+private:
+    static int Run(const std::vector<std::string>& args, const char* params, bool tooLong, int timeoutSeconds);
 };
 
 }  // namespace android

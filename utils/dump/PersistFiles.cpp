@@ -13,6 +13,7 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
+#include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
 
@@ -20,6 +21,7 @@ namespace android {
 namespace {
 
 namespace paths = velmar::kolto::paths;
+using velmar::kolto::ConfinedPath;
 using velmar::kolto::StringUtil;
 
 void EnsurePersistDir() {
@@ -32,17 +34,15 @@ void EnsurePersistDir() {
     mkdir(dir.c_str(), 0755);
 }
 
-// Write-only, created 0666 when absent, never truncated. Non-blocking, so that
-// a FIFO without a reader fails instead of holding a binder thread; the last
-// component is not followed, so a link planted at the name is not written
-// through.
+// Write-only, created 0666 when absent, never truncated. Found below the
+// persist directory without following a link on the way or at the name;
+// non-blocking, so that a FIFO without a reader fails instead of holding a
+// binder thread.
 base::unique_fd OpenForWrite(const std::string& path) {
-    int fd;
-    do {
-        fd = open(paths::Get(path).c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0666);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0) ALOGD("failed to open %s: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
-    return base::unique_fd(fd);
+    std::string why;
+    base::unique_fd fd = ConfinedPath::Open(path, paths::kPersistDir, O_WRONLY | O_CREAT | O_NONBLOCK, 0666, &why);
+    if (!fd.ok()) ALOGE("persist file refused: %s", why.c_str());
+    return fd;
 }
 
 }  // namespace
@@ -66,16 +66,26 @@ void PersistFiles::List(std::string& out) {
     closedir(d);
 }
 
-void PersistFiles::Read(const std::string& path, std::string& out) {
-    base::unique_fd fd(open(paths::Get(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!fd.ok()) {
-        ALOGD("failed to open %s", StringUtil::ForLog(path).c_str());
-        return;
+bool PersistFiles::Check(const std::string& path, std::string* why) {
+    std::string leaf;
+    const base::unique_fd parent = ConfinedPath::OpenParent(path, paths::kPersistDir, &leaf, why);
+    if (parent.ok()) {
+        struct stat st;
+        if (fstatat(parent.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) return true;
+        *why = "\"" + StringUtil::ForLog(path, 256) + "\" passes through a symbolic link";
+        return false;
     }
-    // A device or FIFO has no end to read to (/dev/zero) or may never answer.
-    struct stat st;
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        ALOGE("readFile: %s is not a regular file; nothing read", StringUtil::ForLog(path).c_str());
+    // A missing directory is no escape: the call itself then fails as before.
+    return errno == ENOENT;
+}
+
+void PersistFiles::Read(const std::string& path, std::string& out) {
+    // A device or FIFO has no end to read to (/dev/zero) or may never answer:
+    // only a regular file below the persist directory is read.
+    std::string why;
+    base::unique_fd fd = ConfinedPath::OpenRegular(path, paths::kPersistDir, O_RDONLY, 0, &why);
+    if (!fd.ok()) {
+        ALOGE("readFile: %s; nothing read", why.c_str());
         return;
     }
     char buffer[1022];

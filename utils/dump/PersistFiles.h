@@ -2,9 +2,9 @@
 
 #include <string>
 
-// The small files that privileged clients keep on the persist partition (and
-// any other file they name: the path is the caller's to choose). Paths are
-// device paths, mapped below the root here; the listing returns device paths.
+// The small files that privileged clients keep on the persist partition.
+// Paths are the caller's device paths and are only ever reached below the
+// stability directory, through no link; the listing returns device paths.
 namespace android {
 
 class PersistFiles {
@@ -12,6 +12,9 @@ public:
     // Appends the stability directory's entries to `out`, comma-separated;
     // creates the directory (leaving `out` as it is) when it is missing.
     static void List(std::string& out);
+    // True when `path` lies below the stability directory with no link on
+    // its way; else false with the sentence that says why.
+    static bool Check(const std::string& path, std::string* why);
     // Appends the file's text to `out`.
     static void Read(const std::string& path, std::string& out);
     // 0 when `path` exists afterwards, -1 otherwise.

@@ -164,27 +164,33 @@ TEST_F(CaptureDumpsTest, RefusesMismatchedListsAndOverlongPaths) {
     EXPECT_EQ(Names("/data/dorva"), std::string(87, 't') + "\n");
 }
 
-TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlots) {
-    const std::string dir = "/data/dorva//hangTemp/offline";
-    RunShell("mkdir -p '" + Path(dir) + "'");
-    // Slots 0..4 all taken; slot 3's archive is the oldest.
-    for (int slot = 0; slot < 5; ++slot) {
-        const std::string zip = Path(dir + "/hangTemp_" + std::to_string(slot) + ".zip");
-        WriteFile(zip, "zip");
-        struct utimbuf times = {1000000 + slot * 10, slot == 3 ? 500000 : 1000000 + slot * 10};
-        utime(zip.c_str(), &times);
-    }
-    DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
-    EXPECT_NE(Names(dir).find("hangTemp_hX1_3\n"), std::string::npos) << Names(dir);
-    // A free slot is taken first.
-    unlink(Path(dir + "/hangTemp_1.zip").c_str());
-    DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
-    EXPECT_NE(Names(dir).find("hangTemp_hX1_1\n"), std::string::npos) << Names(dir);
-    // The capture file is created exclusively: an existing one is not reused.
-    platform::LogCapture log;
-    DumpAll("hangTemp", "h/1", List({"do_dumpheap"}), List({""}), true);
-    EXPECT_TRUE(log.HasLine("failed to open tombstone file '" + Path(dir) + "/hangTemp_hX1_1': File exists\n", "dorvad",
-                            ANDROID_LOG_ERROR));
+TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlotsAndNoCaptureIsLost) {
+    const std::string dir = "/data/dorva//anr/offline";
+    const auto age = [&](const std::string& name, time_t when) {
+        struct utimbuf times = {when, when};
+        utime(Path(dir + "/" + name).c_str(), &times);
+    };
+    // Six captures leave five slots, each a complete archive and no text.
+    for (int i = 0; i < 6; ++i) DumpAll("anr", "h/1", List({"do_dumpheap"}), List({""}), true);
+    EXPECT_EQ(Names(dir), "anr_hX1_0.zip\nanr_hX1_1.zip\nanr_hX1_2.zip\nanr_hX1_3.zip\nanr_hX1_4.zip\n");
+    // The oldest archive's slot is taken, unless a running capture still
+    // writes its text: then the next oldest. A stale text blocks nothing.
+    for (int slot = 0; slot < 5; ++slot) age("anr_hX1_" + std::to_string(slot) + ".zip", 1000000 + slot * 10);
+    age("anr_hX1_3.zip", 500000);
+    WriteFile(Path(dir + "/anr_hX1_3"), "still being written");
+    DumpAll("anr", "h/1", List({"do_dumpheap"}), List({""}), true);
+    EXPECT_EQ(ReadFile(Path(dir + "/anr_hX1_3")), "still being written");
+    EXPECT_GT(ModeOf(Path(dir + "/anr_hX1_0.zip")), 0u);
+    age("anr_hX1_3", 1000);
+    age("anr_hX1_0.zip", 2000000);
+    DumpAll("anr", "h/1", List({"do_dumpheap"}), List({""}), true);
+    EXPECT_EQ(Names(dir), "anr_hX1_0.zip\nanr_hX1_1.zip\nanr_hX1_2.zip\nanr_hX1_3.zip\nanr_hX1_4.zip\n");
+    EXPECT_EQ(RunShell("unzip -p '" + Path(dir + "/anr_hX1_3.zip") + "' | grep -c headline"), "1\n");
+
+    // Online captures of one type and headline in the same second keep a
+    // name each.
+    for (int i = 0; i < 3; ++i) DumpAll("anr", "same", List({"do_dumpheap"}), List({""}), false);
+    EXPECT_EQ(RunShell("ls '" + Path("/data/dorva/anr/online") + "' | grep -c '_same_.*zip$'"), "3\n");
 }
 
 TEST_F(CaptureDumpsTest, CompressionTimeoutAndArchiveOfACapture) {
@@ -424,16 +430,19 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
     RunShell("mkdir -p '" + offline + "'");
     platform::LogCapture log;
 
-    // At the next offline capture's own name: refused, not opened.
+    // At the next offline capture's own name: passed over, not opened.
     ASSERT_EQ(symlink(victim.c_str(), (offline + "/anr_h_0").c_str()), 0);
     DumpAll("anr", "h", List({"ps"}), List({""}), true);
-    EXPECT_TRUE(log.HasLine("failed to open tombstone file '" + offline + "/anr_h_0': File exists\n", "dorvad",
-                            ANDROID_LOG_ERROR));
+    EXPECT_EQ(Names("/data/dorva//anr/offline"), "anr_h_0\nanr_h_1.zip\n");
     EXPECT_EQ(ReadFile(victim), "precious");
 
-    // At its archive's name: the link goes, the archive takes its place.
+    // At the name of the archive whose slot is next: the link goes, the
+    // archive takes its place.
     unlink((offline + "/anr_h_0").c_str());
+    for (int slot = 2; slot < 5; ++slot) WriteFile(offline + "/anr_h_" + std::to_string(slot) + ".zip", "zip");
     ASSERT_EQ(symlink(victim.c_str(), (offline + "/anr_h_0.zip").c_str()), 0);
+    const struct timespec old[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (offline + "/anr_h_0.zip").c_str(), old, AT_SYMLINK_NOFOLLOW), 0);
     DumpAll("anr", "h", List({"ps"}), List({""}), true);
     EXPECT_EQ(ReadFile(victim), "precious");
     EXPECT_EQ(ModeOf(victim), 0600u);
