@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "platform/LogCapture.h"
 #include "tests/utils/dump/DumpTestSupport.h"
 #include "utils/Clock.h"
+#include "utils/dump/CaptureFile.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 using android::CaptureLogUtil;
@@ -73,11 +75,11 @@ protected:
     }
     void DumpAll(const std::string& type, const std::string& headline, Vector<String16> actions,
                  Vector<String16> params, bool offline, int id = -1, bool useId = false,
-                 Vector<String16> files = {}, const std::string& whereText = "") {
+                 Vector<String16> files = {}, const std::string& whereText = "", bool recordInLocal = false) {
         String16 type16 = String16FromUtf8(type);
         String16 headline16 = String16FromUtf8(headline);
         String16 where = String16FromUtf8(whereText);
-        CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, false);
+        CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, recordInLocal);
         files_ = files;
     }
     // Names in a device directory, one a line, sorted.
@@ -191,6 +193,33 @@ TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlotsAndNoCaptureIsLost) {
     // name each.
     for (int i = 0; i < 3; ++i) DumpAll("anr", "same", List({"do_dumpheap"}), List({""}), false);
     EXPECT_EQ(RunShell("ls '" + Path("/data/dorva/anr/online") + "' | grep -c '_same_.*zip$'"), "3\n");
+}
+
+// A packing that fails keeps the text; what killed packings left behind goes
+// at the next start, and a headline's commas reach no tool as options.
+TEST_F(CaptureDumpsTest, NothingIsLostWhenPackingFailsOrWasKilled) {
+    const std::string online = Path("/data/dorva/anr/online");
+    CaptureLogUtil::SetCompressHooksForTesting(nullptr, [&] {
+        // A directory where the archive goes: the archive cannot be made.
+        const std::string text = RunShell("ls '" + online + "' | grep -v zip | head -1");
+        mkdir((online + "/" + text.substr(0, text.size() - 1) + ".zip").c_str(), 0700);
+    });
+    DumpAll("anr", "full", List({"ps"}), List({""}), false);
+    CaptureLogUtil::SetCompressHooksForTesting(nullptr, nullptr);
+    const std::string kept = RunShell("ls '" + online + "' | grep -v zip");
+    ASSERT_FALSE(kept.empty());
+    EXPECT_NE(ReadFile(online + "/" + kept.substr(0, kept.size() - 1)).find("== headline: full"), std::string::npos);
+
+    RunShell("mkdir -p '" + Path("/data/nuvilog/stability/reboot") + "'");
+    ASSERT_TRUE(WriteFile(online + "/.tarnis-tmp.null_anr_x.zip.0123456789", "half an archive"));
+    ASSERT_TRUE(WriteFile(Path("/data/nuvilog/stability/reboot/.tarnis-tmp.y.zip.abcdefghij"), "half a copy"));
+    android::CaptureFile::RemoveLeftovers();
+    EXPECT_EQ(RunShell("ls -A '" + online + "' '" + Path("/data/nuvilog/stability/reboot") + "' | grep -c tarnis-tmp"),
+              "0\n");
+
+    // A local record's copy goes by cp; the headline's commas stay in its name.
+    DumpAll("anr", "h,-r,-toutside,x", List({"do_dumpheap"}), List({""}), false, 7, true, {}, "", true);
+    EXPECT_EQ(RunShell("ls '" + Path("/data/nuvilog/stability/reboot") + "' | grep -c '_h,-r,-t.*,x_'"), "1\n");
 }
 
 TEST_F(CaptureDumpsTest, CompressionTimeoutAndArchiveOfACapture) {
@@ -366,11 +395,23 @@ TEST_F(CaptureDumpsTest, DumpByPowerRunsOnlyWhitelistedActions) {
                             ANDROID_LOG_ERROR));
     EXPECT_TRUE(CaptureLogUtil::isSupportAction("logc"));
     EXPECT_FALSE(CaptureLogUtil::isSupportAction("rm"));
+
+    // The output stays below /data: not by "..", not through a link.
+    tarnis_test::TempDir outside;
+    ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/dorva/out").c_str()), 0);
+    for (const std::string& path : {"/data/../../../.." + outside.path() + "/rb.txt", std::string("/data/dorva/out/rb.txt")}) {
+        CaptureLogUtil::dump_by_power(List({"ps"}), List({""}), path.c_str(), 5);
+    }
+    EXPECT_EQ(RunShell("ls -A '" + outside.path() + "'"), "");
+    EXPECT_EQ(log.Count("dump_by_power: \""), 2u);
 }
 
 TEST_F(CaptureDumpsTest, RefusesTypesThatAreNotPlainDirectoryNames) {
     RunShell("mkdir -p '" + Path("/mnt/rescue/dorva") + "'");
     platform::LogCapture log;
+    // A control byte would forge a log line wherever the type is shown.
+    DumpAll("a\nforged", "h", List({"ps"}), List({""}), false);
+    EXPECT_EQ(log.Count("type 'a\\x0aforged' is not a plain directory name"), 1u);
     for (const std::string type : {"../x", "", ".", "..", "a/b"}) {
         DumpAll(type, "h", List({"ps"}), List({""}), false);
         EXPECT_EQ(ExactLines(log, "Refusing capture: type '" + type + "' is not a plain directory name", "dorvad",

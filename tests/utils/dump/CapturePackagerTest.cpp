@@ -194,6 +194,31 @@ TEST_F(CapturePackagerTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/nativecrash/core_2")));
 }
 
+// Attachments are the client's paths: nothing outside /data, nothing through
+// a link, is packed, opened up or deleted.
+TEST_F(CapturePackagerTest, HostileAttachmentsTouchNothingOutsideTheirTree) {
+    tarnis_test::TempDir outside;
+    const std::string secret = outside.Sub("secret.txt");
+    ASSERT_TRUE(WriteFile(secret, "secret"));
+    ASSERT_EQ(chmod(secret.c_str(), 0600), 0);
+    Make("/data/nuvilog/stability/nativecrash/keep");
+    Make("/data/dorva/ne/online/1_ne_x");
+    ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/nuvilog/stability/nativecrash/planted").c_str()), 0);
+    const std::string climb = "/data/nuvilog/stability/nativecrash/../../../.." + outside.path() + "/secret.txt";
+    const std::string up = "/data/../" + outside.path() + "/secret.txt";
+    Vector<String16> files =
+        List({climb.c_str(), "/data/nuvilog/stability/nativecrash/planted/secret.txt", up.c_str()});
+    platform::LogCapture log;
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
+    EXPECT_EQ(ReadFile(secret), "secret");
+    struct stat st;
+    ASSERT_EQ(stat(secret.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(Entries(Path("/data/dorva/ne/online/1_ne_x.zip")), "1_ne_x\n");
+    EXPECT_EQ(log.Count("attachment refused"), 3u);
+    EXPECT_EQ(log.Count("delete file("), 0u);
+}
+
 TEST_F(CapturePackagerTest, OfflineDatabaseAndLocalRecordCopies) {
     ASSERT_TRUE(android::base::SetProperty("persist.sys.nuviofflinedb", "true"));
     MakeDir("/data/nuvilog/stability");
