@@ -85,7 +85,9 @@ int OpenBeneath(int topFd, const std::string& relative, int flags, mode_t mode) 
             const long fd = syscall(SYS_openat2, topFd, name, &how, sizeof(how));
             if (fd >= 0) return static_cast<int>(fd);
             if (errno == EINTR || errno == EAGAIN) continue;  // EAGAIN: a rename raced the walk
-            if (errno != ENOSYS && errno != EPERM) return -1;
+            // A link as the last component of a directory reads ENOTDIR
+            // (O_NOFOLLOW | O_DIRECTORY); the walk below names it a link.
+            if (errno != ENOSYS && errno != EPERM && errno != ENOTDIR) return -1;
             // EPERM could be the file's own; the walk below tells them apart.
             if (errno == ENOSYS) gHaveOpenat2.store(false, std::memory_order_relaxed);
             break;
@@ -220,6 +222,12 @@ unique_fd ConfinedPath::MakeDirs(const std::string& devicePath, const std::strin
         if (!dir.ok() && why != nullptr) *why = Reason(Shown(devicePath), errno);
     }
     return dir;
+}
+
+std::string ConfinedPath::Through(int dirFd, const std::string& name) {
+    std::string path = "/proc/self/fd/" + std::to_string(dirFd);
+    if (!name.empty()) path += "/" + name;
+    return path;
 }
 
 void ConfinedPath::UseWalkForTesting(bool walk) { gHaveOpenat2.store(!walk); }
