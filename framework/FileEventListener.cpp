@@ -77,6 +77,16 @@ FileEventListener::~FileEventListener() {
 }
 
 int FileEventListener::addWatching(std::string path, uint32_t mask) {
+    return addWatch(path, path, mask | IN_DONT_FOLLOW);
+}
+
+int FileEventListener::addWatching(std::string path, int dirFd, uint32_t mask) {
+    // The descriptor's /proc name is the one link followed, and it leads to
+    // the open directory itself.
+    return addWatch(path, "/proc/self/fd/" + std::to_string(dirFd), (mask & ~IN_DONT_FOLLOW) | IN_ONLYDIR);
+}
+
+int FileEventListener::addWatch(const std::string& path, const std::string& target, uint32_t mask) {
     std::lock_guard<std::mutex> guard(watchLock);
     // errno is set on every failure, as the constructor reports it.
     if (inotifyFd < 0) {
@@ -88,7 +98,7 @@ int FileEventListener::addWatching(std::string path, uint32_t mask) {
         errno = EEXIST;
         return -1;
     }
-    const int wd = inotify_add_watch(inotifyFd, path.c_str(), mask);
+    const int wd = inotify_add_watch(inotifyFd, target.c_str(), mask);
     if (wd < 0) {
         const int error = errno;
         ALOGE("[%s] addWatching for %s failed! error: %s", "addWatching", path.c_str(), strerror(error));
