@@ -14,6 +14,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-FileEventListener"
 
@@ -45,7 +46,8 @@ FileEventListener::FileEventListener(std::string name, std::vector<std::string> 
     wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     for (const std::string& path : paths) {
         if (addWatching(path, mask) != 0) {
-            ALOGE("[%s] add file watch failed! path: %s, error: %s", "FileEventListener", path.c_str(),
+            ALOGE("[%s] add file watch failed! path: %s, error: %s", "FileEventListener",
+                  StringUtil::ForLog(path).c_str(),
                   strerror(errno));
         }
     }
@@ -77,6 +79,16 @@ FileEventListener::~FileEventListener() {
 }
 
 int FileEventListener::addWatching(std::string path, uint32_t mask) {
+    return addWatch(path, path, mask | IN_DONT_FOLLOW);
+}
+
+int FileEventListener::addWatching(std::string path, int dirFd, uint32_t mask) {
+    // The descriptor's /proc name is the one link followed, and it leads to
+    // the open directory itself.
+    return addWatch(path, "/proc/self/fd/" + std::to_string(dirFd), (mask & ~IN_DONT_FOLLOW) | IN_ONLYDIR);
+}
+
+int FileEventListener::addWatch(const std::string& path, const std::string& target, uint32_t mask) {
     std::lock_guard<std::mutex> guard(watchLock);
     // errno is set on every failure, as the constructor reports it.
     if (inotifyFd < 0) {
@@ -84,14 +96,16 @@ int FileEventListener::addWatching(std::string path, uint32_t mask) {
         return -1;
     }
     if (watches.count(path) != 0) {
-        ALOGI("[%s] addWatching for %s failed! error: Already Watched", "addWatching", path.c_str());
+        ALOGI("[%s] addWatching for %s failed! error: Already Watched", "addWatching",
+              StringUtil::ForLog(path).c_str());
         errno = EEXIST;
         return -1;
     }
-    const int wd = inotify_add_watch(inotifyFd, path.c_str(), mask);
+    const int wd = inotify_add_watch(inotifyFd, target.c_str(), mask);
     if (wd < 0) {
         const int error = errno;
-        ALOGE("[%s] addWatching for %s failed! error: %s", "addWatching", path.c_str(), strerror(error));
+        ALOGE("[%s] addWatching for %s failed! error: %s", "addWatching", StringUtil::ForLog(path).c_str(),
+              strerror(error));
         errno = error;
         return -1;
     }

@@ -42,8 +42,15 @@ public:
     FileEventListener& operator=(const FileEventListener&) = delete;
 
     // 0 on success, non-zero when the path is already watched, cannot be
-    // watched, or inotify could not be set up. Any thread.
+    // watched, or inotify could not be set up. Any thread. A link as the
+    // path's last component is watched as the link itself (IN_DONT_FOLLOW),
+    // never as what it points at; with IN_ONLYDIR it is refused.
     int addWatching(std::string path, uint32_t mask);
+    // Watches the directory open as `dirFd`, reported as `path`: the very
+    // directory the caller resolved and checked, even when a component of
+    // `path` was swapped for a link since. The descriptor may be closed
+    // afterwards.
+    int addWatching(std::string path, int dirFd, uint32_t mask);
     // False when the path is not watched. Any thread.
     bool removeWatching(std::string path);
 
@@ -53,6 +60,7 @@ public:
 
 private:
     void listenLoop();
+    int addWatch(const std::string& path, const std::string& target, uint32_t mask);
     void dispatch(uint32_t mask, int wd, std::optional<std::string> file);
 
     int inotifyFd = -1;

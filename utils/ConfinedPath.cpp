@@ -232,6 +232,12 @@ unique_fd ConfinedPath::MakeDirs(const std::string& devicePath, const std::strin
     return dir;
 }
 
+std::string ConfinedPath::Through(int dirFd, const std::string& name) {
+    std::string path = "/proc/self/fd/" + std::to_string(dirFd);
+    if (!name.empty()) path += "/" + name;
+    return path;
+}
+
 void ConfinedPath::UseWalkForTesting(bool walk) { gHaveOpenat2.store(!walk); }
 
 bool ConfinedPath::Remove(const std::string& devicePath, const std::string& deviceTop, std::string* why) {

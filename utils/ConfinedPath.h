@@ -54,6 +54,12 @@ public:
     // True when it is gone afterwards; false with `why` otherwise.
     static bool Remove(const std::string& devicePath, const std::string& deviceTop, std::string* why);
 
+    // A path that reaches `name` (none: the directory itself) in the
+    // directory open as `dirFd`, for helpers that only take paths: the kernel
+    // resolves /proc/self/fd/N to the very directory held open, whatever its
+    // name leads to by now, so nothing above it is looked up again.
+    static std::string Through(int dirFd, const std::string& name = "");
+
     // Walks by hand even where the kernel has openat2, so that tests cover
     // the path older kernels take.
     static void UseWalkForTesting(bool walk);

@@ -16,6 +16,7 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
+#include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
@@ -73,16 +74,27 @@ int TempName::RemoveLeftovers(const std::string& hostDir) {
     android::base::unique_fd dirFd(
         TEMP_FAILURE_RETRY(open(hostDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
     if (!dirFd.ok()) return 0;
-    ScopedDir dir(fdopendir(dup(dirFd.get())));
-    if (!dir) return 0;
+    return RemoveLeftovers(dirFd.get(), hostDir);
+}
+
+int TempName::RemoveLeftovers(int dirFd, const std::string& shownDir) {
+    // A description of its own: the caller's read position stays where it is.
+    const int listFd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ScopedDir dir(listFd >= 0 ? fdopendir(listFd) : nullptr);
+    if (!dir) {
+        if (listFd >= 0) close(listFd);
+        return 0;
+    }
     int removed = 0;
     while (struct dirent* entry = readdir(dir.get())) {
         if (!Is(entry->d_name)) continue;
         struct stat st;
-        const bool isDir = fstatat(dirFd.get(), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
-        const std::string path = hostDir + "/" + entry->d_name;
-        const bool gone = isDir ? FileUtil::DeleteDirectoryOrFile(path, nullptr) == 0
-                                : unlinkat(dirFd.get(), entry->d_name, 0) == 0;
+        const bool isDir = fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+        const std::string path = shownDir + "/" + entry->d_name;
+        // A tree is removed through the held directory, never by its name.
+        const bool gone = isDir ? FileUtil::DeleteDirectoryOrFile(ConfinedPath::Through(dirFd, entry->d_name),
+                                                                  nullptr) == 0
+                                : unlinkat(dirFd, entry->d_name, 0) == 0;
         if (gone) {
             ++removed;
             ALOGI("removed %s, left unfinished by an earlier run", StringUtil::ForLog(path).c_str());

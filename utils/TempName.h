@@ -28,6 +28,8 @@ public:
     // below it); the number removed. Links and directories of that shape
     // are removed as entries, never followed.
     static int RemoveLeftovers(const std::string& hostDir);
+    // The same in the directory open as `dirFd`, named `shownDir` in the log.
+    static int RemoveLeftovers(int dirFd, const std::string& shownDir);
 };
 
 }  // namespace kolto

@@ -321,7 +321,8 @@ public:
     Packer(const Packer&) = delete;
     Packer& operator=(const Packer&) = delete;
 
-    void PackPath(const std::string& path);
+    // `shown` is where the entries' names and the log say the path is.
+    void PackPath(const std::string& path, const std::string& shown);
     // Paths below `hostTop` are reached from it without following a link.
     void ConfineBelow(const std::string& hostTop) { confineTop_ = hostTop; }
     // Writes everything still in flight.
@@ -374,20 +375,20 @@ private:
     std::string confineTop_;
 };
 
-void Packer::PackPath(const std::string& path) {
-    const std::string relative = RelativeName(path);
+void Packer::PackPath(const std::string& path, const std::string& shown) {
+    const std::string relative = RelativeName(shown);
     if (PackConfined(path, relative)) return;
     // A directory named in the list may be reached through a link, as the
     // caller chose it; inside it no link is followed.
     if (!FileUtil::IsDirectory(path)) {
-        PackFile(AT_FDCWD, path.c_str(), path, relative);
+        PackFile(AT_FDCWD, path.c_str(), shown, relative);
         return;
     }
     if (tailDepth_ == 0) {
         Step step;
         step.name = relative;
         if (!StringUtil::EndsWith(step.name, "/")) step.name += "/";
-        step.path = path;
+        step.path = shown;
         steps_.push_back(std::move(step));
     }
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -396,7 +397,7 @@ void Packer::PackPath(const std::string& path) {
         ++failures_;
         return;
     }
-    Walk(fd, path);
+    Walk(fd, shown);
 }
 
 // A path below the confining tree is opened from the tree's top, component by
@@ -695,6 +696,8 @@ ZipFile::~ZipFile() {
     pendingPaths_.clear();
 }
 
+void ZipFile::nameAs(const std::string& path, const std::string& shownPath) { shownAs_[path] = shownPath; }
+
 bool ZipFile::create(const std::string& path) {
     if (handle_ != nullptr) close();
     // A directory there could never be replaced: fail now, not after packing.
@@ -821,7 +824,10 @@ bool ZipFile::FlushFilesIfNeeded() {
                                        std::make_move_iterator(pendingPaths_.begin() + count));
         pendingPaths_.erase(pendingPaths_.begin(), pendingPaths_.begin() + count);
         taken += batch.size();
-        for (const std::string& path : batch) packer.PackPath(path);
+        for (const std::string& path : batch) {
+            const auto shown = shownAs_.find(path);
+            packer.PackPath(path, shown != shownAs_.end() ? shown->second : path);
+        }
     }
     packer.Finish();
     const size_t failures = packer.failures();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -36,6 +37,10 @@ public:
     // opened from it component by component, never through a link in any of
     // them; a path that meets one is not packed.
     void ConfineBelow(const std::string& hostTop);
+    // Names the entries of the pending `path` as if it stood at `shownPath`:
+    // a tree read through a held descriptor (ConfinedPath::Through) is packed
+    // under the names its own path gives.
+    void nameAs(const std::string& path, const std::string& shownPath);
     // Starts the archive that will replace `path`, closing any open one first.
     bool create(const std::string& path);
     // Writes every pending path, finishes the archive and puts it in place.
@@ -53,6 +58,7 @@ private:
     void Abandon();
 
     std::vector<std::string> pendingPaths_;
+    std::map<std::string, std::string> shownAs_;
     int tailDepth_;
     void* handle_ = nullptr;
     std::string path_;      // where the finished archive goes

@@ -32,9 +32,12 @@
 #include "modules/LogManager/LogMgrBroadcastReceiver.h"
 #include "modules/LogManager/LogMgrFileEventListener.h"
 #include "utils/Clock.h"
+#include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
+#include "utils/TempName.h"
 #include "utils/ZipFile.h"
 
 #define LOG_TAG "Tarnis-LogManager"
@@ -42,6 +45,8 @@
 namespace velmar {
 namespace kolto {
 namespace {
+
+using android::base::unique_fd;
 
 constexpr char kListenerTag[] = "Tarnis-LogMgrFileEventListener";
 constexpr char kDisableProp[] = "persist.bsp.logmgr.disable";
@@ -109,31 +114,41 @@ int64_t TreeSizeAt(int parentFd, const char* name, int64_t ownSize) {
     return total;
 }
 
-// The size of one entry as cleaning counts it: a regular file's bytes, a
-// directory's tree, nothing for anything else (a link is not ours to weigh).
-uint64_t EntrySize(const std::string& hostPath) {
+// The size of one entry of the directory `dirFd` as cleaning counts it: a
+// regular file's bytes, a directory's tree, nothing for anything else (a
+// link is not ours to weigh).
+uint64_t EntrySizeAt(int dirFd, const std::string& name) {
     struct stat st {};
-    if (lstat(hostPath.c_str(), &st) != 0) return 0;
+    if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
     if (S_ISREG(st.st_mode)) return static_cast<uint64_t>(st.st_size);
     if (S_ISDIR(st.st_mode)) {
-        const int64_t size = TreeSizeAt(AT_FDCWD, hostPath.c_str(), st.st_size);
+        const int64_t size = TreeSizeAt(dirFd, name.c_str(), st.st_size);
         return size > 0 ? static_cast<uint64_t>(size) : 0;
     }
     return 0;
 }
 
-// A record may only name a directory by a plain name below its parent or
-// the log root, or by an absolute path without "." or ".." steps: a config
-// must not lead the cleaning anywhere else.
-bool HostilePath(const LogConfig& config, const std::string& path) {
-    const auto badName = [](const std::string& name) {
-        return name == "." || name == ".." || name.find('/') != std::string::npos;
-    };
-    if (badName(config.folderName)) return true;
-    if (config.parent && badName(config.parent->folderName)) return true;
-    if (path.empty() || path[0] != '/') return true;
-    const std::string padded = path + "/";
-    return padded.find("/../") != std::string::npos || padded.find("/./") != std::string::npos;
+// Outside text (a configured path, an entry's name) as a log line shows it.
+std::string Esc(const std::string& text) { return StringUtil::ForLog(text); }
+
+// The tree a device path is opened below: the managed roots, and the reuse
+// partition's copies.
+const char* TreeOf(const std::string& devicePath) {
+    if (const char* root = LogManagerUtil::ManagedRootOf(devicePath)) return root;
+    return ConfinedPath::IsBelow(devicePath, paths::kReuseLogRoot) ? paths::kReuseLogRoot : nullptr;
+}
+
+// Opens a log directory below its tree, no component a link and no ".."
+// leading out; the cleaning then works from this descriptor alone, so a
+// component swapped for a link meanwhile cannot lead it anywhere else.
+unique_fd OpenLogDir(const std::string& devicePath, std::string* why) {
+    const char* tree = TreeOf(devicePath);
+    if (tree == nullptr) {
+        *why = "\"" + StringUtil::ForLog(devicePath, 256) + "\" is not below a managed log root";
+        errno = EXDEV;
+        return {};
+    }
+    return ConfinedPath::Open(devicePath, tree, O_RDONLY | O_DIRECTORY, 0, why);
 }
 
 std::string CompactJson(const Json::Value& value) {
@@ -212,7 +227,7 @@ bool CompareTimeStrExpired(const std::string& name, uint32_t maxValidDay, int64_
         return false;
     }
     std::string date = name.substr(start, end - start);
-    ALOGD("[%s] %s find date: %s in file name", "matchedDate", name.c_str(), date.c_str());
+    ALOGD("[%s] %s find date: %s in file name", "matchedDate", Esc(name).c_str(), Esc(date).c_str());
     // The date and the time may be joined by '-': strptime wants the '_'.
     size_t dashes = 0;
     for (char& c : date) {
@@ -228,8 +243,9 @@ bool CompareTimeStrExpired(const std::string& name, uint32_t maxValidDay, int64_
     return folderTime <= expiredTime;
 }
 
-// The regular files below `hostPath` (itself one, or a tree walked without
-// following links) by the archive names ZipFile gives them at depth 0.
+// The regular files of the entry `openName` of `parentFd` (itself one, or a
+// tree walked without following links) by the archive names ZipFile gives
+// them at depth 0 when the entry is shown as `path`.
 bool CollectFiles(int parentFd, const char* openName, const std::string& path,
                   std::map<std::string, uint64_t>* files) {
     struct stat st {};
@@ -257,10 +273,11 @@ bool CollectFiles(int parentFd, const char* openName, const std::string& path,
 
 // ZipFile skips what it cannot read and still finishes the archive; before
 // the entry goes, every file of it must be in the archive whole.
-bool ArchiveHoldsAll(const std::string& archive, const std::string& source, std::string* why) {
+bool ArchiveHoldsAll(const std::string& archive, int dirFd, const std::string& name, const std::string& shown,
+                     std::string* why) {
     std::map<std::string, uint64_t> files;
-    if (!CollectFiles(AT_FDCWD, source.c_str(), source, &files)) {
-        *why = "cannot list " + source;
+    if (!CollectFiles(dirFd, name.c_str(), shown, &files)) {
+        *why = "cannot list " + Esc(shown);
         return false;
     }
     unzFile zip = unzOpen64(archive.c_str());
@@ -277,7 +294,7 @@ bool ArchiveHoldsAll(const std::string& archive, const std::string& source, std:
     }
     unzClose(zip);
     if (!files.empty()) {
-        *why = files.begin()->first + " is missing from the archive";
+        *why = Esc(files.begin()->first) + " is missing from the archive";
         return false;
     }
     return true;
@@ -340,9 +357,9 @@ void LogManager::dump(int fd, const char**, unsigned int) {
                 std::vector<std::string> names;
                 size = getDirTotalSize(path, names, *config);
             }
-            ALOGI("[%s] Path0: %s, Size: %s", "dump", path.c_str(), FileUtil::formatHumanSize(size).c_str());
+            ALOGI("[%s] Path0: %s, Size: %s", "dump", Esc(path).c_str(), FileUtil::formatHumanSize(size).c_str());
         } else {
-            ALOGI("[%s] Path: %s, Size: %s", "dump", path.c_str(), FileUtil::formatHumanSize(size).c_str());
+            ALOGI("[%s] Path: %s, Size: %s", "dump", Esc(path).c_str(), FileUtil::formatHumanSize(size).c_str());
         }
         text += path + ": " + FileUtil::formatHumanSize(size) + "\n";
     }
@@ -477,7 +494,7 @@ void LogManager::AppendConfigs(std::vector<LogConfig> added) {
 }
 
 void LogManager::watchByConfigs(const std::vector<LogConfig>& configs) {
-    std::vector<std::pair<std::string, const LogConfig*>> watched;
+    std::vector<std::pair<std::string, unique_fd>> watched;
     const auto consider = [&watched](const LogConfig& config) {
         if (config.folderName.empty() && config.folderPath.empty()) return;
         if (config.maxSize == 0 && config.maxValidDay == 0 && config.maxLogNumber == 0 && !config.pushEventOnly) {
@@ -485,43 +502,58 @@ void LogManager::watchByConfigs(const std::vector<LogConfig>& configs) {
         }
         if (config.inVendor) return;
         const std::string path = LogManagerUtil::GetFullPathByConfig(config, false);
-        if (HostilePath(config, path)) {
-            ALOGE("[%s] %s is not a directory a record may name, not watched", "watchByConfigs", path.c_str());
+        std::string why = LogManagerUtil::Refusal(config, path);
+        if (!why.empty()) {
+            ALOGE("[%s] %s, not watched", "watchByConfigs", why.c_str());
             return;
         }
+        const char* root = LogManagerUtil::ManagedRootOf(path);
+        unique_fd dir;
         if (config.folderPath.empty()) {
-            const std::string host = paths::Get(path);
-            FileUtil::CreateDirectoryWithOwner(host, kSystemUid, kSystemUid);
-            FileUtil::ChangeMode(host, 0777);
+            // A derived path starts at one of the daemon's own log roots.
+            const std::string top = paths::Get(root);
+            if (!FileUtil::IsDirectory(top)) FileUtil::CreateDirectoryWithOwner(top, -1, -1);
+            dir = ConfinedPath::MakeDirs(path, root, 0775, &why);
+            if (dir.ok()) {
+                if (fchown(dir.get(), kSystemUid, kSystemUid) != 0) {
+                    // Ours already when the daemon runs as the system user.
+                }
+                fchmod(dir.get(), 0777);
+            }
+        } else {
+            dir = ConfinedPath::Open(path, root, O_RDONLY | O_DIRECTORY, 0, &why);
         }
-        watched.emplace_back(path, &config);
+        if (!dir.ok()) {
+            ALOGE("[%s] %s: %s, not watched", "watchByConfigs", LogManagerUtil::Label(config).c_str(), why.c_str());
+            return;
+        }
+        watched.emplace_back(path, std::move(dir));
     };
     for (const LogConfig& top : configs) {
         for (const LogConfig& child : top.children) consider(child);
         consider(top);
     }
     if (!listener_) {
-        std::vector<std::string> paths;
-        for (const auto& [path, config] : watched) {
+        for (const auto& [path, dir] : watched) {
             CheckAndClean(path);
             if (std::optional<LogConfig> found = FindConfig(path)) updatePathSizeMap(path, *found);
-            paths.push_back(path);
         }
-        listener_ = std::make_unique<LogMgrFileEventListener>(this, paths, kWatchMask);
-        return;
+        listener_ = std::make_unique<LogMgrFileEventListener>(this);
     }
-    for (const auto& [path, config] : watched) listener_->Watch(path, kWatchMask);
+    // The watch goes on the directory checked above, whatever its path
+    // leads to by now.
+    for (const auto& [path, dir] : watched) listener_->Watch(path, dir.get(), kWatchMask);
 }
 
 void LogManager::OnFileEvent(uint32_t, std::optional<std::string> name, const std::string& devicePath) {
     // Our own archives, and the hidden names they are written under first
-    // (".<entry>.zip.<random>"): packing must not start another check.
+    // (".tarnis-tmp.<entry>.zip.<random>"): packing must not start another check.
     if (name && Contains(*name, ".zip")) return;
     __android_log_print(ANDROID_LOG_DEBUG, kListenerTag, "[%s] fileName: %s, basePath: %s", "OnFileEvent",
-                        name ? name->c_str() : "", devicePath.c_str());
+                        name ? Esc(*name).c_str() : "", Esc(devicePath).c_str());
     Post([this, devicePath] {
         CheckAndClean(devicePath);
-        ALOGD("[%s] CheckAndClean %s", "operator()", devicePath.c_str());
+        ALOGD("[%s] CheckAndClean %s", "operator()", Esc(devicePath).c_str());
         if (std::optional<LogConfig> config = FindConfig(devicePath)) updatePathSizeMap(devicePath, *config);
     });
 }
@@ -539,13 +571,15 @@ struct ScanResult {
     std::map<std::string, uint64_t> sizes;  // what each entry counted for
 };
 
-ScanResult ScanDirectory(const std::string& hostPath, const LogConfig& config, std::vector<std::string>& names,
-                                const char* op, const char* prefix, int unknownPrio) {
+ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::string>& names, const char* op,
+                         const char* prefix, int unknownPrio) {
     ScanResult result;
-    const int fd = open(hostPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    // A description of its own, read from the start, for the caller's
+    // descriptor is used again afterwards.
+    const int fd = dirFd >= 0 ? openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
     DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
     if (dir == nullptr) {
-        result.error = errno;
+        result.error = dirFd >= 0 ? errno : EBADF;
         if (fd >= 0) close(fd);
         return result;
     }
@@ -553,24 +587,27 @@ ScanResult ScanDirectory(const std::string& hostPath, const LogConfig& config, s
     while (struct dirent* entry = readdir(dir)) {
         if (IsDotOrDotDot(entry->d_name)) continue;
         const std::string fileName = entry->d_name;
+        // An archive being written, or left by a killed compression: not a
+        // log entry, never counted, deleted or packed as one.
+        if (TempName::Is(fileName)) continue;
         if (config.watchSSRRamdumpHack && !IsRamdumpName(fileName)) {
             ALOGD("[%s] %sOldRamdumpFileFormatHack: fileName %s not matched regex, skip!", op, prefix,
-                  fileName.c_str());
+                  Esc(fileName).c_str());
             continue;
         }
         struct stat st {};
         if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, fileName.c_str());
+            ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(fileName).c_str());
             continue;
         }
         if (S_ISREG(st.st_mode)) {
-            if (Contains(fileName, ".zip")) ALOGD("[%s] %sDetected zipped log %s", op, prefix, fileName.c_str());
+            if (Contains(fileName, ".zip")) ALOGD("[%s] %sDetected zipped log %s", op, prefix, Esc(fileName).c_str());
             result.total += static_cast<uint64_t>(st.st_size);
             result.sizes[fileName] = static_cast<uint64_t>(st.st_size);
         } else if (S_ISDIR(st.st_mode)) {
             const int64_t size = TreeSizeAt(fd, entry->d_name, st.st_size);
             if (size < 0) {
-                ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, fileName.c_str());
+                ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(fileName).c_str());
                 continue;
             }
             result.total += static_cast<uint64_t>(size);
@@ -578,7 +615,7 @@ ScanResult ScanDirectory(const std::string& hostPath, const LogConfig& config, s
         } else {
             __android_log_print(unknownPrio, LOG_TAG,
                                 "[%s] %sOnly directory with date named is allowed, but unknown file %s was detected!!",
-                                op, prefix, fileName.c_str());
+                                op, prefix, Esc(fileName).c_str());
         }
         names.push_back(fileName);
     }
@@ -594,29 +631,39 @@ ScanResult ScanDirectory(const std::string& hostPath, const LogConfig& config, s
 void LogManager::CheckAndClean(const std::string& devicePath) {
     std::optional<LogConfig> found = FindConfig(devicePath);
     if (!found) {
-        ALOGE("[%s] get config failed for %s", "CheckAndClean", devicePath.c_str());
+        ALOGE("[%s] get config failed for %s", "CheckAndClean", Esc(devicePath).c_str());
         return;
     }
     const LogConfig& config = *found;
-    if (HostilePath(config, devicePath)) {
-        ALOGE("[%s] %s is not a directory a record may name, not cleaned", "CheckAndClean", devicePath.c_str());
+    const std::string refusal = LogManagerUtil::Refusal(config, devicePath);
+    if (!refusal.empty()) {
+        ALOGE("[%s] %s, not cleaned", "CheckAndClean", refusal.c_str());
         return;
     }
     if (!config.children.empty()) {
         ALOGD("[%s] found children items, ignore master folder clean", "CheckAndClean");
         return;
     }
-    ALOGI("[%s] Start Checking %s", "CheckAndClean", devicePath.c_str());
-    const std::string hostPath = paths::Get(devicePath);
+    ALOGI("[%s] Start Checking %s", "CheckAndClean", Esc(devicePath).c_str());
+    std::string why;
+    const unique_fd dirFd = OpenLogDir(devicePath, &why);
+    if (!dirFd.ok()) {
+        ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
+        return;
+    }
+    // What a compression killed with the daemon left behind; later ones are
+    // this thread's own and finish before the next check.
+    if (swept_.insert(devicePath).second) TempName::RemoveLeftovers(dirFd.get(), devicePath);
     std::vector<std::string> names;
-    const ScanResult scan = ScanDirectory(hostPath, config, names, "CheckAndClean", "", ANDROID_LOG_WARN);
+    const ScanResult scan = ScanDirectory(dirFd.get(), config, names, "CheckAndClean", "", ANDROID_LOG_WARN);
     if (!scan.opened) {
-        ALOGE("[%s] can not open dir %s", "CheckAndClean", devicePath.c_str());
+        ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
         return;
     }
     if (!scan.closed) ALOGE("[%s] Close Dir failed!", "CheckAndClean");
     uint64_t total = scan.total;
     const uint64_t sizeBefore = total;
+    // In range: the record was refused above otherwise.
     const uint64_t limit = config.maxSize << 10;
 
     if (config.pushEventOnly) {
@@ -630,7 +677,7 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         return;
     }
     if (names.empty()) {
-        ALOGI("[%s] %s is empty, no need clean!", "CheckAndClean", devicePath.c_str());
+        ALOGI("[%s] %s is empty, no need clean!", "CheckAndClean", Esc(devicePath).c_str());
         return;
     }
     std::sort(names.begin(), names.end());
@@ -639,7 +686,6 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
     std::string reusePath = std::string(paths::kReuseLogRoot) + "/";
     if (config.parent) reusePath += config.parent->folderName + "/";
     reusePath += config.folderName;
-    const std::string reuseHost = paths::Get(reusePath);
 
     bool dueToSize = false;
     bool compressAfter = true;
@@ -655,41 +701,43 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         if (!dueCount && !dueSize && !dueAge) break;
         dueToSize = dueSize;
         if (names.empty()) {
-            ALOGD("[%s] %s is clean, should not enter clean loop again!", "CheckAndClean", devicePath.c_str());
+            ALOGD("[%s] %s is clean, should not enter clean loop again!", "CheckAndClean", Esc(devicePath).c_str());
             compressAfter = false;
             break;
         }
         const std::string fileName = names.front();
         const std::string fullPath = devicePath + "/" + fileName;
-        const std::string hostFull = hostPath + "/" + fileName;
         const std::string reuseFullPath = reusePath + "/" + fileName;
-        ALOGI("[%s] fullPath: %s; reusePath: %s; reuseFullPath: %s", "CheckAndClean", fullPath.c_str(),
-              reusePath.c_str(), reuseFullPath.c_str());
+        ALOGI("[%s] fullPath: %s; reusePath: %s; reuseFullPath: %s", "CheckAndClean", Esc(fullPath).c_str(),
+              Esc(reusePath).c_str(), Esc(reuseFullPath).c_str());
         ALOGI("[%s] Clean Start: fileName %s, fileNameList size %zu, totalSize %zu, NowTime %ld(ms), "
               "MaxOffsetTime %lu(ms), time offset %lu(ms)",
-              "CheckAndClean", fileName.c_str(), names.size(), static_cast<size_t>(total), static_cast<long>(nowMs),
-              static_cast<unsigned long>(config.maxValidDay) * kDayMs,
+              "CheckAndClean", Esc(fileName).c_str(), names.size(), static_cast<size_t>(total),
+              static_cast<long>(nowMs), static_cast<unsigned long>(config.maxValidDay * static_cast<uint64_t>(kDayMs)),
               static_cast<unsigned long>(ageMs > 0 ? ageMs : 0));
         if (!reuseOpen || config.reuseMaxSize == 0) {
             ALOGI("[%s] Delete File By Inital Logic.", "CheckAndClean");
-            DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+            DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
             continue;
         }
         std::vector<std::string> reuseNames;
         uint64_t reuseTotal = getDirTotalSize(reusePath, reuseNames, config);
         std::sort(reuseNames.begin(), reuseNames.end());
-        const uint64_t entrySize = EntrySize(hostFull);
+        const uint64_t entrySize = EntrySizeAt(dirFd.get(), fileName);
         if (entrySize > reuseLimit) {
-            ALOGI("[%s] Log %s size is too large to move file.", "CheckAndClean", fileName.c_str());
-            DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+            ALOGI("[%s] Log %s size is too large to move file.", "CheckAndClean", Esc(fileName).c_str());
+            DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
             break;
         }
         const uint64_t reuseBefore = reuseTotal;
+        std::string reuseWhy;
+        unique_fd reuseFd = OpenLogDir(reusePath, &reuseWhy);
         bool stop = false;
         while (reuseOpen && reuseTotal + entrySize > reuseLimit && !reuseNames.empty()) {
-            ALOGI("[%s] Start delete A/B reused partition file: %s", "CheckAndClean", reuseNames.front().c_str());
-            if (!DeleteFileUpdateDirConfig(reuseHost + "/" + reuseNames.front(), &reuseTotal, reuseNames)) {
-                DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+            ALOGI("[%s] Start delete A/B reused partition file: %s", "CheckAndClean", Esc(reuseNames.front()).c_str());
+            if (!DeleteFileUpdateDirConfig(reuseFd.get(), reusePath + "/" + reuseNames.front(), &reuseTotal,
+                                           reuseNames)) {
+                DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
                 stop = true;
                 break;
             }
@@ -697,40 +745,53 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         if (stop) break;
         reuseClearSize = static_cast<int64_t>(reuseBefore - reuseTotal);
         ALOGI("[%s] Start move file to A/B reused partition", "CheckAndClean");
-        FileUtil::CreateDirectoryWithOwner(reuseHost, kSystemUid, kSystemUid);
-        FileUtil::ChangeMode(reuseHost, 0777);
-        const std::string reuseHostFull = reuseHost + "/" + fileName;
-        struct stat st {};
-        // Only what is ours goes: the target of a link stays where it is.
-        const bool copyable =
-            lstat(hostFull.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
-        if (!copyable) errno = lstat(hostFull.c_str(), &st) == 0 ? EINVAL : errno;
-        if (copyable && FileUtil::CopyFileOrDirectory(hostFull, reuseHostFull)) {
-            reuseMoveSize = static_cast<int64_t>(entrySize);
-            FileUtil::ChangeMode(reuseHostFull, 0777);
-            ALOGI("[%s] Move file %s to A/B reused partition %s succeed, moved size %zu bytes.", "CheckAndClean",
-                  fullPath.c_str(), reuseFullPath.c_str(), static_cast<size_t>(entrySize));
-        } else {
-            ALOGW("[%s] Move file %s to A/B reused partition %s failed,error: %s", "CheckAndClean", fullPath.c_str(),
-                  reuseFullPath.c_str(), strerror(errno));
+        const std::string reuseTop = paths::Get(paths::kReuseLogRoot);
+        if (!FileUtil::IsDirectory(reuseTop)) FileUtil::CreateDirectoryWithOwner(reuseTop, -1, -1);
+        reuseFd = ConfinedPath::MakeDirs(reusePath, paths::kReuseLogRoot, 0775, &reuseWhy);
+        if (reuseFd.ok()) {
+            if (fchown(reuseFd.get(), kSystemUid, kSystemUid) != 0) {
+                // Ours already when the daemon runs as the system user.
+            }
+            fchmod(reuseFd.get(), 0777);
         }
-        DeleteFileUpdateDirConfig(hostFull, &total, names, &scan.sizes);
+        // Only what is ours goes, read through a descriptor of its own: the
+        // target of a link, or of a link swapped in meanwhile, stays where it is.
+        const unique_fd entry(openat(dirFd.get(), fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        struct stat st {};
+        const bool copyable =
+            entry.ok() && fstat(entry.get(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+        const std::string reuseCopy = reuseFd.ok() ? ConfinedPath::Through(reuseFd.get(), fileName) : "";
+        if (!reuseFd.ok()) {
+            ALOGW("[%s] %s", "CheckAndClean", reuseWhy.c_str());
+            errno = ENOENT;
+        } else if (!copyable) {
+            errno = entry.ok() ? EINVAL : errno;
+        }
+        if (reuseFd.ok() && copyable && FileUtil::CopyFileOrDirectory(ConfinedPath::Through(entry.get()), reuseCopy)) {
+            reuseMoveSize = static_cast<int64_t>(entrySize);
+            FileUtil::ChangeMode(reuseCopy, 0777);
+            ALOGI("[%s] Move file %s to A/B reused partition %s succeed, moved size %zu bytes.", "CheckAndClean",
+                  Esc(fullPath).c_str(), Esc(reuseFullPath).c_str(), static_cast<size_t>(entrySize));
+        } else {
+            ALOGW("[%s] Move file %s to A/B reused partition %s failed,error: %s", "CheckAndClean",
+                  Esc(fullPath).c_str(), Esc(reuseFullPath).c_str(), strerror(errno));
+        }
+        DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
     }
 
-    if (compressAfter && config.compress && !names.empty()) CompressEntries(devicePath, config, names);
-    if (dueToSize) ReportSizeCleaning(devicePath, sizeBefore, reuseOpen, reuseClearSize, reuseMoveSize);
+    if (compressAfter && config.compress && !names.empty()) CompressEntries(devicePath, dirFd.get(), config, names);
+    if (dueToSize) ReportSizeCleaning(devicePath, dirFd.get(), sizeBefore, reuseOpen, reuseClearSize, reuseMoveSize);
 }
 
-void LogManager::CompressEntries(const std::string& devicePath, const LogConfig& config,
+void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const LogConfig& config,
                                  const std::vector<std::string>& names) {
     size_t count = names.size();
     // The newest entry may still be written to.
     if (config.compressLatestAfterSec == 0 && (config.delayCompress || listener_)) --count;
-    const std::string hostPath = paths::Get(devicePath);
     for (size_t i = 0; i < count; ++i) {
-        const std::string fullPath = hostPath + "/" + names[i];
+        const std::string fullPath = devicePath + "/" + names[i];
         if (Contains(names[i], ".zip") || fullPath == pendingCompressPath_) continue;
-        ALOGD("[%s] Compress loop: fullPath %s", "CheckAndClean", fullPath.c_str());
+        ALOGD("[%s] Compress loop: fullPath %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         if (listener_ && config.compressLatestAfterSec != 0) {
             if (!pendingCompressPath_.empty()) {
                 ALOGI("[%s] Last delay compress is not trigger, trigger it directly", "CheckAndClean");
@@ -741,42 +802,54 @@ void LogManager::CompressEntries(const std::string& devicePath, const LogConfig&
                 const std::string previous = pendingCompressPath_;
                 pendingCompressPath_.clear();
                 pendingCompressMsg_ = TarnisMessageRef();
-                Compress(previous);
+                CompressEntry(previous);
             }
             pendingCompressPath_ = fullPath;
             pendingCompressMsg_ = PostDelayed(
                 [this, fullPath] {
-                    ALOGI("[%s] delayed compress task running for %s", "operator()", fullPath.c_str());
+                    ALOGI("[%s] delayed compress task running for %s", "operator()",
+                          Esc(paths::Get(fullPath)).c_str());
                     if (pendingCompressPath_ == fullPath) {
                         pendingCompressPath_.clear();
                         pendingCompressMsg_ = TarnisMessageRef();
                     }
-                    Compress(fullPath);
+                    CompressEntry(fullPath);
                 },
                 static_cast<long>(config.compressLatestAfterSec) * 1000);
-            ALOGI("[%s] Scheduled delayed compress task for %s", "CheckAndClean", fullPath.c_str());
+            ALOGI("[%s] Scheduled delayed compress task for %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
             continue;
         }
-        if (Compress(fullPath)) {
-            ALOGD("[%s] Compressed: %s", "CheckAndClean", fullPath.c_str());
+        if (CompressAt(dirFd, names[i], paths::Get(fullPath))) {
+            ALOGD("[%s] Compressed: %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         } else {
-            ALOGE("[%s] Compress the path: %s returned error!", "CheckAndClean", fullPath.c_str());
+            ALOGE("[%s] Compress the path: %s returned error!", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         }
     }
 }
 
-void LogManager::ReportSizeCleaning(const std::string& devicePath, uint64_t before, bool reuseOpen,
+bool LogManager::CompressEntry(const std::string& deviceFullPath) {
+    const size_t slash = deviceFullPath.find_last_of('/');
+    const std::string deviceDir = deviceFullPath.substr(0, slash);
+    std::string why;
+    const unique_fd dirFd = OpenLogDir(deviceDir, &why);
+    if (!dirFd.ok()) {
+        ALOGE("[%s] %s, %s not compressed", "Compress", why.c_str(), Esc(deviceFullPath).c_str());
+        return false;
+    }
+    return CompressAt(dirFd.get(), deviceFullPath.substr(slash + 1), paths::Get(deviceFullPath));
+}
+
+void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, uint64_t before, bool reuseOpen,
                                     int64_t cleared, int64_t moved) {
-    const std::string hostPath = paths::Get(devicePath);
     uint64_t after = 0;
-    const int fd = open(hostPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
     if (dir == nullptr) {
         if (fd >= 0) close(fd);
-        ALOGE("[%s] can not open dir %s", "CheckAndClean", devicePath.c_str());
+        ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
     } else {
         while (struct dirent* entry = readdir(dir)) {
-            if (IsDotOrDotDot(entry->d_name)) continue;
+            if (IsDotOrDotDot(entry->d_name) || TempName::Is(entry->d_name)) continue;
             struct stat st {};
             if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
             if (S_ISDIR(st.st_mode)) {
@@ -800,13 +873,15 @@ void LogManager::ReportSizeCleaning(const std::string& devicePath, uint64_t befo
     ReportTrelvo("CheckAndClean", json);
 }
 
-bool LogManager::DeleteFileUpdateDirConfig(const std::string& hostPath, uint64_t* total,
+bool LogManager::DeleteFileUpdateDirConfig(int dirFd, const std::string& devicePath, uint64_t* total,
                                            std::vector<std::string>& names,
                                            const std::map<std::string, uint64_t>* sizes) {
+    const std::string name = devicePath.substr(devicePath.find_last_of('/') + 1);
     struct stat st {};
-    if (lstat(hostPath.c_str(), &st) != 0 && errno == ENOENT) {
+    if (dirFd >= 0 && fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
         // Another process cleaned it first: what it held is gone all the same.
-        ALOGI("[%s] %s vanished before its removal, skipped", "DeleteFileUpdateDirConfig", hostPath.c_str());
+        ALOGI("[%s] %s vanished before its removal, skipped", "DeleteFileUpdateDirConfig",
+              Esc(paths::Get(devicePath)).c_str());
         if (!names.empty()) {
             auto known = sizes != nullptr ? sizes->find(names.front()) : std::map<std::string, uint64_t>::const_iterator();
             if (sizes != nullptr && known != sizes->end()) *total = *total > known->second ? *total - known->second : 0;
@@ -815,7 +890,10 @@ bool LogManager::DeleteFileUpdateDirConfig(const std::string& hostPath, uint64_t
         return true;
     }
     unsigned long removed = 0;
-    const int result = FileUtil::DeleteDirectoryOrFile(hostPath, &removed);
+    // Through the directory the check opened: a component renamed or
+    // swapped for a link since then leads nowhere else.
+    errno = EBADF;
+    const int result = dirFd >= 0 ? FileUtil::DeleteDirectoryOrFile(ConfinedPath::Through(dirFd, name), &removed) : -1;
     if (result == 0) {
         ALOGI("[%s] DeleteDirectoryOrFile succeed, removed size %zu bytes (%zu MB)", "DeleteFileUpdateDirConfig",
               static_cast<size_t>(removed), static_cast<size_t>(removed >> 20));
@@ -824,18 +902,20 @@ bool LogManager::DeleteFileUpdateDirConfig(const std::string& hostPath, uint64_t
         return true;
     }
     ALOGE("[%s] remove %s failed! error:%s. skipped this file for now..., ", "DeleteFileUpdateDirConfig",
-          hostPath.c_str(), strerror(errno));
+          Esc(paths::Get(devicePath)).c_str(), strerror(errno));
     if (!names.empty()) names.erase(names.begin());
     return false;
 }
 
 uint64_t LogManager::getDirTotalSize(const std::string& devicePath, std::vector<std::string>& names,
                                      const LogConfig& config) {
+    std::string why;
+    const unique_fd dirFd = OpenLogDir(devicePath, &why);
     const ScanResult scan =
-        ScanDirectory(paths::Get(devicePath), config, names, "getDirTotalSize", "CheckAndClean: ", ANDROID_LOG_INFO);
-    if (!scan.opened) {
-        ALOGE("[%s] CheckAndClean: can not open dir %s error: %s", "getDirTotalSize", devicePath.c_str(),
-              strerror(scan.error));
+        ScanDirectory(dirFd.get(), config, names, "getDirTotalSize", "CheckAndClean: ", ANDROID_LOG_INFO);
+    if (!dirFd.ok() || !scan.opened) {
+        ALOGE("[%s] CheckAndClean: can not open dir %s error: %s", "getDirTotalSize", Esc(devicePath).c_str(),
+              dirFd.ok() ? strerror(scan.error) : why.c_str());
         return 0;
     }
     if (!scan.closed) {
@@ -847,27 +927,48 @@ uint64_t LogManager::getDirTotalSize(const std::string& devicePath, std::vector<
 
 void LogManager::updatePathSizeMap(const std::string& devicePath, const LogConfig& config) {
     std::vector<std::string> names;
-    const ScanResult scan =
-        ScanDirectory(paths::Get(devicePath), config, names, "updatePathSizeMap", "", ANDROID_LOG_WARN);
+    std::string why;
+    const unique_fd dirFd = OpenLogDir(devicePath, &why);
+    const ScanResult scan = ScanDirectory(dirFd.get(), config, names, "updatePathSizeMap", "", ANDROID_LOG_WARN);
     if (!scan.opened) {
-        ALOGE("[%s] can not open dir %s", "updatePathSizeMap", devicePath.c_str());
+        ALOGE("[%s] can not open dir %s", "updatePathSizeMap", Esc(devicePath).c_str());
         return;
     }
-    ALOGD("[%s] update pathSizeMap for %s, totalSize: %zu", "updatePathSizeMap", devicePath.c_str(),
+    ALOGD("[%s] update pathSizeMap for %s, totalSize: %zu", "updatePathSizeMap", Esc(devicePath).c_str(),
           static_cast<size_t>(scan.total));
     std::lock_guard<std::mutex> guard(stateLock_);
     pathSizeMap_[devicePath] = scan.total;
 }
 
 bool LogManager::Compress(const std::string& hostPath) {
-    struct stat st {};
-    if (lstat(hostPath.c_str(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) {
-        // A link's target is not ours to pack; a vanished entry has nothing left.
-        ALOGW("[%s] %s is not a regular file or directory, not compressed", "Compress", hostPath.c_str());
+    const size_t slash = hostPath.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : hostPath.substr(0, slash);
+    const unique_fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd.ok()) {
+        ALOGW("[%s] %s cannot be opened, not compressed", "Compress", Esc(hostPath).c_str());
         return false;
     }
-    const std::string archive = hostPath + ".zip";
-    ZipFile zip({hostPath}, 0);
+    return CompressAt(dirFd.get(), slash == std::string::npos ? hostPath : hostPath.substr(slash + 1), hostPath);
+}
+
+bool LogManager::CompressAt(int dirFd, const std::string& name, const std::string& hostPath) {
+    // Pinned before it is read: a link swapped in for the entry afterwards is
+    // not packed, and a link's target never is.
+    const unique_fd entry(openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!entry.ok() || fstat(entry.get(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))) {
+        ALOGW("[%s] %s is not a regular file or directory, not compressed", "Compress", Esc(hostPath).c_str());
+        return false;
+    }
+    // The packer enters a directory given to it but opens a file without
+    // following its last component, so a file is read through its directory.
+    const std::string source =
+        S_ISDIR(st.st_mode) ? ConfinedPath::Through(entry.get()) : ConfinedPath::Through(dirFd, name);
+    const std::string archiveName = name + ".zip";
+    const std::string archive = ConfinedPath::Through(dirFd, archiveName);
+    ZipFile zip({source}, 0);
+    zip.nameAs(source, hostPath);
+    // Written under a temporary name in the same directory, renamed into place.
     if (!zip.create(archive)) {
         ALOGE("[%s] Create new zip failed!!", "Compress");
         return false;
@@ -877,12 +978,13 @@ bool LogManager::Compress(const std::string& hostPath) {
         return false;
     }
     std::string why;
-    if (!ArchiveHoldsAll(archive, hostPath, &why)) {
-        ALOGE("[%s] %s is incomplete (%s), the entry is kept", "Compress", archive.c_str(), why.c_str());
+    if (!ArchiveHoldsAll(archive, dirFd, name, hostPath, &why)) {
+        ALOGE("[%s] %s is incomplete (%s), the entry is kept", "Compress", Esc(hostPath + ".zip").c_str(),
+              why.c_str());
         FileUtil::DeleteDirectoryOrFile(archive, nullptr);
         return false;
     }
-    FileUtil::DeleteDirectoryOrFile(hostPath, nullptr);
+    FileUtil::DeleteDirectoryOrFile(ConfinedPath::Through(dirFd, name), nullptr);
     FileUtil::ChangeMode(archive, 0775);
     return true;
 }

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,6 +52,9 @@ public:
     // Packs the entry at `hostPath` into `hostPath`.zip, then removes the
     // entry. Needs no running module.
     static bool Compress(const std::string& hostPath);
+    // The same for the entry `name` of the directory open as `dirFd`, its
+    // archive entries named as if it stood at `hostPath`.
+    static bool CompressAt(int dirFd, const std::string& name, const std::string& hostPath);
 
     static constexpr char kAlarmEventName[] = "logMonitor";
     static constexpr uint32_t kWatchMask = 0x1000500;  // IN_CREATE | IN_DELETE_SELF | IN_ONLYDIR
@@ -66,14 +70,21 @@ private:
     void AppendConfigs(std::vector<LogConfig> added);
     void watchByConfigs(const std::vector<LogConfig>& configs);
     void CheckAndClean(const std::string& devicePath);
-    // `sizes`, when given, tells what an entry that vanished meanwhile counted for.
-    bool DeleteFileUpdateDirConfig(const std::string& hostPath, uint64_t* total, std::vector<std::string>& names,
+    // Removes the entry `devicePath` names from the directory open as
+    // `dirFd`. `sizes`, when given, tells what an entry that vanished
+    // meanwhile counted for.
+    bool DeleteFileUpdateDirConfig(int dirFd, const std::string& devicePath, uint64_t* total,
+                                   std::vector<std::string>& names,
                                    const std::map<std::string, uint64_t>* sizes = nullptr);
     uint64_t getDirTotalSize(const std::string& devicePath, std::vector<std::string>& names, const LogConfig& config);
     void updatePathSizeMap(const std::string& devicePath, const LogConfig& config);
-    void CompressEntries(const std::string& devicePath, const LogConfig& config, const std::vector<std::string>& names);
-    void ReportSizeCleaning(const std::string& devicePath, uint64_t before, bool reuseOpen, int64_t cleared,
-                            int64_t moved);
+    void CompressEntries(const std::string& devicePath, int dirFd, const LogConfig& config,
+                         const std::vector<std::string>& names);
+    // Opens the entry's directory below its root again: for a compression
+    // that runs later than the check that chose it.
+    bool CompressEntry(const std::string& deviceFullPath);
+    void ReportSizeCleaning(const std::string& devicePath, int dirFd, uint64_t before, bool reuseOpen,
+                            int64_t cleared, int64_t moved);
     bool IsReuseOpen(const char* op);
     std::optional<LogConfig> FindConfig(const std::string& devicePath);
 
@@ -87,7 +98,10 @@ private:
     std::unique_ptr<TarnisHandler> handler_;
 
     TarnisMessageRef pendingCompressMsg_;
-    std::string pendingCompressPath_;  // host path
+    std::string pendingCompressPath_;  // device path
+    // The directories whose first check has run (and swept what a killed
+    // compression left there).
+    std::set<std::string> swept_;
 
     std::unique_ptr<LogMgrFileEventListener> listener_;
     std::unique_ptr<LogMgrBroadcastReceiver> receiver_;

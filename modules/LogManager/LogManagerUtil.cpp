@@ -3,12 +3,15 @@
 #include <errno.h>
 #include <string.h>
 
+#include <cstdint>
+#include <limits>
 #include <memory>
 
 #include <android-base/file.h>
 #include <log/log.h>
 
 #include "modules/LogManager/JsonHelper.h"
+#include "utils/ConfinedPath.h"
 #include "utils/JsonUtil.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
@@ -56,6 +59,14 @@ std::string FolderNameOf(const Json::Value& record) {
     if (!record.isObject() || !record.isMember("folderName") || !record["folderName"].isString()) return "";
     return " (folderName \"" + StringUtil::ForLog(record["folderName"].asString(), 80) + "\")";
 }
+
+// The most KiB whose byte count (shifted by 10) fits in 64 bits.
+constexpr uint64_t kMaxKiB = std::numeric_limits<uint64_t>::max() >> 10;
+// Days whose milliseconds (86,400,000 a day) fit in a signed 64-bit time.
+constexpr uint64_t kMaxValidDay = static_cast<uint64_t>(std::numeric_limits<int64_t>::max() / 86400000);
+// Seconds whose milliseconds fit in the handler's delay (a long: 32 bits on
+// some devices).
+constexpr uint64_t kMaxDelaySec = static_cast<uint64_t>(std::numeric_limits<long>::max() / 1000);
 
 bool NamesNoDirectory(const LogConfig& record) { return record.folderName.empty() && record.folderPath.empty(); }
 
@@ -132,8 +143,64 @@ std::optional<LogConfig> LogManagerUtil::GetConfigByFolderName(const std::string
             if (matches(child)) return child;
         }
     }
-    ALOGE("[%s] ERR! config not found for %s", "GetConfigByFolderName", name.c_str());
+    ALOGE("[%s] ERR! config not found for %s", "GetConfigByFolderName", StringUtil::ForLog(name).c_str());
     return std::nullopt;
+}
+
+const char* LogManagerUtil::ManagedRootOf(const std::string& devicePath) {
+    for (const char* root : {paths::kBspLogRoot, paths::kVendorLogRoot, paths::kSdcardDir, paths::kTracesDir}) {
+        if (ConfinedPath::IsBelow(devicePath, root)) return root;
+    }
+    return nullptr;
+}
+
+std::string LogManagerUtil::Label(const LogConfig& config) {
+    return "record \"" + StringUtil::ForLog(config.folderName.empty() ? config.folderPath : config.folderName, 256) +
+           "\"";
+}
+
+std::string LogManagerUtil::Refusal(const LogConfig& config, const std::string& devicePath) {
+    const std::string label = Label(config);
+    const auto shown = [](const std::string& text) { return "\"" + StringUtil::ForLog(text, 256) + "\""; };
+    // The names also build the record's path on the reuse partition.
+    const auto plainName = [](const std::string& name) {
+        return name != "." && name != ".." && name.find('/') == std::string::npos;
+    };
+    if (!plainName(config.folderName)) {
+        return label + ": folderName " + shown(config.folderName) + " is not a plain name";
+    }
+    if (config.parent && !plainName(config.parent->folderName)) {
+        return label + ": its parent's folderName " + shown(config.parent->folderName) + " is not a plain name";
+    }
+    // Even a ".." that stays inside a root is refused: a record names its
+    // directory plainly or not at all.
+    const std::string padded = devicePath + "/";
+    if (padded.find("/../") != std::string::npos || padded.find("/./") != std::string::npos) {
+        return label + ": " + shown(devicePath) + " steps through \".\" or \"..\"";
+    }
+    if (ManagedRootOf(devicePath) == nullptr) {
+        return label + ": " + shown(devicePath) + " is not below a managed log root";
+    }
+    // Each limit is checked before it is shifted or multiplied, so that no
+    // value wraps into a small one (a size limit of 0 bytes deletes all).
+    struct Range {
+        const char* field;
+        uint64_t value;
+        uint64_t most;
+    };
+    const Range ranges[] = {
+        {"maxSize", config.maxSize, kMaxKiB},
+        {"reuseMaxSize", config.reuseMaxSize, kMaxKiB},
+        {"maxValidDay", config.maxValidDay, kMaxValidDay},
+        {"compressLatestAfterSec", config.compressLatestAfterSec, kMaxDelaySec},
+    };
+    for (const Range& range : ranges) {
+        if (range.value > range.most) {
+            return label + ": " + range.field + " " + std::to_string(range.value) + " is out of range (at most " +
+                   std::to_string(range.most) + ")";
+        }
+    }
+    return "";
 }
 
 bool LogManagerUtil::ReadConfigFile(const std::string& hostPath, std::vector<LogConfig>* out, Json::Value* json,

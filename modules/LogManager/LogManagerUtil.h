@@ -31,6 +31,19 @@ public:
     // an ERROR line when there is none.
     static std::optional<LogConfig> GetConfigByFolderName(const std::string& name,
                                                           const std::vector<LogConfig>& configs);
+    // The managed log root `devicePath` lies in (the root itself included):
+    // the two log roots, the sdcard and the traces directory; nullptr when
+    // it lies in none. By name only; the disk is not looked at.
+    static const char* ManagedRootOf(const std::string& devicePath);
+    // Why the record may not be managed at `devicePath`, as one sentence
+    // naming the record (escaped): a name that is not a plain name, a path
+    // with "." or ".." steps or outside every managed root, a size, age or
+    // delay too large for the arithmetic it goes into. Empty when it may.
+    // Links are not looked for here: opening the directory below its root
+    // refuses them.
+    static std::string Refusal(const LogConfig& config, const std::string& devicePath);
+    // `config` as a log line names it: its folderName, else its folderPath.
+    static std::string Label(const LogConfig& config);
     // Reads the configuration file at `hostPath` (a file-system path). Every
     // record that can be read goes to `out` (parents set); records that
     // cannot, or that name no directory (no folderName, no folderPath), are

@@ -3,6 +3,7 @@
 #include <log/log.h>
 
 #include "modules/LogManager/LogManager.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-onReceive"
 
@@ -10,7 +11,7 @@ namespace velmar {
 namespace kolto {
 
 void LogMgrBroadcastReceiver::onReceive(Intent intent) const {
-    ALOGI("[%s] action %s", "onReceive", intent.action.c_str());
+    ALOGI("[%s] action %s", "onReceive", StringUtil::ForLog(intent.action).c_str());
     manager_->OnBroadcast(std::move(intent));
 }
 

@@ -6,19 +6,15 @@
 
 #include "modules/LogManager/LogManager.h"
 #include "utils/Paths.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-LogMgrFileEventListener"
 
 namespace velmar {
 namespace kolto {
 
-LogMgrFileEventListener::LogMgrFileEventListener(LogManager* manager, const std::vector<std::string>& devicePaths,
-                                                 uint32_t mask)
-    : FileEventListener("LogMgrFileEventListener", {}, mask), manager_(manager) {
-    for (const std::string& path : devicePaths) {
-        if (Watch(path, mask) != 0) ALOGE("[%s] add file watch failed! path: %s", "LogMgrFileEventListener", path.c_str());
-    }
-}
+LogMgrFileEventListener::LogMgrFileEventListener(LogManager* manager)
+    : FileEventListener("LogMgrFileEventListener", {}, 0), manager_(manager) {}
 
 LogMgrFileEventListener::~LogMgrFileEventListener() { stop(); }
 
@@ -26,15 +22,21 @@ void LogMgrFileEventListener::OnFileEvent(uint32_t mask, std::optional<std::stri
     if (mask & IN_DELETE_SELF) {
         // Handled here, not by the manager: its pointer to this object is
         // not safe to read from this thread while the manager goes away.
-        ALOGI("[%s] watching dir %s deleted, remove watching", "OnFileEvent", DeviceOf(path).c_str());
+        ALOGI("[%s] watching dir %s deleted, remove watching", "OnFileEvent",
+              StringUtil::ForLog(DeviceOf(path)).c_str());
         removeWatching(path);
         return;
     }
     manager_->OnFileEvent(mask, std::move(name), DeviceOf(path));
 }
 
-int LogMgrFileEventListener::Watch(const std::string& devicePath, uint32_t mask) {
-    return addWatching(paths::Get(devicePath), mask);
+int LogMgrFileEventListener::Watch(const std::string& devicePath, int dirFd, uint32_t mask) {
+    const int result = addWatching(paths::Get(devicePath), dirFd, mask);
+    if (result != 0) {
+        ALOGE("[%s] add file watch failed! path: %s", "LogMgrFileEventListener",
+              StringUtil::ForLog(devicePath).c_str());
+    }
+    return result;
 }
 
 bool LogMgrFileEventListener::Unwatch(const std::string& devicePath) { return removeWatching(paths::Get(devicePath)); }

@@ -16,14 +16,16 @@ class LogManager;
 // to the manager and host paths to inotify.
 class LogMgrFileEventListener : public FileEventListener {
 public:
-    // The watches are added only once this object is whole: an event reaching
-    // OnFileEvent while it was still being built would find no manager yet.
-    LogMgrFileEventListener(LogManager* manager, const std::vector<std::string>& devicePaths, uint32_t mask);
+    // Starts with no watch: the manager adds each directory once it has
+    // resolved it, and this object is whole by then.
+    explicit LogMgrFileEventListener(LogManager* manager);
     ~LogMgrFileEventListener() override;
 
     void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) override;
 
-    int Watch(const std::string& devicePath, uint32_t mask);
+    // Watches the directory the manager opened below its root as `dirFd`,
+    // reported as `devicePath`; 0 on success, the failure logged otherwise.
+    int Watch(const std::string& devicePath, int dirFd, uint32_t mask);
     bool Unwatch(const std::string& devicePath);
 
     // The device path of a watched host path (the path itself on a device).

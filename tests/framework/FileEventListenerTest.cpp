@@ -207,6 +207,29 @@ TEST(FileEventListener, AnUnwatchablePathIsLoggedAndTheOthersAreWatched) {
     EXPECT_TRUE(recorder.WaitFor(tmp.path(), std::string("seen")));
 }
 
+TEST(FileEventListener, AWatchNeverFollowsALinkSwappedInForItsDirectory) {
+    TempDir tmp;
+    ASSERT_EQ(mkdir(tmp.Sub("outside").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(tmp.Sub("logs").c_str(), 0755), 0);
+    ASSERT_EQ(symlink(tmp.Sub("outside").c_str(), tmp.Sub("link").c_str()), 0);
+    Recorder recorder;
+    RecordingListener listener(&recorder, {}, IN_CREATE);
+    EXPECT_NE(listener.addWatching(tmp.Sub("link"), IN_CREATE | IN_ONLYDIR), 0);
+
+    // Checked and opened first, then swapped for the link before the watch:
+    // the watch still lands on the directory that was checked.
+    const int fd = open(tmp.Sub("logs").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(rename(tmp.Sub("logs").c_str(), tmp.Sub("moved").c_str()), 0);
+    ASSERT_EQ(rename(tmp.Sub("link").c_str(), tmp.Sub("logs").c_str()), 0);
+    EXPECT_EQ(listener.addWatching(tmp.Sub("logs"), fd, IN_CREATE), 0);
+    close(fd);
+    Touch(tmp.Sub("outside/planted"));
+    Touch(tmp.Sub("moved/ours"));
+    ASSERT_TRUE(recorder.WaitFor(tmp.Sub("logs"), std::string("ours")));
+    for (const Event& event : recorder.Events()) EXPECT_NE(event.name, std::string("planted"));
+}
+
 TEST(FileEventListener, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWarning) {
     platform::LogCapture capture;
     TempDir tmp;

@@ -451,22 +451,67 @@ TEST_F(LogManagerTest, BrokenRecordsAreNamedAndTheReadableOnesStillManaged) {
     EXPECT_TRUE(named) << "no line names the file and the broken records";
 }
 
-TEST_F(LogManagerTest, RecordsNamingPathsOutsideTheirRootAreRefused) {
-    for (int i = 1; i <= 3; ++i) Write(Device("/data/nuvilog/victim/2025-11-23_10-00-0" + std::to_string(i)), "v");
-    Write(Device("/data/local/victim2/2025-11-23_10-00-01"), "v");
-    Write(Device("/data/local/victim2/2025-11-23_10-00-02"), "v");
-    Start("[" + Record("../victim", "\"maxLogNumber\":1") + "," +
-          "{\"folderPath\":\"/data/local/traces/../victim2\",\"maxLogNumber\":1}," +
-          Record("demo_ok", "\"maxLogNumber\":1") + "]");
-    EXPECT_EQ(List(Device("/data/nuvilog/victim")).size(), 3u);
-    EXPECT_EQ(List(Device("/data/local/victim2")).size(), 2u);
-    EXPECT_TRUE(log_.HasLine("[watchByConfigs] /data/nuvilog/bsp/../victim is not a directory a record may name, "
-                             "not watched",
-                             kTag, ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log_.HasLine("[watchByConfigs] /data/local/traces/../victim2 is not a directory a record may name, "
-                             "not watched",
-                             kTag, ANDROID_LOG_ERROR));
-    EXPECT_TRUE(Exists(Bsp("demo_ok")));
+TEST_F(LogManagerTest, RecordsLeadingOutOfTheirRootOrPastTheirRangesAreRefusedAndTheOthersManaged) {
+    tarnis_test::TempDir outside;
+    ASSERT_EQ(system(("mkdir -p '" + Staged("") + "'").c_str()), 0);
+    ASSERT_EQ(symlink(outside.Sub("O").c_str(), Staged("lnkparent").c_str()), 0);
+    ASSERT_EQ(symlink(outside.Sub("L").c_str(), Staged("lnklast").c_str()), 0);
+    struct Case {
+        std::string record, victimDir, line;
+    } cases[] = {
+        {Record("../victim", "\"maxLogNumber\":1"), Device("/data/nuvilog/victim"),
+         "record \"../victim\": folderName \"../victim\" is not a plain name"},
+        {"{\"folderPath\":\"/data/local/traces/../victim2\",\"maxLogNumber\":1}", Device("/data/local/victim2"),
+         "record \"/data/local/traces/../victim2\": \"/data/local/traces/../victim2\" steps through \".\" or \"..\""},
+        {"{\"folderPath\":\"/data/other\",\"maxLogNumber\":1}", Device("/data/other"),
+         "record \"/data/other\": \"/data/other\" is not below a managed log root"},
+        {"{\"folderPath\":\"" + std::string(kBsp) + "/lnkparent/victimdir\",\"maxLogNumber\":1}",
+         outside.Sub("O/victimdir"), "/lnkparent/victimdir\" passes through a symbolic link"},
+        {"{\"folderPath\":\"" + std::string(kBsp) + "/lnklast\",\"maxLogNumber\":1}", outside.Sub("L"),
+         "/lnklast\" passes through a symbolic link"},
+        // 2^54 KiB: shifted to bytes it would wrap to a limit of 0.
+        {Record("demo_wrap", "\"maxSize\":18014398509481984"), Staged("demo_wrap"),
+         "record \"demo_wrap\": maxSize 18014398509481984 is out of range (at most 18014398509481983)"},
+    };
+    std::string config = "[" + Record("demo_ok", "\"maxLogNumber\":1");
+    for (const Case& c : cases) {
+        for (int i = 1; i <= 3; ++i) Write(c.victimDir + "/2025-11-23_10-00-0" + std::to_string(i), "v");
+        config += "," + c.record;
+    }
+    Write(Staged("demo_ok/2025-11-23_10-00-01"), "1");
+    Write(Staged("demo_ok/2025-11-23_10-00-02"), "2");
+    Start(config + "]");
+    for (Case& c : cases) {
+        if (c.victimDir == Staged("demo_wrap")) c.victimDir = Bsp("demo_wrap");
+        EXPECT_EQ(List(c.victimDir).size(), 3u) << c.record;
+        EXPECT_TRUE(log_.Contains(c.line, kTag, ANDROID_LOG_ERROR)) << c.line;
+    }
+    EXPECT_EQ(List(Bsp("demo_ok")), (std::vector<std::string>{"2025-11-23_10-00-02"}));
+
+    // Not watched through the link: an entry made there starts no check. Events
+    // come in order, so once the watched directory's check ran, one would have.
+    Write(outside.Sub("O/victimdir/2025-11-23_10-00-04"), "v");
+    Write(Bsp("demo_ok/2025-11-23_10-00-03"), "3");
+    WaitChecks("demo_ok", 1);
+    EXPECT_EQ(List(outside.Sub("O/victimdir")).size(), 4u);
+    EXPECT_FALSE(log_.Contains("CheckAndClean " + std::string(kBsp) + "/lnkparent", kTag));
+}
+
+TEST_F(LogManagerTest, TemporaryNamesAreSweptAtTheFirstCheckAndNeverCountedAsEntries) {
+    Write(Staged("demo_tmp/.tarnis-tmp.2025-11-23_10-00-00.zip.left0ver00"), std::string(100, 'z'));
+    Write(Staged("demo_tmp/2025-11-23_10-00-01"), "1");
+    Write(Staged("demo_tmp/2025-11-23_10-00-02"), "2");
+    Start("[" + Record("demo_tmp", "\"maxLogNumber\":3") + "]");
+    EXPECT_EQ(List(Bsp("demo_tmp")), (std::vector<std::string>{"2025-11-23_10-00-01", "2025-11-23_10-00-02"}));
+
+    // One being written now is not an entry: counted, it would be the oldest
+    // of four and go.
+    const std::string writing = ".tarnis-tmp.2025-11-23_10-00-02.zip.writing000";
+    Write(Bsp("demo_tmp/" + writing), "z");
+    Write(Bsp("demo_tmp/2025-11-23_10-00-03"), "3");
+    WaitChecks("demo_tmp", 1);
+    EXPECT_EQ(List(Bsp("demo_tmp")),
+              (std::vector<std::string>{writing, "2025-11-23_10-00-01", "2025-11-23_10-00-02", "2025-11-23_10-00-03"}));
 }
 
 TEST_F(LogManagerTest, AConfigThatIsNotJsonStopsTheModule) {
