@@ -73,16 +73,25 @@ int TempName::RemoveLeftovers(const std::string& hostDir) {
     android::base::unique_fd dirFd(
         TEMP_FAILURE_RETRY(open(hostDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
     if (!dirFd.ok()) return 0;
-    ScopedDir dir(fdopendir(dup(dirFd.get())));
+    return RemoveLeftoversAt(dirFd.get(), hostDir);
+}
+
+int TempName::RemoveLeftoversAt(int dirFd, const std::string& shownDir) {
+    android::base::unique_fd own(fcntl(dirFd, F_DUPFD_CLOEXEC, 0));
+    ScopedDir dir(own.ok() ? fdopendir(own.get()) : nullptr);
     if (!dir) return 0;
+    own.release();  // the stream holds it now
+    // A directory of the shape is emptied through this process's own handle
+    // of its parent, so the path is never walked again from the top.
+    const std::string viaFd = "/proc/self/fd/" + std::to_string(dirFd) + "/";
     int removed = 0;
     while (struct dirent* entry = readdir(dir.get())) {
         if (!Is(entry->d_name)) continue;
         struct stat st;
-        const bool isDir = fstatat(dirFd.get(), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
-        const std::string path = hostDir + "/" + entry->d_name;
-        const bool gone = isDir ? FileUtil::DeleteDirectoryOrFile(path, nullptr) == 0
-                                : unlinkat(dirFd.get(), entry->d_name, 0) == 0;
+        const bool isDir = fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+        const std::string path = shownDir + "/" + entry->d_name;
+        const bool gone = isDir ? FileUtil::DeleteDirectoryOrFile(viaFd + entry->d_name, nullptr) == 0
+                                : unlinkat(dirFd, entry->d_name, 0) == 0;
         if (gone) {
             ++removed;
             ALOGI("removed %s, left unfinished by an earlier run", StringUtil::ForLog(path).c_str());

@@ -28,6 +28,10 @@ public:
     // below it); the number removed. Links and directories of that shape
     // are removed as entries, never followed.
     static int RemoveLeftovers(const std::string& hostDir);
+    // The same in the open directory `dirFd`, for a caller that reached it
+    // below its tree and must not walk the path again; `shownDir` names it
+    // in the log lines.
+    static int RemoveLeftoversAt(int dirFd, const std::string& shownDir);
 };
 
 }  // namespace kolto
