@@ -85,8 +85,9 @@ int OpenBeneath(int topFd, const std::string& relative, int flags, mode_t mode) 
             const long fd = syscall(SYS_openat2, topFd, name, &how, sizeof(how));
             if (fd >= 0) return static_cast<int>(fd);
             if (errno == EINTR || errno == EAGAIN) continue;  // EAGAIN: a rename raced the walk
-            if (errno != ENOSYS && errno != EPERM) return -1;
-            // EPERM could be the file's own; the walk below tells them apart.
+            if (errno != ENOSYS && errno != EPERM && errno != ENOTDIR) return -1;
+            // EPERM could be the file's own, and ENOTDIR a link last where a
+            // directory was asked for; the walk below tells them apart.
             if (errno == ENOSYS) gHaveOpenat2.store(false, std::memory_order_relaxed);
             break;
         }

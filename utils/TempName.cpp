@@ -81,6 +81,9 @@ int TempName::RemoveLeftoversAt(int dirFd, const std::string& shownDir) {
     ScopedDir dir(own.ok() ? fdopendir(own.get()) : nullptr);
     if (!dir) return 0;
     own.release();  // the stream holds it now
+    // A duplicate shares its position with `dirFd`, which an earlier walk
+    // may have left at the end.
+    rewinddir(dir.get());
     // A directory of the shape is emptied through this process's own handle
     // of its parent, so the path is never walked again from the top.
     const std::string viaFd = "/proc/self/fd/" + std::to_string(dirFd) + "/";
