@@ -284,13 +284,32 @@ TEST(RsaPubEncrypt, PrivateKeyRecoversTheDataAndBufferEndsInZero) {
 
 // ---- generate_aes256_key ----
 
+TEST(GenerateAes256Key, FailsLoudlyAndLeavesNoUsableKeyWhenTheSourceFails) {
+    TempDir dir;
+    ASSERT_TRUE(WriteFile(dir.Sub("short"), std::string(31, 'k')));
+    const struct {
+        std::string source, line;
+    } cases[] = {{dir.Sub("missing"), "open " + dir.Sub("missing") + " fail!"},
+                 {dir.Sub("short"), "read " + dir.Sub("short") + " fail!"}};
+    for (const auto& c : cases) {
+        platform::LogCapture capture;
+        crypto::SetRandomSourceForTesting(c.source.c_str());
+        unsigned char key[32];
+        memset(key, 0xA5, sizeof(key));
+        EXPECT_FALSE(crypto::generate_aes256_key(key)) << c.source;
+        crypto::SetRandomSourceForTesting(nullptr);
+        EXPECT_TRUE(capture.HasLine(c.line, "", ANDROID_LOG_ERROR)) << c.line;
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(key), 32), std::string(32, '\0'));
+    }
+}
+
 TEST(GenerateAes256Key, FillsExactlyThirtyTwoFreshBytes) {
     unsigned char a[40];
     unsigned char b[40];
     memset(a, 0xA5, sizeof(a));
     memset(b, 0xA5, sizeof(b));
-    crypto::generate_aes256_key(a);
-    crypto::generate_aes256_key(b);
+    EXPECT_TRUE(crypto::generate_aes256_key(a));
+    EXPECT_TRUE(crypto::generate_aes256_key(b));
     EXPECT_NE(memcmp(a, b, 32), 0);
     for (int i = 32; i < 40; ++i) {
         EXPECT_EQ(a[i], 0xA5) << i;
