@@ -796,8 +796,9 @@ void AndroidCrashMonitorThread::update_proc_crash_module() {
         return;
     }
     if (!fd.ok() || !WriteAll(fd.get(), summary_.data(), summary_.size())) {
+        const int error = errno;
         ALOGE("%s: open proc crash_module file failed!", __func__);
-        ALOGE("%s: %s: %s", __func__, Shown(path).c_str(), strerror(errno));
+        ALOGE("%s: %s: %s", __func__, Shown(path).c_str(), strerror(error));
     }
 }
 
