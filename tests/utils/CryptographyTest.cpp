@@ -286,19 +286,16 @@ TEST(RsaPubEncrypt, PrivateKeyRecoversTheDataAndBufferEndsInZero) {
 
 TEST(GenerateAes256Key, FailsLoudlyAndLeavesNoUsableKeyWhenTheSourceFails) {
     TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.Sub("short"), std::string(31, 'k')));
-    const struct {
-        std::string source, line;
-    } cases[] = {{dir.Sub("missing"), "open " + dir.Sub("missing") + " fail!"},
-                 {dir.Sub("short"), "read " + dir.Sub("short") + " fail!"}};
-    for (const auto& c : cases) {
+    ASSERT_TRUE(WriteFile(dir.Sub("short"), std::string(31, 'k')));  // "open" fails on "missing"
+    for (const std::string how : {"open", "read"}) {
+        const std::string source = dir.Sub(how == "open" ? "missing" : "short");
         platform::LogCapture capture;
-        crypto::SetRandomSourceForTesting(c.source.c_str());
+        crypto::SetRandomSourceForTesting(source.c_str());
         unsigned char key[32];
         memset(key, 0xA5, sizeof(key));
-        EXPECT_FALSE(crypto::generate_aes256_key(key)) << c.source;
+        EXPECT_FALSE(crypto::generate_aes256_key(key)) << how;
         crypto::SetRandomSourceForTesting(nullptr);
-        EXPECT_TRUE(capture.HasLine(c.line, "", ANDROID_LOG_ERROR)) << c.line;
+        EXPECT_TRUE(capture.HasLine(how + " " + source + " fail!", "", ANDROID_LOG_ERROR)) << how;
         EXPECT_EQ(std::string(reinterpret_cast<char*>(key), 32), std::string(32, '\0'));
     }
 }
