@@ -8,6 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <string>
+
+#include <android-base/unique_fd.h>
 
 #include <log/log.h>
 #include <openssl/bio.h>
@@ -26,6 +30,17 @@ namespace {
 // per file keeps equal files from giving equal ciphertexts.
 constexpr unsigned char kIv[kAesBlockBytes] = {'k', '3', 'v', 'T', 'q', '9', 'Z', 'p',
                                                'L', 'w', '2', 'x', 'R', '8', 'n', 'B'};
+
+constexpr char kRandomDevice[] = "/dev/urandom";
+
+std::mutex& RandomSourceLock() {
+    static std::mutex lock;
+    return lock;
+}
+std::string& RandomSource() {
+    static std::string path = kRandomDevice;
+    return path;
+}
 
 // Large reads keep the cost per byte close to the cipher's own.
 constexpr size_t kChunkBytes = 1 << 20;
@@ -76,20 +91,29 @@ struct Cleansed {
 
 }  // namespace
 
-void generate_aes256_key(unsigned char* key) {
-    int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "open /dev/urandom fail!");
-        return;
+void SetRandomSourceForTesting(const char* path) {
+    std::lock_guard<std::mutex> guard(RandomSourceLock());
+    RandomSource() = path != nullptr ? path : kRandomDevice;
+}
+
+bool generate_aes256_key(unsigned char* key) {
+    std::string source;
+    {
+        std::lock_guard<std::mutex> guard(RandomSourceLock());
+        source = RandomSource();
     }
-    ssize_t n;
-    do {
-        n = read(fd, key, kAes256KeyBytes);
-    } while (n < 0 && errno == EINTR);
-    if (n != kAes256KeyBytes) {
-        __android_log_print(ANDROID_LOG_ERROR, nullptr, "read /dev/urandom fail!");
+    android::base::unique_fd fd(TEMP_FAILURE_RETRY(open(source.c_str(), O_RDONLY | O_CLOEXEC)));
+    if (!fd.ok()) {
+        __android_log_print(ANDROID_LOG_ERROR, nullptr, "open %s fail!", source.c_str());
+        OPENSSL_cleanse(key, kAes256KeyBytes);
+        return false;
     }
-    close(fd);
+    if (ReadFull(fd.get(), key, kAes256KeyBytes) != static_cast<size_t>(kAes256KeyBytes)) {
+        __android_log_print(ANDROID_LOG_ERROR, nullptr, "read %s fail!", source.c_str());
+        OPENSSL_cleanse(key, kAes256KeyBytes);
+        return false;
+    }
+    return true;
 }
 
 int64_t aes_encrypt_file(int inFd, int outFd, unsigned char* key) {

@@ -11,9 +11,14 @@ namespace velmar::kolto::cryptography {
 constexpr int kAes256KeyBytes = 32;
 constexpr int kAesBlockBytes = 16;
 
-// Fills key[0..31] from /dev/urandom. If the device cannot be opened the
-// buffer is left as it was; a short read is logged.
-void generate_aes256_key(unsigned char* key);
+// Fills key[0..31] from /dev/urandom and returns true. When the device
+// cannot be opened or gives fewer than 32 bytes, logs which and returns
+// false with the buffer zeroed: a caller must then encrypt nothing, as a key
+// it could guess protects nothing.
+bool generate_aes256_key(unsigned char* key);
+// Reads keys from `path` instead (nullptr: /dev/urandom again), so that a
+// test can make the random source fail.
+void SetRandomSourceForTesting(const char* path);
 
 // Encrypts everything readable from inFd to outFd with AES-256-CBC under `key`
 // and the fixed black-box IV, one CBC chain, no padding marker: the final

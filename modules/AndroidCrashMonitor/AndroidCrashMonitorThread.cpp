@@ -28,8 +28,12 @@
 #include <openssl/crypto.h>
 
 #include "utils/Clock.h"
+#include "utils/ConfinedPath.h"
 #include "utils/Cryptography.h"
 #include "utils/Paths.h"
+#include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
+#include "utils/TempName.h"
 
 #define LOG_TAG "AndroidCrashMonitor"
 
@@ -42,6 +46,7 @@ namespace paths = kolto::paths;
 using android::base::GetProperty;
 using android::base::SetProperty;
 using android::base::unique_fd;
+using kolto::ConfinedPath;
 
 namespace {
 
@@ -100,17 +105,14 @@ bool ContainsNoCase(const std::string& text, const char* needle) {
     return strcasestr(text.c_str(), needle) != nullptr;
 }
 
-// A path from a property stays below the root only without ".." steps.
-bool HasParentStep(const std::string& path) {
-    size_t start = 0;
-    while (start <= path.size()) {
-        size_t end = path.find('/', start);
-        if (end == std::string::npos) end = path.size();
-        if (path.compare(start, end - start, "..") == 0 && end - start == 2) return true;
-        start = end + 1;
-    }
-    return false;
-}
+// Paths, names and lines that came from the collector, fit for a log line.
+std::string Shown(const std::string& text) { return kolto::StringUtil::ForLog(text, 512); }
+
+// Wipes the AES key however the write is left.
+struct KeyWipe {
+    unsigned char* key;
+    ~KeyWipe() { OPENSSL_cleanse(key, crypto::kAes256KeyBytes); }
+};
 
 void CutTrailingNewlines(std::string* text) {
     while (!text->empty() && (text->back() == '\n' || text->back() == '\r')) text->pop_back();
@@ -263,8 +265,11 @@ bool AndroidCrashMonitorThread::ReadDbPath(const std::string& name, std::string*
         ALOGE("%s: failed to snprintf for db_path", "get_db_path");
         return false;
     }
-    if (HasParentStep(path)) {
-        ALOGE("%s: db path %s has a \"..\" step, refused", "get_db_path", path);
+    // The collector writes its databases below the directory the monitor
+    // watches; a path anywhere else is not one of them.
+    std::string why;
+    if (!ConfinedPath::Relative(path, paths::kAeeExpDir, nullptr, &why)) {
+        ALOGE("%s: db path refused: %s", "get_db_path", why.c_str());
         return false;
     }
     *devicePath = path;
@@ -275,7 +280,7 @@ void AndroidCrashMonitorThread::DeleteEncFiles(int dirFd, const std::string& dir
     unique_fd own(dirFd >= 0 ? fcntl(dirFd, F_DUPFD_CLOEXEC, 0) : -1);
     DIR* stream = own.ok() ? fdopendir(own.get()) : nullptr;
     if (stream == nullptr) {
-        ALOGE("cannot open directory: %s", dir.c_str());
+        ALOGE("cannot open directory: %s", Shown(dir).c_str());
         return;
     }
     const int fd = own.release();
@@ -286,26 +291,46 @@ void AndroidCrashMonitorThread::DeleteEncFiles(int dirFd, const std::string& dir
         struct stat st;
         if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) continue;
         const std::string path = dir + "/" + entry->d_name;
-        ALOGI("delete enc file: %s\n", path.c_str());
+        ALOGI("delete enc file: %s\n", Shown(path).c_str());
         if (unlinkat(fd, entry->d_name, 0) == 0) {
             ALOGI("delete enc file successfully!");
         } else {
-            ALOGE("delete enc file failed: %s\n", path.c_str());
+            ALOGE("delete enc file failed: %s\n", Shown(path).c_str());
         }
+    }
+}
+
+void AndroidCrashMonitorThread::RemoveLeftoverContainers() {
+    // A container staged by a run that was killed stays beside its
+    // database, which may never be announced again: every database
+    // directory is swept once at start.
+    const std::string top = paths::Get(paths::kAeeExpDir);
+    unique_fd topFd(TEMP_FAILURE_RETRY(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+    unique_fd own(topFd.ok() ? fcntl(topFd.get(), F_DUPFD_CLOEXEC, 0) : -1);
+    kolto::ScopedDir entries(own.ok() ? fdopendir(own.get()) : nullptr);
+    if (!entries) return;
+    own.release();  // the stream holds it now
+    kolto::TempName::RemoveLeftovers(topFd.get(), top);
+    rewinddir(entries.get());  // shares its position with the sweep's own walk
+    while (struct dirent* entry = readdir(entries.get())) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+        unique_fd sub(TEMP_FAILURE_RETRY(
+                openat(topFd.get(), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+        if (sub.ok()) kolto::TempName::RemoveLeftovers(sub.get(), top + "/" + entry->d_name);
     }
 }
 
 void AndroidCrashMonitorThread::sync_directory(const char* path) {
     unique_fd fd(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
     if (!fd.ok()) {
-        ALOGE("cannot open directory: %s for sync", path);
+        ALOGE("cannot open directory: %s for sync", Shown(path).c_str());
         return;
     }
     if (fsync(fd.get()) != 0) {
-        ALOGE("sync directory failed: %s", path);
+        ALOGE("sync directory failed: %s", Shown(path).c_str());
         return;
     }
-    ALOGI("directory: %s has been synced to disk\n", path);
+    ALOGI("directory: %s has been synced to disk\n", Shown(path).c_str());
 }
 
 int AndroidCrashMonitorThread::write_rsa_encrypt_data(int fd, unsigned char* key, int len) {
@@ -323,7 +348,8 @@ int AndroidCrashMonitorThread::write_rsa_encrypt_data(int fd, unsigned char* key
     return 0;
 }
 
-bool AndroidCrashMonitorThread::StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded) {
+bool AndroidCrashMonitorThread::StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded,
+                                               unsigned char* key) {
     char sizes[2 * bb::kContainerSizeField] = {};
     snprintf(sizes, bb::kContainerSizeField, "%lu", static_cast<unsigned long>(plainSize));
     snprintf(sizes + bb::kContainerSizeField, bb::kContainerSizeField, "%lu", static_cast<unsigned long>(padded));
@@ -331,18 +357,15 @@ bool AndroidCrashMonitorThread::StageContainer(int dbFd, int containerFd, uint64
         ALOGE("%s: write size fields failed %d(%s)", "write_fw_db_to_blackbox", errno, strerror(errno));
         return false;
     }
-    unsigned char key[crypto::kAes256KeyBytes] = {};
-    crypto::generate_aes256_key(key);
     bool ok = true;
     const int64_t encrypted = crypto::aes_encrypt_file(dbFd, containerFd, key);
     if (encrypted != static_cast<int64_t>(padded)) {
         ALOGE("%s: AES encrypt fw db failed!", "write_fw_db_to_blackbox");
         ok = false;
-    } else if (write_rsa_encrypt_data(containerFd, key, sizeof(key)) != 0) {
+    } else if (write_rsa_encrypt_data(containerFd, key, crypto::kAes256KeyBytes) != 0) {
         ALOGE("%s: write encrypted aes key failed!", "write_fw_db_to_blackbox");
         ok = false;
     }
-    OPENSSL_cleanse(key, sizeof(key));
     if (!ok) return false;
     // The helpers report the bytes they handed over; the file itself must
     // hold the whole container before the partition is touched.
@@ -368,7 +391,7 @@ int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsi
     for (;;) {
         ssize_t got = TEMP_FAILURE_RETRY(read(srcFd, buf, sizeof(buf)));
         if (got < 0) {
-            ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, target.c_str());
+            ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, Shown(target).c_str());
             return -1;
         }
         if (got == 0) return 1;
@@ -377,11 +400,12 @@ int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsi
             put = WriteOnce(dstFd, buf, static_cast<size_t>(got), -1);
         } while (put < 0 && errno == EINTR);
         if (put < 0) {
-            ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, target.c_str());
+            ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, Shown(target).c_str());
             return -1;
         }
         if (put != got) {
-            ALOGE("[%s] Failed to write all encrypted data to the target device %s", __func__, target.c_str());
+            ALOGE("[%s] Failed to write all encrypted data to the target device %s", __func__,
+                  Shown(target).c_str());
             return -1;
         }
     }
@@ -432,27 +456,36 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
     }
     const std::string dbPath = paths::Get(devicePath);
     const std::string dir = dbPath.substr(0, dbPath.rfind('/'));
-    ALOGI("%s: Db path is %s", __func__, dbPath.c_str());
-    ALOGI("%s: db name: %s", __func__, name);
-    ALOGI("%s: Newest fw db file: %s", __func__, dbPath.c_str());
-    long dbSize = stat(dbPath.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : 0;
-    ALOGI("%s: db_size = %ld", __func__, dbSize);
+    ALOGI("%s: Db path is %s", __func__, Shown(dbPath).c_str());
+    ALOGI("%s: db name: %s", __func__, Shown(name).c_str());
+    ALOGI("%s: Newest fw db file: %s", __func__, Shown(dbPath).c_str());
 
     // Everything in the database's directory is reached through one
-    // descriptor of it, opened without following a link: a link planted in
-    // place of the directory cannot send a deletion or a file elsewhere.
+    // descriptor of it, resolved below the collector's directory without a
+    // link on the way: a link planted in place of a directory cannot send a
+    // deletion or a file elsewhere.
+    std::string why;
+    unique_fd dirFd = ConfinedPath::Open(devicePath.substr(0, devicePath.rfind('/')), paths::kAeeExpDir,
+                                         O_RDONLY | O_DIRECTORY, 0, &why);
+    if (!dirFd.ok()) {
+        ALOGE("%s: db directory refused: %s", __func__, why.c_str());
+        return 0;
+    }
     const std::string base = dbPath.substr(dbPath.rfind('/') + 1);
-    unique_fd dirFd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
-    DeleteEncFiles(dirFd.get(), dir);
-
+    // Non-blocking: a FIFO in the database's place must not hold the worker.
     unique_fd dbFd(TEMP_FAILURE_RETRY(
             openat(dirFd.get(), base.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
-    if (dbFd.ok() && (fstat(dbFd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
-        dbFd.reset();
-        errno = EINVAL;
+    const int openError = errno;
+    const bool regular = dbFd.ok() && fstat(dbFd.get(), &st) == 0 && S_ISREG(st.st_mode);
+    ALOGI("%s: db_size = %ld", __func__, regular ? static_cast<long>(st.st_size) : 0L);
+    if (dbFd.ok() && !regular) {
+        ALOGE("%s: %s is not a regular file, skipped", __func__, Shown(dbPath).c_str());
+        return 0;
     }
+    DeleteEncFiles(dirFd.get(), dir);
+    kolto::TempName::RemoveLeftovers(dirFd.get(), dir);
     if (!dbFd.ok()) {
-        ALOGE("%s: Source_fd open fail %d(%s)", __func__, errno, strerror(errno));
+        ALOGE("%s: Source_fd open fail %d(%s)", __func__, openError, strerror(openError));
         sync_directory(dir.c_str());
         return 0;
     }
@@ -481,32 +514,38 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         start = bb::kFwAreaStart;
     }
 
-    // Staged under a name of its own ("*.enc", so that an orphan of a killed
-    // run goes with the next deletion pass) and given its final name only
-    // when it is complete.
+    // A key that could be guessed would protect nothing: without one from
+    // the random source no container is made at all.
+    unsigned char key[crypto::kAes256KeyBytes];
+    KeyWipe wipe{key};
+    if (!crypto::generate_aes256_key(key)) {
+        ALOGE("%s: no AES key from the random source, nothing written", __func__);
+        return 0;
+    }
+    // Staged under the daemon's temporary name and given its final name
+    // only when it is complete; what a killed run left is swept above.
     const std::string encName = base + ".enc";
     if (dbPath.size() + 4 >= PATH_MAX || encName.size() + 24 > NAME_MAX) {
         ALOGE("%s: encrypted db path too long", __func__);
         return -1;
     }
     std::string temp;
-    unique_fd container;
-    for (int attempt = 0; attempt < 16 && !container.ok(); ++attempt) {
-        static std::atomic<unsigned> serial{0};
-        char unique[32];
-        snprintf(unique, sizeof(unique), ".%d-%u", static_cast<int>(getpid()), serial++);
-        temp = base + unique + ".enc";
-        container.reset(TEMP_FAILURE_RETRY(openat(dirFd.get(), temp.c_str(),
-                                                  O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)));
-        if (!container.ok() && errno != EEXIST) break;
-    }
+    unique_fd created(kolto::TempName::CreateAt(dirFd.get(), encName, 0660, &temp));
+    // The staged container is read back for the partition: the new file,
+    // opened again read-write through this process's own handle of it.
+    unique_fd container(created.ok() ? TEMP_FAILURE_RETRY(open(
+                                               ("/proc/self/fd/" + std::to_string(created.get())).c_str(),
+                                               O_RDWR | O_CLOEXEC))
+                                     : -1);
     if (!container.ok()) {
         ALOGE("%s: create file fail %d(%s)", __func__, errno, strerror(errno));
+        if (created.ok()) unlinkat(dirFd.get(), temp.c_str(), 0);
         return 0;
     }
+    created.reset();
     const int dir_fd = dirFd.get();
     auto discard = [dir_fd, &temp]() { unlinkat(dir_fd, temp.c_str(), 0); };
-    if (!StageContainer(dbFd.get(), container.get(), plainSize, padded)) {
+    if (!StageContainer(dbFd.get(), container.get(), plainSize, padded, key)) {
         discard();
         return 0;
     }
@@ -544,7 +583,7 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
 
     if (encrypt) {
         if (renameat(dir_fd, temp.c_str(), dir_fd, encName.c_str()) != 0) {
-            ALOGE("%s: rename %s failed: %s", __func__, temp.c_str(), strerror(errno));
+            ALOGE("%s: rename %s failed: %s", __func__, Shown(temp).c_str(), strerror(errno));
             discard();
         } else {
             ALOGI("%s: write encrypted db to blackbox success, delete non-encrypted db file!", __func__);
@@ -626,11 +665,14 @@ int AndroidCrashMonitorThread::write_blackbox_crash_history() {
         return -1;
     }
     CrashRecord record;
-    const std::string historyPath = paths::Get(paths::kAeeDbHistory);
-    unique_fd historyFd(TEMP_FAILURE_RETRY(open(historyPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    // The collector's directory is open to others: a FIFO or a link in the
+    // history's place is refused, never waited on or followed.
+    std::string why = "cannot be read";
+    unique_fd historyFd = ConfinedPath::OpenRegular(paths::kAeeDbHistory, paths::kAeeExpDir, O_RDONLY, 0, &why);
     FILE* history = historyFd.ok() ? fdopen(historyFd.get(), "re") : nullptr;
     if (history == nullptr) {
         ALOGE("open fw db_distory failed");
+        ALOGW("%s: %s, the crash goes into the history without its line", __func__, why.c_str());
     } else {
         historyFd.release();
         char line[kHistoryLine];
@@ -640,7 +682,7 @@ int AndroidCrashMonitorThread::write_blackbox_crash_history() {
             const char* from = cst - line >= 20 ? cst - 20 : line;
             record.time = from;
             CutTrailingNewlines(&record.time);
-            ALOGE("crash_time %s", record.time.c_str());
+            ALOGE("crash_time %s", Shown(record.time).c_str());
             if (strstr(line, name) == nullptr) continue;
             if (strstr(line, ".NE") != nullptr) {
                 record.mainType = record.type = 22;
@@ -714,7 +756,7 @@ int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record
     item.textLength = std::min(text.size(), sizeof(item.text) - 1);
     memcpy(item.text, text.data(), item.textLength);
     item.tableValue = table_.historyItemValue;
-    ALOGI("%s: crash_item.string: %s", kFunc, item.text);
+    ALOGI("%s: crash_item.string: %s", kFunc, Shown(item.text).c_str());
     if (header.nextPosition >= bb::kCrashHistorySlots) header.nextPosition = 0;
     if (!WriteRecord(fd.get(), bb::CrashItemOffset(historyBase_, header.nextPosition), item) || fsync(fd.get()) != 0) {
         ALOGE("%s: write crash item to blackbox failed", kFunc);
@@ -743,9 +785,20 @@ int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record
 void AndroidCrashMonitorThread::update_proc_crash_module() {
     if (summary_.empty()) return;
     const std::string path = paths::Get(paths::kProcCrashModule);
-    unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644)));
-    if (!fd.ok() || !WriteAll(fd.get(), summary_.data(), summary_.size())) {
+    // Non-blocking and checked: a FIFO there would hold the worker in open()
+    // for ever, with the write status stuck at "writing".
+    unique_fd fd(TEMP_FAILURE_RETRY(
+            open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644)));
+    struct stat st;
+    if (fd.ok() && (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
         ALOGE("%s: open proc crash_module file failed!", __func__);
+        ALOGE("%s: %s is not a regular file, not written", __func__, Shown(path).c_str());
+        return;
+    }
+    if (!fd.ok() || !WriteAll(fd.get(), summary_.data(), summary_.size())) {
+        const int error = errno;
+        ALOGE("%s: open proc crash_module file failed!", __func__);
+        ALOGE("%s: %s: %s", __func__, Shown(path).c_str(), strerror(error));
     }
 }
 
@@ -753,7 +806,7 @@ void AndroidCrashMonitorThread::WaitForWriteStatusDone() {
     std::thread helper([this] {
         for (int i = 0; i < kStatusPolls; ++i) {
             const std::string status = GetProperty(kStatusProperty, "unknown");
-            ALOGI("%s: propbuf = %s", "wait_blackbox_write_status", status.c_str());
+            ALOGI("%s: propbuf = %s", "wait_blackbox_write_status", Shown(status).c_str());
             if (status == "done") break;
             if (!stop_.Sleep(kSecondMs)) break;
             ALOGI("%s: i = %d", "wait_blackbox_write_status", i);
@@ -817,10 +870,12 @@ int AndroidCrashMonitorThread::threadLoop() {
     }
     const std::string dir = paths::Get(paths::kAeeExpDir);
     if (inotify_add_watch(inotify.get(), dir.c_str(), IN_CLOSE_WRITE) < 0) {
-        ALOGE("%s: Failed to add watch for directory %s, error = %d(%s)\n", __func__, dir.c_str(), errno,
-              strerror(errno));
+        const int error = errno;
+        ALOGE("%s: Failed to add watch for directory %s, error = %d(%s)\n", __func__, Shown(dir).c_str(), error,
+              strerror(error));
         return 0;
     }
+    RemoveLeftoverContainers();
     SetProperty(kStatusProperty, "done");
     bool encrypt = false;
     alignas(struct inotify_event) char buf[kEventBuffer];

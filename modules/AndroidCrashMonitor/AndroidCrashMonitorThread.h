@@ -100,8 +100,9 @@ private:
     bool LoadHeaders();
     // Drops from the on-disk header every slot whose bytes [start, end) covers.
     bool ClearOverlappedSlots(int partitionFd, uint64_t start, uint64_t end);
-    bool StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded);
+    bool StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded, unsigned char* key);
     void DeleteEncFiles(int dirFd, const std::string& dir);
+    void RemoveLeftoverContainers();
     bool ReadDbPath(const std::string& name, std::string* devicePath);
     bool WaitBootCompleted();
 

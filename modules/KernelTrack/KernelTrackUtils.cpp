@@ -15,6 +15,7 @@
 #include <log/log.h>
 
 #include "utils/JsonUtil.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-KernelStatsTrack"
 
@@ -26,6 +27,11 @@ namespace {
 
 // The kernel's tables are a few kilobytes; anything far larger is not one.
 constexpr size_t kMaxStatsBytes = 1 << 20;
+// A line that is not a count may be anything up to a whole read of binary:
+// its head, escaped, says enough.
+constexpr size_t kMaxLoggedLine = 256;
+
+std::string Shown(const std::string& text, size_t max = 512) { return StringUtil::ForLog(text, max); }
 
 std::string Trim(const std::string& text) {
     static constexpr char kBlanks[] = " \t\r\n";
@@ -60,19 +66,19 @@ bool ReadStatsFile(const std::string& path, std::string* text) {
     // Non-blocking, so that a FIFO planted in a node's place cannot hold the run.
     android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) {
-        ALOGE("[%s] Failed to open %s, err %s", "parseKernelInfo", path.c_str(), strerror(errno));
+        ALOGE("[%s] Failed to open %s, err %s", "parseKernelInfo", Shown(path).c_str(), strerror(errno));
         return false;
     }
     struct stat st {};
     if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        ALOGE("[%s] Failed to open %s, err %s", "parseKernelInfo", path.c_str(), "not a regular file");
+        ALOGE("[%s] Failed to open %s, err %s", "parseKernelInfo", Shown(path).c_str(), "not a regular file");
         return false;
     }
     char buffer[4096];
     while (text->size() < kMaxStatsBytes) {
         const ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), buffer, sizeof(buffer)));
         if (n < 0) {
-            ALOGE("[%s] Failed to open %s, err %s", "parseKernelInfo", path.c_str(), strerror(errno));
+            ALOGE("[%s] Failed to open %s, err %s", "parseKernelInfo", Shown(path).c_str(), strerror(errno));
             return false;
         }
         if (n == 0) break;
@@ -101,10 +107,10 @@ Json::Value KernelTrackUtils::parseKernelText(const std::string& text) {
                 node[name] = number;
                 break;
             case Conversion::kInvalid:
-                ALOGE("[%s] Invalid argument: %s", "parseKernelInfo", line.c_str());
+                ALOGE("[%s] Invalid argument: %s", "parseKernelInfo", Shown(line, kMaxLoggedLine).c_str());
                 break;
             case Conversion::kOutOfRange:
-                ALOGE("[%s] Out of range: %s", "parseKernelInfo", line.c_str());
+                ALOGE("[%s] Out of range: %s", "parseKernelInfo", Shown(line, kMaxLoggedLine).c_str());
                 break;
         }
     }
@@ -115,7 +121,7 @@ bool KernelTrackUtils::parseKernelInfo(const std::string& path, Json::Value* out
     std::string text;
     if (!ReadStatsFile(path, &text)) return false;
     if (text.empty()) {
-        ALOGE("[%s] File content is empty: %s", __func__, path.c_str());
+        ALOGE("[%s] File content is empty: %s", __func__, Shown(path).c_str());
         return false;
     }
     *out = parseKernelText(text);
@@ -147,7 +153,8 @@ bool KernelTrackUtils::reportKernelStatsEvent(const std::string& path, const std
                                               const std::vector<std::string>& fields) {
     Json::Value node;
     if (!parseKernelInfo(path, &node) || node.empty()) {
-        ALOGE("[%s] Failed to parse event %s, which kernel info from %s", __func__, eventName.c_str(), path.c_str());
+        ALOGE("[%s] Failed to parse event %s, which kernel info from %s", __func__, eventName.c_str(),
+              Shown(path).c_str());
         return false;
     }
     const Json::Value event = convertFieldsToJSON(eventName, fields, node);
@@ -167,22 +174,23 @@ bool KernelTrackUtils::reportKernelStatsEvent(const std::string& path, const std
     }
     if (android::DorvaServiceManager::getInstance().reportTrelvoEvent(kTrelvoAppId, kTrelvoSource, data, 0) != 0) {
         ALOGE("[%s] Failed to report event %s, which kernel info from %s", __func__, eventName.c_str(),
-              path.c_str());
+              Shown(path).c_str());
         return false;
     }
-    ALOGI("[%s] Successfully report event %s, which kernel info from %s", __func__, eventName.c_str(), path.c_str());
+    ALOGI("[%s] Successfully report event %s, which kernel info from %s", __func__, eventName.c_str(),
+          Shown(path).c_str());
     return true;
 }
 
 bool KernelTrackUtils::clearKernelNode(const std::string& path) {
-    ALOGI("[%s] clearKernelNode start: %s", __func__, path.c_str());
+    ALOGI("[%s] clearKernelNode start: %s", __func__, Shown(path).c_str());
     // The mode is opened up only on the node itself, never through a link
     // planted in its place; the open below refuses links as well.
     struct stat st {};
     if (lstat(path.c_str(), &st) == 0 && !S_ISLNK(st.st_mode)) chmod(path.c_str(), 0666);
     android::base::unique_fd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (fd.get() < 0) {
-        ALOGE("[%s] Failed to open %s, err %s", __func__, path.c_str(), strerror(errno));
+        ALOGE("[%s] Failed to open %s, err %s", __func__, Shown(path).c_str(), strerror(errno));
         return false;
     }
     static constexpr char kReset[] = "1\n";

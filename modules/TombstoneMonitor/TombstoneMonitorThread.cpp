@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -15,7 +16,10 @@
 #include <log/log.h>
 
 #include "utils/Clock.h"
+#include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
+#include "utils/StringUtil.h"
+#include "utils/TempName.h"
 
 #define LOG_TAG "TombstoneMonitor"
 
@@ -30,58 +34,89 @@ namespace {
 constexpr char kInDirProperty[] = "sys.tombstone.monitor.in.dir";
 constexpr char kOutDirProperty[] = "sys.tombstone.monitor.out.dir";
 constexpr char kTombstoneMarker[] = "tombstone_";
+// Both directories must lie in /data, where the platform's tombstones and
+// the daemon's log tree are; a property naming anything else is refused.
+constexpr const char* kDirTree = paths::kDataMountPoint;
 constexpr uint32_t kAllEvents = 0xFFF;
 constexpr uid_t kSystemUid = 1000;
 constexpr gid_t kSystemGid = 1000;
 constexpr mode_t kMirrorMode = 0770;
+constexpr size_t kCopyChunk = 64 * 1024;
 
-// Splits "DIR/NAME" into the directory (without its trailing slash) and NAME.
-bool SplitPath(const std::string& path, std::string* dir, std::string* name) {
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos || slash + 1 == path.size()) return false;
-    *dir = slash == 0 ? "/" : path.substr(0, slash);
-    *name = path.substr(slash + 1);
+std::string Shown(const std::string& text) { return kolto::StringUtil::ForLog(text, 512); }
+
+std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+bool AllZero(const char* buf, size_t len) {
+    for (size_t i = 0; i < len; ++i) {
+        if (buf[i] != 0) return false;
+    }
     return true;
 }
 
-// The directory that holds `path`'s entry, itself reached without
-// following a link in its last component.
-unique_fd OpenParent(const std::string& path, std::string* name) {
-    std::string dir;
-    if (!SplitPath(path, &dir, name)) {
-        errno = EINVAL;
-        return unique_fd();
+bool WriteAllAt(int fd, const char* buf, size_t len, off_t at) {
+    while (len > 0) {
+        const ssize_t put = TEMP_FAILURE_RETRY(pwrite(fd, buf, len, at));
+        if (put <= 0) return false;
+        buf += put;
+        len -= static_cast<size_t>(put);
+        at += put;
     }
-    return unique_fd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+    return true;
 }
 
-// Writes the whole of `in` to a fresh file in `dirFd` and renames it to
-// `name`: the mirror entry is either the old one or a complete copy, and a
-// link or file planted under `name` is replaced, never written through.
-bool CopyInto(int in, int dirFd, const std::string& name) {
-    const std::string temp = "." + name + ".tmp";
-    unique_fd out(TEMP_FAILURE_RETRY(
-            openat(dirFd, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMirrorMode)));
-    if (!out.ok() && errno == EEXIST) {
-        // Left behind by a copy that was cut short.
-        unlinkat(dirFd, temp.c_str(), 0);
-        out.reset(TEMP_FAILURE_RETRY(
-                openat(dirFd, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMirrorMode)));
-    }
-    if (!out.ok()) return false;
-    char buf[16384];
-    bool ok = true;
-    for (;;) {
-        const ssize_t got = TEMP_FAILURE_RETRY(read(in, buf, sizeof(buf)));
-        if (got == 0) break;
-        if (got < 0 || !android::base::WriteFully(out.get(), buf, static_cast<size_t>(got))) {
-            ok = false;
-            break;
+// Copies [from, to) of `in` to the same offsets of `out`; a block of zeros
+// is left a hole. Stops early, setting *end, when the source shrank.
+bool CopyRange(int in, int out, off_t from, off_t to, off_t* end) {
+    char buf[kCopyChunk];
+    for (off_t at = from; at < to;) {
+        const size_t want = static_cast<size_t>(std::min<off_t>(to - at, sizeof(buf)));
+        const ssize_t got = TEMP_FAILURE_RETRY(pread(in, buf, want, at));
+        if (got < 0) return false;
+        if (got == 0) {
+            *end = at;
+            return true;
         }
+        if (!AllZero(buf, static_cast<size_t>(got)) &&
+            !WriteAllAt(out, buf, static_cast<size_t>(got), at)) {
+            return false;
+        }
+        at += got;
     }
+    return true;
+}
+
+// The first `length` bytes of `in` into `out`, holes kept as holes: only the
+// data extents are read, and the size is set at the end.
+bool CopySparse(int in, int out, off_t length) {
+    off_t end = length;
+    for (off_t at = 0; at < end;) {
+        off_t data = lseek(in, at, SEEK_DATA);
+        if (data < 0 && errno == ENXIO) break;  // a hole up to the end
+        off_t hole = data < 0 ? -1 : lseek(in, data, SEEK_HOLE);
+        if (data < 0 || hole < 0) {
+            // No extent map here: every block is read, zero ones skipped.
+            data = at;
+            hole = end;
+        }
+        if (data >= end) break;
+        if (!CopyRange(in, out, data, std::min(hole, end), &end)) return false;
+        at = std::max(hole, data + 1);
+    }
+    return ftruncate(out, end) == 0;
+}
+
+// Writes `in` to a fresh temporary file in `dirFd` and renames it to `name`:
+// the mirror entry is either the old one or a complete copy, and a link or
+// file planted under `name` is replaced, never written through.
+bool CopyInto(int in, off_t length, int dirFd, const std::string& name) {
+    std::string temp;
+    unique_fd out(kolto::TempName::CreateAt(dirFd, name, kMirrorMode, &temp));
+    if (!out.ok()) return false;
+    bool ok = CopySparse(in, out.get(), length);
     if (ok) {
         if (fchown(out.get(), kSystemUid, kSystemGid) != 0) {
-            ALOGD("chown %s failed: %s", name.c_str(), strerror(errno));
+            ALOGD("chown %s failed: %s", Shown(name).c_str(), strerror(errno));
         }
         ok = fchmod(out.get(), kMirrorMode) == 0 && fsync(out.get()) == 0 &&
              renameat(dirFd, temp.c_str(), dirFd, name.c_str()) == 0;
@@ -94,34 +129,57 @@ bool CopyInto(int in, int dirFd, const std::string& name) {
     return ok;
 }
 
+bool IsRefusal(int error) { return error == ELOOP || error == EXDEV; }
+
 }  // namespace
 
 TombstoneMonitorThread::TombstoneMonitorThread() = default;
 
 void TombstoneMonitorThread::RequestStop() { stop_.Request(); }
 
-bool TombstoneMonitorThread::WaitOutputDir(const std::string& dir) {
-    struct stat st;
-    bool exists = false;
-    for (int i = 0; i < kOutDirChecks; ++i) {
-        exists = stat(dir.c_str(), &st) == 0;
-        if (exists) break;
-        if (i + 1 < kOutDirChecks && !stop_.Sleep(kOutDirCheckMs)) return false;
+std::string TombstoneMonitorThread::ChooseDir(const char* property, const char* fallback) {
+    const std::string value = android::base::GetProperty(property, fallback);
+    std::string why;
+    bool refused = !kolto::ConfinedPath::Relative(value, kDirTree, nullptr, &why);
+    if (!refused) {
+        // A directory that is not there yet is waited for or reported later;
+        // one reached through a link is refused now.
+        unique_fd probe = kolto::ConfinedPath::Open(value, kDirTree, O_RDONLY | O_DIRECTORY, 0, &why);
+        refused = !probe.ok() && IsRefusal(errno);
     }
-    if (!exists) {
-        ALOGE("wait %s timeout, so exit: %s", dir.c_str(), strerror(errno));
-        return false;
+    if (!refused) return value;
+    ALOGE("%s refused: %s; using the default %s", property, why.c_str(), fallback);
+    return fallback;
+}
+
+unique_fd TombstoneMonitorThread::WaitOutputDir(const std::string& dir) {
+    unique_fd fd;
+    int error = 0;
+    for (int i = 0; i < kOutDirChecks; ++i) {
+        fd = kolto::ConfinedPath::Open(dir, kDirTree, O_RDONLY | O_DIRECTORY, 0, nullptr);
+        error = errno;
+        if (fd.ok()) break;
+        if (i + 1 < kOutDirChecks && !stop_.Sleep(kOutDirCheckMs)) return {};
+    }
+    if (!fd.ok()) {
+        ALOGE("wait %s timeout, so exit: %s", Shown(paths::Get(dir)).c_str(), strerror(error));
+        return {};
     }
     // The directory's creator may still be setting it up.
-    return stop_.Sleep(kSettleMs);
+    if (!stop_.Sleep(kSettleMs)) return {};
+    return fd;
 }
 
 void TombstoneMonitorThread::threadLoop() {
     ALOGI("Tombstone Monitor is Start!");
-    const std::string inDir = paths::Get(android::base::GetProperty(kInDirProperty, paths::kTombstoneDir));
-    const std::string outDir =
-            paths::Get(android::base::GetProperty(kOutDirProperty, paths::kNativeCrashTombstoneDir));
-    if (!WaitOutputDir(outDir)) return;
+    const std::string inDevice = ChooseDir(kInDirProperty, paths::kTombstoneDir);
+    const std::string outDevice = ChooseDir(kOutDirProperty, paths::kNativeCrashTombstoneDir);
+    const std::string inDir = paths::Get(inDevice);
+    const std::string outDir = paths::Get(outDevice);
+    outDirFd_ = WaitOutputDir(outDevice);
+    if (!outDirFd_.ok()) return;
+    // Copies a killed daemon left half-written.
+    kolto::TempName::RemoveLeftovers(outDirFd_.get(), outDir);
 
     unique_fd inotify;
     do {
@@ -131,7 +189,16 @@ void TombstoneMonitorThread::threadLoop() {
         ALOGE("inotify_init error: %s", strerror(errno));
         return;
     }
-    if (inotify_add_watch(inotify.get(), inDir.c_str(), kAllEvents) < 0) {
+    std::string why;
+    inDirFd_ = kolto::ConfinedPath::Open(inDevice, kDirTree, O_RDONLY | O_DIRECTORY, 0, &why);
+    if (!inDirFd_.ok()) {
+        ALOGE("inotify_add_watch error: %s", why.c_str());
+        return;
+    }
+    // Watched through the descriptor just resolved, so the watch is on that
+    // directory whatever its path now leads to.
+    const std::string watched = "/proc/self/fd/" + std::to_string(inDirFd_.get());
+    if (inotify_add_watch(inotify.get(), watched.c_str(), kAllEvents) < 0) {
         ALOGE("inotify_add_watch error: %s", strerror(errno));
         return;
     }
@@ -169,40 +236,46 @@ void TombstoneMonitorThread::HandleEvent(uint32_t mask, const std::string& name,
                                          const std::string& outDir) {
     if (name.find(kTombstoneMarker) == std::string::npos) return;
     if (mask & IN_DELETE) {
-        ALOGI("Detected deletd file: %s", name.c_str());
-        const std::string path = outDir + name;
-        std::string entry;
-        unique_fd dir = OpenParent(path, &entry);
+        ALOGI("Detected deletd file: %s", Shown(name).c_str());
         // unlinkat removes a link itself, never what it points at.
-        if (!dir.ok() || unlinkat(dir.get(), entry.c_str(), 0) != 0) {
-            ALOGE("remove path %s failed! info: %s\n", path.c_str(), strerror(errno));
+        if (unlinkat(outDirFd_.get(), name.c_str(), 0) != 0) {
+            ALOGE("remove path %s failed! info: %s\n", Shown(outDir + name).c_str(), strerror(errno));
         }
     } else if (mask & (IN_CREATE | IN_MODIFY)) {
-        ALOGW("Detected creat or modify file: %s", name.c_str());
+        ALOGW("Detected creat or modify file: %s", Shown(name).c_str());
         const std::string src = inDir + name;
         const std::string dst = outDir + name;
-        if (!copy(src, dst)) ALOGE("Faile to copy file: %s, %s !", src.c_str(), dst.c_str());
+        if (!copy(src, dst)) ALOGE("Faile to copy file: %s, %s !", Shown(src).c_str(), Shown(dst).c_str());
     }
 }
 
 bool TombstoneMonitorThread::copy(const std::string& src, const std::string& dst) {
+    // The entry names come from inotify: one component each, never "..".
     // O_NONBLOCK so that a FIFO named like a tombstone cannot hold the
     // monitor; it is refused as not regular just below.
-    unique_fd in(TEMP_FAILURE_RETRY(open(src.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    unique_fd in(TEMP_FAILURE_RETRY(
+            openat(inDirFd_.get(), LastComponent(src).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
     if (!in.ok()) {
-        ALOGW("open file [%s] error: %s", src.c_str(), strerror(errno));
+        ALOGW("open file [%s] error: %s", Shown(src).c_str(), strerror(errno));
         return false;
     }
     struct stat st;
     if (fstat(in.get(), &st) != 0) {
-        ALOGE("Failed to fstat file: %s, %s", src.c_str(), strerror(errno));
+        ALOGE("Failed to fstat file: %s, %s", Shown(src).c_str(), strerror(errno));
         return false;
     }
-    if (!S_ISREG(st.st_mode)) return false;
-    std::string name;
-    unique_fd dir = OpenParent(dst, &name);
-    if (!dir.ok() || !CopyInto(in.get(), dir.get(), name)) {
-        ALOGE("Faile to copy file: %s, %s", src.c_str(), strerror(errno));
+    if (!S_ISREG(st.st_mode)) {
+        ALOGW("%s is not a regular file, not mirrored", Shown(src).c_str());
+        return false;
+    }
+    off_t length = st.st_size;
+    if (length > kMaxMirrorBytes) {
+        ALOGW("%s is %lld bytes, only its first %lld are mirrored", Shown(src).c_str(),
+              static_cast<long long>(length), static_cast<long long>(kMaxMirrorBytes));
+        length = kMaxMirrorBytes;
+    }
+    if (!CopyInto(in.get(), length, outDirFd_.get(), LastComponent(dst))) {
+        ALOGE("Faile to copy file: %s, %s", Shown(src).c_str(), strerror(errno));
         return false;
     }
     ++copies_;

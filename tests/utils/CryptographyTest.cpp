@@ -284,13 +284,29 @@ TEST(RsaPubEncrypt, PrivateKeyRecoversTheDataAndBufferEndsInZero) {
 
 // ---- generate_aes256_key ----
 
+TEST(GenerateAes256Key, FailsLoudlyAndLeavesNoUsableKeyWhenTheSourceFails) {
+    TempDir dir;
+    ASSERT_TRUE(WriteFile(dir.Sub("short"), std::string(31, 'k')));  // "open" fails on "missing"
+    for (const std::string how : {"open", "read"}) {
+        const std::string source = dir.Sub(how == "open" ? "missing" : "short");
+        platform::LogCapture capture;
+        crypto::SetRandomSourceForTesting(source.c_str());
+        unsigned char key[32];
+        memset(key, 0xA5, sizeof(key));
+        EXPECT_FALSE(crypto::generate_aes256_key(key)) << how;
+        crypto::SetRandomSourceForTesting(nullptr);
+        EXPECT_TRUE(capture.HasLine(how + " " + source + " fail!", "", ANDROID_LOG_ERROR)) << how;
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(key), 32), std::string(32, '\0'));
+    }
+}
+
 TEST(GenerateAes256Key, FillsExactlyThirtyTwoFreshBytes) {
     unsigned char a[40];
     unsigned char b[40];
     memset(a, 0xA5, sizeof(a));
     memset(b, 0xA5, sizeof(b));
-    crypto::generate_aes256_key(a);
-    crypto::generate_aes256_key(b);
+    EXPECT_TRUE(crypto::generate_aes256_key(a));
+    EXPECT_TRUE(crypto::generate_aes256_key(b));
     EXPECT_NE(memcmp(a, b, 32), 0);
     for (int i = 32; i < 40; ++i) {
         EXPECT_EQ(a[i], 0xA5) << i;

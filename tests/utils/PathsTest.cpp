@@ -148,8 +148,11 @@ TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
             EXPECT_EQ(fd.ok(), c.why[0] == '\0') << c.path << ": " << why;
             EXPECT_NE(why.find(c.why), std::string::npos) << c.path << ": " << why;
         }
-        // Made and removed below the tree, never through the link.
+        // A link last where a directory is asked for is named as a link.
         std::string why;
+        EXPECT_FALSE(ConfinedPath::Open("/data/a/link", "/data", O_RDONLY | O_DIRECTORY, 0, &why).ok());
+        EXPECT_NE(why.find("passes through a symbolic link"), std::string::npos) << why;
+        // Made and removed below the tree, never through the link.
         EXPECT_FALSE(ConfinedPath::MakeDirs("/data/a/link/made", "/data", 0755, &why).ok());
         EXPECT_FALSE(std::filesystem::exists(root.Sub("outside/made")));
         EXPECT_TRUE(ConfinedPath::MakeDirs("/data/a/new/deeper", "/data", 0755, &why).ok()) << why;

@@ -121,7 +121,8 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     Write(paths::kBinderLatReset, "untouched");
     // Reported, but its reset node is missing.
     Write(paths::kMemLatInfo, "kswapd_cnt: 5\nkswapd_cnt: 9\npage_alloc_cnt: 12abc\n"
-                              "slowpath_cnt: 2147483648\nno colon at all\r\n");
+                              "slowpath_cnt: 2147483648\nno colon at all\r\njunk: " +
+                                      std::string(4000, '\x01') + "\n");
     // Read, but none of it can be converted.
     Write(paths::kLockingLatInfo, "vip_mutex_wait_min_cnt: x\n");
     Write(paths::kLockingLatReset, "untouched");
@@ -138,6 +139,9 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     EXPECT_EQ(mem["kswapd_cnt"].asInt(), 9);  // a repeated name keeps its last value
     EXPECT_TRUE(log_.HasLine(Line("parseKernelInfo", "Invalid argument: page_alloc_cnt: 12abc"), kStatsTag));
     EXPECT_TRUE(log_.HasLine(Line("parseKernelInfo", "Out of range: slowpath_cnt: 2147483648"), kStatsTag));
+    // Binary is escaped and cut.
+    EXPECT_TRUE(log_.Contains("Invalid argument: junk: \\x01\\x01", kStatsTag));
+    EXPECT_TRUE(log_.Contains("\\x01...[3938 more bytes]", kStatsTag));
     EXPECT_TRUE(log_.HasLine(Line("convertFieldsToJSON", "kcompactd_cnt not found in jsonNode."), kStatsTag));
     EXPECT_TRUE(log_.HasLine(Line("kernelStatsReport", "clear mem_lat_info node failed"), kStatsTag,
                              ANDROID_LOG_ERROR));

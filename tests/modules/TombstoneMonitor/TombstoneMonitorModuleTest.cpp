@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <android-base/file.h>
+#include <android-base/properties.h>
 #include <log/log.h>
 
 #include "tests/support/ModuleTest.h"
@@ -100,11 +101,7 @@ TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly)
     ASSERT_EQ(rmdir((in_ + "tombstone_x").c_str()), 0);
     ASSERT_TRUE(WaitFor([&] { return log_.Contains("remove path " + out_ + "tombstone_x failed!"); }));
 
-    std::string names;
-    for (const char* name : {".tombstone_00.tmp", ".tombstone_03.pb.tmp"}) {
-        if (Exists(out_ + name)) names += name;
-    }
-    EXPECT_EQ(names, "");
+    EXPECT_EQ(tarnis_test::RunShell("ls -A '" + out_ + "'"), "tombstone_03.pb\n");
 }
 
 TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
@@ -135,6 +132,58 @@ TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
     ASSERT_EQ(unlink((in_ + "tombstone_06").c_str()), 0);
     ASSERT_TRUE(WaitFor([&] { return !Exists(out_ + "tombstone_06"); }));
     EXPECT_EQ(Content(outside_), "keep");
+}
+
+TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror) {
+    ASSERT_EQ(system(("mkdir -p '" + out_ + "'").c_str()), 0);
+    const std::string leftover = out_ + ".tarnis-tmp.tombstone_09.k3v9";
+    ASSERT_TRUE(tarnis_test::WriteFile(leftover, "half"));
+    StartWatching();
+    EXPECT_FALSE(Exists(leftover));
+
+    ASSERT_EQ(mkfifo((in_ + "tombstone_fifo").c_str(), 0600), 0);
+    ASSERT_TRUE(WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
+
+    // Data at 0 and at 32 MiB of a 256 MiB sparse file: the mirror stops at
+    // 64 MiB and keeps the holes.
+    const std::string big = in_ + "tombstone_10", mirror = out_ + "tombstone_10";
+    tarnis_test::RunShell("printf head >" + big + "; truncate -s 256M " + big + "; printf tail | dd of=" + big +
+                          " bs=1M seek=32 conv=notrunc status=none");
+    ASSERT_TRUE(WaitFor([&] { return tarnis_test::RunShell("tail -c +33554433 " + mirror + " | head -c 4") == "tail"; }));
+    struct stat st;
+    ASSERT_EQ(stat(mirror.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 64 << 20);
+    EXPECT_LT(st.st_blocks * 512, 1 << 20);
+    EXPECT_TRUE(log_.HasLine(big + " is 268435456 bytes, only its first 67108864 are mirrored", kTag));
+}
+
+// A directory from a property outside /data, or reached through a link, is
+// refused and the default mirrored instead; the outside is left as it was.
+class TombstonePropertyDirTest : public TombstoneMonitorModuleTest {
+protected:
+    void ExpectRefused(const std::string& dir, const std::string& reason) {
+        ASSERT_EQ(system(("mkdir -p '" + elsewhere_.Sub("in") + "' '" + elsewhere_.Sub("out") + "'").c_str()), 0);
+        ASSERT_TRUE(tarnis_test::WriteFile(elsewhere_.Sub("out/tombstone_07"), "keep"));
+        android::base::SetProperty("sys.tombstone.monitor.in.dir", dir + "/in/");
+        android::base::SetProperty("sys.tombstone.monitor.out.dir", dir + "/out/");
+        StartWatching();
+        EXPECT_EQ(log_.Count(reason + "; using the default /data/", kTag, ANDROID_LOG_ERROR), 2u);
+        ASSERT_TRUE(tarnis_test::WriteFile(elsewhere_.Sub("in/tombstone_07"), "outside"));
+        ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_07", "crash"));
+        ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_07") == "crash"; }));
+        EXPECT_EQ(Content(elsewhere_.Sub("out/tombstone_07")), "keep");
+    }
+};
+
+TEST_F(TombstonePropertyDirTest, ClimbingOutOfDataIsRefused) {
+    // Two levels up from the root's /data lies the test's other directory.
+    ExpectRefused("/data/../../" + elsewhere_.path().substr(elsewhere_.path().rfind('/') + 1),
+                  "climbs out of \"/data\"");
+}
+
+TEST_F(TombstonePropertyDirTest, ALinkOnTheWayIsRefused) {
+    ASSERT_EQ(symlink(elsewhere_.path().c_str(), Device("/data/planted").c_str()), 0);
+    ExpectRefused("/data/planted", "passes through a symbolic link");
 }
 
 TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNeverComes) {
