@@ -84,7 +84,7 @@ void CaptureLogUtil::write_to_persist_file(const char* path, const char* content
 }
 
 bool CaptureLogUtil::create_file_write(const char* path, const char* content) {
-    return PersistFiles::Write(path, content) > 0;
+    return PersistFiles::WriteOwn(path, content) > 0;
 }
 
 void CaptureLogUtil::flash_debugpolicy(int mode) { DebugPolicy::Flash(mode); }

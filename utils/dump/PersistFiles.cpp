@@ -112,7 +112,17 @@ int PersistFiles::Create(const std::string& path) {
 }
 
 ssize_t PersistFiles::Write(const std::string& path, const std::string& content) {
-    base::unique_fd fd = OpenForWrite(path);
+    return WriteTo(OpenForWrite(path), path, content);
+}
+
+ssize_t PersistFiles::WriteOwn(const std::string& path, const std::string& content) {
+    base::unique_fd fd(TEMP_FAILURE_RETRY(
+        open(paths::Get(path).c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0666)));
+    if (!fd.ok()) ALOGD("failed to open %s: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
+    return WriteTo(std::move(fd), path, content);
+}
+
+ssize_t PersistFiles::WriteTo(base::unique_fd fd, const std::string& path, const std::string& content) {
     if (!fd.ok()) return -1;
     ssize_t n;
     do {

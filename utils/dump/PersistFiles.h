@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
+
+#include <android-base/unique_fd.h>
 
 // The small files that privileged clients keep on the persist partition.
 // Paths are the caller's device paths and are only ever reached below the
@@ -22,10 +26,16 @@ public:
     // Overwrites the file from its start (no truncation); the number of bytes
     // written, or -1 when the file could not be opened.
     static ssize_t Write(const std::string& path, const std::string& content);
+    // As Write, for a path of the daemon's own anywhere (the boot count):
+    // only a link at the name is refused.
+    static ssize_t WriteOwn(const std::string& path, const std::string& content);
 
     // More than a binder reply should carry: a longer file is cut here, with
     // a log line, so that a caller naming a huge file cannot exhaust memory.
     static constexpr size_t kMaxReadBytes = 1024 * 1024;
+
+private:
+    static ssize_t WriteTo(base::unique_fd fd, const std::string& path, const std::string& content);
 };
 
 }  // namespace android
