@@ -141,6 +141,7 @@ BinderProcess::BinderProcess()
       closeLog_(std::make_unique<RateLimitedLog>(20)),
       refuseLog_(std::make_unique<RateLimitedLog>(5)),
       evictLog_(std::make_unique<RateLimitedLog>(5)),
+      ownEvictLog_(std::make_unique<RateLimitedLog>(5)),
       descriptorLog_(std::make_unique<RateLimitedLog>(1)) {
     CHECK(epoll_.ok() && sweepTimer_.ok() && resumeTimer_.ok() && readyEvent_.ok())
         << "binder: cannot create the pool's epoll set and timers: " << strerror(errno);
@@ -358,19 +359,27 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
             continue;
         }
         std::string refusal;
+        std::string eviction;
+        bool evictedOwn = false;
         {
             std::lock_guard<std::mutex> lock(lock_);
             const size_t cap = serviceCapLocked();
             const size_t uidCap = std::max<size_t>(1, cap / kUidShareDivisor);
             auto share = service->shares.find(cred.uid);
             const size_t held = share == service->shares.end() ? 0 : share->second.connections;
-            if (service->connections >= cap && !evictForLocked(*service, cred.uid, held)) {
+            if (held >= uidCap) {
+                // Most callers of a phone share the system uid: one of them
+                // that leaks connections must not lock the others out, so
+                // the uid's longest-unused idle connection makes room.
+                if (!evictIdleLocked(*service, cred.uid, cred.uid, &eviction, &evictedOwn)) {
+                    refusal = "too many connections from uid " + std::to_string(cred.uid) + " (limit " +
+                              std::to_string(uidCap) + " for service " + service->name + "), none of them idle";
+                }
+            } else if (service->connections >= cap && !evictForLocked(*service, cred.uid, held, &eviction, &evictedOwn)) {
                 refusal = "the service " + service->name + " has too many connections (limit " +
                           std::to_string(cap) + "); try again later";
-            } else if (held >= uidCap) {
-                refusal = "too many connections from uid " + std::to_string(cred.uid) + " (limit " +
-                          std::to_string(uidCap) + " for service " + service->name + ")";
-            } else {
+            }
+            if (refusal.empty()) {
                 auto conn = std::make_shared<Connection>();
                 conn->id = nextId_++;
                 conn->fd = std::move(fd);
@@ -388,10 +397,10 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
                 armSweepLocked();
             }
         }
-        if (size_t evicted = evicted_.exchange(0)) {
-            evictLog_->log(base::INFO, "binder: closed " + std::to_string(evicted) + " idle connection(s) of the "
-                                        "largest holder to admit uid " + std::to_string(cred.uid) + " to " +
-                                        service->name);
+        if (!eviction.empty()) {
+            // A leaky uid churning through its own connections has a budget
+            // of lines apart, so that it never hides that another uid lost one.
+            (evictedOwn ? ownEvictLog_ : evictLog_)->log(base::INFO, eviction);
         }
         if (!refusal.empty()) {
             WireIo::Refuse(fd.get(), FAILED_TRANSACTION, refusal);
@@ -401,10 +410,11 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
     }
 }
 
-bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held) {
+bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held, std::string* line, bool* own) {
     // The uid that holds the most connections gives one up, if it holds more
     // than the newcomer would: many uids together can fill a service, but
-    // never so that a uid with few connections is kept out.
+    // never so that a uid with few connections is kept out. When nobody
+    // holds more, the newcomer's own uid gives one up if it can.
     uid_t largest = newcomer;
     size_t most = held + 1;
     for (const auto& [uid, share] : service.shares) {
@@ -413,22 +423,35 @@ bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held
             largest = uid;
         }
     }
-    if (largest == newcomer) return false;
+    if (largest == newcomer && held == 0) return false;
+    return evictIdleLocked(service, largest, newcomer, line, own);
+}
+
+bool BinderProcess::evictIdleLocked(Service& service, uid_t owner, uid_t newcomer, std::string* line,
+                                    bool* own) {
+    // Idle: armed (no thread has it, nothing is queued for it), nothing
+    // half-received, and no request waiting in the socket. A request may
+    // still be on its way this instant; its client sees the connection
+    // closed before the reply, as after an idle sweep, and a proxy retries.
     std::shared_ptr<Connection> oldest;
     for (const auto& [id, conn] : connections_) {
-        if (conn->service.get() != &service || conn->uid != largest || conn->state != Connection::State::kArmed ||
+        if (conn->service.get() != &service || conn->uid != owner || conn->state != Connection::State::kArmed ||
             !conn->decoder.empty()) {
             continue;
         }
         if (oldest && conn->lastActive >= oldest->lastActive) continue;
-        // A request on its way makes it busy, not idle.
         pollfd pfd{conn->fd.get(), POLLIN, 0};
         if (poll(&pfd, 1, 0) > 0 && !(pfd.revents & (POLLHUP | POLLERR))) continue;
         oldest = conn;
     }
     if (!oldest) return false;
+    const auto idleMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - oldest->lastActive).count();
+    *line = "binder: evicted the oldest idle connection of uid " + std::to_string(owner) + " (pid " +
+            std::to_string(oldest->pid) + ", idle for " + std::to_string(idleMs) + " ms) from " + service.name +
+            " to admit a newcomer of uid " + std::to_string(newcomer);
+    *own = owner == newcomer;
     eraseLocked(*oldest);
-    ++evicted_;
     return true;
 }
 
