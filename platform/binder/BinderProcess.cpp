@@ -15,6 +15,7 @@
 
 #include <android-base/logging.h>
 
+#include "platform/LogRateLimiter.h"
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireDecoder.h"
@@ -28,7 +29,7 @@ constexpr uint64_t kResumeId = 2;
 constexpr uint64_t kReadyId = 3;
 // A listener that ran out of descriptors rests this long before trying again.
 constexpr int kAcceptPauseMs = 100;
-constexpr auto kLogInterval = std::chrono::seconds(10);
+constexpr int64_t kLogIntervalMs = 10000;
 
 using Clock = std::chrono::steady_clock;
 
@@ -84,38 +85,18 @@ struct BinderProcess::UidWork {
     std::deque<std::shared_ptr<Connection>> deferred;
 };
 
-// At most `burst` lines per interval; the rest are counted, and the count
-// rides on the next line that is printed.
+// Binder's own lines about clients (closed, refused, evicted) at a bounded rate.
 class BinderProcess::RateLimitedLog {
 public:
-    explicit RateLimitedLog(int burst) : burst_(burst) {}
+    explicit RateLimitedLog(int burst) : limiter_(burst, kLogIntervalMs) {}
     void log(base::LogSeverity severity, const std::string& line) {
-        uint64_t carried = 0;
-        {
-            std::lock_guard<std::mutex> lock(lock_);
-            auto now = Clock::now();
-            if (now - windowStart_ >= kLogInterval) {
-                carried = std::exchange(suppressed_, 0);
-                windowStart_ = now;
-                printed_ = 0;
-            }
-            if (printed_ >= burst_) {
-                ++suppressed_;
-                return;
-            }
-            ++printed_;
-        }
-        base::LogMessage message(severity, nullptr, -1);
-        message.stream() << line;
-        if (carried > 0) message.stream() << " (" << carried << " more such lines were not logged)";
+        uint64_t suppressed = 0;
+        if (!limiter_.Allow(&suppressed)) return;
+        base::LogMessage(severity, nullptr, -1).stream() << line << platform::LogRateLimiter::Summary(suppressed);
     }
 
 private:
-    const int burst_;
-    std::mutex lock_;
-    Clock::time_point windowStart_{};
-    int printed_ = 0;
-    uint64_t suppressed_ = 0;
+    platform::LogRateLimiter limiter_;
 };
 
 BinderProcess& BinderProcess::self() {
