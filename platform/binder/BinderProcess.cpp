@@ -356,7 +356,8 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
                     refusal = "too many connections from uid " + std::to_string(cred.uid) + " (limit " +
                               std::to_string(uidCap) + " for service " + service->name + "), none of them idle";
                 }
-            } else if (service->connections >= cap && !evictForLocked(*service, cred.uid, held, &eviction, &evictedOwn)) {
+            } else if (service->connections >= cap &&
+                       !evictForLocked(*service, cred.uid, held, &eviction, &evictedOwn)) {
                 refusal = "the service " + service->name + " has too many connections (limit " +
                           std::to_string(cap) + "); try again later";
             }

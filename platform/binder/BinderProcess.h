@@ -34,7 +34,8 @@
 // their turn, the other uids' do not); a uid at its share gives up its
 // longest-unused idle connection to its own newcomer (refused only when all
 // of its connections are busy), and a full service makes the uid holding the
-// most give one up; idle and stalled connections are closed; running out of descriptors pauses accepting instead of spinning.
+// most give one up; idle and stalled connections are closed; running out of
+// descriptors pauses accepting instead of spinning.
 // Refused clients are told why before their connection closes, and every
 // such event is logged at a bounded rate.
 namespace android {

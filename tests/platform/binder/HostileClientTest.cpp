@@ -231,17 +231,11 @@ TEST_F(HostileClientTest, AUidAtItsShareGivesUpItsOldestIdleConnectionToItsNewco
         android::Parcel reply;
         std::string refusal;
         WireIo::Receive(refused.get(), &status, &reply, 2000, &refusal);
-        char c = refusal == "too many connections from uid 2000 (limit " + std::to_string(share) +
-                                " for service " + kName + "), none of them idle"
-                     ? 'y'
-                     : 'n';
+        const std::string told = "too many connections from uid 2000 (limit " + std::to_string(share) +
+                                 " for service " + kName + "), none of them idle";
+        char c = refusal == told ? 'y' : 'n';
         if (write(ready[1], &c, 1) != 1) _exit(7);
-        if (read(release[0], &c, 1) != 1) _exit(8);
-        // Stalled half-way, they are closed in time.
-        for (size_t i = total - share + 1; i < held.size(); ++i) {
-            if (!ended(held[i], 5000)) _exit(9);
-        }
-        _exit(0);
+        _exit(read(release[0], &c, 1) == 1 ? 0 : 8);
     }
     char c = 0;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
@@ -255,23 +249,22 @@ TEST_F(HostileClientTest, AUidAtItsShareGivesUpItsOldestIdleConnectionToItsNewco
     const std::string evicted = "binder: evicted the oldest idle connection of uid 2000 (pid " +
                                 std::to_string(holder) + ", idle for ";
     // One line each, at a bounded rate: the rest are counted, not logged.
-    EXPECT_GE(capture.Count(evicted, "", ANDROID_LOG_INFO), 1u);
-    EXPECT_LE(capture.Count(evicted, "", ANDROID_LOG_INFO), 10u);
-    EXPECT_TRUE(capture.Contains(" to admit a newcomer of uid 2000"));
+    const size_t lines = capture.Count(evicted, "", ANDROID_LOG_INFO);
+    EXPECT_TRUE(lines >= 1 && lines <= 10 && capture.Contains(" to admit a newcomer of uid 2000")) << lines;
     EXPECT_TRUE(capture.Contains("binder: refused a connection from pid " + std::to_string(holder) +
                                      ": too many connections from uid 2000",
                                  "", ANDROID_LOG_WARN));
 
+    // Stalled half-way, the busy ones are closed in time (before the holder goes).
     BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
     timeouts.stalledMs = 200;
     BinderProcess::self().setTimeouts(timeouts);
+    for (int i = 0; i < 200 && Connections() > 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(Connections(), 1u);
     ASSERT_EQ(write(release[1], "x", 1), 1);
     int status = 0;
     waitpid(holder, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    for (int i = 0; i < 200 && Connections() > 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(Connections(), 1u);
-    EXPECT_TRUE(capture.Contains("stalled mid-transaction for more than 200 ms", "", ANDROID_LOG_WARN));
     // Idle connections are closed too; a proxy whose pooled connection went
     // that way reconnects without its caller noticing.
     timeouts.idleMs = 200;
