@@ -14,6 +14,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
+#include <host/LogRateLimiter.h>
 
 #define LOG_TAG "Tarnis-ModuleManager"
 
@@ -21,6 +22,13 @@ namespace velmar {
 namespace kolto {
 
 namespace {
+
+// "load" is a dump command that any process may send, as often as it likes:
+// the lines its refusals leave are rationed.
+platform::LogRateLimiter& LoadRefusals() {
+    static platform::LogRateLimiter limiter(10, 60000);
+    return limiter;
+}
 
 using ListLock = std::lock_guard<std::recursive_mutex>;
 
@@ -146,13 +154,21 @@ bool ModuleManager::loadModule(const std::string& name) {
         ModuleList& list = GetModuleList();
         auto found = list.find(name);
         if (found == list.end()) {
-            ALOGE("[%s] loadModule %s failed! Module not found!", "loadModule", name.c_str());
+            uint64_t suppressed = 0;
+            if (LoadRefusals().Allow(&suppressed)) {
+                ALOGE("[%s] loadModule %s failed! Module not found!%s", "loadModule", name.c_str(),
+                      platform::LogRateLimiter::Summary(suppressed).c_str());
+            }
             return false;
         }
         ALOGD("[%s] Loading module \"%s\"", "loadModule", name.c_str());
         ModulePrio& entry = found->second;
         if (!entry.stopped || entry.instance != nullptr) {
-            ALOGW("[%s] Module %s is already running!", "loadModule", name.c_str());
+            uint64_t suppressed = 0;
+            if (LoadRefusals().Allow(&suppressed)) {
+                ALOGW("[%s] Module %s is already running!%s", "loadModule", name.c_str(),
+                      platform::LogRateLimiter::Summary(suppressed).c_str());
+            }
             return false;
         }
         instance = entry.createInstance != nullptr ? entry.createInstance() : nullptr;

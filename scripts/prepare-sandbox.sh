@@ -106,3 +106,23 @@ if [ ! -e "$ROOT/system_ext/etc/tarnsys/log_config.json" ]; then
 ]
 LOGCONFIG
 fi
+
+# Who may call which method of the daemon's services (binder and SELinux
+# decide that on a device). These are the rules the daemon applies without
+# the file; edit them here (a policy edited by hand is kept). Format: one
+# "DESCRIPTOR.METHOD UID[,UID...]" a line, METHOD "*" for every method not
+# named on a line of its own, UID "*" for anybody and "self" for the uid
+# tarnisd runs as; "#" starts a comment. For example, to let the shell user
+# (uid 2000) order captures:
+#   nuvi.dorva.IDorvaNative.captureLog 0,1000,2000,self
+mkdir -p "$ROOT/system/etc/tarnis"
+if [ ! -e "$ROOT/system/etc/tarnis/caller_policy.conf" ]; then
+  cat > "$ROOT/system/etc/tarnis/caller_policy.conf" <<'POLICY'
+# Who may call each method of the daemon's services: DESCRIPTOR.METHOD UID[,UID...]
+# (METHOD "*": every method not named on a line of its own; UID "*": anybody,
+# "self": the uid the daemon runs as). Without this file these are the rules.
+nuvi.dorva.IDorvaNative.* 0,1000,self
+velmar.system.tarnis.common.ITarnisSsiIntl.* 0,1000,self
+velmar.system.tarnis.common.ITarnisSsi.* *
+POLICY
+fi

@@ -91,9 +91,10 @@ const std::vector<KernelStatsTable>& KernelStatsTrack::tables() {
     return kTables;
 }
 
-void KernelStatsTrack::kernelStatsReport() {
+void KernelStatsTrack::kernelStatsReport(bool resetCounters) {
     for (const KernelStatsTable& table : tables()) {
-        if (!KernelTrackUtils::reportKernelStatsEvent(paths::Get(table.statsFile), table.eventName, table.fields)) {
+        if (!KernelTrackUtils::reportKernelStatsEvent(paths::Get(table.statsFile), table.eventName, table.fields) ||
+            !resetCounters) {
             continue;
         }
         if (!KernelTrackUtils::clearKernelNode(paths::Get(table.resetNode))) {

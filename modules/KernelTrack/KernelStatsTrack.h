@@ -22,7 +22,9 @@ public:
     static const std::vector<KernelStatsTable>& tables();
     // Reports every group; a group is reset in the kernel only when its
     // event was sent, so an unreported day carries over to the next report.
-    static void kernelStatsReport();
+    static void kernelStatsReport() { kernelStatsReport(true); }
+    // The same, leaving every counter as it is when `resetCounters` is false.
+    static void kernelStatsReport(bool resetCounters);
 };
 
 }  // namespace KernelTrack

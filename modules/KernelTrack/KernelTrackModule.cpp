@@ -1,10 +1,13 @@
 #include "modules/KernelTrack/KernelTrackModule.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include <string>
 
+#include <android-base/file.h>
 #include <android-base/properties.h>
+#include <android/binder_ibinder.h>
 #include <log/log.h>
 
 #include "framework/ModuleRegister.h"
@@ -46,10 +49,35 @@ void KernelTrackModule::scheduleTrackTask() {
     handler_->postDelayed([this] { scheduleTrackTask(); }, kDayMs);
 }
 
-void KernelTrackModule::dump(int, const char**, unsigned int) {
+// Every local process may dump, and a plain `dump` reaches every module: an
+// ordinary caller's dump must neither wipe the day's counters before the
+// daily report (root and system may, as the platform lets them) nor send an
+// analytics event each time, so it reports at most once a minute and resets
+// nothing.
+void KernelTrackModule::dump(int fd, const char**, unsigned int) {
+    const uid_t caller = AIBinder_getCallingUid();
+    // Root, the system uid and the daemon's own: the callers a device's policy
+    // lets at the daemon's internals.
+    constexpr uid_t kSystemUid = 1000;
+    const bool system = caller == 0 || caller == kSystemUid || caller == getuid();
+    if (!system) {
+        const int64_t now = GetClock().SteadyNowMs();
+        std::lock_guard<std::mutex> lock(dumpLock_);
+        if (callerReported_ && now - callerReportMs_ < kCallerReportIntervalMs) {
+            android::base::WriteStringToFd("kernel stats: reported less than a minute ago; not again yet\n", fd);
+            return;
+        }
+        callerReported_ = true;
+        callerReportMs_ = now;
+    }
     ALOGI("[%s] dump", __func__);
     ALOGI("[%s] test kernel stats", __func__);
-    KernelStatsTrack::kernelStatsReport();
+    KernelStatsTrack::kernelStatsReport(system);
+    if (!system) {
+        android::base::WriteStringToFd("kernel stats: reported; counters kept (uid " + std::to_string(caller) +
+                                           " may not reset them)\n",
+                                       fd);
+    }
 }
 
 }  // namespace KernelTrack

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "framework/ModuleBase.h"
 #include "framework/TarnisHandler.h"
@@ -17,17 +18,20 @@ namespace KernelTrack {
 class KernelTrackModule : public ModuleBase {
 public:
     static constexpr int64_t kDayMs = 86400000;
+    // A dump from a caller other than root or system reports at most this often.
+    static constexpr int64_t kCallerReportIntervalMs = 60000;
 
     bool OnInit() override;
     void OnAllModulesLoaded() override;
     void dump(int fd, const char** args, unsigned int argc) override;
 
-    // Milliseconds from `wallMs` to the next local midnight (at most a day).
-
 private:
     void scheduleTrackTask();
 
     std::unique_ptr<TarnisHandler> handler_;
+    std::mutex dumpLock_;
+    bool callerReported_ = false;
+    int64_t callerReportMs_ = 0;  // steady time of the last report an ordinary caller's dump made
 };
 
 }  // namespace KernelTrack

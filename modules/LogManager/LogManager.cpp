@@ -31,6 +31,7 @@
 #include "modules/LogManager/LogManagerUtil.h"
 #include "modules/LogManager/LogMgrBroadcastReceiver.h"
 #include "modules/LogManager/LogMgrFileEventListener.h"
+#include <host/LogRateLimiter.h>
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
@@ -346,20 +347,27 @@ TarnisMessageRef LogManager::PostDelayed(std::function<void()> task, long delayM
 }
 
 void LogManager::dump(int fd, const char**, unsigned int) {
-    ALOGI("[%s] dump", "dump");
+    // Any process may dump as often as it likes: the lines of a few dumps a
+    // minute reach the log, the output of every one reaches its caller.
+    static platform::LogRateLimiter dumpLines(6, 60000);
+    uint64_t suppressed = 0;
+    const bool logged = dumpLines.Allow(&suppressed);
+    if (logged) ALOGI("[%s] dump%s", "dump", platform::LogRateLimiter::Summary(suppressed).c_str());
     std::lock_guard<std::mutex> guard(stateLock_);
     std::string text = "LogManager System Dump:\nPath Sizes:\n";
     for (auto& [path, size] : pathSizeMap_) {
-        if (Contains(path, paths::kTracesDir)) {
+        const bool traces = Contains(path, paths::kTracesDir);
+        if (traces) {
             // Traces are written without a file event we would see: measure now.
             std::optional<LogConfig> config = LogManagerUtil::GetConfigByFolderName(path, configs_);
             if (config) {
                 std::vector<std::string> names;
                 size = getDirTotalSize(path, names, *config);
             }
-            ALOGI("[%s] Path0: %s, Size: %s", "dump", Esc(path).c_str(), FileUtil::formatHumanSize(size).c_str());
-        } else {
-            ALOGI("[%s] Path: %s, Size: %s", "dump", Esc(path).c_str(), FileUtil::formatHumanSize(size).c_str());
+        }
+        if (logged) {
+            ALOGI(traces ? "[%s] Path0: %s, Size: %s" : "[%s] Path: %s, Size: %s", "dump", Esc(path).c_str(),
+                  FileUtil::formatHumanSize(size).c_str());
         }
         text += path + ": " + FileUtil::formatHumanSize(size) + "\n";
     }

@@ -5,7 +5,11 @@
 
 #include <utils/Unicode.h>
 
+#include <android-base/logging.h>
+
+#include <host/LogRateLimiter.h>
 #include "platform/binder/BinderProcess.h"
+#include "platform/binder/CallerPolicy.h"
 #include "platform/binder/DumpRelay.h"
 #include "platform/binder/ICInterface.h"
 #include "platform/binder/IPCThreadState.h"
@@ -17,15 +21,30 @@ BBinder::BBinder(std::shared_ptr<ndk::ICInterface> impl, std::string descriptor)
     : impl_(std::move(impl)), descriptor_(std::move(descriptor)) {}
 
 status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
-    switch (code) {
-        case INTERFACE_TRANSACTION:
-            return reply->writeString(descriptor_);
-        case DUMP_TRANSACTION:
-            return handleDump(data);
-        default:
-            if (code < FIRST_CALL_TRANSACTION || code > LAST_CALL_TRANSACTION) return UNKNOWN_TRANSACTION;
-            return impl_->onTransact(code, data, reply);
+    if (code == INTERFACE_TRANSACTION) return reply->writeString(descriptor_);
+    if (code != DUMP_TRANSACTION && (code < FIRST_CALL_TRANSACTION || code > LAST_CALL_TRANSACTION)) {
+        return UNKNOWN_TRANSACTION;
     }
+    // The one place every call of every service passes, before any of its
+    // arguments is read.
+    std::string method = code == DUMP_TRANSACTION ? "dump" : impl_->getTransactionName(code);
+    if (method.empty()) method = "code " + std::to_string(code);
+    const uid_t uid = IPCThreadState::self()->getCallingUid();
+    if (!CallerPolicy::instance().allows(descriptor_, method, uid)) {
+        // Any process may knock as often as it likes: the lines are rationed.
+        static platform::LogRateLimiter refusals(20, 60000);
+        uint64_t suppressed = 0;
+        if (refusals.Allow(&suppressed)) {
+            LOG(WARNING) << "binder: permission denied: uid " << uid << " (pid "
+                         << IPCThreadState::self()->getCallingPid() << ") may not call " << descriptor_ << "."
+                         << method << platform::LogRateLimiter::Summary(suppressed);
+        }
+        if (code == DUMP_TRANSACTION) return PERMISSION_DENIED;
+        return reply->writeStatus(ndk::ScopedAStatus::fromExceptionCodeWithMessage(
+            EX_SECURITY, "permission denied: uid " + std::to_string(uid) + " may not call " + method));
+    }
+    if (code == DUMP_TRANSACTION) return handleDump(data);
+    return impl_->onTransact(code, data, reply);
 }
 
 // The dump command carries the output descriptor and the arguments as UTF-16

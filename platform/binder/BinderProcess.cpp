@@ -15,6 +15,7 @@
 
 #include <android-base/logging.h>
 
+#include <host/LogRateLimiter.h>
 #include "platform/binder/IPCThreadState.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/WireDecoder.h"
@@ -28,7 +29,7 @@ constexpr uint64_t kResumeId = 2;
 constexpr uint64_t kReadyId = 3;
 // A listener that ran out of descriptors rests this long before trying again.
 constexpr int kAcceptPauseMs = 100;
-constexpr auto kLogInterval = std::chrono::seconds(10);
+constexpr int64_t kLogIntervalMs = 10000;
 
 using Clock = std::chrono::steady_clock;
 
@@ -84,38 +85,18 @@ struct BinderProcess::UidWork {
     std::deque<std::shared_ptr<Connection>> deferred;
 };
 
-// At most `burst` lines per interval; the rest are counted, and the count
-// rides on the next line that is printed.
+// Binder's own lines about clients (closed, refused, evicted) at a bounded rate.
 class BinderProcess::RateLimitedLog {
 public:
-    explicit RateLimitedLog(int burst) : burst_(burst) {}
+    explicit RateLimitedLog(int burst) : limiter_(burst, kLogIntervalMs) {}
     void log(base::LogSeverity severity, const std::string& line) {
-        uint64_t carried = 0;
-        {
-            std::lock_guard<std::mutex> lock(lock_);
-            auto now = Clock::now();
-            if (now - windowStart_ >= kLogInterval) {
-                carried = std::exchange(suppressed_, 0);
-                windowStart_ = now;
-                printed_ = 0;
-            }
-            if (printed_ >= burst_) {
-                ++suppressed_;
-                return;
-            }
-            ++printed_;
-        }
-        base::LogMessage message(severity, nullptr, -1);
-        message.stream() << line;
-        if (carried > 0) message.stream() << " (" << carried << " more such lines were not logged)";
+        uint64_t suppressed = 0;
+        if (!limiter_.Allow(&suppressed)) return;
+        base::LogMessage(severity, nullptr, -1).stream() << line << platform::LogRateLimiter::Summary(suppressed);
     }
 
 private:
-    const int burst_;
-    std::mutex lock_;
-    Clock::time_point windowStart_{};
-    int printed_ = 0;
-    uint64_t suppressed_ = 0;
+    platform::LogRateLimiter limiter_;
 };
 
 BinderProcess& BinderProcess::self() {
@@ -141,6 +122,7 @@ BinderProcess::BinderProcess()
       closeLog_(std::make_unique<RateLimitedLog>(20)),
       refuseLog_(std::make_unique<RateLimitedLog>(5)),
       evictLog_(std::make_unique<RateLimitedLog>(5)),
+      ownEvictLog_(std::make_unique<RateLimitedLog>(5)),
       descriptorLog_(std::make_unique<RateLimitedLog>(1)) {
     CHECK(epoll_.ok() && sweepTimer_.ok() && resumeTimer_.ok() && readyEvent_.ok())
         << "binder: cannot create the pool's epoll set and timers: " << strerror(errno);
@@ -358,19 +340,28 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
             continue;
         }
         std::string refusal;
+        std::string eviction;
+        bool evictedOwn = false;
         {
             std::lock_guard<std::mutex> lock(lock_);
             const size_t cap = serviceCapLocked();
             const size_t uidCap = std::max<size_t>(1, cap / kUidShareDivisor);
             auto share = service->shares.find(cred.uid);
             const size_t held = share == service->shares.end() ? 0 : share->second.connections;
-            if (service->connections >= cap && !evictForLocked(*service, cred.uid, held)) {
+            if (held >= uidCap) {
+                // Most callers of a phone share the system uid: one of them
+                // that leaks connections must not lock the others out, so
+                // the uid's longest-unused idle connection makes room.
+                if (!evictIdleLocked(*service, cred.uid, cred.uid, &eviction, &evictedOwn)) {
+                    refusal = "too many connections from uid " + std::to_string(cred.uid) + " (limit " +
+                              std::to_string(uidCap) + " for service " + service->name + "), none of them idle";
+                }
+            } else if (service->connections >= cap &&
+                       !evictForLocked(*service, cred.uid, held, &eviction, &evictedOwn)) {
                 refusal = "the service " + service->name + " has too many connections (limit " +
                           std::to_string(cap) + "); try again later";
-            } else if (held >= uidCap) {
-                refusal = "too many connections from uid " + std::to_string(cred.uid) + " (limit " +
-                          std::to_string(uidCap) + " for service " + service->name + ")";
-            } else {
+            }
+            if (refusal.empty()) {
                 auto conn = std::make_shared<Connection>();
                 conn->id = nextId_++;
                 conn->fd = std::move(fd);
@@ -388,10 +379,10 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
                 armSweepLocked();
             }
         }
-        if (size_t evicted = evicted_.exchange(0)) {
-            evictLog_->log(base::INFO, "binder: closed " + std::to_string(evicted) + " idle connection(s) of the "
-                                        "largest holder to admit uid " + std::to_string(cred.uid) + " to " +
-                                        service->name);
+        if (!eviction.empty()) {
+            // A leaky uid churning through its own connections has a budget
+            // of lines apart, so that it never hides that another uid lost one.
+            (evictedOwn ? ownEvictLog_ : evictLog_)->log(base::INFO, eviction);
         }
         if (!refusal.empty()) {
             WireIo::Refuse(fd.get(), FAILED_TRANSACTION, refusal);
@@ -401,10 +392,11 @@ bool BinderProcess::acceptAll(const std::shared_ptr<Service>& service) {
     }
 }
 
-bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held) {
+bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held, std::string* line, bool* own) {
     // The uid that holds the most connections gives one up, if it holds more
     // than the newcomer would: many uids together can fill a service, but
-    // never so that a uid with few connections is kept out.
+    // never so that a uid with few connections is kept out. When nobody
+    // holds more, the newcomer's own uid gives one up if it can.
     uid_t largest = newcomer;
     size_t most = held + 1;
     for (const auto& [uid, share] : service.shares) {
@@ -413,22 +405,35 @@ bool BinderProcess::evictForLocked(Service& service, uid_t newcomer, size_t held
             largest = uid;
         }
     }
-    if (largest == newcomer) return false;
+    if (largest == newcomer && held == 0) return false;
+    return evictIdleLocked(service, largest, newcomer, line, own);
+}
+
+bool BinderProcess::evictIdleLocked(Service& service, uid_t owner, uid_t newcomer, std::string* line,
+                                    bool* own) {
+    // Idle: armed (no thread has it, nothing is queued for it), nothing
+    // half-received, and no request waiting in the socket. A request may
+    // still be on its way this instant; its client sees the connection
+    // closed before the reply, as after an idle sweep, and a proxy retries.
     std::shared_ptr<Connection> oldest;
     for (const auto& [id, conn] : connections_) {
-        if (conn->service.get() != &service || conn->uid != largest || conn->state != Connection::State::kArmed ||
+        if (conn->service.get() != &service || conn->uid != owner || conn->state != Connection::State::kArmed ||
             !conn->decoder.empty()) {
             continue;
         }
         if (oldest && conn->lastActive >= oldest->lastActive) continue;
-        // A request on its way makes it busy, not idle.
         pollfd pfd{conn->fd.get(), POLLIN, 0};
         if (poll(&pfd, 1, 0) > 0 && !(pfd.revents & (POLLHUP | POLLERR))) continue;
         oldest = conn;
     }
     if (!oldest) return false;
+    const auto idleMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - oldest->lastActive).count();
+    *line = "binder: evicted the oldest idle connection of uid " + std::to_string(owner) + " (pid " +
+            std::to_string(oldest->pid) + ", idle for " + std::to_string(idleMs) + " ms) from " + service.name +
+            " to admit a newcomer of uid " + std::to_string(newcomer);
+    *own = owner == newcomer;
     eraseLocked(*oldest);
-    ++evicted_;
     return true;
 }
 

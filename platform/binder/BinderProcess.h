@@ -31,9 +31,11 @@
 // others need: each service has a connection cap and a budget for the bytes
 // of unfinished transactions, and one uid may take only a share of each; one
 // uid may occupy only half the pool's threads (its further transactions wait
-// their turn, the other uids' do not); a full service makes the uid holding
-// the most give up an idle connection to a newcomer; idle and stalled connections are
-// closed; running out of descriptors pauses accepting instead of spinning.
+// their turn, the other uids' do not); a uid at its share gives up its
+// longest-unused idle connection to its own newcomer (refused only when all
+// of its connections are busy), and a full service makes the uid holding the
+// most give one up; idle and stalled connections are closed; running out of
+// descriptors pauses accepting instead of spinning.
 // Refused clients are told why before their connection closes, and every
 // such event is logged at a bounded rate.
 namespace android {
@@ -114,9 +116,14 @@ private:
     bool acceptAll(const std::shared_ptr<Service>& service);
     void shedOne(const std::shared_ptr<Service>& service);
     // At the service's cap: closes an idle connection of the uid holding the
-    // most, when it holds more than `newcomer` (which holds `held`); false
-    // when nobody can give one up.
-    bool evictForLocked(Service& service, uid_t newcomer, size_t held);
+    // most, when it holds more than `newcomer` (which holds `held`), else one
+    // of the newcomer's own; false when nobody can give one up. `line` gets
+    // what to log once the lock is released, `own` whether the newcomer's
+    // uid gave it up.
+    bool evictForLocked(Service& service, uid_t newcomer, size_t held, std::string* line, bool* own);
+    // Closes the longest-unused idle connection of `owner` to the service to
+    // admit `newcomer`; false when every one of them is busy.
+    bool evictIdleLocked(Service& service, uid_t owner, uid_t newcomer, std::string* line, bool* own);
     Outcome readAndServe(const std::shared_ptr<Connection>& conn, bool resumed);
     bool serveOne(Connection& conn, WireMessage& message);
     bool account(Connection& conn);
@@ -154,13 +161,13 @@ private:
     std::unordered_map<uid_t, UidWork> work_;
     std::deque<std::shared_ptr<Connection>> ready_;
     uint64_t nextId_ = 16;  // ids below are the timers' and events'
-    std::atomic<size_t> evicted_{0};
     bool sweepArmed_ = false;
     bool resumeArmed_ = false;
     Timeouts timeouts_;
     std::unique_ptr<RateLimitedLog> closeLog_;
     std::unique_ptr<RateLimitedLog> refuseLog_;
-    std::unique_ptr<RateLimitedLog> evictLog_;
+    std::unique_ptr<RateLimitedLog> evictLog_;     // another uid's connection made room
+    std::unique_ptr<RateLimitedLog> ownEvictLog_;  // a uid's own connection made room
     std::unique_ptr<RateLimitedLog> descriptorLog_;
     std::atomic<uint32_t> maxThreads_{15};
     std::atomic<uint32_t> serving_{0};  // threads in serveLoop

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "platform/binder/ICInterface.h"
 
 // Base of the local side of interface I: implementations derive from BnX,
@@ -11,6 +13,11 @@ class BnCInterface : public I {
 public:
     SpAIBinder asBinder() override { return this->localBinder(I::descriptor); }
     bool isRemote() override { return false; }
+    std::string getTransactionName(uint32_t code) const override {
+        const size_t count = sizeof(I::kTransactionNames) / sizeof(I::kTransactionNames[0]);
+        if (code < FIRST_CALL_TRANSACTION || code - FIRST_CALL_TRANSACTION >= count) return "";
+        return I::kTransactionNames[code - FIRST_CALL_TRANSACTION];
+    }
 
 protected:
     // Reads the arguments in order; false when the parcel does not hold them.

@@ -17,6 +17,8 @@
 #include <android-base/logging.h>
 #include <android-base/unique_fd.h>
 
+#include <host/LogRateLimiter.h>
+
 namespace android {
 namespace {
 
@@ -162,13 +164,19 @@ status_t DumpRelay::Run(int callerFd, int timeoutMs, const std::string& who,
         int result = sink.write(chunk, static_cast<size_t>(n), deadline, &written);
         offset += static_cast<off_t>(written);
         if (result > 0) continue;
+        // Any caller can fail its own dump on purpose, as often as it likes.
+        static platform::LogRateLimiter undelivered(10, 60000);
+        const int saved = errno;
+        uint64_t suppressed = 0;
+        if (!undelivered.Allow(&suppressed)) return result == 0 ? TIMED_OUT : DEAD_OBJECT;
         if (result == 0) {
             LOG(ERROR) << "binder: dump of " << who << ": the output was not drained within " << timeoutMs
-                       << " ms; gave up after " << offset << " of " << total << " bytes";
+                       << " ms; gave up after " << offset << " of " << total << " bytes"
+                       << platform::LogRateLimiter::Summary(suppressed);
             return TIMED_OUT;
         }
         LOG(ERROR) << "binder: dump of " << who << ": the reader went away after " << offset << " of " << total
-                   << " bytes (" << strerror(errno) << ")";
+                   << " bytes (" << strerror(saved) << ")" << platform::LogRateLimiter::Summary(suppressed);
         return DEAD_OBJECT;
     }
     return status;

@@ -8,6 +8,8 @@ android::status_t ICInterface::onTransact(uint32_t, const android::Parcel&, andr
     return STATUS_UNKNOWN_TRANSACTION;
 }
 
+std::string ICInterface::getTransactionName(uint32_t) const { return ""; }
+
 SpAIBinder ICInterface::localBinder(const std::string& descriptor) {
     std::lock_guard<std::mutex> lock(binderLock_);
     std::shared_ptr<android::BBinder> binder = binder_.lock();

@@ -41,6 +41,8 @@ public:
     virtual binder_status_t dump(int fd, const char** args, uint32_t numArgs);
     // Unmarshals one transaction for a local object (the Bn classes).
     virtual android::status_t onTransact(uint32_t code, const android::Parcel& in, android::Parcel* out);
+    // The method a transaction code calls ("" when the code names none).
+    virtual std::string getTransactionName(uint32_t code) const;
 
 protected:
     // The local binder of this object, made on first use and shared while

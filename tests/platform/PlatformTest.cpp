@@ -16,6 +16,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
+#include <host/LogRateLimiter.h>
 #include "tests/support/TempDir.h"
 
 using namespace std::chrono_literals;
@@ -88,6 +89,31 @@ TEST_F(PlatformTest, LogLinesReachCapturesAndStderrInThreadtimeLayout) {
         EXPECT_STREQ(tag, "Tarnis-Layout");
         EXPECT_EQ(l.substr(l.size() - strlen(messages[i]) - 2), std::string(": ") + messages[i]) << l;
     }
+}
+
+// Lines a caller can cause pass at most `burst` per window; the next line
+// let through says how many were held back since the last.
+TEST(LogRateLimiterTest, ABurstPerWindowThenTheCountOfWhatWasHeldBack) {
+    platform::LogRateLimiter limiter(2, 60000);
+    struct Step {
+        int64_t nowMs;
+        bool allowed;
+        uint64_t suppressed;
+    };
+    const Step steps[] = {
+        {1000, true, 0},  {1001, true, 0},  {1002, false, 0}, {60999, false, 0},
+        {61000, true, 2}, {61001, true, 0}, {61002, false, 0}, {500, true, 1},  // a clock that went back starts anew
+    };
+    for (const Step& step : steps) {
+        uint64_t suppressed = 99;
+        EXPECT_EQ(limiter.Allow(step.nowMs, &suppressed), step.allowed) << step.nowMs;
+        if (step.allowed) {
+            EXPECT_EQ(suppressed, step.suppressed) << step.nowMs;
+        }
+    }
+    EXPECT_EQ(platform::LogRateLimiter::Summary(0), "");
+    EXPECT_EQ(platform::LogRateLimiter::Summary(1), " (suppressed 1 such line)");
+    EXPECT_EQ(platform::LogRateLimiter::Summary(7), " (suppressed 7 such lines)");
 }
 
 TEST(PlatformDeathTest, CheckEqAbortsNamingBothValues) {

@@ -16,6 +16,7 @@
 #include <binder/IServiceManager.h>
 #include <host/Host.h>
 
+#include "platform/binder/CallerPolicy.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
@@ -209,6 +210,8 @@ TEST(DaemonTest, ACaptureOrderedFromAShellEndsAsAZip) {
     const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
     ASSERT_EQ(system(("TARNIS_BUILD_DIR=" + std::string(TARNIS_BUILD_DIR) + " " + prepare + " >/dev/null").c_str()),
               0);
+    // The caller policy the sandbox starts with is the daemon's built-in one, for the user to edit.
+    EXPECT_EQ(ReadFile(root.Sub("system/etc/tarnis/caller_policy.conf")), android::CallerPolicy::kDefaultRules);
     pid_t daemon = StartDaemon(root, "/dev/null", root.Sub("err"));
     ASSERT_GE(daemon, 0);
     ASSERT_TRUE(WaitServing(root));

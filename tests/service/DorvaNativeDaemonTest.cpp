@@ -131,15 +131,30 @@ TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
     EXPECT_TRUE(log.HasLine("captureLogByRunCommand: Shell user (UID 2000) access denied", "dorvad", 6));
     EXPECT_NE(access(root_.Sub("data/x").c_str(), F_OK), 0);
 
-    // The same through the wire from a process that really runs as uid 2000.
+    // Through the wire from a process that really runs as uid 2000: the
+    // caller policy keeps the service to system callers, as on a device.
     if (geteuid() != 0) GTEST_SKIP() << "skipped: changing to uid 2000 needs root";
     ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
     RunShell("chmod -R a+rX " + root_.path());
+    const std::string asShell = "setpriv --reuid=2000 --regid=2000 --clear-groups " + ctl_;
     int status = -1;
-    const std::string out = RunShell("setpriv --reuid=2000 --regid=2000 --clear-groups " + ctl_ +
-                                         " run-command cat /dev/null 5 2>&1",
-                                     &status);
-    EXPECT_EQ(out, "runCommand:145: Command not allowed for shell user\n");
+    const std::pair<const char*, const char*> refused[] = {
+        {" run-command cat /dev/null 5", "runCommand"},
+        {" capture manual x --action getprop --param x --offline", "captureLog"},
+    };
+    for (const auto& [args, method] : refused) {
+        EXPECT_EQ(RunShell(asShell + args + " 2>&1", &status),
+                  std::string("permission denied: uid 2000 may not call ") + method + "\n");
+        EXPECT_EQ(status, 1);
+        EXPECT_TRUE(log.Contains(std::string(") may not call nuvi.dorva.IDorvaNative.") + method, "",
+                                 ANDROID_LOG_WARN));
+    }
+    // Let in by a policy file, the shell user meets the service's own check.
+    RunShell("mkdir -p " + root_.Sub("system/etc/tarnis"));
+    ASSERT_TRUE(WriteFile(root_.Sub("system/etc/tarnis/caller_policy.conf"),
+                          "nuvi.dorva.IDorvaNative.runCommand 0,1000,2000\n"));
+    EXPECT_EQ(RunShell(asShell + " run-command cat /dev/null 5 2>&1", &status),
+              "runCommand:145: Command not allowed for shell user\n");
     EXPECT_EQ(status, 1);
 }
 

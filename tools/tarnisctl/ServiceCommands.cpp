@@ -23,6 +23,11 @@ int Dump(const std::vector<std::string>& args) {
     fflush(stdout);
     binder_status_t status =
         AIBinder_dump(binder.get(), STDOUT_FILENO, argv.data(), static_cast<uint32_t>(argv.size()));
+    if (status == STATUS_PERMISSION_DENIED && platform::host::LastBinderError().empty()) {
+        // The dump command has no reply to carry a sentence: the caller's uid is ours.
+        fprintf(stderr, "permission denied: uid %u may not call dump\n", static_cast<unsigned>(getuid()));
+        return 1;
+    }
     if (status != STATUS_OK) {
         fprintf(stderr, "dump: %s\n", Explain(status).c_str());
         return 1;

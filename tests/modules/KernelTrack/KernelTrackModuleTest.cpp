@@ -1,6 +1,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include <log/log.h>
 
 #include "modules/KernelTrack/KernelStatsTrack.h"
+#include "platform/binder/IPCThreadState.h"
 #include "modules/KernelTrack/KernelTrackUtils.h"
 #include "tests/support/ModuleTest.h"
 #include "utils/Paths.h"
@@ -182,6 +184,43 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
                                                             "info from " + Device(paths::kSchedLatInfo)),
                              kStatsTag));
     EXPECT_EQ(Read(paths::kSchedLatReset), "");
+}
+
+// Any uid may dump: one other than root and system never wipes the day's
+// counters, and sets off at most one report a minute.
+TEST_F(KernelTrackModuleTest, AnOrdinaryCallersDumpReportsOnceAMinuteAndResetsNothing) {
+    LoadModules();
+    WriteTable("sched_lat_info", false);
+    Write(paths::kSchedLatReset, "");
+    const std::string kept = "kernel stats: reported; counters kept (uid 2000 may not reset them)\n";
+    const std::string again = "kernel stats: reported less than a minute ago; not again yet\n";
+    struct Step {
+        int64_t advanceMs;
+        bool shell;
+        std::string out;
+        size_t events;
+        std::string reset;
+    };
+    const Step steps[] = {
+        {0, true, kept, 1, ""},
+        {kMinuteMs - 1, true, again, 1, ""},
+        {1, true, kept, 2, ""},
+        {0, false, "", 3, "1\n"},  // root resets as before, however recent the last report
+    };
+    for (const Step& step : steps) {
+        clock_.Advance(step.advanceMs);
+        std::string out;
+        if (step.shell) {
+            android::IPCThreadState::ScopedIdentity shell(2000, getpid());
+            out = Dump({"KernelTrack"});
+        } else {
+            out = Dump({"KernelTrack"});
+        }
+        EXPECT_EQ(out, "Dumping module KernelTrack: \n" + step.out + "\n-------------------------------------\n");
+        EXPECT_EQ(Events().size(), step.events);
+        EXPECT_EQ(Read(paths::kSchedLatReset), step.reset);
+    }
+    EXPECT_EQ(log_.Count(Line("dump", "test kernel stats"), kModuleTag), 3u);
 }
 
 TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDaily) {

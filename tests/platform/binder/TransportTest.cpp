@@ -22,6 +22,7 @@
 #include "platform/binder/WireIo.h"
 #include "platform/LogCapture.h"
 #include "tests/platform/binder/EchoSsi.h"
+#include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
 
 using aidl::velmar::system::tarnis::common::ITarnisSsi;
@@ -268,25 +269,64 @@ TEST_F(TransportTest, ConcurrentCallersAreServedInParallel) {
     EXPECT_EQ(failures.load(), 0);
 }
 
-TEST_F(TransportTest, CallingUidIsThePeersCredential) {
+// The caller is the uid the kernel reports for the peer, and the caller
+// policy below the root decides which uids may call which method.
+TEST_F(TransportTest, CallingUidIsThePeersCredentialAndThePolicyDecidesWhoMayCall) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to call as another uid";
     auto impl = ndk::SharedRefBase::make<EchoSsi>();
     ASSERT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
     StartPool();
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (setgid(2000) != 0 || setuid(2000) != 0) _exit(2);
-        // Another process: the look-up gives a proxy.
-        auto ssi = ITarnisSsi::fromBinder(AServiceManager_checkService(kSsiName.c_str()));
-        if (ssi == nullptr || !ssi->isRemote()) _exit(3);
-        _exit(ssi->reportSimpleEvent(0, "quiet").isOk() ? 0 : 4);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    ASSERT_EQ(WEXITSTATUS(status), 0);
+    // What a child of uid 2000 gets from a report or a dump: "0" for OK,
+    // else the exception and message, or the dump's status.
+    auto callAs2000 = [&](bool dump) {
+        int out[2];
+        EXPECT_EQ(pipe(out), 0);
+        const int code = tarnis_test::RunAsUid(2000, [&] {
+            // Another process: the look-up gives a proxy.
+            auto ssi = ITarnisSsi::fromBinder(AServiceManager_checkService(kSsiName.c_str()));
+            if (ssi == nullptr || !ssi->isRemote()) return 3;
+            ndk::ScopedAStatus st = dump ? ndk::ScopedAStatus::fromStatus(ssi->dump(out[1], nullptr, 0))
+                                         : ssi->reportSimpleEvent(0, "quiet");
+            const std::string said = st.isOk() ? "0"
+                                     : dump    ? std::to_string(st.getStatus())
+                                               : std::to_string(st.getExceptionCode()) + " " + st.getMessage();
+            return write(out[1], said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 5;
+        });
+        close(out[1]);
+        const std::string said = tarnis_test::ReadFile("/proc/self/fd/" + std::to_string(out[0]));
+        close(out[0]);
+        return code == 0 ? said.substr(said.rfind('\n') + 1) : "exit " + std::to_string(code);
+    };
+    // Without a policy file, reports and the dump are open to every uid.
+    EXPECT_EQ(callAs2000(false), "0");
     EXPECT_EQ(impl->lastUid.load(), 2000u);
+    EXPECT_EQ(callAs2000(true), "0");
+
+    platform::LogCapture log;
+    ASSERT_EQ(system(("mkdir -p " + root_.Sub("system/etc/tarnis")).c_str()), 0);
+    const std::string policy = root_.Sub("system/etc/tarnis/caller_policy.conf");
+    ASSERT_TRUE(tarnis_test::WriteFile(policy, "# reports for root and ourselves only\n"
+                                               "velmar.system.tarnis.common.ITarnisSsi.* 0,self  # trailing note\n"
+                                               "velmar.system.tarnis.common.ITarnisSsi.dump 2000\n"
+                                               "velmar.system.tarnis.common.ITarnisSsi.dump *,x\n"
+                                               "nuvi.dorva.IDorvaNative.captureLog\n"
+                                               "ITarnisSsi 2000\n"
+                                               "a.b.reportSimpleEvent 2000 1000\n"));
+    EXPECT_EQ(callAs2000(false), "-1 permission denied: uid 2000 may not call reportSimpleEvent");
+    EXPECT_EQ(callAs2000(true), "0");  // the dump's own line wins over the service's "*"
+    EXPECT_TRUE(log.Contains("binder: permission denied: uid 2000 (pid ", "", ANDROID_LOG_WARN));
+    EXPECT_TRUE(log.Contains(") may not call velmar.system.tarnis.common.ITarnisSsi.reportSimpleEvent"));
+    // Each malformed line is named and skipped; the others hold.
+    EXPECT_TRUE(log.Contains(policy + ":4: \"x\" is not a uid, \"self\" or \"*\"; line skipped", "",
+                             ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log.Contains(policy + ":6: \"ITarnisSsi\" is not DESCRIPTOR.METHOD or DESCRIPTOR.*; line skipped"));
+    EXPECT_EQ(log.Count("line skipped"), 4u);
+
+    // Edited, it is read again: the dump is now root's alone.
+    ASSERT_TRUE(tarnis_test::WriteFile(policy, "velmar.system.tarnis.common.ITarnisSsi.dump 0\n"));
+    EXPECT_EQ(callAs2000(true), std::to_string(android::PERMISSION_DENIED));
+    EXPECT_EQ(callAs2000(false), "0");
+    EXPECT_TRUE(log.Contains(") may not call velmar.system.tarnis.common.ITarnisSsi.dump"));
 }
 
 }  // namespace

@@ -39,6 +39,12 @@ public:
         TRANSACTION_captureLogByRunCommand = FIRST_CALL_TRANSACTION + 13,
         TRANSACTION_FactoryResetWipeRescuePartition = FIRST_CALL_TRANSACTION + 14,
     };
+    // The method of each code, in the same order (the caller policy names them).
+    static constexpr const char* kTransactionNames[] = {
+        "captureLog", "attachSockFilter", "setCoreFilter", "runCommand", "startDefrag", "createFileInPersist",
+        "writeToPersistFile", "readFile", "getFilesFromPersist", "stopDefrag", "resumeDefrag",
+        "flashDebugPolicy", "getStationInfo", "captureLogByRunCommand", "FactoryResetWipeRescuePartition",
+    };
 
     // The implementation itself for a local binder, a proxy for a remote one,
     // null for a binder of another interface.

@@ -29,6 +29,11 @@ public:
         TRANSACTION_reportTrelvoEvent = FIRST_CALL_TRANSACTION + 5,
         TRANSACTION_reportTrelvoEvents = FIRST_CALL_TRANSACTION + 6,
     };
+    // The method of each code, in the same order (the caller policy names them).
+    static constexpr const char* kTransactionNames[] = {
+        "reportSimpleEvent", "reportEventV2", "reportNativeFeatureEvent", "appCaptureLog", "reportEventsV2",
+        "reportTrelvoEvent", "reportTrelvoEvents",
+    };
 
     // The implementation itself for a local binder, a proxy for a remote one,
     // null for a binder of another interface.

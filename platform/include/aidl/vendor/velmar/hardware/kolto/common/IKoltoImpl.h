@@ -26,6 +26,10 @@ public:
         TRANSACTION_GetFileSize = FIRST_CALL_TRANSACTION + 0,
         TRANSACTION_ReadFromFile = FIRST_CALL_TRANSACTION + 1,
     };
+    // The method of each code, in the same order (the caller policy names them).
+    static constexpr const char* kTransactionNames[] = {
+        "GetFileSize", "ReadFromFile",
+    };
 
     // The implementation itself for a local binder, a proxy for a remote one,
     // null for a binder of another interface.

@@ -22,6 +22,10 @@ public:
     enum : uint32_t {
         TRANSACTION_transferMessage = FIRST_CALL_TRANSACTION + 0,
     };
+    // The method of each code, in the same order (the caller policy names them).
+    static constexpr const char* kTransactionNames[] = {
+        "transferMessage",
+    };
 
     // The implementation itself for a local binder, a proxy for a remote one,
     // null for a binder of another interface.
