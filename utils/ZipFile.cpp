@@ -42,7 +42,7 @@ bool StatRegularFile(int fd, const std::string& path, struct stat* st) {
     const int statError = fstat(fd, st) != 0 ? errno : 0;
     if (statError == 0 && S_ISREG(st->st_mode)) return true;
     const int error = statError != 0 ? statError : S_ISDIR(st->st_mode) ? EISDIR : EINVAL;
-    ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", path.c_str(),
+    ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str(),
           strerror(error));
     return false;
 }
@@ -353,7 +353,7 @@ private:
                 bool opens);
     void WriteFront();
     void FileFailed(const std::string& path) {
-        ALOGE("[%s] Failed to write file %s", "FlushFilesIfNeeded", path.c_str());
+        ALOGE("[%s] Failed to write file %s", "FlushFilesIfNeeded", StringUtil::ForLog(path).c_str());
         ++failures_;
     }
 
@@ -448,7 +448,7 @@ bool Packer::PackConfined(const std::string& path, const std::string& relative) 
 void Packer::Walk(int dirFd, const std::string& dir) {
     DIR* handle = fdopendir(dirFd);
     if (handle == nullptr) {
-        ALOGE("[%s] cannot list %s: %s", "FlushFilesIfNeeded", dir.c_str(), strerror(errno));
+        ALOGE("[%s] cannot list %s: %s", "FlushFilesIfNeeded", StringUtil::ForLog(dir).c_str(), strerror(errno));
         ::close(dirFd);
         return;
     }
@@ -469,7 +469,7 @@ void Packer::Walk(int dirFd, const std::string& dir) {
         if (type == DT_DIR) {
             const int sub = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
             if (sub < 0) {
-                ALOGE("[%s] cannot list %s: %s", "FlushFilesIfNeeded", full.c_str(),
+                ALOGE("[%s] cannot list %s: %s", "FlushFilesIfNeeded", StringUtil::ForLog(full).c_str(),
                       strerror(errno));
                 continue;
             }
@@ -486,19 +486,19 @@ void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
                       std::string name) {
     if (tailDepth_ >= 1) {
         StringUtil::getTailPath(name, tailDepth_);
-        ALOGD("[%s] relativePath before getTailPath: %s", "FlushFilesIfNeeded", name.c_str());
+        ALOGD("[%s] relativePath before getTailPath: %s", "FlushFilesIfNeeded", StringUtil::ForLog(name).c_str());
     }
     // Non-blocking so that a fifo cannot hang the packer; only regular files
     // are read, and a link is never followed.
     const int fd = openat(dirFd, openName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0) {
         if (errno == ENOENT) {
-            ALOGW("[%s] file not exist %s", "AddFileContentToZip", path.c_str());
+            ALOGW("[%s] file not exist %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str());
         } else if (errno == ELOOP) {
-            ALOGW("[%s] %s is a symbolic link, not followed", "AddFileContentToZip", path.c_str());
+            ALOGW("[%s] %s is a symbolic link, not followed", "AddFileContentToZip", StringUtil::ForLog(path).c_str());
         } else {
             ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip",
-                  path.c_str(), strerror(errno));
+                  StringUtil::ForLog(path).c_str(), strerror(errno));
         }
         FileFailed(path);
         return;
@@ -512,7 +512,7 @@ void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
     // The archive itself, when it lies in a packed tree, would grow while
     // being read.
     if (st.st_dev == archiveDev_ && st.st_ino == archiveIno_) {
-        ALOGD("[%s] skipping the archive being written, %s", "FlushFilesIfNeeded", path.c_str());
+        ALOGD("[%s] skipping the archive being written, %s", "FlushFilesIfNeeded", StringUtil::ForLog(path).c_str());
         return;
     }
     ReadBlocks(fd, st, path, name);
@@ -586,7 +586,7 @@ ReadResult Packer::Fill(int fd, Block& block, const std::string& path) {
         if (got == 0) return ReadResult::kEnd;
         if (got < 0) {
             ALOGW("[%s] read file %s failed, the reason is %s", "AddFileContentToZip",
-                  path.c_str(), strerror(errno));
+                  StringUtil::ForLog(path).c_str(), strerror(errno));
             return ReadResult::kFailed;
         }
         block.inSize += static_cast<size_t>(got);
@@ -612,7 +612,7 @@ void Packer::WriteFront() {
         bool ok = OpenEntry(zip_, step.name, false, false);
         if (ok && zipCloseFileInZipRaw64(zip_, 0, 0) != ZIP_OK) ok = false;
         if (!ok) {
-            ALOGE("[%s] Failed to write directory %s", "FlushFilesIfNeeded", step.path.c_str());
+            ALOGE("[%s] Failed to write directory %s", "FlushFilesIfNeeded", StringUtil::ForLog(step.path).c_str());
             ++failures_;
         }
         return;
@@ -719,7 +719,7 @@ bool ZipFile::create(const std::string& path) {
     }
     if (handle_ == nullptr) {
         if (!temporary.empty()) unlink(temporary.c_str());
-        ALOGE("[%s] Couldn't create ZIP file at path %s", "create", path.c_str());
+        ALOGE("[%s] Couldn't create ZIP file at path %s", "create", StringUtil::ForLog(path).c_str());
         return false;
     }
     path_ = path;
@@ -745,7 +745,7 @@ bool ZipFile::close() {
     // The rename replaces whatever is at the name, a link included, never
     // what a link points to.
     if (rename(tempPath_.c_str(), path_.c_str()) != 0) {
-        ALOGE("[%s] cannot move the archive to %s: %s", "close", path_.c_str(), strerror(errno));
+        ALOGE("[%s] cannot move the archive to %s: %s", "close", StringUtil::ForLog(path_).c_str(), strerror(errno));
         Abandon();
         return false;
     }
@@ -755,7 +755,7 @@ bool ZipFile::close() {
 
 void ZipFile::Abandon() {
     if (!tempPath_.empty() && unlink(tempPath_.c_str()) != 0 && errno != ENOENT) {
-        ALOGE("[%s] cannot remove %s: %s", "close", tempPath_.c_str(), strerror(errno));
+        ALOGE("[%s] cannot remove %s: %s", "close", StringUtil::ForLog(tempPath_).c_str(), strerror(errno));
     }
     tempPath_.clear();
 }
@@ -765,16 +765,16 @@ bool ZipFile::OpenNewFileInZip(void* handle, const std::string& name) {
 }
 
 bool ZipFile::AddFileContentToZip(const std::string& path) {
-    ALOGD("[%s] Adding File To Zip, file path: %s", "AddFileContentToZip", path.c_str());
+    ALOGD("[%s] Adding File To Zip, file path: %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str());
     if (!FileUtil::FileExist(path)) {
-        ALOGW("[%s] file not exist %s", "AddFileContentToZip", path.c_str());
+        ALOGW("[%s] file not exist %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str());
         return false;
     }
     // Non-blocking open so that a fifo among the logs cannot hang the packer;
     // only regular files are read, and never through a link.
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0) {
-        ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", path.c_str(),
+        ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str(),
               strerror(errno));
         return false;
     }
@@ -787,13 +787,13 @@ bool ZipFile::AddFileContentToZip(const std::string& path) {
         if (got == 0) return true;
         if (got < 0) {
             ALOGW("[%s] read file %s failed, the reason is %s", "AddFileContentToZip",
-                  path.c_str(), strerror(errno));
+                  StringUtil::ForLog(path).c_str(), strerror(errno));
             return false;
         }
         if (zipWriteInFileInZip(static_cast<zipFile>(handle_), buffer_.get(),
                                 static_cast<unsigned>(got)) != ZIP_OK) {
             ALOGW("[%s] Could not write data to zip for path: %s", "AddFileContentToZip",
-                  path.c_str());
+                  StringUtil::ForLog(path).c_str());
             return false;
         }
     }

@@ -28,6 +28,7 @@
 #include <log/log.h>
 
 #include "utils/Paths.h"
+#include "utils/StringUtil.h"
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/DirectoryHelpers.h"
 
@@ -35,6 +36,7 @@ namespace android {
 namespace {
 
 namespace paths = velmar::kolto::paths;
+using velmar::kolto::StringUtil;
 using aidl::vendor::velmar::hardware::kolto::common::Ashmem;
 using aidl::vendor::velmar::hardware::kolto::common::IKoltoImpl;
 
@@ -66,26 +68,14 @@ bool IsPlainRequest(const std::string& request) {
     return true;
 }
 
-// The request as a log line may show it: bytes that are not printable as \xNN.
-std::string Printable(const std::string& text) {
-    std::string out;
-    for (unsigned char c : text) {
-        if (c >= 0x20 && c < 0x7f) {
-            out += static_cast<char>(c);
-        } else {
-            char escaped[5];
-            snprintf(escaped, sizeof(escaped), "\\x%02x", c);
-            out += escaped;
-        }
-    }
-    return out;
-}
-
-// A property's value as part of a file name: a slash would make it a path.
+// A property's value as part of a file name: a slash would make it a path,
+// a control byte would forge log lines, and any process that may set the
+// property could make the name longer than a file system allows.
 std::string NamePart(const std::string& property) {
-    std::string value = base::GetProperty(property, "unknown");
+    constexpr size_t kMaxNamePart = 64;
+    std::string value = base::GetProperty(property, "unknown").substr(0, kMaxNamePart);
     for (char& c : value) {
-        if (c == '/') c = '_';
+        if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '_';
     }
     return value;
 }
@@ -104,17 +94,18 @@ std::string LocalTimeForName() {
 // a link, so a link planted in its place never has its target changed.
 bool MakeCaptureDir(const std::string& path) {
     if (create_dir_if_needed(path.c_str(), 0775) != 0) {
-        ALOGE("Failed to create path: %s\n", path.c_str());
+        ALOGE("Failed to create path: %s\n", StringUtil::ForLog(path).c_str());
         return false;
     }
     std::string clean = path;
     while (clean.size() > 1 && clean.back() == '/') clean.pop_back();
     base::unique_fd dir(open(clean.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir.ok()) {
-        ALOGE("Failed to create path: %s\n", path.c_str());
+        ALOGE("Failed to create path: %s\n", StringUtil::ForLog(path).c_str());
         return false;
     }
-    if (fchown(dir.get(), 0, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+    if (fchown(dir.get(), 0, kSystemUid) != 0)
+        ALOGD("chown %s failed: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
     fchmod(dir.get(), 0775);
     return true;
 }
@@ -164,7 +155,7 @@ void CaptureServerThread::FetchSecurityLog() {
         return;
     }
     ALOGI("Successfully obtained the Kolto service");
-    ALOGI("zelteelog_path is: %s\n", zelteeCopyPath_.c_str());
+    ALOGI("zelteelog_path is: %s\n", StringUtil::ForLog(zelteeCopyPath_).c_str());
 
     const char* dir = paths::kZelteeLogDir;
     int64_t size = 0;
@@ -287,9 +278,9 @@ void CaptureServerThread::Serve(int connection) {
         return;
     }
     if (!IsPlainRequest(request)) {
-        ALOGE("refusing dump request %s: not a plain name", Printable(request).c_str());
+        ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
     } else {
-        ALOGD("dorvad dump begin for dump request: %s\n", request.c_str());
+        ALOGD("dorvad dump begin for dump request: %s\n", StringUtil::ForLog(request).c_str());
         runCaptureLog(request.c_str());
     }
     // Never waits: a client that does not read its answer does not hold the server.
@@ -325,7 +316,7 @@ std::vector<DumpAction> CaptureServerThread::CaptureSteps() const {
 void CaptureServerThread::runCaptureLog(const char* rawRequest) {
     const std::string request = rawRequest != nullptr ? rawRequest : "";
     if (!IsPlainRequest(request)) {
-        ALOGE("refusing dump request %s: not a plain name", Printable(request).c_str());
+        ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
         return;
     }
     const std::string base = IsRebootRequest(request) ? paths::Get(paths::kLocalRecordDir) : baseDir_;
@@ -334,7 +325,7 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
     if (!MakeCaptureDir(requestDir)) return;
     const std::string path = base + "/" + request + "/" + request + "_" + NamePart("ro.product.device") + "_" +
                              NamePart("ro.build.version.incremental") + "_" + LocalTimeForName();
-    ALOGI("dorvad dump to: %s\n", path.c_str());
+    ALOGI("dorvad dump to: %s\n", StringUtil::ForLog(path).c_str());
 
     std::vector<DumpAction> steps = CaptureSteps();
     // cat runs as this process's user, which the secure-world logs may not
@@ -352,9 +343,9 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
     bool keep = false;
     base::unique_fd zip(open(archive.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!zip.ok()) {
-        ALOGW("Faile to open file: %s, %s", archive.c_str(), strerror(errno));
+        ALOGW("Faile to open file: %s, %s", StringUtil::ForLog(archive).c_str(), strerror(errno));
     } else if (fstat(zip.get(), &st) != 0) {
-        ALOGW("Faile to read file stat: %s, %s", archive.c_str(), strerror(errno));
+        ALOGW("Faile to read file stat: %s, %s", StringUtil::ForLog(archive).c_str(), strerror(errno));
     } else if (st.st_size >= kMinArchiveBytes) {
         keep = true;
     } else {
@@ -370,7 +361,7 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
             return !ours || archive.find(entry) != std::string::npos;
         });
     } else if (remove(archive.c_str()) != 0) {
-        ALOGE("remove path %s failed! info: %s\n", archive.c_str(), strerror(errno));
+        ALOGE("remove path %s failed! info: %s\n", StringUtil::ForLog(archive).c_str(), strerror(errno));
     }
     ALOGD("dorvad dump end for dump request\n");
 }

@@ -891,7 +891,8 @@ bool LogManager::DeleteFileUpdateDirConfig(int dirFd, const std::string& deviceP
         ALOGI("[%s] %s vanished before its removal, skipped", "DeleteFileUpdateDirConfig",
               Esc(paths::Get(devicePath)).c_str());
         if (!names.empty()) {
-            auto known = sizes != nullptr ? sizes->find(names.front()) : std::map<std::string, uint64_t>::const_iterator();
+            auto known =
+                sizes != nullptr ? sizes->find(names.front()) : std::map<std::string, uint64_t>::const_iterator();
             if (sizes != nullptr && known != sizes->end()) *total = *total > known->second ? *total - known->second : 0;
             names.erase(names.begin());
         }

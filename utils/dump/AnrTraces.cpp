@@ -19,11 +19,13 @@
 
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
 
 namespace android {
 namespace {
 
 namespace paths = velmar::kolto::paths;
+using velmar::kolto::StringUtil;
 
 constexpr size_t kMaxTraces = 10;
 constexpr size_t kHeadBytes = 1024;
@@ -87,12 +89,12 @@ void AnrTraces::Collect() {
         fchmodat(AT_FDCWD, path.c_str(), 0660, AT_SYMLINK_NOFOLLOW);
         base::unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
         if (!fd.ok()) {
-            ALOGE("Unable to open dump file %s: %s\n", path.c_str(), strerror(errno));
+            ALOGE("Unable to open dump file %s: %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
             continue;
         }
         struct stat st;
         if (fstat(fd.get(), &st) != 0) {
-            ALOGE("Unable to stat dump file %s: %s\n", path.c_str(), strerror(errno));
+            ALOGE("Unable to stat dump file %s: %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
             continue;
         }
         char head[kHeadBytes];
@@ -100,7 +102,7 @@ void AnrTraces::Collect() {
         const std::string text(head, n > 0 ? static_cast<size_t>(n) : 0);
         std::string traceFingerprint;
         if (!FindFingerprint(text, &traceFingerprint)) {
-            ALOGE("Faild to match %s\n", path.c_str());
+            ALOGE("Faild to match %s\n", StringUtil::ForLog(path).c_str());
             continue;
         }
         ALOGE("=============match success!!!=============\n");

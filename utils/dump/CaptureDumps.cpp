@@ -155,7 +155,7 @@ void DeleteBugreportLeftovers(int dirFd, const std::string& logDir) {
     base::unique_fd own(fcntl(dirFd, F_DUPFD_CLOEXEC, 0));
     velmar::kolto::ScopedDir dir(own.ok() ? fdopendir(own.get()) : nullptr);
     if (!dir) {
-        ALOGE("Error opening directory: %s", logDir.c_str());
+        ALOGE("Error opening directory: %s", StringUtil::ForLog(logDir).c_str());
         return;
     }
     own.release();  // owned by dir now
@@ -282,7 +282,7 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
                               });
     if (!bugreport.empty()) {
         if (remove(bugreport.c_str()) != 0) {
-            ALOGE("failed to remove %s, error: %s", bugreport.c_str(), strerror(errno));
+            ALOGE("failed to remove %s, error: %s", StringUtil::ForLog(bugreport).c_str(), strerror(errno));
         }
         DeleteBugreportLeftovers(dirFd.get(), logDir);
     }
@@ -340,7 +340,7 @@ void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, co
         if (!complete) {
             ALOGE("kept %s: its archive is not complete", StringUtil::ForLog(path).c_str());
         } else if (remove(path.c_str()) != 0) {
-            ALOGE("failed to remove %s, error: %s", path.c_str(), strerror(errno));
+            ALOGE("failed to remove %s, error: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
         }
     };
     if (CapturePackager::Compress(path.c_str(), outDir.c_str(), &attachments, kForActionsCompressSeconds, false,
@@ -357,9 +357,10 @@ void CaptureDumps::DumpLiteBugreport(const char* target, const char* rawPath) {
     {
         base::unique_fd out(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0664));
         if (!out.ok()) {
-            ALOGE("failed to create %s: %s", path.c_str(), strerror(errno));
+            ALOGE("failed to create %s: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
         } else {
-            if (fchown(out.get(), 0, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+            if (fchown(out.get(), 0, kSystemUid) != 0)
+                ALOGD("chown %s failed: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
             fchmod(out.get(), 0664);
         }
     }
@@ -372,11 +373,11 @@ void CaptureDumps::DumpLiteBugreport(const char* target, const char* rawPath) {
             return;
         }
         if (fchown(recordFd.get(), 0, kSystemUid) != 0) {
-            ALOGD("chown %s failed: %s", record.c_str(), strerror(errno));
+            ALOGD("chown %s failed: %s", StringUtil::ForLog(record).c_str(), strerror(errno));
         }
         fchmod(recordFd.get(), 0664);
         if (!base::WriteFully(recordFd.get(), path.data(), path.size())) {
-            ALOGE("failed to write %s: %s", record.c_str(), strerror(errno));
+            ALOGE("failed to write %s: %s", StringUtil::ForLog(record).c_str(), strerror(errno));
         }
     }
     DumpstateClient::RequestLiteBugreport(target != nullptr ? target : "");

@@ -126,7 +126,7 @@ ScopedFile OpenForAppend(const std::string& path) {
 
 bool WriteAll(int fd, const std::string& path, const std::string& text) {
     if (base::WriteFully(fd, text.data(), text.size())) return true;
-    ALOGE("failed to write log file %s :%s", path.c_str(), strerror(errno));
+    ALOGE("failed to write log file %s :%s", StringUtil::ForLog(path).c_str(), strerror(errno));
     return false;
 }
 
@@ -181,12 +181,12 @@ bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, 
     if (base == paths::kLocalRecordDir) {
         const std::string dir = paths::Get(base);
         if (create_dir_if_needed(dir.c_str(), 0777) != 0) {
-            ALOGE("failed to create log dir %s :%s", dir.c_str(), strerror(errno));
+            ALOGE("failed to create log dir %s :%s", StringUtil::ForLog(dir).c_str(), strerror(errno));
             return false;
         }
         dirFd->reset(open(WithoutTrailingSlashes(dir).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!dirFd->ok()) {
-            ALOGE("failed to create log dir %s :%s", dir.c_str(), strerror(errno));
+            ALOGE("failed to create log dir %s :%s", StringUtil::ForLog(dir).c_str(), strerror(errno));
             return false;
         }
         *logDir = dir;
@@ -281,7 +281,8 @@ std::string CaptureFile::Create(int dirFd, const std::string& logDir, const std:
         ALOGE("failed to open tombstone file '%s': %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         return "";
     }
-    if (fchown(fd->get(), kSystemUid, kSystemUid) != 0) ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+    if (fchown(fd->get(), kSystemUid, kSystemUid) != 0)
+        ALOGD("chown %s failed: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
     fchmod(fd->get(), 0666);
     return path;
 }
@@ -324,7 +325,7 @@ void CaptureFile::Append(int fd, const std::string& path, const std::string& tex
 void CaptureFile::WriteDateHeader(const std::string& path) {
     ScopedFile file(OpenForAppend(path));
     if (!file) {
-        ALOGE("failed to open %s :%s", path.c_str(), strerror(errno));
+        ALOGE("failed to open %s :%s", StringUtil::ForLog(path).c_str(), strerror(errno));
         return;
     }
     fprintf(file.get(), "%s\n=== Date: %s ===\n%s\n", kRule.c_str(), LocalTime("%Y-%m-%d %H:%M:%S").c_str(),
@@ -334,7 +335,7 @@ void CaptureFile::WriteDateHeader(const std::string& path) {
 void CaptureFile::Append(const std::string& path, const std::string& text) {
     ScopedFile file(OpenForAppend(path));
     if (!file) {
-        ALOGE("failed to open log file %s :%s", path.c_str(), strerror(errno));
+        ALOGE("failed to open log file %s :%s", StringUtil::ForLog(path).c_str(), strerror(errno));
         return;
     }
     fputs(text.c_str(), file.get());

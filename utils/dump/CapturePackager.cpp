@@ -166,7 +166,7 @@ std::string ArchivePath(const std::string& path, const char* rawWhere) {
         const std::string resolved = CaptureFile::ResolveWhere(rawWhere);
         if (resolved.empty()) {
             ALOGE("archive of %s goes beside it: %s is not a directory on the data, rescue or cache partition",
-                  path.c_str(), velmar::kolto::StringUtil::ForLog(rawWhere).c_str());
+                  StringUtil::ForLog(path).c_str(), velmar::kolto::StringUtil::ForLog(rawWhere).c_str());
             return path + ".zip";
         }
         const std::string where = paths::Get(resolved);
@@ -179,11 +179,11 @@ std::string ArchivePath(const std::string& path, const char* rawWhere) {
 // left alone.
 void SetOwnerAndMode(const std::string& path, uid_t owner, mode_t mode) {
     if (fchownat(AT_FDCWD, path.c_str(), owner, kSystemUid, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
-        ALOGD("chown %s failed: %s", path.c_str(), strerror(errno));
+        ALOGD("chown %s failed: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
     }
     // On a link this fails (EOPNOTSUPP): its target keeps its mode.
     if (fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
-        ALOGD("chmod %s failed: %s", path.c_str(), strerror(errno));
+        ALOGD("chmod %s failed: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
     }
 }
 
@@ -193,9 +193,9 @@ void RemoveLinkAt(const std::string& path) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return;
     if (unlink(path.c_str()) == 0) {
-        ALOGW("removed the link at %s, not written through", path.c_str());
+        ALOGW("removed the link at %s, not written through", StringUtil::ForLog(path).c_str());
     } else {
-        ALOGE("failed to remove the link at %s: %s", path.c_str(), strerror(errno));
+        ALOGE("failed to remove the link at %s: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
     }
 }
 
@@ -255,7 +255,7 @@ void CopyToOfflineDatabase(const std::string& zipPath) {
     const std::string name = zipPath.substr(zipPath.find_last_of('/'));
     const std::vector<std::string> f = Split(name, '_');
     if (f.size() < kOfflineDbFields) {
-        ALOGE("skip offline db copy of %s: %zu name fields, 8 needed", zipPath.c_str(), f.size());
+        ALOGE("skip offline db copy of %s: %zu name fields, 8 needed", StringUtil::ForLog(zipPath).c_str(), f.size());
         return;
     }
     char stamp[32];
@@ -273,7 +273,7 @@ void CopyToLocalRecord(const std::string& zipPath) {
     ALOGE("start copy log which ruleid is not -1");
     const std::string recordDir = paths::Get(paths::kLocalRecordDir);
     if (create_dir_if_needed(recordDir.c_str(), 0777) != 0) {
-        ALOGE("failed to create %s: %s", recordDir.c_str(), strerror(errno));
+        ALOGE("failed to create %s: %s", StringUtil::ForLog(recordDir).c_str(), strerror(errno));
         return;
     }
     SetOwnerAndMode(recordDir, kSystemUid, 0777);
@@ -282,7 +282,7 @@ void CopyToLocalRecord(const std::string& zipPath) {
     // The paths go apart and after "--": a headline's commas or a leading
     // "-" never become options.
     CmdTool::run_command_lite({"cp", "-p", "--remove-destination", "--", zipPath, recordDir}, kLocalRecordCopySeconds);
-    ALOGE("copy %s", zipPath.c_str());
+    ALOGE("copy %s", StringUtil::ForLog(zipPath).c_str());
 }
 
 }  // namespace
@@ -348,7 +348,7 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
     if ((Contains(capture, kCaptureBaseMark) && Contains(capture, "online")) || Contains(capture, kLocalRecordMark)) {
         const size_t slash = capture.find_last_of('/');
         if (slash != std::string::npos) capture.insert(slash, "/");
-        ALOGD("after addSlashBeforeLastSlash filePath %s", capture.c_str());
+        ALOGD("after addSlashBeforeLastSlash filePath %s", StringUtil::ForLog(capture).c_str());
     }
     packing.push_back(capture);
 

@@ -4,12 +4,13 @@
 #include <mutex>
 #include <string>
 
-// Lines that any local process can make the daemon write (a refused caller,
-// a dump that cannot be delivered) are let through at a bounded rate, so that
-// a client calling in a loop cannot fill the log or spend the daemon's time
-// on it. A device's log daemon collapses such floods itself; on a host the
-// log is a terminal or a file, so the daemon does it here. The lines held back are counted, and the count rides on the next
-// line that is let through, so the log still says how often it happened.
+// Lines that any local process can make the daemon write (a refused caller, a
+// dump that cannot be delivered) are let through at a bounded rate, so that a
+// client calling in a loop cannot fill the log or spend the daemon's time on
+// it. A device's log daemon collapses such floods itself; on a host the log is
+// a terminal or a file, so the daemon does it here. The lines held back are
+// counted, and the count rides on the next line that is let through, so the
+// log still says how often it happened.
 namespace platform {
 
 class LogRateLimiter {
