@@ -23,6 +23,7 @@
 
 #include "utils/dump/BuildProbes.h"
 #include "utils/dump/DirectoryHelpers.h"
+#include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
@@ -105,16 +106,6 @@ std::string Normalize(const std::string& path) {
     return clean;
 }
 
-std::string RealPath(const std::string& path) {
-    std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), &free);
-    return real ? std::string(real.get()) : std::string();
-}
-
-bool IsAtOrBelow(const std::string& path, const std::string& top) {
-    if (top == "/") return true;
-    return path.compare(0, top.size(), top) == 0 && (path.size() == top.size() || path[top.size()] == '/');
-}
-
 // Text for the capture file, opened by name; a link in its place is refused.
 ScopedFile OpenForAppend(const std::string& path) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
@@ -150,17 +141,19 @@ bool CaptureFile::IsPlainName(const std::string& type) {
 }
 
 std::string CaptureFile::ResolveWhere(const std::string& where) {
-    if (where.empty() || where[0] != '/') return "";
-    const std::string clean = Normalize(where);
-    // Resolved on disk as well, so that no link leads out of the partitions.
-    const std::string real = RealPath(paths::Get(clean));
-    struct stat st;
-    if (real.empty() || stat(real.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return "";
+    std::string top;
+    return OpenWhere(where, &top).ok() ? Normalize(where) : "";
+}
+
+// The client's `where`, opened below the partition it names, with no link on
+// the way; `top` gets that partition.
+base::unique_fd CaptureFile::OpenWhere(const std::string& where, std::string* top) {
     for (const char* partition : {paths::kDataMountPoint, paths::kRescueBase.rescue, paths::kRescueBase.cache}) {
-        const std::string top = RealPath(paths::Get(partition));
-        if (!top.empty() && IsAtOrBelow(real, top)) return clean;
+        if (!velmar::kolto::ConfinedPath::IsBelow(where, partition)) continue;
+        *top = partition;
+        return velmar::kolto::ConfinedPath::Open(where, partition, O_RDONLY | O_DIRECTORY, 0, nullptr);
     }
-    return "";
+    return {};
 }
 
 bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, bool offline, int id,
@@ -191,9 +184,21 @@ bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, 
         }
         *logDir = dir;
     } else {
-        // Mapped once whole; the base is the capture base or a checked `where`.
+        // The capture base is the daemon's own; a `where` is the client's and
+        // is reached below its partition, through no link.
         const std::string typeDir = paths::Get(base + "/" + type);
-        const base::unique_fd typeFd = OpenCaptureDir(AT_FDCWD, typeDir, typeDir, "failed to create log dir ");
+        base::unique_fd baseFd;
+        if (base != paths::kDorvaDir) {
+            std::string top;
+            baseFd = OpenWhere(base, &top);
+            if (!baseFd.ok()) {
+                ALOGE("failed to create log dir %s :%s", StringUtil::ForLog(typeDir).c_str(), strerror(errno));
+                return false;
+            }
+        }
+        const base::unique_fd typeFd =
+            baseFd.ok() ? OpenCaptureDir(baseFd.get(), type, typeDir, "failed to create log dir ")
+                        : OpenCaptureDir(AT_FDCWD, typeDir, typeDir, "failed to create log dir ");
         if (!typeFd.ok()) return false;
         // Found below the type directory's descriptor: the type directory is
         // world-writable, and its "online" may be renamed away and a link

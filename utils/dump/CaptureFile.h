@@ -18,9 +18,12 @@ public:
     // not empty, not "." or "..", no "/".
     static bool IsPlainName(const std::string& type);
     // The client's `where` with "." and ".." resolved, when it names an
-    // existing directory on the data, rescue or cache partition, its real
-    // path (links resolved) included; "" otherwise. A final "/" is kept.
+    // existing directory on the data, rescue or cache partition reached
+    // through no link; "" otherwise. A final "/" is kept.
     static std::string ResolveWhere(const std::string& where);
+    // `where` opened as a directory below the partition it names (in `top`),
+    // through no link; not open when it is not one.
+    static base::unique_fd OpenWhere(const std::string& where, std::string* top);
 
     // Makes the directory that a dump_all capture of `type` goes in, stores
     // its file-system path in `logDir` and opens it in `dirFd`: the type's
