@@ -20,6 +20,7 @@
 #include "utils/SocketFilter.h"
 #include "utils/StringUtil.h"
 #include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/CapturePackager.h"
 #include "utils/dump/CmdTool.h"
 #include "utils/dump/PersistFiles.h"
 #include "utils/wificond/NetlinkUtils.h"
@@ -51,6 +52,14 @@ binder::Status DorvaNativeDaemon::captureLog(const String16& type, const String1
                                              const std::vector<String16>& params, bool offline, int32_t id,
                                              bool useId, const String16& where, const std::vector<String16>& files,
                                              bool isRecordInLocal) {
+    // Attachments are the caller's paths: one that would leave /data refuses
+    // the capture, so the caller learns it, and nothing is run.
+    for (const String16& file : files) {
+        std::string kept, why;
+        if (!CapturePackager::CheckAttachment(String8(file), &kept, nullptr, &why)) {
+            return RefusePath("captureLog", 45, why);
+        }
+    }
     String16 type16 = type, headline16 = headline, where16 = where;
     Vector<String16> actions16 = actions, params16 = params, files16 = files;
     CaptureLogUtil::dump_all(type16, headline16, actions16, params16, offline, id, useId, where16, files16,

@@ -194,10 +194,13 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
     ASSERT_EQ(symlink(root_.Sub("outside").c_str(), root_.Sub("mnt/vendor/persist/stability/link").c_str()), 0);
     ASSERT_EQ(symlink(root_.path().c_str(), root_.Sub("mnt/vendor/persist/stability/up").c_str()), 0);
-    for (const char* command : {"write /mnt/vendor/persist/stability/../../../../outside X",
-                                "write /mnt/vendor/persist/stability/link X", "write /mnt/vendor/persist/stability/up/outside X",
-                                "create /mnt/vendor/persist/stability/up/made", "read /../outside", "read /data/../outside"}) {
-        const std::string said = Ctl(std::string("persist ") + command, &status);
+    for (const char* command : {"persist write /mnt/vendor/persist/stability/../../../../outside X",
+                                "persist write /mnt/vendor/persist/stability/link X",
+                                "persist write /mnt/vendor/persist/stability/up/outside X",
+                                "persist create /mnt/vendor/persist/stability/up/made", "persist read /../outside",
+                                "persist read /data/../outside",
+                                "capture ne x --action ps --param x --file /data/../outside"}) {
+        const std::string said = Ctl(command, &status);
         EXPECT_NE(status, 0) << command;
         EXPECT_TRUE(said.find("symbolic link") != std::string::npos || said.find("not below") != std::string::npos ||
                     said.find("climbs out") != std::string::npos) << command << ": " << said;

@@ -225,27 +225,17 @@ void CleanNativeCrashFiles(const std::vector<std::string>& files) {
     }
 }
 
-// An attachment is the client's device path: it is packed only when it
-// lies below the data partition and no link is on its way, and its mode is
-// opened up through what was opened. `file` gets it with "." and ".."
-// taken by name.
+// An attachment is packed and its mode opened up only when it passes the
+// check; `file` gets it with "." and ".." taken by name.
 bool AcceptAttachment(const std::string& raw, std::string* file) {
-    using velmar::kolto::ConfinedPath;
-    std::string relative;
     std::string why;
-    if (!ConfinedPath::Relative(raw, paths::kDataMountPoint, &relative, &why)) {
-        ALOGE("attachment refused: %s", why.c_str());
-        return false;
-    }
-    *file = std::string(paths::kDataMountPoint) + "/" + relative;
-    base::unique_fd fd = ConfinedPath::Open(*file, paths::kDataMountPoint, O_RDONLY | O_NONBLOCK, 0, &why);
-    if (!fd.ok()) {
-        if (errno == ENOENT) return true;  // the packer says it is missing
+    base::unique_fd fd;
+    if (!CapturePackager::CheckAttachment(raw, file, &fd, &why)) {
         ALOGE("attachment refused: %s", why.c_str());
         return false;
     }
     int count = 0;
-    CapturePackager::OpenUp(fd.get(), paths::Get(*file), &count);
+    if (fd.ok()) CapturePackager::OpenUp(fd.get(), paths::Get(*file), &count);
     return true;
 }
 
@@ -291,6 +281,19 @@ void CapturePackager::SetHooksForTesting(std::function<void(int)> onCompress, st
     std::lock_guard<std::mutex> guard(HooksLock());
     CompressObserverStore() = std::move(onCompress);
     BeforePackStore() = std::move(beforePack);
+}
+
+bool CapturePackager::CheckAttachment(const std::string& raw, std::string* file, base::unique_fd* fd,
+                                      std::string* why) {
+    using velmar::kolto::ConfinedPath;
+    std::string relative;
+    if (!ConfinedPath::Relative(raw, paths::kDataMountPoint, &relative, why)) return false;
+    *file = std::string(paths::kDataMountPoint) + "/" + relative;
+    base::unique_fd opened = ConfinedPath::Open(*file, paths::kDataMountPoint, O_RDONLY | O_NONBLOCK, 0, why);
+    // A missing file is no escape: the packer says it is missing.
+    if (!opened.ok() && errno != ENOENT) return false;
+    if (fd != nullptr) *fd = std::move(opened);
+    return true;
 }
 
 void CapturePackager::IncludeZipFiles(const char* path, int* count) {

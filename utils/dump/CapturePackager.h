@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include <android-base/unique_fd.h>
 #include <utils/String16.h>
 
 namespace android {
@@ -25,6 +26,11 @@ public:
     // Paths are file-system paths.
     static int CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
                                    int timeoutSeconds, std::function<void(bool complete)> afterPack = nullptr);
+    // True when the client's attachment `raw` lies below the data partition
+    // with no link on its way (or is missing); `file` gets it with "." and
+    // ".." taken by name, `fd` (when given) what was opened. Else false with
+    // the sentence that says why.
+    static bool CheckAttachment(const std::string& raw, std::string* file, base::unique_fd* fd, std::string* why);
     // Opens an attachment up for reading (mode 0777): a file, or the files of
     // a directory tree, at most 16 counted through `count`. Links are
     // counted, never followed.
