@@ -60,7 +60,7 @@ run_suite tsan build-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
 # libFuzzer with AddressSanitizer + UndefinedBehaviorSanitizer), starting from
 # their corpus; what a run finds is left in build-fuzz/findings/.
 FUZZ_SECONDS=${FUZZ_SECONDS:-20}
-FUZZERS="WireFramingFuzzer ParcelFuzzer IntentJsonFuzzer JsonUtilFuzzer NL80211Fuzzer BlackBoxImageFuzzer KernelStatsFuzzer F2fsStatusFuzzer"
+FUZZERS="WireFramingFuzzer ParcelFuzzer IntentJsonFuzzer JsonUtilFuzzer NL80211Fuzzer BlackBoxImageFuzzer KernelStatsFuzzer F2fsStatusFuzzer LogConfigRecordFuzzer CaptureRequestFuzzer UpdateEngineLogFuzzer DbHistoryFuzzer BootWatchdogMessageFuzzer"
 run_fuzz() {
   echo "=== fuzz: build (build-fuzz)"
   local targets=""

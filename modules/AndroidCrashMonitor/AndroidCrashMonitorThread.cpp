@@ -676,33 +676,36 @@ int AndroidCrashMonitorThread::write_blackbox_crash_history() {
     } else {
         historyFd.release();
         char line[kHistoryLine];
-        while (fgets(line, sizeof(line), history) != nullptr) {
-            const char* cst = strcasestr(line, "CST");
-            if (cst == nullptr) continue;
-            const char* from = cst - line >= 20 ? cst - 20 : line;
-            record.time = from;
-            CutTrailingNewlines(&record.time);
-            ALOGE("crash_time %s", Shown(record.time).c_str());
-            if (strstr(line, name) == nullptr) continue;
-            if (strstr(line, ".NE") != nullptr) {
-                record.mainType = record.type = 22;
-                record.kind = "NE";
-            } else if (strstr(line, ".JE") != nullptr) {
-                record.mainType = record.type = 21;
-                record.kind = "JE";
-            } else if (strstr(line, ".SWT") != nullptr) {
-                record.mainType = record.type = 23;
-                record.kind = "SWT";
-            } else {
-                record.mainType = record.type = 0;
-                record.kind.clear();
-            }
-            record.line = line;
-            CutTrailingNewlines(&record.line);
-        }
+        while (fgets(line, sizeof(line), history) != nullptr) ParseDbHistoryLine(line, name, &record);
         fclose(history);
     }
     return WriteCrashHistoryRecord(record);
+}
+
+bool AndroidCrashMonitorThread::ParseDbHistoryLine(const char* line, const char* dbName, CrashRecord* record) {
+    const char* cst = strcasestr(line, "CST");
+    if (cst == nullptr) return false;
+    const char* from = cst - line >= 20 ? cst - 20 : line;
+    record->time = from;
+    CutTrailingNewlines(&record->time);
+    ALOGE("crash_time %s", Shown(record->time).c_str());
+    if (strstr(line, dbName) == nullptr) return false;
+    if (strstr(line, ".NE") != nullptr) {
+        record->mainType = record->type = 22;
+        record->kind = "NE";
+    } else if (strstr(line, ".JE") != nullptr) {
+        record->mainType = record->type = 21;
+        record->kind = "JE";
+    } else if (strstr(line, ".SWT") != nullptr) {
+        record->mainType = record->type = 23;
+        record->kind = "SWT";
+    } else {
+        record->mainType = record->type = 0;
+        record->kind.clear();
+    }
+    record->line = line;
+    CutTrailingNewlines(&record->line);
+    return true;
 }
 
 int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record) {

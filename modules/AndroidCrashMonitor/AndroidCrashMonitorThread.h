@@ -67,6 +67,11 @@ public:
     int write_fw_db_to_blackbox(bool encrypt);
     int update_black_box_fw_minidump_header(int writeResult);
     int write_blackbox_crash_history();
+    // One line of the collector's history (as a 512-byte line buffer reads
+    // it) for database `dbName`: a line with a "CST" marker (any case) sets
+    // the crash time, and one that also names the database sets the rest of
+    // `record`, so that the last such line wins. True when it named it.
+    static bool ParseDbHistoryLine(const char* line, const char* dbName, CrashRecord* record);
     // Steps of the history after the collector's history file was read.
     int WriteCrashHistoryRecord(const CrashRecord& record);
     void update_proc_crash_module();

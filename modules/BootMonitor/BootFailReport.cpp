@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -353,15 +354,10 @@ int BootFailReport::ReceiveLoop(int rawFd) {
             ALOGI("Connection closed");
             return 0;
         } else {
-            // The header's own length is the kernel's word on the payload;
-            // whatever it claims, the copy stays inside the buffer.
-            const uint32_t length = header->nlmsg_len;
-            if (length < NLMSG_HDRLEN + 1 || length > kMessageBytes) {
-                ALOGE("msg_len is invalid: %u", length - static_cast<uint32_t>(NLMSG_HDRLEN));
+            uint32_t payload = 0;
+            if (!ReadPayload(message.data(), text, &payload)) {
+                ALOGE("msg_len is invalid: %u", payload);
             } else {
-                const size_t payload = length - NLMSG_HDRLEN;
-                memcpy(text, message.data() + NLMSG_HDRLEN, payload);
-                text[payload] = '\0';
                 ALOGI("%s--%d: recv_msg: %s", "NetlinkInit", 550, text);
                 HandleMessage(text);
             }
@@ -371,15 +367,35 @@ int BootFailReport::ReceiveLoop(int rawFd) {
     }
 }
 
+bool BootFailReport::ReadPayload(const char* message, char* text, uint32_t* payloadLength) {
+    static_assert(NLMSG_HDRLEN == 16, "the protocol's header is 16 bytes");
+    // The header's own length is the kernel's word on the payload; whatever
+    // it claims, the copy stays inside the buffer.
+    uint32_t length = 0;
+    memcpy(&length, message + offsetof(struct nlmsghdr, nlmsg_len), sizeof(length));
+    *payloadLength = length - static_cast<uint32_t>(NLMSG_HDRLEN);
+    if (length < NLMSG_HDRLEN + 1 || length > kMessageBytes) return false;
+    memcpy(text, message + NLMSG_HDRLEN, *payloadLength);
+    text[*payloadLength] = '\0';
+    return true;
+}
+
+BootFailReport::BootMessage BootFailReport::ParseBootMessage(const char* text, long* event, int* bootIndex) {
+    if (strncmp(text, "boot", 4) != 0) return BootMessage::kNotBoot;
+    if (sscanf(text, "boot-timeout[%ld], time[%d]", event, bootIndex) < 2) return BootMessage::kMalformed;
+    return BootMessage::kTimeout;
+}
+
 void BootFailReport::HandleMessage(const char* text) {
-    if (strncmp(text, "boot", 4) != 0) {
+    long event = 0;
+    int bootIndex = 0;
+    const BootMessage kind = ParseBootMessage(text, &event, &bootIndex);
+    if (kind == BootMessage::kNotBoot) {
         ALOGI("recv message is not boot message");
         return;
     }
     ALOGI("recv boot message");
-    long event = 0;
-    int bootIndex = 0;
-    if (sscanf(text, "boot-timeout[%ld], time[%d]", &event, &bootIndex) < 2) {
+    if (kind == BootMessage::kMalformed) {
         ALOGE("Failed to parse boot message: %s", text);
         return;
     }

@@ -38,6 +38,18 @@ public:
     // time-out bounds how long a stop takes to be noticed. Closes `fd`.
     int ReceiveLoop(int fd);
 
+    // The text payload of one received message, `message` being the whole
+    // kMessageBytes receive buffer, header first, copied into `text`
+    // (kPayloadBytes + 1 bytes) and terminated. `payloadLength` gets the
+    // header's length less the header's own 16 bytes; false, with nothing
+    // copied, when that leaves no payload of 1 to kPayloadBytes bytes.
+    static bool ReadPayload(const char* message, char* text, uint32_t* payloadLength);
+    // What a payload's text says: not a boot message (it does not begin
+    // with "boot"), a boot message that is not "boot-timeout[%ld], time[%d]",
+    // or a boot-stage time-out with its event code and boot index.
+    enum class BootMessage { kNotBoot, kMalformed, kTimeout };
+    static BootMessage ParseBootMessage(const char* text, long* event, int* bootIndex);
+
     void Stop() { stopFlag.store(true); }
     bool Stopped() const { return stopFlag.load(); }
 

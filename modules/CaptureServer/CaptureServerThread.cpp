@@ -43,7 +43,7 @@ using aidl::vendor::velmar::hardware::kolto::common::IKoltoImpl;
 constexpr char kControlSocket[] = "dorvad";
 constexpr char kZelteeLogName[] = "zeltee.log";
 constexpr char kResponse[] = "finish";
-constexpr size_t kHeaderSize = 4;
+constexpr size_t kHeaderSize = CaptureServerThread::kRequestHeaderBytes;
 // Smaller archives hold no more than the headers of failed steps.
 constexpr off_t kMinArchiveBytes = 1024;
 // The secure world's log is a ring of a few MiB; a HAL that reports more is not believed.
@@ -263,21 +263,36 @@ bool CaptureServerThread::ReadRequestBytes(int connection, char* out, size_t siz
     return true;
 }
 
+CaptureServerThread::RequestStatus CaptureServerThread::ParseRequest(const unsigned char* data, size_t size,
+                                                                     size_t* needed, std::string* request) {
+    request->clear();
+    *needed = kHeaderSize;
+    if (size < kHeaderSize) return RequestStatus::kIncomplete;
+    // Only the last byte counts: requests are short names.
+    *needed = kHeaderSize + data[3];
+    if (size < *needed) return RequestStatus::kIncomplete;
+    request->assign(reinterpret_cast<const char*>(data) + kHeaderSize, *needed - kHeaderSize);
+    return IsPlainRequest(*request) ? RequestStatus::kAccepted : RequestStatus::kRefused;
+}
+
 void CaptureServerThread::Serve(int connection) {
-    unsigned char header[kHeaderSize];
-    if (!ReadRequestBytes(connection, reinterpret_cast<char*>(header), sizeof(header))) {
+    unsigned char framed[kMaxRequestBytes];
+    if (!ReadRequestBytes(connection, reinterpret_cast<char*>(framed), kHeaderSize)) {
         ALOGE("read header failed: %s\n", strerror(errno));
         return;
     }
-    // Only the last byte counts: requests are short names.
-    const int size = header[3];
-    ALOGD("content size :%d", size);
-    std::string request(static_cast<size_t>(size), '\0');
-    if (size > 0 && !ReadRequestBytes(connection, &request[0], request.size())) {
-        ALOGE("read json failed: %s\n", strerror(errno));
-        return;
+    size_t needed = 0;
+    std::string request;
+    RequestStatus status = ParseRequest(framed, kHeaderSize, &needed, &request);
+    ALOGD("content size :%d", static_cast<int>(needed - kHeaderSize));
+    if (status == RequestStatus::kIncomplete) {
+        if (!ReadRequestBytes(connection, reinterpret_cast<char*>(framed) + kHeaderSize, needed - kHeaderSize)) {
+            ALOGE("read json failed: %s\n", strerror(errno));
+            return;
+        }
+        status = ParseRequest(framed, needed, &needed, &request);
     }
-    if (!IsPlainRequest(request)) {
+    if (status != RequestStatus::kAccepted) {
         ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
     } else {
         ALOGD("dorvad dump begin for dump request: %s\n", StringUtil::ForLog(request).c_str());

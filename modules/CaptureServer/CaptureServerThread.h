@@ -36,6 +36,19 @@ public:
     std::vector<DumpAction> CaptureSteps() const;
     const std::string& baseDir() const { return baseDir_; }
 
+    // A request as the client frames it: a 4-byte header whose last byte is
+    // the length n of the name (the other three bytes are ignored), then the
+    // n bytes of the name, unterminated.
+    enum class RequestStatus { kIncomplete, kRefused, kAccepted };
+    static constexpr size_t kRequestHeaderBytes = 4;
+    static constexpr size_t kMaxRequestBytes = kRequestHeaderBytes + 255;
+    // Reads the request in the first `size` bytes of `data`. `needed` gets
+    // the bytes the whole request takes (the header's while `size` is short
+    // of it). kIncomplete while `size` is short of `needed`; otherwise
+    // `request` gets the name, kAccepted when it is a plain one (it names a
+    // directory one level below the base and reads as text), else kRefused.
+    static RequestStatus ParseRequest(const unsigned char* data, size_t size, size_t* needed, std::string* request);
+
     // How long a client may take to send its request (10 s unless set).
     static void SetIoTimeoutMsForTesting(int ms);
 

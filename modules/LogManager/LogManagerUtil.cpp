@@ -220,6 +220,19 @@ bool LogManagerUtil::ReadConfigFile(const std::string& hostPath, std::vector<Log
     if (!android::base::ReadFileToString(hostPath, &text, true)) {
         return fail(file + " is not readable: " + strerror(errno));
     }
+    return ParseConfigText(text, file, out, json, why);
+}
+
+bool LogManagerUtil::ParseConfigText(const std::string& text, const std::string& file, std::vector<LogConfig>* out,
+                                     Json::Value* json, std::string* why) {
+    if (out != nullptr) out->clear();
+    if (json != nullptr) *json = Json::Value();
+    if (why != nullptr) why->clear();
+    const auto fail = [why](const std::string& reason) {
+        ALOGE("[%s] %s", "ReadConfigFile", reason.c_str());
+        if (why != nullptr) *why = reason;
+        return false;
+    };
     Json::Value root;
     std::string parseError;
     if (!JsonUtil::ConvertStringToJson(text, root, &parseError)) {

@@ -53,6 +53,9 @@ public:
     // out-params may be null.
     static bool ReadConfigFile(const std::string& hostPath, std::vector<LogConfig>* out, Json::Value* json,
                                std::string* why);
+    // The same for the file's text, already read; `file` names it in `why`.
+    static bool ParseConfigText(const std::string& text, const std::string& file, std::vector<LogConfig>* out,
+                                Json::Value* json, std::string* why);
 };
 
 }  // namespace kolto

@@ -98,14 +98,12 @@ std::string SearchPackageName(const std::string& file) {
         ALOGI("failed to search ota package name in ota log");
         return "";
     }
-    const std::string text = TrimLineEnd(line);
-    const size_t slash = text.rfind('/');
-    if (slash == std::string::npos || slash + 1 == text.size()) {
+    const std::string name = extract_ota_package_name(line);
+    if (name.empty()) {
         ALOGE("%s: cannot find the url in file: %s", kFunc, file.c_str());
         ALOGI("failed to search ota package name in ota log");
         return "";
     }
-    const std::string name = text.substr(slash + 1, sizeof(bb::OtaRecordZone::packageName[0]) - 1);
     ALOGI("ota_package_name: %s", name.c_str());
     return name;
 }
@@ -212,7 +210,12 @@ bool search_keyword_line_in_file(const char* path, char* line, const char* keywo
     }
     (void)fd.release();
     std::unique_ptr<FILE, int (*)(FILE*)> stream(file, fclose);
-    while (fgets(line, static_cast<int>(kOtaLineBytes), stream.get()) != nullptr) {
+    return search_keyword_line_in_stream(stream.get(), line, keyword);
+}
+
+bool search_keyword_line_in_stream(FILE* stream, char* line, const char* keyword) {
+    static constexpr char kFunc[] = "search_keyword_line_in_file";
+    while (fgets(line, static_cast<int>(kOtaLineBytes), stream) != nullptr) {
         if (strstr(line, keyword) != nullptr) {
             ALOGI("%s: found the line: %s", kFunc, line);
             return true;
@@ -220,6 +223,13 @@ bool search_keyword_line_in_file(const char* path, char* line, const char* keywo
     }
     line[0] = '\0';
     return false;
+}
+
+std::string extract_ota_package_name(const char* line) {
+    const std::string text = TrimLineEnd(line);
+    const size_t slash = text.rfind('/');
+    if (slash == std::string::npos || slash + 1 == text.size()) return "";
+    return text.substr(slash + 1, sizeof(bb::OtaRecordZone::packageName[0]) - 1);
 }
 
 std::unique_ptr<char[]> extract_ota_time(const char* line) {

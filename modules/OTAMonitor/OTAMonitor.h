@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <ctime>
 #include <atomic>
 #include <memory>
@@ -41,9 +42,14 @@ int process_directory(const char* path, std::vector<OtaLogFile>* files);
 bool compare_files(const OtaLogFile& a, const OtaLogFile& b);
 // The first line of `path` holding `keyword`, copied into `line` (kOtaLineBytes).
 bool search_keyword_line_in_file(const char* path, char* line, const char* keyword);
+// The same over an open stream, from where it stands.
+bool search_keyword_line_in_stream(FILE* stream, char* line, const char* keyword);
 // The text between the first "[" of `line` and the next "]", at most
 // kOtaTimeChars characters; null when either bracket is missing.
 std::unique_ptr<char[]> extract_ota_time(const char* line);
+// The package name of an "initial url:" line: the text after its last "/",
+// line end cut, at most the record's 127 characters; empty when there is none.
+std::string extract_ota_package_name(const char* line);
 
 // The two passes of an update and the zone's listing in the log.
 void save_update_metrics_to_black_box_on_start();
