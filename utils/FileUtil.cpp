@@ -88,6 +88,47 @@ int EmptyDirectory(ScopedDir dir, unsigned long* freed) {
     return 0;
 }
 
+constexpr size_t kCopyChunk = 64 * 1024;
+
+bool AllZero(const char* buf, size_t len) {
+    for (size_t i = 0; i < len; ++i) {
+        if (buf[i] != 0) return false;
+    }
+    return true;
+}
+
+bool WriteAllAt(int fd, const char* buf, size_t len, off_t at) {
+    while (len > 0) {
+        const ssize_t put = TEMP_FAILURE_RETRY(pwrite(fd, buf, len, at));
+        if (put <= 0) return false;
+        buf += put;
+        len -= static_cast<size_t>(put);
+        at += put;
+    }
+    return true;
+}
+
+// Copies [from, to) of `in` to the same offsets of `out`; a block of zeros
+// is left a hole. Stops early, setting *end, when the source shrank.
+bool CopyRange(int in, int out, off_t from, off_t to, off_t* end) {
+    char buf[kCopyChunk];
+    for (off_t at = from; at < to;) {
+        const size_t want = static_cast<size_t>(std::min<off_t>(to - at, sizeof(buf)));
+        const ssize_t got = TEMP_FAILURE_RETRY(pread(in, buf, want, at));
+        if (got < 0) return false;
+        if (got == 0) {
+            *end = at;
+            return true;
+        }
+        if (!AllZero(buf, static_cast<size_t>(got)) &&
+            !WriteAllAt(out, buf, static_cast<size_t>(got), at)) {
+            return false;
+        }
+        at += got;
+    }
+    return true;
+}
+
 bool CopyRegularFile(const std::string& src, const std::string& dst) {
     android::base::unique_fd in(open(src.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (in.get() < 0) {
@@ -108,19 +149,12 @@ bool CopyRegularFile(const std::string& src, const std::string& dst) {
         ALOGE("[%s] Error opening destination file: %s", "CopyFileOrDirectory", strerror(errno));
         return false;
     }
-    char buffer[4096];
-    for (;;) {
-        ssize_t got = TEMP_FAILURE_RETRY(read(in.get(), buffer, sizeof(buffer)));
-        if (got == 0) return true;
-        if (got < 0) {
-            ALOGE("[%s] Error reading source file: %s", "CopyFileOrDirectory", strerror(errno));
-            return false;
-        }
-        if (!android::base::WriteFully(out.get(), buffer, static_cast<size_t>(got))) {
-            ALOGE("[%s] Error writing destination file: %s", "CopyFileOrDirectory", strerror(errno));
-            return false;
-        }
+    // A sparse log stays sparse: its holes are not written out as zeros.
+    if (!FileUtil::CopySparse(in.get(), out.get(), st.st_size)) {
+        ALOGE("[%s] Error copying to destination file: %s", "CopyFileOrDirectory", strerror(errno));
+        return false;
     }
+    return true;
 }
 
 bool CopyTree(const std::string& src, const std::string& dst, bool topLevel);
@@ -327,6 +361,27 @@ std::string FileUtil::formatHumanSize(unsigned long bytes) {
     snprintf(text, sizeof(text), "%.2f %cB", size, kUnits[unit]);
     return text;
 }
+
+// The first `length` bytes of `in` into `out`, holes kept as holes: only the
+// data extents are read, and the size is set at the end.
+bool FileUtil::CopySparse(int in, int out, off_t length) {
+    off_t end = length;
+    for (off_t at = 0; at < end;) {
+        off_t data = lseek(in, at, SEEK_DATA);
+        if (data < 0 && errno == ENXIO) break;  // a hole up to the end
+        off_t hole = data < 0 ? -1 : lseek(in, data, SEEK_HOLE);
+        if (data < 0 || hole < 0) {
+            // No extent map here: every block is read, zero ones skipped.
+            data = at;
+            hole = end;
+        }
+        if (data >= end) break;
+        if (!CopyRange(in, out, data, std::min(hole, end), &end)) return false;
+        at = std::max(hole, data + 1);
+    }
+    return ftruncate(out, end) == 0;
+}
+
 
 }  // namespace kolto
 }  // namespace velmar

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -36,7 +38,13 @@ public:
     // given it receives the bytes removed by this call (untouched when the
     // path is missing or cannot be opened).
     static int DeleteDirectoryOrFile(const std::string& path, unsigned long* freed);
-    // Copies a file, or a tree into a new directory `dst`.
+    // The first `length` bytes of the open file `in` into `out` at the same
+    // offsets, holes kept as holes (only data extents are read, blocks of
+    // zeros are not written) and the size set at the end; stops early when
+    // the source shrank. False when a read or write fails.
+    static bool CopySparse(int in, int out, off_t length);
+    // Copies a file, or a tree into a new directory `dst`; a sparse file
+    // stays sparse.
     static bool CopyFileOrDirectory(const std::string& src, const std::string& dst);
     // Appends every regular file and symbolic link below `dir` in directory
     // read order; false only when `dir` itself cannot be opened.

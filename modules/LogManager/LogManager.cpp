@@ -524,7 +524,7 @@ void LogManager::watchByConfigs(const std::vector<LogConfig>& configs) {
             dir = ConfinedPath::MakeDirs(path, root, 0775, &why);
             if (dir.ok()) {
                 if (fchown(dir.get(), kSystemUid, kSystemUid) != 0) {
-                    // Ours already when the daemon runs as the system user.
+                    ALOGD("[%s] chown %s failed: %s", "watchByConfigs", Esc(path).c_str(), strerror(errno));
                 }
                 fchmod(dir.get(), 0777);
             }

@@ -18,6 +18,7 @@
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
+#include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
 
@@ -41,70 +42,10 @@ constexpr uint32_t kAllEvents = 0xFFF;
 constexpr uid_t kSystemUid = 1000;
 constexpr gid_t kSystemGid = 1000;
 constexpr mode_t kMirrorMode = 0770;
-constexpr size_t kCopyChunk = 64 * 1024;
 
 std::string Shown(const std::string& text) { return kolto::StringUtil::ForLog(text, 512); }
 
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-bool AllZero(const char* buf, size_t len) {
-    for (size_t i = 0; i < len; ++i) {
-        if (buf[i] != 0) return false;
-    }
-    return true;
-}
-
-bool WriteAllAt(int fd, const char* buf, size_t len, off_t at) {
-    while (len > 0) {
-        const ssize_t put = TEMP_FAILURE_RETRY(pwrite(fd, buf, len, at));
-        if (put <= 0) return false;
-        buf += put;
-        len -= static_cast<size_t>(put);
-        at += put;
-    }
-    return true;
-}
-
-// Copies [from, to) of `in` to the same offsets of `out`; a block of zeros
-// is left a hole. Stops early, setting *end, when the source shrank.
-bool CopyRange(int in, int out, off_t from, off_t to, off_t* end) {
-    char buf[kCopyChunk];
-    for (off_t at = from; at < to;) {
-        const size_t want = static_cast<size_t>(std::min<off_t>(to - at, sizeof(buf)));
-        const ssize_t got = TEMP_FAILURE_RETRY(pread(in, buf, want, at));
-        if (got < 0) return false;
-        if (got == 0) {
-            *end = at;
-            return true;
-        }
-        if (!AllZero(buf, static_cast<size_t>(got)) &&
-            !WriteAllAt(out, buf, static_cast<size_t>(got), at)) {
-            return false;
-        }
-        at += got;
-    }
-    return true;
-}
-
-// The first `length` bytes of `in` into `out`, holes kept as holes: only the
-// data extents are read, and the size is set at the end.
-bool CopySparse(int in, int out, off_t length) {
-    off_t end = length;
-    for (off_t at = 0; at < end;) {
-        off_t data = lseek(in, at, SEEK_DATA);
-        if (data < 0 && errno == ENXIO) break;  // a hole up to the end
-        off_t hole = data < 0 ? -1 : lseek(in, data, SEEK_HOLE);
-        if (data < 0 || hole < 0) {
-            // No extent map here: every block is read, zero ones skipped.
-            data = at;
-            hole = end;
-        }
-        if (data >= end) break;
-        if (!CopyRange(in, out, data, std::min(hole, end), &end)) return false;
-        at = std::max(hole, data + 1);
-    }
-    return ftruncate(out, end) == 0;
-}
 
 // Writes `in` to a fresh temporary file in `dirFd` and renames it to `name`:
 // the mirror entry is either the old one or a complete copy, and a link or
@@ -113,7 +54,7 @@ bool CopyInto(int in, off_t length, int dirFd, const std::string& name) {
     std::string temp;
     unique_fd out(kolto::TempName::CreateAt(dirFd, name, kMirrorMode, &temp));
     if (!out.ok()) return false;
-    bool ok = CopySparse(in, out.get(), length);
+    bool ok = kolto::FileUtil::CopySparse(in, out.get(), length);
     if (ok) {
         if (fchown(out.get(), kSystemUid, kSystemGid) != 0) {
             ALOGD("chown %s failed: %s", Shown(name).c_str(), strerror(errno));

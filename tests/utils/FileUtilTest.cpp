@@ -14,6 +14,7 @@
 #include "utils/FileUtil.h"
 
 using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
 using tarnis_test::TempDir;
 using tarnis_test::WriteFile;
 using velmar::kolto::FileUtil;
@@ -155,6 +156,13 @@ TEST(FileUtilTest, CopyNeverEntersLinks) {
     ASSERT_TRUE(WriteFile(tmp.Sub("dst.bin"), std::string(20000, 'z')));
     EXPECT_TRUE(FileUtil::CopyFileOrDirectory(tmp.Sub("src.bin"), tmp.Sub("dst.bin")));
     EXPECT_EQ(ReadFile(tmp.Sub("dst.bin")), bytes);
+    // A sparse log stays sparse: 256 MiB of hole and one byte at the end.
+    ASSERT_EQ(RunShell("truncate -s 256M '" + tmp.Sub("sparse") + "' && printf x >> '" + tmp.Sub("sparse") + "'"), "");
+    EXPECT_TRUE(FileUtil::CopyFileOrDirectory(tmp.Sub("sparse"), tmp.Sub("sparse.copy")));
+    struct stat copied {};
+    ASSERT_EQ(stat(tmp.Sub("sparse.copy").c_str(), &copied), 0);
+    EXPECT_EQ(copied.st_size, 256 * 1024 * 1024 + 1);
+    EXPECT_LT(copied.st_blocks, 1024);
 
     const std::string copy = tmp.Sub("copy");
     ASSERT_TRUE(FileUtil::CopyFileOrDirectory(root, copy));
