@@ -9,6 +9,7 @@
 
 #include <android-base/file.h>
 #include <android-base/properties.h>
+#include <android/binder_ibinder.h>
 #include <log/log.h>
 
 #include "framework/ModuleRegister.h"
@@ -59,6 +60,14 @@ void F2fsTrackModule::scheduleTrackTask() {
 
 void F2fsTrackModule::dump(int fd, const char** args, unsigned int argc) {
     if (argc >= 2 && args[1] != nullptr && strcmp(args[1], "run") == 0) {
+        // Each run sends analytics events: any process may ask, only the
+        // platform's own callers as often as they like.
+        if (!callerRuns_.Allow(AIBinder_getCallingUid())) {
+            android::base::WriteStringToFd("run: ran less than a minute ago for an ordinary caller; not again yet\n",
+                                           fd);
+            android::base::WriteStringToFd("runs: " + std::to_string(runs_.load()) + "\n", fd);
+            return;
+        }
         auto done = std::make_shared<std::promise<void>>();
         std::future<void> finished = done->get_future();
         {

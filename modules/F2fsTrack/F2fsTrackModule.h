@@ -7,6 +7,7 @@
 
 #include "framework/ModuleBase.h"
 #include "framework/TarnisHandler.h"
+#include "utils/CallerBudget.h"
 
 namespace velmar {
 namespace kolto {
@@ -36,6 +37,8 @@ private:
     std::mutex handlerLock_;
     std::unique_ptr<TarnisHandler> handler_;
     std::atomic<int> runs_{0};
+    // `dump F2fsTrack run` from an ordinary uid: once a minute at most.
+    CallerBudget callerRuns_{60000};
 };
 
 }  // namespace F2fsTrack

@@ -1,7 +1,6 @@
 #include "modules/KernelTrack/KernelTrackModule.h"
 
 #include <time.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -56,19 +55,10 @@ void KernelTrackModule::scheduleTrackTask() {
 // nothing.
 void KernelTrackModule::dump(int fd, const char**, unsigned int) {
     const uid_t caller = AIBinder_getCallingUid();
-    // Root, the system uid and the daemon's own: the callers a device's policy
-    // lets at the daemon's internals.
-    constexpr uid_t kSystemUid = 1000;
-    const bool system = caller == 0 || caller == kSystemUid || caller == getuid();
-    if (!system) {
-        const int64_t now = GetClock().SteadyNowMs();
-        std::lock_guard<std::mutex> lock(dumpLock_);
-        if (callerReported_ && now - callerReportMs_ < kCallerReportIntervalMs) {
-            android::base::WriteStringToFd("kernel stats: reported less than a minute ago; not again yet\n", fd);
-            return;
-        }
-        callerReported_ = true;
-        callerReportMs_ = now;
+    const bool system = CallerBudget::IsPrivileged(caller);
+    if (!callerReports_.Allow(caller)) {
+        android::base::WriteStringToFd("kernel stats: reported less than a minute ago; not again yet\n", fd);
+        return;
     }
     ALOGI("[%s] dump", __func__);
     ALOGI("[%s] test kernel stats", __func__);

@@ -6,6 +6,7 @@
 
 #include "framework/ModuleBase.h"
 #include "framework/TarnisHandler.h"
+#include "utils/CallerBudget.h"
 
 namespace velmar {
 namespace kolto {
@@ -29,9 +30,7 @@ private:
     void scheduleTrackTask();
 
     std::unique_ptr<TarnisHandler> handler_;
-    std::mutex dumpLock_;
-    bool callerReported_ = false;
-    int64_t callerReportMs_ = 0;  // steady time of the last report an ordinary caller's dump made
+    CallerBudget callerReports_{kCallerReportIntervalMs};
 };
 
 }  // namespace KernelTrack

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <binder/IPCThreadState.h>
+
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <log/log.h>
@@ -218,6 +220,13 @@ TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageE
     EXPECT_EQ(Dump({"F2fsTrack", "run"}),
               "Dumping module F2fsTrack: \nrun: done\nruns: 3\n\n-------------------------------------\n");
     EXPECT_EQ(Reports().size(), 3u);
+    // An ordinary uid's runs: one a minute, however often it asks.
+    {
+        android::IPCThreadState::ScopedIdentity shell(2000, getpid());
+        EXPECT_NE(Dump({"F2fsTrack", "run"}).find("run: done"), std::string::npos);
+        EXPECT_NE(Dump({"F2fsTrack", "run"}).find("not again yet"), std::string::npos);
+        EXPECT_EQ(Reports().size(), 4u);
+    }
 }
 
 TEST_F(F2fsTrackModuleTest, DisabledByDefault) {
