@@ -383,5 +383,24 @@ bool FileUtil::CopySparse(int in, int out, off_t length) {
 }
 
 
+bool FileUtil::ReadRegularFile(const std::string& path, std::string* text, size_t maxBytes) {
+    android::base::unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)));
+    struct stat st {};
+    if (!fd.ok() || fstat(fd.get(), &st) != 0) return false;
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
+    text->clear();
+    char buffer[4096];
+    while (text->size() < maxBytes) {
+        const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), buffer, std::min(sizeof(buffer), maxBytes - text->size())));
+        if (got < 0) return false;
+        if (got == 0) break;
+        text->append(buffer, static_cast<size_t>(got));
+    }
+    return true;
+}
+
 }  // namespace kolto
 }  // namespace velmar

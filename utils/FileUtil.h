@@ -38,6 +38,12 @@ public:
     // given it receives the bytes removed by this call (untouched when the
     // path is missing or cannot be opened).
     static int DeleteDirectoryOrFile(const std::string& path, unsigned long* freed);
+    // Reads at most `maxBytes` of the regular file at `path` into `text`.
+    // Opened non-blocking and without following a link at the name, so that
+    // a FIFO, a device or a link left where the daemon reads its own small
+    // files never holds or misleads it: false (errno set) for those, as for
+    // a missing file.
+    static bool ReadRegularFile(const std::string& path, std::string* text, size_t maxBytes);
     // The first `length` bytes of the open file `in` into `out` at the same
     // offsets, holes kept as holes (only data extents are read, blocks of
     // zeros are not written) and the size set at the end; stops early when

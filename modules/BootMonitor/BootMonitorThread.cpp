@@ -24,6 +24,7 @@
 #include <log/log.h>
 
 #include "utils/Clock.h"
+#include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/dump/CaptureLogUtil.h"
 
@@ -54,10 +55,12 @@ constexpr int64_t kRetryMs = 1000;
 constexpr int kStatusTimeoutSeconds = 60;
 
 // The first whitespace-separated words of a small file; false when it does
-// not open.
+// not open or is not a regular file (the rescue and cache partitions are
+// writable by others than the daemon).
 bool ReadWords(const std::string& path, std::string* first, std::string* second = nullptr) {
+    constexpr size_t kMaxWordsFile = 4096;
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) return false;
+    if (!velmar::kolto::FileUtil::ReadRegularFile(path, &content, kMaxWordsFile)) return false;
     std::istringstream words(content);
     words >> *first;
     if (second != nullptr) words >> *second;

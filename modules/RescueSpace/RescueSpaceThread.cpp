@@ -22,6 +22,7 @@
 #include <log/log.h>
 
 #include "utils/Clock.h"
+#include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
 
@@ -39,6 +40,9 @@ namespace {
 constexpr char kTimerProperty[] = "persist.sys.stability.dorvad.rescue_space_monitor_timervalue";
 constexpr size_t kDefaultTimer = 20;
 constexpr size_t kOperationLogLines = 100;
+// More than any line the monitor writes; what a longer file holds past the
+// kept lines is dropped anyway.
+constexpr size_t kMaxOperationLine = 4096;
 constexpr unsigned long kCoredumpMaxAgeSeconds = 3600;
 
 // Directories below the rescue base that others fill, with the most each may hold.
@@ -314,13 +318,13 @@ void RescueSpaceThread::LogRescueSpaceMonitorOperate(std::string message) {
     std::string content = StringPrintf("%ld: %s", now, message.c_str()) + "\n";
     std::lock_guard<std::mutex> guard(OperationLogLock());
     const char* path = operationLogPath_.c_str();
-    unique_fd in(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)));
+    // Only the kept lines are needed; a FIFO or device in the log's place is
+    // not read at all.
     std::string old;
-    if (in.get() < 0 || !android::base::ReadFdToString(in.get(), &old)) {
+    if (!kolto::FileUtil::ReadRegularFile(path, &old, kOperationLogLines * kMaxOperationLine)) {
         if (errno != ENOENT) ALOGE("failed to read %s, error: %s", path, strerror(errno));
         old.clear();
     }
-    in.reset();
     std::istringstream lines(old);
     std::string line;
     for (size_t kept = 0; kept + 1 < kOperationLogLines && std::getline(lines, line); ++kept) {

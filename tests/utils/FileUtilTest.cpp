@@ -185,6 +185,13 @@ TEST(FileUtilTest, CopyNeverEntersLinks) {
     ASSERT_EQ(symlink((outside + "/file.txt").c_str(), tmp.Sub("planted").c_str()), 0);
     EXPECT_FALSE(FileUtil::CopyFileOrDirectory(tmp.Sub("src.bin"), tmp.Sub("planted")));
     EXPECT_EQ(ReadFile(outside + "/file.txt"), "outside file");
+    // The small-file reader neither waits on the FIFO nor reads through the
+    // link, and stops at its bound.
+    std::string text;
+    EXPECT_FALSE(FileUtil::ReadRegularFile(tmp.Sub("fifo"), &text, 64));
+    EXPECT_FALSE(FileUtil::ReadRegularFile(tmp.Sub("planted"), &text, 64));
+    EXPECT_TRUE(FileUtil::ReadRegularFile(tmp.Sub("src.bin"), &text, 64));
+    EXPECT_EQ(text, bytes.substr(0, 64));
 }
 
 TEST(FileUtilTest, FileListHasFilesAndLinksOnly) {
