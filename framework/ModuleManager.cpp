@@ -8,13 +8,14 @@
 #include <vector>
 
 #include <android-base/file.h>
+#include <host/LogRateLimiter.h>
 #include <log/log.h>
 
 #include "framework/ModuleBase.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
-#include <host/LogRateLimiter.h>
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "Tarnis-ModuleManager"
 
@@ -123,7 +124,7 @@ void removeModule(const std::string& name, bool quitSafely) {
             ModuleList& list = GetModuleList();
             auto found = list.find(name);
             if (found == list.end()) {
-                ALOGE("[%s] module %s not found!!!", "operator()", name.c_str());
+                ALOGE("[%s] module %s not found!!!", "operator()", StringUtil::ForLog(name).c_str());
                 return;
             }
             found->second.stopped = true;
@@ -156,7 +157,7 @@ bool ModuleManager::loadModule(const std::string& name) {
         if (found == list.end()) {
             uint64_t suppressed = 0;
             if (LoadRefusals().Allow(&suppressed)) {
-                ALOGE("[%s] loadModule %s failed! Module not found!%s", "loadModule", name.c_str(),
+                ALOGE("[%s] loadModule %s failed! Module not found!%s", "loadModule", StringUtil::ForLog(name).c_str(),
                       platform::LogRateLimiter::Summary(suppressed).c_str());
             }
             return false;

@@ -20,6 +20,7 @@
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <dorva/DorvaServiceManager.h>
+#include <host/LogRateLimiter.h>
 #include <log/log.h>
 #include <minizip/unzip.h>
 
@@ -31,7 +32,6 @@
 #include "modules/LogManager/LogManagerUtil.h"
 #include "modules/LogManager/LogMgrBroadcastReceiver.h"
 #include "modules/LogManager/LogMgrFileEventListener.h"
-#include <host/LogRateLimiter.h>
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
