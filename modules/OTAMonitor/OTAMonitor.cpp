@@ -19,6 +19,7 @@
 
 #include "utils/Paths.h"
 #include "utils/PropertyWait.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "OTAMonitor"
 
@@ -27,6 +28,7 @@ namespace tarnis {
 
 namespace bb = kolto::blackbox;
 namespace paths = kolto::paths;
+using kolto::StringUtil;
 using android::base::GetProperty;
 using android::base::unique_fd;
 
@@ -76,13 +78,13 @@ std::string SearchTime(const char* func, const std::string& file, const char* ke
                        const char* noTime, const char* failed, const char* found) {
     char line[kOtaLineBytes];
     if (!search_keyword_line_in_file(file.c_str(), line, keyword)) {
-        ALOGE(noLine, func, file.c_str());
+        ALOGE(noLine, func, StringUtil::ForLog(file).c_str());
         ALOGI("%s", failed);
         return "";
     }
     std::unique_ptr<char[]> time = extract_ota_time(line);
     if (time == nullptr) {
-        ALOGE(noTime, func, file.c_str());
+        ALOGE(noTime, func, StringUtil::ForLog(file).c_str());
         ALOGI("%s", failed);
         return "";
     }
@@ -94,17 +96,17 @@ std::string SearchPackageName(const std::string& file) {
     static constexpr char kFunc[] = "search_ota_package_name_in_ota_log";
     char line[kOtaLineBytes];
     if (!search_keyword_line_in_file(file.c_str(), line, "initial url:")) {
-        ALOGE("%s: cannot find ota package name in file: %s", kFunc, file.c_str());
+        ALOGE("%s: cannot find ota package name in file: %s", kFunc, StringUtil::ForLog(file).c_str());
         ALOGI("failed to search ota package name in ota log");
         return "";
     }
     const std::string name = extract_ota_package_name(line);
     if (name.empty()) {
-        ALOGE("%s: cannot find the url in file: %s", kFunc, file.c_str());
+        ALOGE("%s: cannot find the url in file: %s", kFunc, StringUtil::ForLog(file).c_str());
         ALOGI("failed to search ota package name in ota log");
         return "";
     }
-    ALOGI("ota_package_name: %s", name.c_str());
+    ALOGI("ota_package_name: %s", StringUtil::ForLog(name).c_str());
     return name;
 }
 
@@ -181,11 +183,11 @@ int process_directory(const char* path, std::vector<OtaLogFile>* files) {
         struct stat st;
         // A link is not one of the engine's logs, whatever it points at.
         if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            ALOGE("Error stating file '%s': %s", file.c_str(), strerror(errno));
+            ALOGE("Error stating file '%s': %s", StringUtil::ForLog(file).c_str(), strerror(errno));
             continue;
         }
         if (!S_ISREG(st.st_mode)) continue;
-        ALOGI("file path: %s", file.c_str());
+        ALOGI("file path: %s", StringUtil::ForLog(file).c_str());
         files->push_back({file, st.st_mtim});
     }
     return 0;
@@ -198,14 +200,14 @@ bool compare_files(const OtaLogFile& a, const OtaLogFile& b) {
 
 bool search_keyword_line_in_file(const char* path, char* line, const char* keyword) {
     static constexpr char kFunc[] = "search_keyword_line_in_file";
-    ALOGI("filename: %s, keyword: %s", path, keyword);
+    ALOGI("filename: %s, keyword: %s", StringUtil::ForLog(path).c_str(), keyword);
     // O_NONBLOCK: a FIFO planted among the logs must not hold the monitor.
     unique_fd fd(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
     struct stat st;
     FILE* file = nullptr;
     if (fd.ok() && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) file = fdopen(fd.get(), "re");
     if (file == nullptr) {
-        ALOGE("%s: open file %s failed", kFunc, path);
+        ALOGE("%s: open file %s failed", kFunc, StringUtil::ForLog(path).c_str());
         return false;
     }
     (void)fd.release();
@@ -217,7 +219,7 @@ bool search_keyword_line_in_stream(FILE* stream, char* line, const char* keyword
     static constexpr char kFunc[] = "search_keyword_line_in_file";
     while (fgets(line, static_cast<int>(kOtaLineBytes), stream) != nullptr) {
         if (strstr(line, keyword) != nullptr) {
-            ALOGI("%s: found the line: %s", kFunc, line);
+            ALOGI("%s: found the line: %s", kFunc, StringUtil::ForLog(line).c_str());
             return true;
         }
     }
@@ -365,7 +367,7 @@ void ota_monitor_func(OtaMonitorControl* control) {
             return;
         }
         const std::string awaited = GetProperty(kStatusProperty, "") == "ota_start" ? "ota_complete" : "ota_start";
-        ALOGI("%s: Waiting for ota_status: %s", __func__, awaited.c_str());
+        ALOGI("%s: Waiting for ota_status: %s", __func__, StringUtil::ForLog(awaited).c_str());
         if (!control->WaitForProperty(kStatusProperty, awaited)) return;
         if (awaited == "ota_start") {
             save_update_metrics_to_black_box_on_start();

@@ -25,6 +25,7 @@
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
+#include "utils/StringUtil.h"
 
 #define LOG_TAG "RescueSpaceMonitor"
 
@@ -32,6 +33,7 @@ namespace velmar {
 namespace tarnis {
 
 namespace paths = kolto::paths;
+using kolto::StringUtil;
 using android::base::StringPrintf;
 using android::base::unique_fd;
 
@@ -126,7 +128,7 @@ size_t getTimerValue() {
     bool digits = !text.empty() && text.size() <= 9;
     for (char c : text) digits = digits && isdigit(static_cast<unsigned char>(c));
     if (!digits) {
-        ALOGW("An invalid string was read: %s", text.c_str());
+        ALOGW("An invalid string was read: %s", StringUtil::ForLog(text).c_str());
         return kDefaultTimer;
     }
     return static_cast<size_t>(std::stoul(text));
@@ -167,7 +169,7 @@ void RescueSpaceThread::SetStatfsForTesting(StatfsFn fn) {
 bool RescueSpaceThread::IsPartitionSpaceRatioFull(std::string& path) {
     struct statfs info {};
     if (DoStatfs(path.c_str(), &info) != 0) {
-        ALOGW("failed to get %s diskrate (%s)\n", path.c_str(), strerror(errno));
+        ALOGW("failed to get %s diskrate (%s)\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         return false;
     }
     long used = 0;
@@ -186,7 +188,7 @@ uint64_t RescueSpaceThread::CountDirSize(const std::string& path) {
     kolto::ScopedDir dir = OpenDirNoFollow(path);
     if (!dir) {
         const std::string reason = strerror(errno);
-        ALOGE("Unable to open directory %s: %s\n", path.c_str(), reason.c_str());
+        ALOGE("Unable to open directory %s: %s\n", StringUtil::ForLog(path).c_str(), reason.c_str());
         LogRescueSpaceMonitorOperate(
                 StringPrintf("[CountDirSize] Unable to open directory %s: %s", path.c_str(), reason.c_str()));
         return 0;
@@ -223,7 +225,7 @@ void RescueSpaceThread::UpdatePermission(const std::string& path) {
     }
     const int statResult = fd.get() >= 0 ? fstat(fd.get(), &st) : lstat(path.c_str(), &st);
     if (statResult != 0) {
-        ALOGE("[UpdatePermission] Couldn't stat %s: %s\n", path.c_str(), strerror(errno));
+        ALOGE("[UpdatePermission] Couldn't stat %s: %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         return;
     }
     if (S_ISLNK(st.st_mode)) return;
@@ -255,7 +257,7 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
             const std::string reason = strerror(errno);
             LogRescueSpaceMonitorOperate(StringPrintf("[DeleteDirectoryFiles] Can't open the dir %s (%s)",
                                                       current.c_str(), reason.c_str()));
-            ALOGE("[DeleteDirectoryFiles] Can't open the dir %s (%s)\n", current.c_str(), reason.c_str());
+            ALOGE("[DeleteDirectoryFiles] Can't open the dir %s (%s)\n", StringUtil::ForLog(current).c_str(), reason.c_str());
             ok = false;
             continue;
         }
@@ -263,7 +265,7 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
             if (IsDotOrDotDot(entry->d_name)) continue;
             const std::string child = Join(current, entry->d_name);
             if (keep.count(entry->d_name) != 0) {
-                ALOGW("Skip save path(%s)\n", child.c_str());
+                ALOGW("Skip save path(%s)\n", StringUtil::ForLog(child).c_str());
                 continue;
             }
             UpdatePermission(child);
@@ -273,7 +275,7 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
                     const std::string reason = strerror(errno);
                     LogRescueSpaceMonitorOperate(StringPrintf("[DeleteDirectoryFiles] Couldn't stat %s: %s",
                                                               child.c_str(), reason.c_str()));
-                    ALOGE("[DeleteDirectoryFiles] Couldn't stat %s: %s\n", child.c_str(), reason.c_str());
+                    ALOGE("[DeleteDirectoryFiles] Couldn't stat %s: %s\n", StringUtil::ForLog(child).c_str(), reason.c_str());
                 }
                 continue;
             }
@@ -286,7 +288,7 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
             if (maxAgeSeconds != 0) {
                 if (now - static_cast<long>(st.st_mtime) >= static_cast<long>(maxAgeSeconds) &&
                     unlink(child.c_str()) != 0) {
-                    ALOGE("[Timeout] Couldn't unlink %s: %s\n", child.c_str(), strerror(errno));
+                    ALOGE("[Timeout] Couldn't unlink %s: %s\n", StringUtil::ForLog(child).c_str(), strerror(errno));
                     ok = false;
                 }
                 continue;
@@ -294,11 +296,11 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
             const long size = static_cast<long>(st.st_size);
             if (unlink(child.c_str()) == 0) {
                 LogRescueSpaceMonitorOperate(StringPrintf("Unlink file: %s, size: %ld", child.c_str(), size));
-                ALOGI("Delete file :%s success\n", child.c_str());
+                ALOGI("Delete file :%s success\n", StringUtil::ForLog(child).c_str());
             } else {
                 const std::string reason = strerror(errno);
                 LogRescueSpaceMonitorOperate(StringPrintf("Unlink file failed: %s, size: %ld", child.c_str(), size));
-                ALOGE("Couldn't unlink %s: %s\n", child.c_str(), reason.c_str());
+                ALOGE("Couldn't unlink %s: %s\n", StringUtil::ForLog(child).c_str(), reason.c_str());
                 ok = false;
             }
         }
@@ -359,7 +361,7 @@ bool RescueSpaceThread::CollectFileList(const std::string& base, std::string* ou
         queue.pop_front();
         kolto::ScopedDir dir = OpenDirNoFollow(current);
         if (!dir) {
-            ALOGE("[GetFileListInfo] Can't open the dir %s (%s)\n", current.c_str(), strerror(errno));
+            ALOGE("[GetFileListInfo] Can't open the dir %s (%s)\n", StringUtil::ForLog(current).c_str(), strerror(errno));
             ok = false;
             continue;
         }
@@ -368,7 +370,7 @@ bool RescueSpaceThread::CollectFileList(const std::string& base, std::string* ou
             const std::string child = Join(current, entry->d_name);
             struct stat st {};
             if (lstat(child.c_str(), &st) != 0) {
-                ALOGE("[GetFileListInfo] Couldn't stat %s: %s\n", child.c_str(), strerror(errno));
+                ALOGE("[GetFileListInfo] Couldn't stat %s: %s\n", StringUtil::ForLog(child).c_str(), strerror(errno));
                 ok = false;
                 continue;
             }
@@ -390,23 +392,23 @@ bool RescueSpaceThread::WriteFileList(const std::string& path, const std::string
     unique_fd fd(TEMP_FAILURE_RETRY(
             open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)));
     if (fd.get() < 0) {
-        ALOGE("Open %s failed! %s\n", path.c_str(), strerror(errno));
+        ALOGE("Open %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         return false;
     }
     fchmod(fd.get(), 0660);
     if (!android::base::WriteStringToFd(list, fd.get())) {
-        ALOGE("Write %s failed! %s\n", path.c_str(), strerror(errno));
+        ALOGE("Write %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         unlink(temp.c_str());
         return false;
     }
     if (fsync(fd.get()) != 0) {
-        ALOGE("Fsync %s failed! %s\n", path.c_str(), strerror(errno));
+        ALOGE("Fsync %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         unlink(temp.c_str());
         return false;
     }
     fd.reset();
     if (rename(temp.c_str(), path.c_str()) != 0) {
-        ALOGE("Write %s failed! %s\n", path.c_str(), strerror(errno));
+        ALOGE("Write %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
         unlink(temp.c_str());
         return false;
     }
@@ -434,7 +436,7 @@ void RescueSpaceThread::ManageLevels() {
     if (!DeleteDirectoryFiles(base, Level3Keep(), false, 0)) ALOGE("Level 3: Delete all dorva file failed!!!\n");
     const std::string listPath = base + "/dorva/rescue_info.log";
     if (!WriteFileList(listPath, list)) {
-        ALOGE("Level 3: Wirte rescue partition file info to %s failed!\n", listPath.c_str());
+        ALOGE("Level 3: Wirte rescue partition file info to %s failed!\n", StringUtil::ForLog(listPath).c_str());
     }
     sync();
 }
@@ -462,8 +464,8 @@ void RescueSpaceThread::RunCycle() {
         const std::string dir = rescueBase_ + directory;
         const uint64_t size = CountDirSize(dir);
         if (size > limit) {
-            ALOGW("Ready to delete %s file, size = %lu \n", dir.c_str(), static_cast<unsigned long>(size));
-            if (!DeleteDirectoryFiles(dir, kNothing, true, 0)) ALOGE("Remove %s file failed!", dir.c_str());
+            ALOGW("Ready to delete %s file, size = %lu \n", StringUtil::ForLog(dir).c_str(), static_cast<unsigned long>(size));
+            if (!DeleteDirectoryFiles(dir, kNothing, true, 0)) ALOGE("Remove %s file failed!", StringUtil::ForLog(dir).c_str());
         }
     }
     ManageLevels();
