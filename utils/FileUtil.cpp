@@ -394,7 +394,8 @@ bool FileUtil::ReadRegularFile(const std::string& path, std::string* text, size_
     text->clear();
     char buffer[4096];
     while (text->size() < maxBytes) {
-        const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), buffer, std::min(sizeof(buffer), maxBytes - text->size())));
+        const ssize_t got =
+            TEMP_FAILURE_RETRY(read(fd.get(), buffer, std::min(sizeof(buffer), maxBytes - text->size())));
         if (got < 0) return false;
         if (got == 0) break;
         text->append(buffer, static_cast<size_t>(got));

@@ -299,9 +299,10 @@ void save_update_metrics_to_black_box_after_merged() {
                                "%s: cannot find ota start time in file: %s",
                                "failed to search ota start time in ota log", "ota_start_time: %s");
         packageName = SearchPackageName(files[1].path);
-        endTime = SearchTime("search_ota_end_time_in_ota_log", files[1].path, "Updated Marker",
-                             "%s: cannot find ota end time line in file: %s", "%s: cannot find ota end time in file: %s",
-                             "failed to search ota end time in ota log", "ota_end_time: %s");
+        endTime =
+            SearchTime("search_ota_end_time_in_ota_log", files[1].path, "Updated Marker",
+                       "%s: cannot find ota end time line in file: %s", "%s: cannot find ota end time in file: %s",
+                       "failed to search ota end time in ota log", "ota_end_time: %s");
         mergedTime = SearchTime("search_ota_merged_time_in_ota_log", files[0].path,
                                 "Merge finished with state MergeCompleted",
                                 "%s: cannot find ota merged time line in path: %s",

@@ -257,7 +257,8 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
             const std::string reason = strerror(errno);
             LogRescueSpaceMonitorOperate(StringPrintf("[DeleteDirectoryFiles] Can't open the dir %s (%s)",
                                                       current.c_str(), reason.c_str()));
-            ALOGE("[DeleteDirectoryFiles] Can't open the dir %s (%s)\n", StringUtil::ForLog(current).c_str(), reason.c_str());
+            ALOGE("[DeleteDirectoryFiles] Can't open the dir %s (%s)\n", StringUtil::ForLog(current).c_str(),
+                  reason.c_str());
             ok = false;
             continue;
         }
@@ -275,7 +276,8 @@ bool RescueSpaceThread::DeleteDirectoryFiles(const std::string& path, const Keep
                     const std::string reason = strerror(errno);
                     LogRescueSpaceMonitorOperate(StringPrintf("[DeleteDirectoryFiles] Couldn't stat %s: %s",
                                                               child.c_str(), reason.c_str()));
-                    ALOGE("[DeleteDirectoryFiles] Couldn't stat %s: %s\n", StringUtil::ForLog(child).c_str(), reason.c_str());
+                    ALOGE("[DeleteDirectoryFiles] Couldn't stat %s: %s\n", StringUtil::ForLog(child).c_str(),
+                          reason.c_str());
                 }
                 continue;
             }
@@ -361,7 +363,8 @@ bool RescueSpaceThread::CollectFileList(const std::string& base, std::string* ou
         queue.pop_front();
         kolto::ScopedDir dir = OpenDirNoFollow(current);
         if (!dir) {
-            ALOGE("[GetFileListInfo] Can't open the dir %s (%s)\n", StringUtil::ForLog(current).c_str(), strerror(errno));
+            ALOGE("[GetFileListInfo] Can't open the dir %s (%s)\n", StringUtil::ForLog(current).c_str(),
+                  strerror(errno));
             ok = false;
             continue;
         }
@@ -464,8 +467,10 @@ void RescueSpaceThread::RunCycle() {
         const std::string dir = rescueBase_ + directory;
         const uint64_t size = CountDirSize(dir);
         if (size > limit) {
-            ALOGW("Ready to delete %s file, size = %lu \n", StringUtil::ForLog(dir).c_str(), static_cast<unsigned long>(size));
-            if (!DeleteDirectoryFiles(dir, kNothing, true, 0)) ALOGE("Remove %s file failed!", StringUtil::ForLog(dir).c_str());
+            ALOGW("Ready to delete %s file, size = %lu \n", StringUtil::ForLog(dir).c_str(),
+                  static_cast<unsigned long>(size));
+            if (!DeleteDirectoryFiles(dir, kNothing, true, 0))
+                ALOGE("Remove %s file failed!", StringUtil::ForLog(dir).c_str());
         }
     }
     ManageLevels();
