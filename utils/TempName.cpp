@@ -13,6 +13,7 @@
 #include <ctime>
 #include <cstring>
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
@@ -68,6 +69,30 @@ int TempName::CreateAt(int dirFd, const std::string& finalName, mode_t mode, std
         if (errno != EEXIST) return -1;
     }
     return -1;
+}
+
+bool TempName::WriteWhole(const std::string& hostPath, const std::string& data, mode_t mode, uid_t owner,
+                          gid_t group) {
+    const size_t slash = hostPath.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : hostPath.substr(0, slash + 1);
+    const std::string name = hostPath.substr(slash == std::string::npos ? 0 : slash + 1);
+    android::base::unique_fd dirFd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    if (!dirFd.ok()) return false;
+    std::string temp;
+    android::base::unique_fd out(CreateAt(dirFd.get(), name, mode, &temp));
+    if (!out.ok()) return false;
+    if ((owner != static_cast<uid_t>(-1) || group != static_cast<gid_t>(-1)) && fchown(out.get(), owner, group) != 0) {
+        ALOGD("chown %s failed: %s", StringUtil::ForLog(hostPath).c_str(), strerror(errno));
+    }
+    const bool done = android::base::WriteFully(out.get(), data.data(), data.size()) &&
+                      fchmod(out.get(), mode) == 0 && fsync(out.get()) == 0 &&
+                      renameat(dirFd.get(), temp.c_str(), dirFd.get(), name.c_str()) == 0;
+    if (!done) {
+        const int saved = errno;
+        unlinkat(dirFd.get(), temp.c_str(), 0);
+        errno = saved;
+    }
+    return done;
 }
 
 int TempName::RemoveLeftovers(const std::string& hostDir) {

@@ -24,6 +24,14 @@ public:
     // `dirFd` (exclusive, write-only, never through a link) and stores its
     // name in `tempName`; -1 with errno set on failure.
     static int CreateAt(int dirFd, const std::string& finalName, mode_t mode, std::string* tempName);
+    // Writes `data` as the whole new content of the file `hostPath`: into a
+    // temporary beside it (mode `mode`, and `owner`/`group` unless -1),
+    // flushed to disk, then renamed over the name. Readers see the old file
+    // or the complete new one, and a link planted at the name is replaced,
+    // never written through. False with errno set when any step fails; the
+    // temporary is then gone.
+    static bool WriteWhole(const std::string& hostPath, const std::string& data, mode_t mode, uid_t owner = -1,
+                           gid_t group = -1);
     // Removes every temporary name left in the directory `hostDir` (not
     // below it); the number removed. Links and directories of that shape
     // are removed as entries, never followed.

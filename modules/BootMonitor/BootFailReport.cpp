@@ -31,6 +31,7 @@
 #include "utils/BlackBoxLayout.h"
 #include "utils/Clock.h"
 #include "utils/Paths.h"
+#include "utils/TempName.h"
 
 #define LOG_TAG "BootFailReport"
 
@@ -109,18 +110,8 @@ std::string Sha1Hex(const std::string& text) {
 // a fresh file beside it and renamed into place (a link planted under the
 // final name is replaced, never followed).
 bool WriteEvidence(const std::string& path, const char* data, size_t size) {
-    const std::string temp = path + ".tmp";
-    unlink(temp.c_str());
-    unique_fd out(TEMP_FAILURE_RETRY(
-        open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0664)));
-    if (!out.ok()) return false;
-    const bool written = android::base::WriteFully(out.get(), data, size);
-    if (fchown(out.get(), 0, 1000) != 0) ALOGD("chown %s failed: %s", temp.c_str(), strerror(errno));
-    fchmod(out.get(), 0664);
-    out.reset();
-    if (!written || rename(temp.c_str(), path.c_str()) != 0) {
+    if (!kolto::TempName::WriteWhole(path, std::string(data, size), 0664, 0, 1000)) {
         ALOGE("write %s failed: %s", path.c_str(), strerror(errno));
-        unlink(temp.c_str());
         return false;
     }
     return true;

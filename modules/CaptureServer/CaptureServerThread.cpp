@@ -29,6 +29,7 @@
 
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
+#include "utils/TempName.h"
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/DirectoryHelpers.h"
 
@@ -119,16 +120,7 @@ int StatusCode(const ndk::ScopedAStatus& status) {
 // half-written copy never appears under its name and a link planted there
 // is replaced, not written through.
 bool WriteCopy(const std::string& path, const void* data, size_t size) {
-    const std::string temp = path + ".tmp";
-    unlink(temp.c_str());
-    base::unique_fd out(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!out.ok()) return false;
-    if (!base::WriteFully(out.get(), data, size) || fsync(out.get()) != 0 ||
-        rename(temp.c_str(), path.c_str()) != 0) {
-        unlink(temp.c_str());
-        return false;
-    }
-    return true;
+    return velmar::kolto::TempName::WriteWhole(path, std::string(static_cast<const char*>(data), size), 0644);
 }
 
 }  // namespace
@@ -139,6 +131,7 @@ CaptureServerThread::CaptureServerThread(int stopFd) : stopFd_(stopFd) {
     baseDir_ = paths::Get(paths::kCaptureServerDir, base::GetBoolProperty("ro.build.ab_update", false));
     zelteeCopyPath_ = baseDir_ + "/" + kZelteeLogName;
     MakeCaptureDir(baseDir_);
+    velmar::kolto::TempName::RemoveLeftovers(baseDir_);
     FetchSecurityLog();
 }
 

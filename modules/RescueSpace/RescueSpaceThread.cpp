@@ -26,6 +26,7 @@
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
+#include "utils/TempName.h"
 
 #define LOG_TAG "RescueSpaceMonitor"
 
@@ -337,21 +338,8 @@ void RescueSpaceThread::LogRescueSpaceMonitorOperate(std::string message) {
     // The new log is written aside and renamed over the old one, so the log is
     // never seen half written and a link planted at its name is replaced, not
     // written through.
-    const std::string temp = operationLogPath_ + ".tmp";
-    if (unlink(temp.c_str()) != 0 && errno != ENOENT) {
-        ALOGE("failed to unlink %s, error: %s", temp.c_str(), strerror(errno));
-    }
-    unique_fd out(TEMP_FAILURE_RETRY(
-            open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)));
-    if (out.get() < 0 || !android::base::WriteStringToFd(content, out.get())) {
+    if (!kolto::TempName::WriteWhole(path, content, 0660)) {
         ALOGE("failed to write %s, error: %s", path, strerror(errno));
-        unlink(temp.c_str());
-        return;
-    }
-    out.reset();
-    if (rename(temp.c_str(), path) != 0) {
-        ALOGE("failed to write %s, error: %s", path, strerror(errno));
-        unlink(temp.c_str());
     }
 }
 
@@ -390,29 +378,8 @@ bool RescueSpaceThread::CollectFileList(const std::string& base, std::string* ou
 
 bool RescueSpaceThread::WriteFileList(const std::string& path, const std::string& list) {
     // Written aside and renamed into place: the list is complete or absent.
-    const std::string temp = path + ".tmp";
-    unlink(temp.c_str());
-    unique_fd fd(TEMP_FAILURE_RETRY(
-            open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660)));
-    if (fd.get() < 0) {
-        ALOGE("Open %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
-        return false;
-    }
-    fchmod(fd.get(), 0660);
-    if (!android::base::WriteStringToFd(list, fd.get())) {
+    if (!kolto::TempName::WriteWhole(path, list, 0660)) {
         ALOGE("Write %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
-        unlink(temp.c_str());
-        return false;
-    }
-    if (fsync(fd.get()) != 0) {
-        ALOGE("Fsync %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
-        unlink(temp.c_str());
-        return false;
-    }
-    fd.reset();
-    if (rename(temp.c_str(), path.c_str()) != 0) {
-        ALOGE("Write %s failed! %s\n", StringUtil::ForLog(path).c_str(), strerror(errno));
-        unlink(temp.c_str());
         return false;
     }
     return true;
@@ -447,6 +414,8 @@ void RescueSpaceThread::ManageLevels() {
 void RescueSpaceThread::Start() {
     ALOGW("Rescue partition space manager start!!\n");
     ALOGW("Timer value is %zu\n", getTimerValue());
+    // What a write killed half-way left beside the operation log.
+    kolto::TempName::RemoveLeftovers(operationLogPath_.substr(0, operationLogPath_.find_last_of('/')));
     const bool coredumpProp = android::base::GetBoolProperty("persist.reboot.coredump", false);
     const bool mtbfProp = android::base::GetBoolProperty("persist.mtbf.test", false);
     coredumpManaged_ = !coredumpProp && !mtbfProp;
