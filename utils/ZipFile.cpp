@@ -308,15 +308,11 @@ enum class ReadResult { kMore, kEnd, kFailed };
 // and room is needed for more.
 class Packer {
 public:
-    Packer(zipFile zip, int tailDepth, const std::string& archive, unsigned workers)
+    // The archive being written is the file `archiveDev`/`archiveIno`: never
+    // packed into itself.
+    Packer(zipFile zip, int tailDepth, dev_t archiveDev, ino_t archiveIno, unsigned workers)
         : zip_(zip), tailDepth_(tailDepth), pool_(workers),
-          budget_(pool_.workers() * kBytesInFlightPerWorker) {
-        struct stat st {};
-        if (lstat(archive.c_str(), &st) == 0) {
-            archiveDev_ = st.st_dev;
-            archiveIno_ = st.st_ino;
-        }
-    }
+          budget_(pool_.workers() * kBytesInFlightPerWorker), archiveDev_(archiveDev), archiveIno_(archiveIno) {}
     ~Packer() { Finish(); }
     Packer(const Packer&) = delete;
     Packer& operator=(const Packer&) = delete;
@@ -667,18 +663,6 @@ int ZCALLBACK CloseSynced(voidpf, voidpf stream) {
     return fclose(file) == 0 && synced ? 0 : EOF;
 }
 
-// A new file beside `path`, under the daemon's temporary name.
-int CreateTemporary(const std::string& path, std::string* temporary) {
-    const size_t slash = path.find_last_of('/');
-    const std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
-    android::base::unique_fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dirFd.ok()) return -1;
-    std::string name;
-    const int fd = TempName::CreateAt(dirFd.get(), path.substr(slash + 1), 0666, &name);
-    if (fd >= 0) *temporary = (slash == std::string::npos ? std::string() : dir) + name;
-    return fd;
-}
-
 }  // namespace
 
 ZipFile::ZipFile(std::vector<std::string> paths, int tailDepth)
@@ -699,12 +683,29 @@ ZipFile::~ZipFile() {
 void ZipFile::nameAs(const std::string& path, const std::string& shownPath) { shownAs_[path] = shownPath; }
 
 bool ZipFile::create(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    android::base::unique_fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd.ok()) {
+        if (handle_ != nullptr) close();
+        ALOGE("[%s] Couldn't create ZIP file at path %s", "create", StringUtil::ForLog(path).c_str());
+        return false;
+    }
+    return create(dirFd.get(), path.substr(slash == std::string::npos ? 0 : slash + 1), path);
+}
+
+bool ZipFile::create(int dirFd, const std::string& name, const std::string& shownPath) {
     if (handle_ != nullptr) close();
+    dirFd_.reset(fcntl(dirFd, F_DUPFD_CLOEXEC, 0));
     // A directory there could never be replaced: fail now, not after packing.
     struct stat st {};
-    const bool isDirectory = lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    const bool isDirectory = fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
     std::string temporary;
-    const int fd = isDirectory ? -1 : CreateTemporary(path, &temporary);
+    const int fd = isDirectory || !dirFd_.ok() ? -1 : TempName::CreateAt(dirFd_.get(), name, 0666, &temporary);
+    if (fd >= 0 && fstat(fd, &st) == 0) {
+        archiveDev_ = st.st_dev;
+        archiveIno_ = st.st_ino;
+    }
     Handover handover {fd >= 0 ? fdopen(fd, "wb") : nullptr, false};
     if (handover.file != nullptr) {
         zlib_filefunc64_def io;
@@ -718,12 +719,13 @@ bool ZipFile::create(const std::string& path) {
         ::close(fd);
     }
     if (handle_ == nullptr) {
-        if (!temporary.empty()) unlink(temporary.c_str());
-        ALOGE("[%s] Couldn't create ZIP file at path %s", "create", StringUtil::ForLog(path).c_str());
+        if (!temporary.empty()) unlinkat(dirFd_.get(), temporary.c_str(), 0);
+        ALOGE("[%s] Couldn't create ZIP file at path %s", "create", StringUtil::ForLog(shownPath).c_str());
         return false;
     }
-    path_ = path;
-    tempPath_ = temporary;
+    name_ = name;
+    path_ = shownPath;
+    tempName_ = temporary;
     return true;
 }
 
@@ -744,20 +746,20 @@ bool ZipFile::close() {
     }
     // The rename replaces whatever is at the name, a link included, never
     // what a link points to.
-    if (rename(tempPath_.c_str(), path_.c_str()) != 0) {
+    if (renameat(dirFd_.get(), tempName_.c_str(), dirFd_.get(), name_.c_str()) != 0) {
         ALOGE("[%s] cannot move the archive to %s: %s", "close", StringUtil::ForLog(path_).c_str(), strerror(errno));
         Abandon();
         return false;
     }
-    tempPath_.clear();
+    tempName_.clear();
     return result;
 }
 
 void ZipFile::Abandon() {
-    if (!tempPath_.empty() && unlink(tempPath_.c_str()) != 0 && errno != ENOENT) {
-        ALOGE("[%s] cannot remove %s: %s", "close", StringUtil::ForLog(tempPath_).c_str(), strerror(errno));
+    if (!tempName_.empty() && unlinkat(dirFd_.get(), tempName_.c_str(), 0) != 0 && errno != ENOENT) {
+        ALOGE("[%s] cannot remove %s: %s", "close", StringUtil::ForLog(tempName_).c_str(), strerror(errno));
     }
-    tempPath_.clear();
+    tempName_.clear();
 }
 
 bool ZipFile::OpenNewFileInZip(void* handle, const std::string& name) {
@@ -815,7 +817,7 @@ unsigned WorkersFor(const std::vector<std::string>& paths) {
 }
 
 bool ZipFile::FlushFilesIfNeeded() {
-    Packer packer(static_cast<zipFile>(handle_), tailDepth_, tempPath_, WorkersFor(pendingPaths_));
+    Packer packer(static_cast<zipFile>(handle_), tailDepth_, archiveDev_, archiveIno_, WorkersFor(pendingPaths_));
     packer.ConfineBelow(confineTop_);
     size_t taken = 0;
     while (!pendingPaths_.empty()) {

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <android-base/unique_fd.h>
 
 namespace velmar {
 namespace kolto {
@@ -43,6 +47,10 @@ public:
     void nameAs(const std::string& path, const std::string& shownPath);
     // Starts the archive that will replace `path`, closing any open one first.
     bool create(const std::string& path);
+    // The same for the archive `name` in the open directory `dirFd` (kept
+    // open until the archive is in place), shown as `shownPath` in the log:
+    // for a directory reached below its tree, never looked up by name again.
+    bool create(int dirFd, const std::string& name, const std::string& shownPath);
     // Writes every pending path, finishes the archive and puts it in place.
     // True again, with nothing done, when no archive is open.
     bool close();
@@ -61,8 +69,12 @@ private:
     std::map<std::string, std::string> shownAs_;
     int tailDepth_;
     void* handle_ = nullptr;
-    std::string path_;      // where the finished archive goes
-    std::string tempPath_;  // where it is written until then
+    android::base::unique_fd dirFd_;  // the directory the archive goes in
+    std::string name_;                // its name there
+    std::string path_;                // and its path, for the log
+    std::string tempName_;            // where it is written until then
+    dev_t archiveDev_ = 0;            // the file being written
+    ino_t archiveIno_ = 0;
     std::unique_ptr<char[]> buffer_;
     std::string confineTop_;
 };

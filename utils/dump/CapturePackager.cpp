@@ -73,6 +73,7 @@ std::function<void()>& BeforePackStore() {
 struct CompressJob {
     std::shared_ptr<ZipFile> zip;
     std::string zipPath;
+    std::shared_ptr<base::unique_fd> zipDir;  // when set, the archive's directory, reached below its tree
     std::atomic<bool> done{false};
     std::mutex lock;
     std::condition_variable finished;
@@ -97,24 +98,36 @@ void BindToFirstCpus() {
     }
 }
 
+std::string FileNameOf(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
 void RunCompressJob(const std::shared_ptr<CompressJob>& job) {
     pthread_setname_np(pthread_self(), "CaptureLog_Comp");
     BindToFirstCpus();
     if (job->beforePack) job->beforePack();
     ALOGD("_compress fullPath %s", StringUtil::ForLog(job->zipPath).c_str());
     bool complete = false;
-    if (!job->zip->create(job->zipPath)) {
+    const bool inDir = job->zipDir != nullptr && job->zipDir->ok();
+    const int dirFd = inDir ? job->zipDir->get() : AT_FDCWD;
+    const std::string openName = inDir ? FileNameOf(job->zipPath) : job->zipPath;
+    if (!(inDir ? job->zip->create(dirFd, openName, job->zipPath) : job->zip->create(job->zipPath))) {
         __android_log_print(ANDROID_LOG_ERROR, kCompressTag, "[%s] Create new zip failed!!", "_compress");
     } else {
         complete = job->zip->close();
-        base::unique_fd fd(open(job->zipPath.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+        base::unique_fd fd(openat(dirFd, openName.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
         if (!fd.ok()) {
             __android_log_print(ANDROID_LOG_ERROR, kCompressTag,
                                 "[%s] failed to open file for fsync after compressing", "_compress");
         } else {
             fsync(fd.get());
         }
-        FileUtil::ChangeMode(job->zipPath, 0777);
+        if (inDir) {
+            fchmodat(dirFd, openName.c_str(), 0777, AT_SYMLINK_NOFOLLOW);
+        } else {
+            FileUtil::ChangeMode(job->zipPath, 0777);
+        }
     }
     if (job->afterPack) job->afterPack(complete);
     {
@@ -137,10 +150,6 @@ std::string WithoutTrailingSlash(std::string path) {
     return path;
 }
 
-std::string FileNameOf(const std::string& path) {
-    const size_t slash = path.find_last_of('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
 
 std::vector<std::string> Split(const std::string& text, char separator) {
     std::vector<std::string> fields;
@@ -154,23 +163,25 @@ std::vector<std::string> Split(const std::string& text, char separator) {
     return fields;
 }
 
-bool IsWritableDir(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access(path.c_str(), W_OK) == 0;
-}
-
 // Beside the capture, unless `where` names a writable directory with its
-// final slash on the partitions captures belong on.
-std::string ArchivePath(const std::string& path, const char* rawWhere) {
+// final slash on the partitions captures belong on. Such a `where` is the
+// client's: `whereFd` gets it as opened below its partition, and the archive
+// is written there through that descriptor alone.
+std::string ArchivePath(const std::string& path, const char* rawWhere, base::unique_fd* whereFd) {
     if (rawWhere != nullptr && rawWhere[0] != '\0') {
         const std::string resolved = CaptureFile::ResolveWhere(rawWhere);
-        if (resolved.empty()) {
+        std::string top;
+        base::unique_fd opened = resolved.empty() ? base::unique_fd() : CaptureFile::OpenWhere(resolved, &top);
+        if (!opened.ok()) {
             ALOGE("archive of %s goes beside it: %s is not a directory on the data, rescue or cache partition",
-                  StringUtil::ForLog(path).c_str(), velmar::kolto::StringUtil::ForLog(rawWhere).c_str());
+                  StringUtil::ForLog(path).c_str(), StringUtil::ForLog(rawWhere).c_str());
             return path + ".zip";
         }
         const std::string where = paths::Get(resolved);
-        if (where.back() == '/' && IsWritableDir(where)) return where + FileNameOf(path) + ".zip";
+        if (where.back() == '/' && faccessat(opened.get(), ".", W_OK, 0) == 0) {
+            *whereFd = std::move(opened);
+            return where + FileNameOf(path) + ".zip";
+        }
     }
     return path + ".zip";
 }
@@ -340,7 +351,7 @@ void CapturePackager::OpenUp(int fd, const std::string& path, int* count) {
 }
 
 int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
-                                         int timeoutSeconds, std::function<void(bool)> afterPack) {
+                                         int timeoutSeconds, std::function<void(bool)> afterPack, int zipDirFd) {
     std::vector<std::string> packing;
     if (files != nullptr) {
         for (const String16& file : *files) packing.push_back(paths::Get(String8(file)));
@@ -361,6 +372,8 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
     job->zip->ConfineBelow(WithoutTrailingSlash(paths::Get(paths::kDataMountPoint)));
     job->zipPath = zipPath;
     job->afterPack = std::move(afterPack);
+    // The worker may outlive this call: it keeps a descriptor of its own.
+    if (zipDirFd >= 0) job->zipDir = std::make_shared<base::unique_fd>(fcntl(zipDirFd, F_DUPFD_CLOEXEC, 0));
     {
         std::lock_guard<std::mutex> guard(HooksLock());
         job->beforePack = BeforePackStore();
@@ -389,7 +402,8 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
 int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<String16>* files, int timeoutSeconds,
                               bool isRecordInLocal, std::function<void(bool)> afterPack) {
     const std::string path = paths::Get(rawPath);
-    std::string zipPath = ArchivePath(path, rawWhere);
+    base::unique_fd whereFd;
+    std::string zipPath = ArchivePath(path, rawWhere, &whereFd);
 
     int timeout = timeoutSeconds;
     bool hasGbg = false;
@@ -415,8 +429,8 @@ int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<
         observer = CompressObserverStore();
     }
     if (observer) observer(timeout);
-    RemoveLinkAt(zipPath);
-    const int result = CompressWithTimeout(zipPath, path, &accepted, timeout, std::move(afterPack));
+    if (!whereFd.ok()) RemoveLinkAt(zipPath);  // the writer replaces one in `where` itself
+    const int result = CompressWithTimeout(zipPath, path, &accepted, timeout, std::move(afterPack), whereFd.get());
 
     if (hasGbg) {
         // -T: a link to a directory planted at the new name is replaced,

@@ -23,9 +23,11 @@ public:
     static int Compress(const char* path, const char* where, Vector<String16>* files, int timeoutSeconds,
                         bool isRecordInLocal, std::function<void(bool complete)> afterPack = nullptr);
     // Starts the worker on `zipPath` and waits for it up to the time-out.
-    // Paths are file-system paths.
+    // Paths are file-system paths. With `zipDirFd`, the archive is made in
+    // that open directory under `zipPath`'s last name, never by its path.
     static int CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
-                                   int timeoutSeconds, std::function<void(bool complete)> afterPack = nullptr);
+                                   int timeoutSeconds, std::function<void(bool complete)> afterPack = nullptr,
+                                   int zipDirFd = -1);
     // True when the client's attachment `raw` lies below the data partition
     // with no link on its way (or is missing); `file` gets it with "." and
     // ".." taken by name, `fd` (when given) what was opened. Else false with

@@ -87,6 +87,18 @@ TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
     EXPECT_TRUE(Exists(Path("/data/dorva/ne/online/cap.zip")));
     EXPECT_EQ(RunShell("ls -A '" + Path("/etc") + "'"), "");
 
+    // A `where` swapped for a link while the archive is packed: the archive
+    // still goes into the directory that was checked, not where the link leads.
+    tarnis_test::TempDir outside;
+    CaptureLogUtil::SetCompressHooksForTesting(nullptr, [&] {
+        rename(Path("/data/x").c_str(), Path("/data/x.moved").c_str());
+        symlink(outside.path().c_str(), Path("/data/x").c_str());
+    });
+    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x/", &files, 5, false), 0);
+    CaptureLogUtil::SetCompressHooksForTesting(nullptr, nullptr);
+    EXPECT_EQ(RunShell("ls -A '" + outside.path() + "'"), "");
+    EXPECT_EQ(Entries(Path("/data/x.moved/cap.zip")), "anr/trace_1\ncap\n");
+
     // Outside the online directories the capture keeps its parent as well.
     Make("/data/other/cap2");
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, nullptr, 5, false), 0);
