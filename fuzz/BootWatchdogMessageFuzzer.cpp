@@ -5,7 +5,8 @@
 // payload is taken out and read as a boot message. Nothing may crash or read
 // past the buffer. A payload is taken only when the header's length leaves 1
 // to 1024 bytes of it, and then exactly those bytes, terminated; a boot
-// time-out read from it reads the same when written back.
+// message is read as a time-out exactly when it is one, with its event code;
+// and a time-out read from it reads the same when written back.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +25,38 @@ namespace {
 using Report = velmar::tarnis::BootFailReport;
 
 constexpr size_t kHeaderBytes = Report::kMessageBytes - Report::kPayloadBytes;
+
+const char* SkipSpace(const char* p) {
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+    return p;
+}
+
+// A signed decimal number as a conversion of scanf reads it: blanks, a sign,
+// at least one digit.
+const char* Number(const char* p) {
+    p = SkipSpace(p);
+    if (*p == '+' || *p == '-') ++p;
+    if (*p < '0' || *p > '9') return nullptr;
+    while (*p >= '0' && *p <= '9') ++p;
+    return p;
+}
+
+// Whether `text` holds a whole time-out: "boot-timeout[", a number, "],",
+// any blanks (the pattern's blank), "time[", a number. Written apart from
+// the listener's own reading, so that a message it drops is seen.
+bool WellFormed(const char* text, long* event) {
+    static constexpr char kStart[] = "boot-timeout[";
+    if (strncmp(text, kStart, sizeof(kStart) - 1) != 0) return false;
+    const char* p = text + sizeof(kStart) - 1;
+    const char* end = Number(p);
+    if (end == nullptr) return false;
+    // strtol gives the same value, overflow included, as the conversion does.
+    *event = strtol(p, nullptr, 10);
+    if (end[0] != ']' || end[1] != ',') return false;
+    p = SkipSpace(end + 2);
+    if (strncmp(p, "time[", 5) != 0) return false;
+    return Number(p + 5) != nullptr;
+}
 
 }  // namespace
 
@@ -64,6 +97,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int bootIndex = 0;
     const Report::BootMessage kind = Report::ParseBootMessage(text.get(), &event, &bootIndex);
     if ((kind == Report::BootMessage::kNotBoot) != (strncmp(text.get(), "boot", 4) != 0)) abort();
+    long expected = 0;
+    if ((kind == Report::BootMessage::kTimeout) != WellFormed(text.get(), &expected)) abort();
+    if (kind == Report::BootMessage::kTimeout && event != expected) abort();
     if (kind != Report::BootMessage::kTimeout) return 0;
     if (strncmp(text.get(), "boot-timeout[", 13) != 0) abort();
     char again[64];

@@ -44,6 +44,36 @@ bool Fits(const Json::Value& value, uint64_t max) {
     }
 }
 
+// Whether the reader must take `json` as a record: every member it knows is
+// of a kind that member takes, children included. Unknown members do not count.
+bool Acceptable(const Json::Value& json) {
+    if (json.isNull()) return true;
+    if (!json.isObject()) return false;
+    for (const char* key : {"folderName", "folderPath"}) {
+        if (!json.isMember(key)) continue;
+        // Text as it is; an object or a number as its JSON text; null as empty.
+        const Json::ValueType type = json[key].type();
+        if (type == Json::booleanValue || type == Json::arrayValue) return false;
+    }
+    for (const char* key : {"compress", "delayCompress", "pushEventOnly", "watchSSRRamdumpHack", "inVendor"}) {
+        if (json.isMember(key) && !json[key].isBool()) return false;
+    }
+    for (const char* key : {"maxSize", "reuseMaxSize"}) {
+        if (json.isMember(key) && !Fits(json[key], std::numeric_limits<uint64_t>::max())) return false;
+    }
+    for (const char* key : {"maxValidDay", "compressLatestAfterSec", "maxLogNumber"}) {
+        if (json.isMember(key) && !Fits(json[key], std::numeric_limits<uint32_t>::max())) return false;
+    }
+    if (json.isMember("children")) {
+        const Json::Value& children = json["children"];
+        if (!children.isArray()) return false;
+        for (const Json::Value& child : children) {
+            if (!Acceptable(child)) return false;
+        }
+    }
+    return true;
+}
+
 uint64_t Whole(const Json::Value& value) {
     if (value.type() == Json::realValue) return static_cast<uint64_t>(value.asDouble());
     return value.asLargestUInt();
@@ -154,6 +184,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         if (clean) {
             if (list.size() != root.size()) abort();
+            for (const Json::Value& element : root) {
+                if (!Acceptable(element)) abort();
+            }
             for (Json::ArrayIndex i = 0; i < root.size(); ++i) CheckRecord(list[i], root[i]);
         }
         // Each lookup walks the whole list; long lists only slow the search down.
@@ -161,7 +194,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
         // An appended array: every record up to the first that cannot be read.
         const std::vector<LogConfig> appended = LogManagerUtil::GenerateConfigList(root);
-        if (appended.size() > root.size()) abort();
+        Json::ArrayIndex readable = 0;
+        while (readable < root.size() && Acceptable(root[readable])) ++readable;
+        if (appended.size() != readable) abort();
         for (size_t i = 0; i < appended.size(); ++i) CheckRecord(appended[i], root[static_cast<Json::ArrayIndex>(i)]);
     }
 
@@ -171,7 +206,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::vector<std::string> names = LogConfig::MemberNames();
         std::string reason;
         Json::Value copy = root;
-        if (record.TARNIS_CONVER_JSON_TO_OBJECT(copy, names, &reason)) {
+        const bool read = record.TARNIS_CONVER_JSON_TO_OBJECT(copy, names, &reason);
+        if (read != Acceptable(root)) abort();
+        if (read) {
             if (!reason.empty()) abort();
             CheckRecord(record, root);
         } else if (reason.empty()) {
