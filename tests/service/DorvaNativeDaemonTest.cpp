@@ -30,6 +30,7 @@
 #include "platform/LogCapture.h"
 #include "platform/binder/ServiceManager.h"
 #include "service/DorvaNativeDaemon.h"
+#include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
 
 using android::DorvaNativeDaemon;
@@ -194,6 +195,7 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
     ASSERT_EQ(symlink(root_.Sub("outside").c_str(), root_.Sub("mnt/vendor/persist/stability/link").c_str()), 0);
     ASSERT_EQ(symlink(root_.path().c_str(), root_.Sub("mnt/vendor/persist/stability/up").c_str()), 0);
+    const tarnis_test::ProcessCounts before = tarnis_test::ProcessCounts::Of();
     for (const char* command : {"persist write /mnt/vendor/persist/stability/../../../../outside X",
                                 "persist write /mnt/vendor/persist/stability/link X",
                                 "persist write /mnt/vendor/persist/stability/up/outside X",
@@ -207,6 +209,9 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     }
     EXPECT_EQ(ReadFile(root_.Sub("outside")), "keep");
     EXPECT_FALSE(std::filesystem::exists(root_.Sub("made")));
+    // Refusals leave no descriptor or thread behind.
+    EXPECT_TRUE(tarnis_test::ProcessCounts::Await(before)) << before.ToString() << " then "
+                                                           << tarnis_test::ProcessCounts::Of().ToString();
 
     // Files without an end, or that never answer, cost a line and no thread.
     ASSERT_EQ(mkfifo(root_.Sub("mnt/vendor/persist/stability/fifo").c_str(), 0600), 0);
