@@ -15,9 +15,9 @@
 #include <cstring>
 #include <memory>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/BootMonitor/BootFailReport.h"
 
 namespace {
@@ -61,11 +61,7 @@ bool WellFormed(const char* text, long* event) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
 
     std::unique_ptr<char[]> message(new char[Report::kMessageBytes]());
     const uint32_t presetLength = Report::kMessageBytes;

@@ -12,9 +12,9 @@
 #include <memory>
 #include <string>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/CaptureServer/CaptureServerThread.h"
 
 namespace {
@@ -41,11 +41,7 @@ Status Parse(const uint8_t* data, size_t size, size_t* needed, std::string* requ
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
 
     size_t needed = 0;
     std::string request = "left over";

@@ -17,9 +17,9 @@
 #include <memory>
 #include <string>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
 
 namespace {
@@ -38,11 +38,7 @@ std::string CutLineEnds(std::string text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     const std::string input(reinterpret_cast<const char*>(data), size);
     size_t at = input.find('\n');
     std::string name = input.substr(0, at);

@@ -9,18 +9,14 @@
 #include <string>
 #include <vector>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/F2fsTrack/F2fsStatus.h"
 #include "modules/F2fsTrack/IoLatencyReport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     namespace f2fs = velmar::kolto::F2fsTrack;
     const std::string text(reinterpret_cast<const char*>(data), size);
 

@@ -4,17 +4,13 @@
 #include <cstdint>
 #include <string>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "framework/InternalBroadcastManager.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     std::string input(reinterpret_cast<const char*>(data), size);
     size_t newline = input.find('\n');
     std::string action = newline == std::string::npos ? input : input.substr(0, newline);

@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <string>
 
-#include <host/Host.h>
 #include <log/log.h>
 #include <utils/Unicode.h>
 
+#include "fuzz/QuietLog.h"
 #include "utils/JsonUtil.h"
 
 namespace {
@@ -59,11 +59,7 @@ bool NamesAreUtf8(const Json::Value& value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     using velmar::kolto::JsonUtil;
     const std::string text(reinterpret_cast<const char*>(data), size);
     Json::Value value;

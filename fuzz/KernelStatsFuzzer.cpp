@@ -7,18 +7,14 @@
 #include <string>
 #include <vector>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/KernelTrack/KernelStatsTrack.h"
 #include "modules/KernelTrack/KernelTrackUtils.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     using velmar::kolto::KernelTrack::KernelStatsTrack;
     using velmar::kolto::KernelTrack::KernelTrackUtils;
     const std::string text(reinterpret_cast<const char*>(data), size);

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/LogManager/LogConfig.h"
 #include "modules/LogManager/LogManagerUtil.h"
 
@@ -159,11 +159,7 @@ void CheckLookups(const std::vector<LogConfig>& list) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     const std::string text(reinterpret_cast<const char*>(data), size);
 
     // The file.

@@ -8,9 +8,9 @@
 
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
 #include <nuvi/dorva/BnDorvaNative.h>
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "platform/binder/Parcel.h"
 
 namespace {
@@ -89,11 +89,7 @@ public:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     if (size == 0) return 0;
     const uint8_t selector = data[0];
     std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include <host/Host.h>
 #include <log/log.h>
 
+#include "fuzz/QuietLog.h"
 #include "modules/OTAMonitor/OTAMonitor.h"
 
 namespace {
@@ -71,11 +71,7 @@ void CheckPackageName(const char* line) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = [] {
-        platform::SetStderrLogLevel(ANDROID_LOG_SILENT);
-        return true;
-    }();
-    (void)quiet;
+    QuietLogOnce();
     if (size == 0) return 0;  // a stream over nothing cannot be opened
     const std::vector<std::string> pieces = Pieces(data, size);
     static const char* const kKeywords[] = {"Update Boot Timestamp Start", "initial url:", "Updated Marker",
