@@ -166,13 +166,15 @@ bool KernelTrackUtils::reportKernelStatsEvent(const std::string& path, const std
         ALOGE("[%s] Empty JSON value received, no report", __func__);
         return false;
     }
-    std::string data = JsonUtil::ConvertJsonToString(event);
-    while (!data.empty() && data.back() == '\n') data.pop_back();
+    // The compact writer's text as it is, its closing newline included: the
+    // analytics backend reads the same bytes from every reporter.
+    const std::string data = JsonUtil::ConvertJsonToString(event);
     if (data.empty()) {
         ALOGE("[%s] Empty JSON string received, no report", __func__);
         return false;
     }
     if (android::DorvaServiceManager::getInstance().reportTrelvoEvent(kTrelvoAppId, kTrelvoSource, data, 0) != 0) {
+        ALOGE("[%s] Failed to connect Trelvo Binder!!", "trelvoReport");
         ALOGE("[%s] Failed to report event %s, which kernel info from %s", __func__, eventName.c_str(),
               Shown(path).c_str());
         return false;

@@ -35,6 +35,7 @@
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
+#include "utils/JsonUtil.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
@@ -152,15 +153,9 @@ unique_fd OpenLogDir(const std::string& devicePath, std::string* why) {
     return ConfinedPath::Open(devicePath, tree, O_RDONLY | O_DIRECTORY, 0, why);
 }
 
-std::string CompactJson(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
 void ReportTrelvo(const char* op, const Json::Value& payload) {
     if (android::DorvaServiceManager::getInstance().reportTrelvoEvent(kTrelvoAppId, kTrelvoSource,
-                                                                      CompactJson(payload), 0) != 0) {
+                                                                      JsonUtil::ConvertJsonToString(payload), 0) != 0) {
         ALOGE("[%s] Failed to connect Trelvo Binder!!", op);
     }
 }

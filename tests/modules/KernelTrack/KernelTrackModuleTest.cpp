@@ -75,6 +75,7 @@ protected:
             Json::Value payload;
             Json::Reader reader;
             EXPECT_TRUE(reader.parse(call["args"][2].asString(), payload)) << call["args"][2].asString();
+            EXPECT_EQ(call["args"][2].asString().back(), '\n');  // the compact writer's text, whole
             events.push_back(payload);
         }
         return events;
@@ -180,6 +181,7 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     Dump({"KernelTrack"});
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
+    EXPECT_TRUE(log_.HasLine(Line("trelvoReport", "Failed to connect Trelvo Binder!!"), kStatsTag));
     EXPECT_TRUE(log_.HasLine(Line("reportKernelStatsEvent", "Failed to report event sched_lat_info, which kernel "
                                                             "info from " + Device(paths::kSchedLatInfo)),
                              kStatsTag));

@@ -147,6 +147,8 @@ protected:
             const Json::Value& args = event["args"];
             EXPECT_EQ(args[0].asString(), "52000178316");
             EXPECT_EQ(args[1].asString(), "Tarnis.LogManager");
+            // The compact writer's text, closing newline and all.
+            EXPECT_EQ(args[2].asString().back(), '\n') << args[2].asString();
             Json::Value payload;
             Json::CharReaderBuilder builder;
             std::string errors;
