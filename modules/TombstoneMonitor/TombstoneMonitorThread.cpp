@@ -100,7 +100,8 @@ unique_fd TombstoneMonitorThread::WaitOutputDir(const std::string& dir) {
         fd = kolto::ConfinedPath::Open(dir, kDirTree, O_RDONLY | O_DIRECTORY, 0, nullptr);
         error = errno;
         if (fd.ok()) break;
-        if (i + 1 < kOutDirChecks && !stop_.Sleep(kOutDirCheckMs)) return {};
+        // A second after every failed check, the last one included.
+        if (!stop_.Sleep(kOutDirCheckMs)) return {};
     }
     if (!fd.ok()) {
         ALOGE("wait %s timeout, so exit: %s", Shown(paths::Get(dir)).c_str(), strerror(error));

@@ -190,8 +190,8 @@ TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNev
     LoadModules();
     const std::string line = "wait " + out_ + " timeout, so exit: No such file or directory";
     const int64_t waited = AdvanceUntil([&] { return log_.HasLine(line, kTag, ANDROID_LOG_ERROR); });
-    // 62 checks, a second apart.
-    EXPECT_GE(waited, 61 * 1000);
+    // 62 checks, each failed one followed by a second's sleep.
+    EXPECT_GE(waited, 62 * 1000);
     EXPECT_LE(waited, 63 * 1000);
     ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
     const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
