@@ -148,8 +148,12 @@ void ReportErofs(const std::string& partition) {
     const std::string path = paths::Get(paths::kErofsSysDir) + device + "/iostat_daily_latency";
     Json::Value event = StartEvent();
     IoLatencyData::FsLatencyRW data;
+    // A source without its statistics file sends nothing.
+    bool opened = false;
+    const std::vector<std::string> lines = read_and_process_file(path, &opened);
+    if (!opened) return;
     // A read-only partition has the read direction only.
-    ParseLines(read_and_process_file(path), data);
+    ParseLines(lines, data);
     reportSizeBuckets(event, "r", data.read.normal, false);
     reportSizeBuckets(event, "ab_r", data.read.abnormal, true);
     reportTimeRangeBuckets(event, "delay_r", data.read.delay);
@@ -169,7 +173,9 @@ void ReportF2fs() {
     const std::string path = paths::Get(paths::kF2fsSysDir) + device + "/iostat_daily_latency";
     Json::Value event = StartEvent();
     std::string text;
-    for (const std::string& line : read_and_process_file(path)) text += line + "\n";
+    bool opened = false;
+    for (const std::string& line : read_and_process_file(path, &opened)) text += line + "\n";
+    if (!opened) return;  // a source without its statistics file sends nothing
     IoLatencyData::FsLatencyRW data;
     parseRwData(text, data);
     reportRwToJson(event, data);
@@ -222,9 +228,11 @@ void ReportUfs() {
 
 }  // namespace
 
-std::vector<std::string> read_and_process_file(const std::string& path) {
+std::vector<std::string> read_and_process_file(const std::string& path, bool* opened) {
     std::string text;
-    if (!android::base::ReadFileToString(path, &text)) {
+    const bool read = android::base::ReadFileToString(path, &text);
+    if (opened != nullptr) *opened = read;
+    if (!read) {
         ALOGE("Failed to open file: %s, error: %s", path.c_str(), strerror(errno));
         return {};
     }

@@ -25,8 +25,9 @@ namespace F2fsTrack {
 // The read-only partitions looked at, in report order.
 extern const std::vector<std::string> kErofsPartitions;
 
-// The file's lines; none (and a log line) when it cannot be opened.
-std::vector<std::string> read_and_process_file(const std::string& path);
+// The file's lines; none (and a log line) when it cannot be opened, which
+// `opened`, when given, tells apart from an empty file.
+std::vector<std::string> read_and_process_file(const std::string& path, bool* opened = nullptr);
 // Fills both directions from a statistics text; rows before any "[READ]"
 // or "[WRITE]" line belong to the read direction.
 void parseRwData(const std::string& text, IoLatencyData::FsLatencyRW& out);

@@ -354,6 +354,14 @@ TEST_F(IoLatencyTest, SourcesThatCannotBeUsedAreSkipped) {
     f2fs::doTrack();
     EXPECT_TRUE(log_.HasLine("Selected device is empty", kTag, ANDROID_LOG_WARN));
     EXPECT_EQ(ByName().count("ufs_io_latency"), 0u);
+    // A device whose statistics file is missing: logged, and no empty event.
+    ASSERT_TRUE(SetProperty("dev.mnt.dev.odm", "dm-9"));
+    ASSERT_TRUE(SetProperty("dev.mnt.dev.data", "sdz1"));
+    f2fs::doTrack();
+    EXPECT_TRUE(log_.Contains("Failed to open file: " + Device("/sys/fs/erofs/dm-9/iostat_daily_latency"), kTag));
+    EXPECT_TRUE(log_.Contains("Failed to open file: " + Device("/sys/fs/f2fs/sdz1/iostat_daily_latency"), kTag));
+    EXPECT_EQ(ByName().count("odm_io_latency"), 0u);
+    EXPECT_EQ(ByName().count("f2fs_io_latency"), 0u);
 }
 
 TEST_F(IoLatencyTest, ALinkedHostDirectoryIsNotFollowed) {
