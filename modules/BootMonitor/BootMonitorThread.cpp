@@ -77,8 +77,10 @@ void RemoveMarker(const std::string& path, bool withReason) {
 }
 
 // Removes the boot count file; `why` names the step in the error line.
+// A count file that is not there fails to go as well, and says so: the
+// first boot after a wipe shows up in the log.
 void RemoveBootCount(const std::string& path, const char* why) {
-    if (unlink(path.c_str()) == 0 || errno == ENOENT) return;
+    if (unlink(path.c_str()) == 0) return;
     ALOGE("remove path %s failed! info: %s (%s)\n", path.c_str(), strerror(errno), why);
 }
 

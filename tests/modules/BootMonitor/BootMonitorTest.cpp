@@ -156,6 +156,8 @@ TEST_F(BootMonitorTest, FirstUnfinishedBootCapturesEveryFiveMinutesThenReboots) 
     EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(10));
 
     EXPECT_TRUE(log_.HasLine("Faile to read file: " + count_ + ", No such file or directory", kBm, kW));
+    EXPECT_TRUE(log_.HasLine("remove path " + count_ + " failed! info: No such file or directory (resetBootCount)\n",
+                             kBm, ANDROID_LOG_ERROR));
     EXPECT_EQ(ReadFile(count_), "1");
     // A pass's seconds are taken before its 10 s wait, the capture's time after it.
     const std::vector<std::string> expected = {
