@@ -404,7 +404,8 @@ bool LogManager::initConfig() {
     if (!vendorReady_) ALOGW("[%s] Vendor maybe not ready while init config", "initConfig");
     Intent changed(kActionConfigChanged);
     changed.putExtra("config", json);
-    InternalBroadcastManager::sendBroadcast(changed, false);
+    // Across to the peer as well: other processes learn the configuration.
+    InternalBroadcastManager::sendBroadcast(changed, true);
     return true;
 }
 

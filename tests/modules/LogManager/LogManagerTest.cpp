@@ -17,8 +17,11 @@
 
 #include <gtest/gtest.h>
 
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
+#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
 #include <android-base/file.h>
 #include <android-base/properties.h>
+#include <android/binder_manager.h>
 #include <log/log.h>
 
 #include "framework/BroadcastReceiver.h"
@@ -27,7 +30,9 @@
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
+#include "framework/TarnisUtil.h"
 #include "modules/LogManager/LogManager.h"
+#include "platform/binder/ServiceManager.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/WaitFor.h"
 #include "utils/FileUtil.h"
@@ -579,10 +584,40 @@ TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
     ConfigChangedReceiver changed;
     velmar::kolto::InternalBroadcastManager::registerReceiver(
         &changed, velmar::kolto::IntentFilter({"velmar.tarnis.logmgr.config_changed"}));
+    // This end holds the system internal service, so the vendor peer hears
+    // the announcement too.
+    struct Peer : aidl::vendor::velmar::hardware::kolto::common::BnTarnisIntl {
+        std::mutex lock;
+        std::vector<std::pair<std::string, std::string>> got;
+        ndk::ScopedAStatus transferMessage(const std::string& action, const std::string& json) override {
+            std::lock_guard<std::mutex> guard(lock);
+            got.emplace_back(action, json);
+            return ndk::ScopedAStatus::ok();
+        }
+    };
+    struct Internal : aidl::velmar::system::tarnis::common::BnTarnisSsiIntl {
+        ndk::ScopedAStatus transferMessage(const std::string&, const std::string&) override {
+            return ndk::ScopedAStatus::ok();
+        }
+    };
+    auto peer = ndk::SharedRefBase::make<Peer>();
+    const std::string peerName = std::string(Peer::descriptor) + "/default";
+    ASSERT_EQ(AServiceManager_addService(peer->asBinder().get(), peerName.c_str()), STATUS_OK);
+    velmar::kolto::TarnisUtil::SetTarnisSsiIntl(ndk::SharedRefBase::make<Internal>());
     Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
     EXPECT_TRUE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
     ASSERT_EQ(changed.Count(), 1);
     EXPECT_EQ(changed.Last()[0]["folderName"].asString(), "demo_first");
+    {
+        std::lock_guard<std::mutex> guard(peer->lock);
+        EXPECT_EQ(peer->got.size(), 1u);
+        for (const auto& [action, json] : peer->got) {
+            EXPECT_EQ(action, "velmar.tarnis.logmgr.config_changed");
+            EXPECT_NE(json.find("demo_first"), std::string::npos) << json;
+        }
+    }
+    velmar::kolto::TarnisUtil::SetTarnisSsiIntl(nullptr);
+    android::ServiceManager::instance().removeService(peerName);
 
     Write(Device("/system_ext/etc/tarnsys/log_config.json"),
           "[" + Record("demo_first", "\"maxLogNumber\":1") + "," + Record("demo_second", "\"maxLogNumber\":1") + "]");
