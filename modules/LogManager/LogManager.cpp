@@ -389,8 +389,11 @@ bool LogManager::initConfig() {
     std::vector<LogConfig> list;
     Json::Value json;
     std::string why;
-    const bool clean = LogManagerUtil::ReadConfigFile(file, &list, &json, &why);
-    if (!json.isArray()) {
+    const bool clean =
+        LogManagerUtil::ParseConfigText(text, "log configuration " + Esc(file), &list, &json, &why);
+    // Text that is no JSON document stops here; a document that is not an
+    // array of records is an empty list, announced like any other.
+    if (json.isNull()) {
         if (!why.empty()) ALOGE("[%s] %s", "initConfig", why.c_str());
         ALOGE("[%s] Config is invalid!!", "initConfig");
         return false;

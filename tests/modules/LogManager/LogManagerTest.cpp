@@ -580,6 +580,19 @@ private:
     mutable int count_ = 0;
 };
 
+TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
+    ConfigChangedReceiver changed;
+    velmar::kolto::InternalBroadcastManager::registerReceiver(
+        &changed, velmar::kolto::IntentFilter({"velmar.tarnis.logmgr.config_changed"}));
+    Start("{\"folderName\": \"demo_object\"}");
+    Settle();
+    EXPECT_FALSE(log_.HasLine("[initConfig] Config is invalid!!", kTag, ANDROID_LOG_ERROR));
+    EXPECT_EQ(changed.Count(), 1);
+    EXPECT_TRUE(changed.Last().isObject());
+    EXPECT_EQ(Dump({"LogManager"}).find("not running"), std::string::npos);
+    velmar::kolto::InternalBroadcastManager::unregisterReceiver(&changed);
+}
+
 TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
     ConfigChangedReceiver changed;
     velmar::kolto::InternalBroadcastManager::registerReceiver(
