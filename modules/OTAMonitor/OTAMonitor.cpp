@@ -257,14 +257,8 @@ void save_update_metrics_to_black_box_on_start() {
     if (check_black_box_ota_record_zone() != 0) return;
     bb::OtaRecordZone& zone = ota_record_zone();
     const uint32_t i = zone.nextIndex;
-    // The slot may hold an older update's record: none of its fields may be
-    // left to pass for this update's.
-    SetField(zone.packageName[i], "");
-    SetField(zone.tgtBuild[i], "");
-    SetField(zone.tgtSlot[i], "");
-    SetField(zone.startTime[i], "");
-    SetField(zone.endTime[i], "");
-    SetField(zone.mergedTime[i], "");
+    // Only what is known at the start; a reused slot's other fields keep the
+    // older update's values until this one completes and replaces them all.
     zone.isDebuggable[i] = static_cast<uint8_t>(atoi(GetProperty("ro.debuggable", "0").c_str()));
     SetField(zone.srcSlot[i], GetProperty(kSlotProperty, ""));
     SetField(zone.srcBuild[i], GetProperty(kBuildProperty, ""));

@@ -103,6 +103,11 @@ TEST_F(OTAMonitorModuleTest, ElevenUpdatesOnAFreshV3PartitionWrapIntoSlotZero) {
 
     for (int n = 1; n <= 11; ++n) {
         if (n > 1) Report("ota_start", "ota_complete", n);
+        // The start of the eleventh update reuses slot 0 and writes only its
+        // own three fields there.
+        if (n == 11) {
+            EXPECT_STREQ(Zone().packageName[0], "ota-1.zip");
+        }
         WriteUpdateLogs(n);
         Report("ota_complete", "ota_start", n + 1);
     }
