@@ -674,7 +674,8 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
     const uint64_t limit = config.maxSize << 10;
 
     if (config.pushEventOnly) {
-        if (config.maxSize != 0 && total > limit) {
+        // A limit of 0 is one every directory with anything in it exceeds.
+        if (total > limit) {
             Json::Value event(Json::objectValue);
             event["EVENT_NAME"] = kAlarmEventName;
             event["dirSize"] = static_cast<Json::UInt64>(total);

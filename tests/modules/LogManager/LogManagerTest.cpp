@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -337,13 +338,18 @@ TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
 TEST_F(LogManagerTest, PushEventOnlyReportsOverSizeAndDeletesNothing) {
     Write(Staged("demo_push/a.log"), std::string(3000, 'a'));
     Write(Staged("demo_push/b.log"), std::string(3000, 'b'));
-    Start("[" + Record("demo_push", "\"pushEventOnly\":true,\"maxSize\":4,\"maxLogNumber\":1") + "]");
+    // A limit of 0 is exceeded by any directory that is not empty.
+    Write(Staged("demo_push0/c.log"), "c");
+    Start("[" + Record("demo_push", "\"pushEventOnly\":true,\"maxSize\":4,\"maxLogNumber\":1") + "," +
+          Record("demo_push0", "\"pushEventOnly\":true,\"maxSize\":0") + "]");
     EXPECT_EQ(List(Bsp("demo_push")).size(), 2u);
-    const std::vector<Json::Value> reports = Reports();
-    ASSERT_EQ(reports.size(), 1u);
-    EXPECT_EQ(reports[0]["EVENT_NAME"].asString(), "logMonitor");
-    EXPECT_EQ(reports[0]["dirSize"].asUInt64(), 6000u);
-    EXPECT_EQ(reports[0]["folderPath"].asString(), std::string(kBsp) + "/demo_push");
+    std::map<std::string, Json::Value> reports;
+    for (const Json::Value& report : Reports()) reports[report["folderPath"].asString()] = report;
+    ASSERT_EQ(reports.size(), 2u);
+    const Json::Value& push = reports[std::string(kBsp) + "/demo_push"];
+    EXPECT_EQ(push["EVENT_NAME"].asString(), "logMonitor");
+    EXPECT_EQ(push["dirSize"].asUInt64(), 6000u);
+    EXPECT_EQ(reports[std::string(kBsp) + "/demo_push0"]["dirSize"].asUInt64(), 1u);
 }
 
 TEST_F(LogManagerTest, ARecordWithChildrenIsCleanedOnlyThroughThem) {
