@@ -878,7 +878,7 @@ void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, ui
     event.reuseMoveSize = moved;
     Json::Value json;
     event.ToJson(json);
-    ReportTrelvo("CheckAndClean", json);
+    ReportTrelvo("reportLogMgrEvent", json);
 }
 
 bool LogManager::DeleteFileUpdateDirConfig(int dirFd, const std::string& devicePath, uint64_t* total,
@@ -938,7 +938,9 @@ void LogManager::updatePathSizeMap(const std::string& devicePath, const LogConfi
     std::vector<std::string> names;
     std::string why;
     const unique_fd dirFd = OpenLogDir(devicePath, &why);
-    const ScanResult scan = ScanDirectory(dirFd.get(), config, names, "updatePathSizeMap", "", ANDROID_LOG_WARN);
+    // Measured as getDirTotalSize measures: its lines, prefix and levels.
+    const ScanResult scan =
+        ScanDirectory(dirFd.get(), config, names, "getDirTotalSize", "CheckAndClean: ", ANDROID_LOG_INFO);
     if (!scan.opened) {
         ALOGE("[%s] can not open dir %s", "updatePathSizeMap", Esc(devicePath).c_str());
         return;

@@ -23,6 +23,7 @@
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android/binder_manager.h>
+#include <dorva/DorvaServiceManager.h>
 #include <log/log.h>
 
 #include "framework/BroadcastReceiver.h"
@@ -237,6 +238,13 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
     EXPECT_FALSE(reports[0]["reuseOpen"].asBool());
     EXPECT_EQ(reports[0]["reuseClearSize"].asInt64(), 0);
     EXPECT_EQ(reports[0]["reuseMoveSize"].asInt64(), 0);
+
+    // A report the service refuses is logged under the reporting operation.
+    android::DorvaServiceManager::getInstance().setResultForTesting(1);
+    Write(Bsp("demo_size/2025-11-23_10-00-09"), std::string(8192, 'x'));
+    WaitChecks("demo_size", 1);
+    android::DorvaServiceManager::getInstance().setResultForTesting(0);
+    EXPECT_TRUE(log_.HasLine("[reportLogMgrEvent] Failed to connect Trelvo Binder!!", kTag, ANDROID_LOG_ERROR));
 }
 
 TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) {
@@ -416,6 +424,10 @@ TEST_F(LogManagerTest, LinksOutOfTheTreeAreNeitherFollowedNorPacked) {
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Only directory with date named is allowed, but unknown file "
                              "2025-06-01_link was detected!!",
                              kTag, ANDROID_LOG_WARN));
+    // The size map measures as getDirTotalSize does: prefixed, at info level.
+    EXPECT_TRUE(log_.HasLine("[getDirTotalSize] CheckAndClean: Only directory with date named is allowed, but "
+                             "unknown file 2025-06-01_link was detected!!",
+                             kTag, ANDROID_LOG_INFO));
 }
 
 TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
