@@ -240,11 +240,13 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
     EXPECT_EQ(reports[0]["reuseMoveSize"].asInt64(), 0);
 
     // A report the service refuses is logged under the reporting operation.
+    const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     Write(Bsp("demo_size/2025-11-23_10-00-09"), std::string(8192, 'x'));
-    WaitChecks("demo_size", 1);
+    tarnis_test::WaitFor([&] { return log_.HasLine(refused, kTag, ANDROID_LOG_ERROR); });
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
-    EXPECT_TRUE(log_.HasLine("[reportLogMgrEvent] Failed to connect Trelvo Binder!!", kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine(refused, kTag, ANDROID_LOG_ERROR));
+    Settle();
 }
 
 TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) {
