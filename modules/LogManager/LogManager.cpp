@@ -224,13 +224,10 @@ bool CompareTimeStrExpired(const std::string& name, uint32_t maxValidDay, int64_
     }
     std::string date = name.substr(start, end - start);
     ALOGD("[%s] %s find date: %s in file name", "matchedDate", Esc(name).c_str(), Esc(date).c_str());
-    // The date and the time may be joined by '-': strptime wants the '_'.
-    size_t dashes = 0;
-    for (char& c : date) {
-        if ((c == '-' || c == '_') && ++dashes == 3) c = '_';
-    }
+    // Read as the format reads it: where it stops (a '-' between the date and
+    // the time, say), the fields it did not reach stay 0 and the rest counts.
     struct tm tm {};
-    if (strptime(date.c_str(), "%Y-%m-%d_%H-%M-%S", &tm) == nullptr) return false;
+    (void)strptime(date.c_str(), "%Y-%m-%d_%H-%M-%S", &tm);
     tm.tm_isdst = -1;
     const int64_t folderTime = static_cast<int64_t>(mktime(&tm));
     const int64_t expiredTime = (nowMs - static_cast<int64_t>(maxValidDay) * kDayMs) / 1000;

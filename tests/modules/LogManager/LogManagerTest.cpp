@@ -263,9 +263,12 @@ TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) 
 
     // Without the undated entry, and ten days later, the dated ones age out.
     ASSERT_EQ(unlink(Bsp("demo_age/2025-11-05_undated").c_str()), 0);
+    // Joined by '-', the time is not read: this one counts from midnight and
+    // is past the limit by minutes that its time of day would have hidden.
+    Write(Bsp("demo_age/2026-01-01-00-05-00"), "x");
     clock_.SetWallMs(clock_.WallNowMs() + 10 * kDayMs);
     Write(Bsp("demo_age/2026-01-10_00-00-00"), "x");
-    WaitChecks("demo_age", 1);
+    WaitChecks("demo_age", 2);
     EXPECT_EQ(List(Bsp("demo_age")), (std::vector<std::string>{"2026-01-10_00-00-00"}));
 }
 
