@@ -803,24 +803,11 @@ void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const
                 std::lock_guard<std::mutex> guard(handlerLock_);
                 if (handler_) handler_->removeMessage(pendingCompressMsg_, false);
             }
-            if (!pendingCompressPath_.empty()) {
-                const std::string previous = pendingCompressPath_;
-                pendingCompressPath_.clear();
-                pendingCompressMsg_ = TarnisMessageRef();
-                CompressEntry(previous);
-            }
+            // The pending task itself runs now, taken out of the queue.
+            if (!pendingCompressPath_.empty()) RunDelayedCompress(pendingCompressPath_);
             pendingCompressPath_ = fullPath;
-            pendingCompressMsg_ = PostDelayed(
-                [this, fullPath] {
-                    ALOGI("[%s] delayed compress task running for %s", "operator()",
-                          Esc(paths::Get(fullPath)).c_str());
-                    if (pendingCompressPath_ == fullPath) {
-                        pendingCompressPath_.clear();
-                        pendingCompressMsg_ = TarnisMessageRef();
-                    }
-                    CompressEntry(fullPath);
-                },
-                static_cast<long>(config.compressLatestAfterSec) * 1000);
+            pendingCompressMsg_ = PostDelayed([this, fullPath] { RunDelayedCompress(fullPath); },
+                                              static_cast<long>(config.compressLatestAfterSec) * 1000);
             ALOGI("[%s] Scheduled delayed compress task for %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
             continue;
         }
@@ -946,6 +933,15 @@ void LogManager::updatePathSizeMap(const std::string& devicePath, const LogConfi
           static_cast<size_t>(scan.total));
     std::lock_guard<std::mutex> guard(stateLock_);
     pathSizeMap_[devicePath] = scan.total;
+}
+
+void LogManager::RunDelayedCompress(std::string devicePath) {
+    ALOGI("[%s] delayed compress task running for %s", "operator()", Esc(paths::Get(devicePath)).c_str());
+    if (pendingCompressPath_ == devicePath) {
+        pendingCompressPath_.clear();
+        pendingCompressMsg_ = TarnisMessageRef();
+    }
+    CompressEntry(devicePath);
 }
 
 bool LogManager::Compress(const std::string& hostPath) {

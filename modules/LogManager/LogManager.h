@@ -83,6 +83,9 @@ private:
     // Opens the entry's directory below its root again: for a compression
     // that runs later than the check that chose it.
     bool CompressEntry(const std::string& deviceFullPath);
+    // The delayed compression of an entry, when its time comes or when a
+    // newer entry brings it forward (by value: the pending path is cleared).
+    void RunDelayedCompress(std::string deviceFullPath);
     void ReportSizeCleaning(const std::string& devicePath, int dirFd, uint64_t before, bool reuseOpen,
                             int64_t cleared, int64_t moved);
     bool IsReuseOpen(const char* op);

@@ -340,6 +340,7 @@ TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
     ASSERT_EQ(mkdir(entry(3).c_str(), 0755), 0);
     WaitChecks("demo_delay", 3);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Last delay compress is not trigger, trigger it directly", kTag));
+    EXPECT_TRUE(log_.HasLine("[operator()] delayed compress task running for " + entry(2), kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(Exists(entry(2) + ".zip"));
     EXPECT_FALSE(Exists(entry(2)));
     EXPECT_TRUE(Exists(entry(3)));
