@@ -9,7 +9,8 @@ namespace velmar {
 namespace kolto {
 
 // Enters a module into the module list at static-initialisation time. Each
-// module declares its own registration class (named <X>ModuleRegister) with
+// module declares its own registration class (named <X>ModuleRegister, and
+// LogManagerRegister for the log manager) with
 // TARNIS_MODULE_REGISTER; the class name appears in the duplicate-name line.
 class ModuleRegister {
 public:

@@ -4,7 +4,7 @@
 namespace velmar {
 namespace kolto {
 
-TARNIS_MODULE_REGISTER(LogManagerModuleRegister, LogManager, "LogManager", 1);
+TARNIS_MODULE_REGISTER(LogManagerRegister, LogManager, "LogManager", 1);
 
 }  // namespace kolto
 }  // namespace velmar
