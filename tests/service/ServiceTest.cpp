@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
 #include <android-base/properties.h>
 #include <dorva/DorvaServiceManager.h>
 #include <host/Host.h>
@@ -28,6 +27,7 @@
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
 #include "tests/support/ManagerThread.h"
+#include "tests/support/RecordingPeer.h"
 #include "tests/support/TempDir.h"
 
 using aidl::velmar::system::tarnis::common::TarnisInternal;
@@ -203,15 +203,7 @@ TEST_F(ServiceTest, InProcessCallersGetTheLocalObjects) {
 }
 
 TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
-    struct Peer : aidl::vendor::velmar::hardware::kolto::common::BnTarnisIntl {
-        std::mutex lock;
-        std::vector<std::pair<std::string, std::string>> got;
-        ndk::ScopedAStatus transferMessage(const std::string& action, const std::string& json) override {
-            std::lock_guard<std::mutex> guard(lock);
-            got.emplace_back(action, json);
-            return ndk::ScopedAStatus::ok();
-        }
-    };
+    using Peer = tarnis_test::RecordingPeer;
     auto peer = ndk::SharedRefBase::make<Peer>();
     const std::string peerName = std::string(Peer::descriptor) + "/default";
     platform::LogCapture capture;

@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
-#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android/binder_manager.h>
@@ -36,6 +35,7 @@
 #include "modules/LogManager/LogManager.h"
 #include "platform/binder/ServiceManager.h"
 #include "tests/support/ModuleTest.h"
+#include "tests/support/RecordingPeer.h"
 #include "tests/support/WaitFor.h"
 #include "utils/FileUtil.h"
 
@@ -623,15 +623,7 @@ TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
         &changed, velmar::kolto::IntentFilter({"velmar.tarnis.logmgr.config_changed"}));
     // This end holds the system internal service, so the vendor peer hears
     // the announcement too.
-    struct Peer : aidl::vendor::velmar::hardware::kolto::common::BnTarnisIntl {
-        std::mutex lock;
-        std::vector<std::pair<std::string, std::string>> got;
-        ndk::ScopedAStatus transferMessage(const std::string& action, const std::string& json) override {
-            std::lock_guard<std::mutex> guard(lock);
-            got.emplace_back(action, json);
-            return ndk::ScopedAStatus::ok();
-        }
-    };
+    using Peer = tarnis_test::RecordingPeer;
     struct Internal : aidl::velmar::system::tarnis::common::BnTarnisSsiIntl {
         ndk::ScopedAStatus transferMessage(const std::string&, const std::string&) override {
             return ndk::ScopedAStatus::ok();
