@@ -693,7 +693,6 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
     reusePath += config.folderName;
 
     bool dueToSize = false;
-    bool compressAfter = true;
     int64_t reuseClearSize = 0;
     int64_t reuseMoveSize = 0;
     for (;;) {
@@ -706,9 +705,10 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         if (!dueCount && !dueSize && !dueAge) break;
         dueToSize = dueSize;
         if (names.empty()) {
+            // Nothing left to delete, compress or report on: the limits
+            // are over by what no longer can be removed.
             ALOGD("[%s] %s is clean, should not enter clean loop again!", "CheckAndClean", Esc(devicePath).c_str());
-            compressAfter = false;
-            break;
+            return;
         }
         const std::string fileName = names.front();
         const std::string fullPath = devicePath + "/" + fileName;
@@ -738,7 +738,9 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         std::string reuseWhy;
         unique_fd reuseFd = OpenLogDir(reusePath, &reuseWhy);
         bool stop = false;
-        while (reuseOpen && reuseTotal + entrySize > reuseLimit && !reuseNames.empty()) {
+        // The flag is read again at each step: the partition may be taken
+        // back from the logs while a cleaning runs.
+        while (IsReuseOpen("CheckAndClean") && reuseTotal + entrySize > reuseLimit && !reuseNames.empty()) {
             ALOGI("[%s] Start delete A/B reused partition file: %s", "CheckAndClean", Esc(reuseNames.front()).c_str());
             if (!DeleteFileUpdateDirConfig(reuseFd.get(), reusePath + "/" + reuseNames.front(), &reuseTotal,
                                            reuseNames)) {
@@ -772,7 +774,10 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         } else if (!copyable) {
             errno = entry.ok() ? EINVAL : errno;
         }
-        if (reuseFd.ok() && copyable && FileUtil::CopyFileOrDirectory(ConfinedPath::Through(entry.get()), reuseCopy)) {
+        if (!IsReuseOpen("CheckAndClean")) {
+            // Taken back meanwhile: the entry goes without a copy.
+        } else if (reuseFd.ok() && copyable &&
+                   FileUtil::CopyFileOrDirectory(ConfinedPath::Through(entry.get()), reuseCopy)) {
             reuseMoveSize = static_cast<int64_t>(entrySize);
             FileUtil::ChangeMode(reuseCopy, 0777);
             ALOGI("[%s] Move file %s to A/B reused partition %s succeed, moved size %zu bytes.", "CheckAndClean",
@@ -784,7 +789,7 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
     }
 
-    if (compressAfter && config.compress && !names.empty()) CompressEntries(devicePath, dirFd.get(), config, names);
+    if (config.compress && !names.empty()) CompressEntries(devicePath, dirFd.get(), config, names);
     if (dueToSize) ReportSizeCleaning(devicePath, dirFd.get(), sizeBefore, reuseOpen, reuseClearSize, reuseMoveSize);
 }
 

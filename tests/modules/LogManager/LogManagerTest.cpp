@@ -1,5 +1,7 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,6 +23,7 @@
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 #include <android-base/file.h>
 #include <android-base/properties.h>
+#include <android-base/unique_fd.h>
 #include <android/binder_manager.h>
 #include <dorva/DorvaServiceManager.h>
 #include <log/log.h>
@@ -366,6 +369,26 @@ TEST_F(LogManagerTest, PushEventOnlyReportsOverSizeAndDeletesNothing) {
     EXPECT_EQ(reports[std::string(kBsp) + "/demo_push0"]["dirSize"].asUInt64(), 1u);
 }
 
+TEST_F(LogManagerTest, LimitsOverByWhatCannotBeRemovedEndTheCheckWithoutCompressionOrReport) {
+    Write(Staged("demo_stuck/2025-11-23_10-00-01"), std::string(4096, 's'));
+    const android::base::unique_fd fd(open(Staged("demo_stuck/2025-11-23_10-00-01").c_str(), O_RDONLY | O_CLOEXEC));
+    int flags = FS_IMMUTABLE_FL;
+    if (!fd.ok() || ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) != 0) GTEST_SKIP() << "no immutable files here";
+    struct Release {
+        int fd;
+        ~Release() {
+            int none = 0;
+            ioctl(fd, FS_IOC_SETFLAGS, &none);
+        }
+    } release{fd.get()};
+    Start("[" + Record("demo_stuck", "\"maxSize\":1,\"compress\":true") + "]");
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] " + std::string(kBsp) +
+                                 "/demo_stuck is clean, should not enter clean loop again!",
+                             kTag, ANDROID_LOG_DEBUG));
+    EXPECT_EQ(List(Bsp("demo_stuck")), (std::vector<std::string>{"2025-11-23_10-00-01"}));
+    EXPECT_TRUE(Reports().empty());
+}
+
 TEST_F(LogManagerTest, ARecordWithChildrenIsCleanedOnlyThroughThem) {
     for (int i = 1; i <= 3; ++i) {
         Write(Staged("demo_parent/a/2025-11-23_10-00-0" + std::to_string(i)), "a");
@@ -400,6 +423,8 @@ TEST_F(LogManagerTest, ReusePartitionTakesWhatFitsAndAnOversizedEntryEndsTheClea
     EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-04_00-00-00"}));
     EXPECT_EQ(Read(reuse + "/2025-12-02_00-00-00"), std::string(3000, '2'));
     EXPECT_EQ(Read(reuse + "/2025-12-03_00-00-00"), std::string(3000, '3'));
+    // Read at the check's start, before each reuse deletion step and each copy.
+    EXPECT_EQ(log_.Count("[CheckAndClean] isReuseOpen 1", kTag), 6u);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Move file " + std::string(kBsp) +
                                  "/demo_reuse/2025-12-02_00-00-00 to A/B reused partition "
                                  "/mnt/reuse/bsplog/demo_reuse/2025-12-02_00-00-00 succeed, moved size 3000 bytes.",
