@@ -282,7 +282,14 @@ void BootFailReport::Report(int64_t code, const std::string& summary, int32_t bo
     fchmod(record.get(), 0664);
 }
 
+namespace {
+std::atomic<int> gTestSocket{-1};
+}  // namespace
+
+void BootFailReport::SetListenerSocketForTesting(int fd) { gTestSocket.store(fd); }
+
 int BootFailReport::NetlinkInit() {
+    if (const int given = gTestSocket.exchange(-1); given >= 0) return ReceiveLoop(given);
     unique_fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, kNetlinkBootMonitor));
     if (!fd.ok()) {
         ALOGE("create netlink socket error: %s", strerror(errno));

@@ -2,6 +2,9 @@
 
 #include <log/log.h>
 
+#include <memory>
+#include <mutex>
+
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "modules/BootMonitor/BootMonitorThread.h"
@@ -15,7 +18,17 @@ TARNIS_MODULE_REGISTER(BootMonitorModuleRegister, BootMonitorModule, "BootMonito
 
 BootMonitorModule::BootMonitorModule() : report(std::make_shared<BootFailReport>()) {}
 
-BootMonitorModule::~BootMonitorModule() { report->Stop(); }
+namespace {
+
+// The listener that runs, whichever module object started it: it outlives
+// the supervision and the module, and the port it binds is the process's, so
+// a module loaded again joins it instead of starting a second.
+std::mutex gListenerLock;
+std::shared_ptr<BootFailReport> gListener;
+
+}  // namespace
+
+BootMonitorModule::~BootMonitorModule() = default;
 
 bool BootMonitorModule::OnInit() {
     __android_log_print(ANDROID_LOG_INFO, "Tarnis-BootMonitor", "[%s] tarnis BootMonitor OnInit", __func__);
@@ -26,9 +39,21 @@ bool BootMonitorModule::OnInit() {
 
 void BootMonitorModule::OnAllModulesLoaded() {
     ALOGI("[%s] load bootMonitor", __func__);
-    std::shared_ptr<BootFailReport> listener = report;
-    listenerThread = std::make_unique<std::thread>([listener] { listener->NetlinkInit(); });
-    listenerThread->detach();
+    {
+        std::lock_guard<std::mutex> lock(gListenerLock);
+        if (gListener != nullptr) {
+            report = gListener;
+        } else {
+            gListener = report;
+            std::shared_ptr<BootFailReport> listener = report;
+            listenerThread = std::make_unique<std::thread>([listener] {
+                listener->NetlinkInit();
+                std::lock_guard<std::mutex> lock(gListenerLock);
+                if (gListener == listener) gListener.reset();
+            });
+            listenerThread->detach();
+        }
+    }
 
     android::BootMonitorThread().threadLoop();
 

@@ -11,10 +11,9 @@ namespace tarnis {
 
 // Supervises the boot on the module's own thread and listens for the
 // kernel's boot-stage time-outs on a detached thread of its own. The module
-// removes itself once the supervision ends, while the listener runs on: the
-// reporter is shared with the listener, which keeps it alive, and the
-// module's end asks the listener to stop (it notices within its receive
-// time-out).
+// removes itself once the supervision ends, while the listener runs on for
+// the life of the process: the reporter is shared with the listener's
+// thread, which keeps it alive.
 class BootMonitorModule : public kolto::ModuleBase {
 public:
     BootMonitorModule();
