@@ -223,9 +223,14 @@ bool AndroidCrashMonitorThread::LoadHeaders() {
     }
     // A header that some other writer left garbled still must not send a
     // container outside the area.
+    // A failed write whose slot was empty leaves 0 as the next position:
+    // the ring goes on where the newest listed container ends, or at the
+    // area's start, never over the partition's own headers.
     if (fw_.index >= bb::kFwSlots) fw_.index = 0;
     if (fw_.nextPosition < bb::kFwAreaStart || fw_.nextPosition > bb::kFwAreaEnd) {
-        fw_.nextPosition = bb::kFwAreaStart;
+        const int newest = (fw_.index + bb::kFwSlots - 1) % bb::kFwSlots;
+        const bool listed = fw_.position[newest] >= bb::kFwAreaStart && SlotEnd(fw_, newest) <= bb::kFwAreaEnd;
+        fw_.nextPosition = static_cast<uint32_t>(listed ? SlotEnd(fw_, newest) : bb::kFwAreaStart);
     }
     historyBase_ = bb::CrashHistoryBase(table_);
     headersLoaded_ = true;
@@ -440,6 +445,7 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
     struct stat st;
     if (stat(paths::Get(paths::kBlackbox).c_str(), &st) == 0) {
         if (!LoadHeaders()) return 0;
+        pending_.before = fw_;
     } else {
         ALOGE("%s: Blackbox partition not exist", __func__);
     }
@@ -504,7 +510,6 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
               static_cast<unsigned long>(plainSize));
         return 0;
     }
-    const bb::FwMinidumpHeader before = fw_;
     uint32_t slot = fw_.index;
     uint64_t start = fw_.nextPosition;
     const bool restarted = start + needed > bb::kFwAreaEnd;
@@ -513,6 +518,12 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         slot = 0;
         start = bb::kFwAreaStart;
     }
+    pending_.recorded = true;
+    pending_.slot = slot;
+    pending_.position = static_cast<uint32_t>(start);
+    pending_.padded = padded;
+    pending_.name.assign(name, strnlen(name, bb::kFwNameBytes - 1));
+    pending_.restarted = restarted;
 
     // A key that could be guessed would protect nothing: without one from
     // the random source no container is made at all.
@@ -563,6 +574,7 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         discard();
         return 0;
     }
+    pending_.advanced = true;
     if (fsync(container.get()) != 0) {
         ALOGE("%s: fsync encrypted db file to disk failed!", __func__);
         discard();
@@ -574,12 +586,6 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         return 0;
     }
     pending_.valid = true;
-    pending_.slot = slot;
-    pending_.position = static_cast<uint32_t>(start);
-    pending_.padded = padded;
-    pending_.name.assign(name, strnlen(name, bb::kFwNameBytes - 1));
-    pending_.restarted = restarted;
-    pending_.before = before;
 
     if (encrypt) {
         if (renameat(dir_fd, temp.c_str(), dir_fd, encName.c_str()) != 0) {
@@ -602,43 +608,53 @@ int AndroidCrashMonitorThread::update_black_box_fw_minidump_header(int writeResu
         ALOGE("%s: open blackbox partition failed", __func__);
         return 0;
     }
-    // Only a container that is in the partition and fsynced may be listed.
-    const bool written = writeResult > 0 && pending_.valid;
-    bb::FwMinidumpHeader next = fw_;
-    if (written) {
-        ALOGI("%s: write blackbox success", __func__);
+    bb::FwMinidumpHeader next = pending_.before;
+    uint32_t filled = next.filled;
+    const uint32_t index = pending_.recorded ? pending_.slot : next.index;
+    if (pending_.recorded) {
+        if (pending_.restarted && filled > 0) --filled;
+        next.index = index;
+        next.position[index] = pending_.position;
+        next.size[index] = pending_.padded;
+        memset(next.name[index], 0, bb::kFwNameBytes);
+        memcpy(next.name[index], pending_.name.data(), pending_.name.size());
+        next.nextPosition = pending_.position;
+        if (pending_.advanced) {
+            next.nextPosition = static_cast<uint32_t>(pending_.position + pending_.padded + bb::kContainerOverhead);
+        }
+    }
+    // The slots after the current one that start below the next position
+    // leave the listing, their size and name left as they were.
+    for (uint32_t i = index + 1; i < static_cast<uint32_t>(bb::kFwSlots); ++i) {
+        if (next.position[i] == 0 || next.position[i] >= next.nextPosition) continue;
+        next.position[i] = 0;
+        if (filled > 0) --filled;
+    }
+    if (pending_.advanced) {
+        // Only after a failed write rewound the ring can an earlier slot lie
+        // under the new bytes: it is not listed over what replaced it.
         const uint64_t start = pending_.position;
         const uint64_t end = start + pending_.padded + bb::kContainerOverhead;
-        for (int i = 0; i < bb::kFwSlots; ++i) {
-            if (static_cast<uint32_t>(i) == pending_.slot || next.position[i] == 0) continue;
-            if (next.position[i] < end && SlotEnd(next, i) > start) {
-                next.position[i] = 0;
-                next.size[i] = 0;
-                memset(next.name[i], 0, bb::kFwNameBytes);
-            }
-        }
-        next.position[pending_.slot] = pending_.position;
-        next.size[pending_.slot] = pending_.padded;
-        memset(next.name[pending_.slot], 0, bb::kFwNameBytes);
-        memcpy(next.name[pending_.slot], pending_.name.data(), pending_.name.size());
-        // The listing then follows the ring's own rule: a slot after the one
-        // just written whose container starts below the new end is dropped,
-        // and the count with it; a restart at the area's start gives up one
-        // more. Slots the new bytes cover have already left the on-disk
-        // header before the write.
-        uint32_t filled = pending_.before.filled;
-        if (pending_.restarted && filled > 0) --filled;
-        for (uint32_t i = pending_.slot + 1; i < static_cast<uint32_t>(bb::kFwSlots); ++i) {
-            if (pending_.before.position[i] == 0 || pending_.before.position[i] >= end) continue;
+        for (uint32_t i = 0; i < index; ++i) {
+            if (next.position[i] == 0 || next.position[i] >= end || SlotEnd(next, i) <= start) continue;
             next.position[i] = 0;
             if (filled > 0) --filled;
         }
-        next.nextPosition = static_cast<uint32_t>(end);
-        next.index = (pending_.slot + 1) % bb::kFwSlots;
-        next.filled = std::min<uint32_t>(filled + 1, bb::kFwSlots);
-    } else {
-        ALOGI("%s: write blackbox failed", __func__);
     }
+    // Only a container that is in the partition and fsynced may be listed.
+    if (writeResult > 0 && pending_.valid) {
+        ALOGI("%s: write blackbox success", __func__);
+        filled = std::min<uint32_t>(filled + 1, bb::kFwSlots);
+        next.index = (index + 1) % bb::kFwSlots;
+    } else {
+        // The ring goes back to where the failed slot began, and the slot
+        // is emptied.
+        ALOGI("%s: write blackbox failed", __func__);
+        next.nextPosition = next.position[index];
+        next.position[index] = 0;
+        next.size[index] = 0;
+    }
+    next.filled = filled;
     unique_fd fd = OpenPartition(O_WRONLY);
     if (!fd.ok()) {
         ALOGE("%s: open blackbox partition failed", __func__);

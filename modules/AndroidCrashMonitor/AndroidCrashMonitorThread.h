@@ -89,13 +89,18 @@ public:
     static void SetWriteHookForTesting(WriteHook hook);
 
 private:
+    // How far one write got: the header it found, and what of the new slot
+    // it filled in, so that the header written at the end follows the ring's
+    // rules for success and for failure alike.
     struct PendingSlot {
-        bool valid = false;
+        bool recorded = false;  // the slot was chosen and filled in
+        bool advanced = false;  // the container is in the partition
+        bool valid = false;     // ... and fsynced: it may be listed
         uint32_t slot = 0;
         uint32_t position = 0;
         uint64_t padded = 0;
         std::string name;
-        bool restarted = false;                 // the ring went back to the area's start
+        bool restarted = false;                      // the ring went back to the area's start
         kolto::blackbox::FwMinidumpHeader before{};  // the header as this write found it
     };
 

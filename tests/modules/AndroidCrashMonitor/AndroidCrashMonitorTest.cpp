@@ -190,6 +190,7 @@ TEST_F(AndroidCrashMonitorTest, RingRestartsAtTheAreaStartAndDropsTheSlotsItOver
     EXPECT_EQ(fw.size[0], 112u);
     EXPECT_STREQ(fw.name[0], "db.fatal.01.JE");
     EXPECT_EQ(fw.position[1], 0u);  // its bytes were under the new container
+    EXPECT_EQ(fw.size[1], 16u);      // only its position goes
     EXPECT_EQ(fw.position[2], 0x5C00C00u + 100000);
     EXPECT_EQ(fw.filled, 2u);
     EXPECT_EQ(fw.nextPosition, 0x5C00C00u + 400);
@@ -505,8 +506,8 @@ protected:
     ino_t partitionIno_ = 0;
 };
 
-TEST_F(AndroidCrashMonitorFaultTest, StagingFailureLeavesThePartitionAsItWas) {
-    const std::string before = ReadBytes(partition_, bb::kFwMinidumpHeaderOffset, sizeof(bb::FwMinidumpHeader));
+TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOverwritesNothingListed) {
+    const uint32_t bAt = 0x5C00C00 + (1 << 20);
     for (const bool keyFails : {false, true}) {
         // The random source fails, or the disk fills while the wrapped key
         // is appended to the staged container.
@@ -525,11 +526,36 @@ TEST_F(AndroidCrashMonitorFaultTest, StagingFailureLeavesThePartitionAsItWas) {
         EXPECT_TRUE(HasError(keyFails ? "write_fw_db_to_blackbox: no AES key from the random source, nothing written"
                                       : "write_fw_db_to_blackbox: write encrypted aes key failed!"));
         EXPECT_TRUE(HasInfo("update_black_box_fw_minidump_header: write blackbox failed"));
-        EXPECT_EQ(ReadBytes(partition_, bb::kFwMinidumpHeaderOffset, sizeof(bb::FwMinidumpHeader)), before);
+        // The restart took slot 0 and gave up A's listing; the failure empties
+        // the slot (its name stays) and rewinds the ring to where it began.
+        const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+        EXPECT_EQ(fw.index, 0u);
+        EXPECT_EQ(fw.filled, 1u);
+        EXPECT_EQ(fw.nextPosition, 0x5C00C00u);
+        EXPECT_EQ(fw.position[0], 0u);
+        EXPECT_EQ(fw.size[0], 0u);
+        EXPECT_STREQ(fw.name[0], "db.fatal.0C.NE");
+        EXPECT_EQ(fw.position[1], bAt);
+        EXPECT_EQ(fw.size[1], 208u);
         EXPECT_EQ(ReadFile(cPath_), c_);
         EXPECT_EQ(RunShell("ls -A '" + Device("/data/aee_exp/db.fatal.0C.NE") + "'"), "db.fatal.0C.NE.dbg\n");
     }
     EXPECT_TRUE(HasError("write encrypted data failed 28(No space left on device)\n"));
+
+    // A failure before any slot is chosen rewinds to the empty slot's
+    // position, 0; the next write goes where the ring goes on, not there.
+    AndroidCrashMonitorThread::SetWriteHookForTesting(nullptr);
+    SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/db.fatal.0D.NE");  // no such database
+    bool encrypt = false;
+    worker_.HandleFatalDb(&encrypt);
+    EXPECT_EQ(ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset).nextPosition, 0u);
+    SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/db.fatal.0C.NE");
+    worker_.HandleFatalDb(&encrypt);
+    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+    EXPECT_EQ(fw.position[0], 0x5C00C00u);
+    EXPECT_EQ(fw.position[1], bAt);
+    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, 0x5C00C00, 1008 + 288)), c_);
+    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, bAt, 208 + 288)), b_);
 }
 
 TEST_F(AndroidCrashMonitorFaultTest, PartitionWriteCutShortListsOnlyIntactContainers) {
