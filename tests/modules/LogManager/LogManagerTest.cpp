@@ -245,7 +245,9 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
     // A report the service refuses is logged under the reporting operation.
     const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
-    Write(Bsp("demo_size/2025-11-23_10-00-09"), std::string(8192, 'x'));
+    // Grown out of sight first: the check may run before a new file's bytes are in.
+    Write(Bsp("demo_size/" + left.back() + "/more"), std::string(8192, 'x'));
+    ASSERT_EQ(mkdir(Bsp("demo_size/2025-11-23_10-00-09").c_str(), 0755), 0);
     tarnis_test::WaitFor([&] { return log_.HasLine(refused, kTag, ANDROID_LOG_ERROR); });
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
     EXPECT_TRUE(log_.HasLine(refused, kTag, ANDROID_LOG_ERROR));
