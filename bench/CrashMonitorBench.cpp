@@ -30,6 +30,7 @@
 
 #include <android-base/file.h>
 #include <android-base/properties.h>
+#include <host/WaitForProperty.h>
 #include <host/Host.h>
 #include <log/log.h>
 

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-FileEventListener"
+
 #include "framework/FileEventListener.h"
 
 #include <errno.h>
@@ -15,8 +17,6 @@
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-FileEventListener"
 
 namespace velmar {
 namespace kolto {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-InternalBroadcastManager"
+
 #include "framework/InternalBroadcastManager.h"
 
 #include <cfloat>
@@ -9,8 +11,6 @@
 #include "framework/TarnisUtil.h"
 #include "utils/JsonUtil.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-InternalBroadcastManager"
 
 namespace velmar {
 namespace kolto {

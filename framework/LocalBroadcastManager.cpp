@@ -1,3 +1,8 @@
+// The verbose line that times each delivery pass stays in release builds,
+// where liblog would otherwise compile ALOGV out.
+#define LOG_NDEBUG 0
+#define LOG_TAG "Tarnis-LocalBroadcastManager"
+
 #include "framework/LocalBroadcastManager.h"
 
 #include <chrono>
@@ -8,8 +13,6 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisMessage.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-LocalBroadcastManager"
 
 namespace velmar {
 namespace kolto {

@@ -1,8 +1,8 @@
+#define LOG_TAG "Tarnis-ModuleBase"
+
 #include "framework/ModuleBase.h"
 
 #include <log/log.h>
-
-#define LOG_TAG "Tarnis-ModuleBase"
 
 namespace velmar {
 namespace kolto {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-ModuleManager"
+
 #include "framework/ModuleManager.h"
 
 #include <unistd.h>
@@ -16,8 +18,6 @@
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-ModuleManager"
 
 namespace velmar {
 namespace kolto {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-ModuleRegister"
+
 #include "framework/ModuleRegister.h"
 
 #include <mutex>
@@ -5,8 +7,6 @@
 #include <log/log.h>
 
 #include "framework/ModulePrio.h"
-
-#define LOG_TAG "Tarnis-ModuleRegister"
 
 namespace velmar {
 namespace kolto {

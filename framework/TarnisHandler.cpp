@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-Handler"
+
 #include "framework/TarnisHandler.h"
 
 #include <log/log.h>
@@ -6,8 +8,6 @@
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
 #include "utils/Clock.h"
-
-#define LOG_TAG "Tarnis-Handler"
 
 namespace velmar {
 namespace kolto {

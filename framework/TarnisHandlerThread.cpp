@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-HandlerThread"
+
 #include "framework/TarnisHandlerThread.h"
 
 #include <sys/prctl.h>
@@ -12,8 +14,6 @@
 
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
-
-#define LOG_TAG "Tarnis-HandlerThread"
 
 namespace velmar {
 namespace kolto {

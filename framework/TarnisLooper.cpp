@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-TarnisLooper"
+
 #include "framework/TarnisLooper.h"
 
 #include <log/log.h>
@@ -7,8 +9,6 @@
 #include "framework/TarnisMessage.h"
 #include "framework/TarnisMessageManager.h"
 #include "utils/Clock.h"
-
-#define LOG_TAG "Tarnis-TarnisLooper"
 
 namespace velmar {
 namespace kolto {

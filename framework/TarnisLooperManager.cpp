@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-TarnisLooper"
+
 #include "framework/TarnisLooperManager.h"
 
 #include <pthread.h>
@@ -5,8 +7,6 @@
 #include <log/log.h>
 
 #include "framework/TarnisLooper.h"
-
-#define LOG_TAG "Tarnis-TarnisLooper"
 
 namespace velmar {
 namespace kolto {

@@ -10,7 +10,7 @@
 #include <string>
 
 #include <log/log.h>
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "fuzz/QuietLog.h"
 #include "utils/JsonUtil.h"
@@ -19,7 +19,7 @@ namespace {
 
 bool IsUtf8(const std::string& text) {
     for (size_t pos = 0; pos < text.size();) {
-        const size_t length = android::Utf8SequenceLength(text, pos);
+        const size_t length = platform::Utf8SequenceLength(text, pos);
         if (length == 0) return false;
         pos += length;
     }

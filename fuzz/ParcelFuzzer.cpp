@@ -115,9 +115,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 1: { int64_t v; status = raw.readInt64(&v); break; }
             case 2: { bool v; status = raw.readBool(&v); break; }
             case 3: { std::string v; status = raw.readString(&v); break; }
-            case 4: { std::u16string v; status = raw.readString16(&v); break; }
+            case 4: { android::String16 v; status = raw.readString16(&v); break; }
             case 5: { std::vector<std::string> v; status = raw.readStringVector(&v); break; }
-            case 6: { std::vector<std::u16string> v; status = raw.readString16Vector(&v); break; }
+            case 6: { std::vector<android::String16> v; status = raw.readString16Vector(&v); break; }
             case 7: { std::vector<uint8_t> v; status = raw.readByteVector(&v); break; }
             case 8: { nuvi::dorva::StationInfo v; status = v.readFromParcel(&raw); break; }
             default: { ndk::ScopedAStatus v; status = raw.readStatus(&v); break; }

@@ -2,14 +2,14 @@
 
 #include <json/json.h>
 
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 namespace android {
 namespace {
 
-Json::Value Strings16(const std::vector<std::u16string>& list) {
+Json::Value Strings16(const std::vector<android::String16>& list) {
     Json::Value out(Json::arrayValue);
-    for (const auto& s : list) out.append(android::Utf16ToUtf8(s));
+    for (const auto& s : list) out.append(platform::ToUtf8(s));
     return out;
 }
 
@@ -47,7 +47,7 @@ int DorvaServiceManager::appCaptureLog(const std::string& a, const std::string& 
     return journal_.Record("appCaptureLog", Args({a, b, c, d}));
 }
 
-int DorvaServiceManager::reportEventsV2(const std::string& a, const std::vector<std::u16string>& events,
+int DorvaServiceManager::reportEventsV2(const std::string& a, const std::vector<android::String16>& events,
                                         const std::string& c, bool flag) {
     return journal_.Record("reportEventsV2", Args({a, Strings16(events), c, flag}));
 }
@@ -58,7 +58,7 @@ int DorvaServiceManager::reportTrelvoEvent(const std::string& appId, const std::
 }
 
 int DorvaServiceManager::reportTrelvoEvents(const std::string& appId, const std::string& packageName,
-                                            const std::vector<std::u16string>& payloads, int flags) {
+                                            const std::vector<android::String16>& payloads, int flags) {
     return journal_.Record("reportTrelvoEvents", Args({appId, packageName, Strings16(payloads), flags}));
 }
 

@@ -13,7 +13,7 @@
 #include <android-base/unique_fd.h>
 #include <host/Host.h>
 #include <log/log.h>
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "platform/Dirs.h"
 
@@ -36,7 +36,7 @@ void AppendQuoted(std::string* out, const std::string& text) {
     size_t pos = 0;
     while (pos < text.size()) {
         const auto byte = static_cast<unsigned char>(text[pos]);
-        const size_t length = android::Utf8SequenceLength(text, pos);
+        const size_t length = platform::Utf8SequenceLength(text, pos);
         if (length == 0) {
             *out += "\\udc";
             out->push_back(kHex[byte >> 4]);

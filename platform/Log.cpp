@@ -178,6 +178,7 @@ void Emit(int prio, const char* tag, const char* text) {
 
 void SetDefaultLogTag(const std::string& tag) {
     gDefaultTag.store(strdup(tag.c_str()), std::memory_order_release);
+    android::base::SetDefaultTag(tag);
 }
 
 const char* DefaultLogTag() {
@@ -268,20 +269,21 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
     return result;
 }
 
-namespace android {
-namespace base {
+namespace {
 
-LogMessage::LogMessage(LogSeverity severity, const char* tag, int savedErrno)
-    : severity_(severity), tag_(tag), errno_(savedErrno) {}
-
-LogMessage::~LogMessage() {
-    if (errno_ >= 0) buffer_ << ": " << strerror(errno_);
-    static const int kPrio[] = {ANDROID_LOG_VERBOSE, ANDROID_LOG_DEBUG, ANDROID_LOG_INFO,
-                                ANDROID_LOG_WARN,    ANDROID_LOG_ERROR, ANDROID_LOG_FATAL,
-                                ANDROID_LOG_FATAL};
-    __android_log_write(kPrio[severity_], tag_, buffer_.str().c_str());
-    if (severity_ == FATAL) abort();
+// libbase's LOG and PLOG lines come here, into the same layout as liblog's;
+// installed before any static initialiser of the program can log. libbase's
+// own floor would drop DEBUG lines the captures of the tests read.
+__attribute__((constructor(101))) void InstallLibbaseLogger() {
+    android::base::SetMinimumLogSeverity(android::base::VERBOSE);
+    android::base::SetLogger([](android::base::LogId, android::base::LogSeverity severity, const char* tag,
+                                const char*, unsigned int, const char* message) {
+        static const int kPrio[] = {ANDROID_LOG_VERBOSE, ANDROID_LOG_DEBUG, ANDROID_LOG_INFO,
+                                    ANDROID_LOG_WARN,    ANDROID_LOG_ERROR, ANDROID_LOG_FATAL,
+                                    ANDROID_LOG_FATAL};
+        const size_t index = static_cast<size_t>(severity);
+        platform::Emit(index < sizeof(kPrio) / sizeof(kPrio[0]) ? kPrio[index] : ANDROID_LOG_FATAL, tag, message);
+    });
 }
 
-}  // namespace base
-}  // namespace android
+}  // namespace

@@ -12,10 +12,12 @@
 #include <cstring>
 
 #include <android-base/logging.h>
+#include <android-base/parseint.h>
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <cutils/properties.h>
 #include <host/Host.h>
+#include <host/WaitForProperty.h>
 
 #include "platform/Dirs.h"
 #include "platform/InitServices.h"
@@ -162,17 +164,29 @@ bool GetBoolProperty(const std::string& key, bool default_value) {
     return default_value;
 }
 
-int64_t GetIntProperty(const std::string& key, int64_t default_value, int64_t min, int64_t max) {
-    const std::string value = GetProperty(key, "");
-    if (value.empty()) return default_value;
-    errno = 0;
-    char* end = nullptr;
-    long long parsed = strtoll(value.c_str(), &end, 0);
-    if (errno != 0 || end == value.c_str() || *end != '\0' || parsed < min || parsed > max) {
-        return default_value;
-    }
-    return parsed;
+// libbase's own definitions read a map inside one process; these read the
+// shared store, and as the program's own they are the ones every caller and
+// libbase itself resolve to.
+template <typename T>
+T GetIntProperty(const std::string& key, T default_value, T min, T max) {
+    T result;
+    return ParseInt(GetProperty(key, ""), &result, min, max) ? result : default_value;
 }
+
+template <typename T>
+T GetUintProperty(const std::string& key, T default_value, T max) {
+    T result;
+    return ParseUint(GetProperty(key, ""), &result, max) ? result : default_value;
+}
+
+template int8_t GetIntProperty(const std::string&, int8_t, int8_t, int8_t);
+template int16_t GetIntProperty(const std::string&, int16_t, int16_t, int16_t);
+template int32_t GetIntProperty(const std::string&, int32_t, int32_t, int32_t);
+template int64_t GetIntProperty(const std::string&, int64_t, int64_t, int64_t);
+template uint8_t GetUintProperty(const std::string&, uint8_t, uint8_t);
+template uint16_t GetUintProperty(const std::string&, uint16_t, uint16_t);
+template uint32_t GetUintProperty(const std::string&, uint32_t, uint32_t);
+template uint64_t GetUintProperty(const std::string&, uint64_t, uint64_t);
 
 bool SetProperty(const std::string& key, const std::string& value) {
     if (!platform::IsValidPropertyName(key)) return false;

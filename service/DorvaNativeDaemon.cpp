@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <cstdio>
 #include <string>
@@ -56,12 +57,12 @@ binder::Status DorvaNativeDaemon::captureLog(const String16& type, const String1
     // the capture, so the caller learns it, and nothing is run.
     for (const String16& file : files) {
         std::string kept, why;
-        if (!CapturePackager::CheckAttachment(String8(file), &kept, nullptr, &why)) {
+        if (!CapturePackager::CheckAttachment(platform::ToUtf8(file), &kept, nullptr, &why)) {
             return RefusePath("captureLog", 45, why);
         }
     }
     String16 type16 = type, headline16 = headline, where16 = where;
-    Vector<String16> actions16 = actions, params16 = params, files16 = files;
+    std::vector<String16> actions16 = actions, params16 = params, files16 = files;
     CaptureLogUtil::dump_all(type16, headline16, actions16, params16, offline, id, useId, where16, files16,
                              isRecordInLocal);
     return binder::Status::ok();
@@ -75,7 +76,7 @@ binder::Status DorvaNativeDaemon::attachSockFilter(const String16& srcMac, const
     if (protocol < 0 || srcPort < 0 || dstPort < 0 || extraLen < 0) {
         return Refuse(-3, "attachSockFilter", 182, "illegal argument!");
     }
-    const std::string src = String8(srcMac), dst = String8(dstMac), interface = String8(ifname);
+    const std::string src = platform::ToUtf8(srcMac), dst = platform::ToUtf8(dstMac), interface = platform::ToUtf8(ifname);
     std::vector<unsigned char> bytes(payload.begin(), payload.end());
     SocketFilter filter(src.c_str(), dst.c_str(), static_cast<unsigned>(srcAddr), static_cast<unsigned>(dstAddr),
                         static_cast<unsigned>(protocol), static_cast<unsigned>(srcPort),
@@ -111,7 +112,7 @@ binder::Status DorvaNativeDaemon::runCommand(const String16& action, const Strin
         ALOGE("runCommand: Shell user (UID %d) access denied", static_cast<int>(uid));
         return Refuse(-1, "runCommand", 145, "Command not allowed for shell user");
     }
-    const std::string action8 = String8(action);
+    const std::string action8 = platform::ToUtf8(action);
     if (!CaptureLogUtil::isSupportAction(action8)) {
         ALOGE("runCommand: action '%s' not in SUPPORT_ACTION whitelist", StringUtil::ForLog(action8).c_str());
         return Refuse(-1, "runCommand", 152, "Command not allowed");
@@ -124,31 +125,31 @@ binder::Status DorvaNativeDaemon::startDefrag() { return binder::Status::ok(); }
 
 binder::Status DorvaNativeDaemon::createFileInPersist(const String16& path, int32_t* result) {
     std::string why;
-    if (!PersistFiles::Check(String8(path), &why)) return RefusePath("createFileInPersist", 108, why);
-    *result = CaptureLogUtil::create_file_in_persist(String8(path).c_str());
+    if (!PersistFiles::Check(platform::ToUtf8(path), &why)) return RefusePath("createFileInPersist", 108, why);
+    *result = CaptureLogUtil::create_file_in_persist(platform::ToUtf8(path).c_str());
     return binder::Status::ok();
 }
 
 binder::Status DorvaNativeDaemon::writeToPersistFile(const String16& path, const String16& content) {
     std::string why;
-    if (!PersistFiles::Check(String8(path), &why)) return RefusePath("writeToPersistFile", 114, why);
-    CaptureLogUtil::write_to_persist_file(String8(path).c_str(), String8(content).c_str());
+    if (!PersistFiles::Check(platform::ToUtf8(path), &why)) return RefusePath("writeToPersistFile", 114, why);
+    CaptureLogUtil::write_to_persist_file(platform::ToUtf8(path).c_str(), platform::ToUtf8(content).c_str());
     return binder::Status::ok();
 }
 
 binder::Status DorvaNativeDaemon::readFile(const String16& path, String16* content) {
     std::string why;
-    if (!PersistFiles::Check(String8(path), &why)) return RefusePath("readFile", 120, why);
+    if (!PersistFiles::Check(platform::ToUtf8(path), &why)) return RefusePath("readFile", 120, why);
     std::string text;
-    CaptureLogUtil::read_file(String8(path).c_str(), text);
-    *content = String16FromUtf8(text);
+    CaptureLogUtil::read_file(platform::ToUtf8(path).c_str(), text);
+    *content = platform::ToUtf16(text);
     return binder::Status::ok();
 }
 
 binder::Status DorvaNativeDaemon::getFilesFromPersist(String16* list) {
     std::string text;
     CaptureLogUtil::get_files_from_persist(text);
-    *list = String16FromUtf8(text);
+    *list = platform::ToUtf16(text);
     return binder::Status::ok();
 }
 
@@ -168,7 +169,7 @@ binder::Status DorvaNativeDaemon::getStationInfo(const String16& ifname, const S
     // Without a session (no nl80211 in this kernel) the query could only
     // fail again; the defaults stand, as for any value the kernel leaves out.
     if (netlink.Start()) {
-        const std::string ifname8 = String8(ifname), peer8 = String8(peer);
+        const std::string ifname8 = platform::ToUtf8(ifname), peer8 = platform::ToUtf8(peer);
         netlink.GetStationInfo(ifname8.c_str(), peer8.c_str(), station);
     }
     info->signal = station.signal;
@@ -195,9 +196,9 @@ binder::Status DorvaNativeDaemon::captureLogByRunCommand(const std::vector<Strin
         ALOGE("captureLogByRunCommand: Shell user (UID %d) access denied", static_cast<int>(uid));
         return Refuse(-1, "captureLogByRunCommand", 244, "Command not allowed for shell user");
     }
-    Vector<String16> keptActions, keptParams;
+    std::vector<String16> keptActions, keptParams;
     for (size_t i = 0; i < actions.size(); ++i) {
-        const std::string action8 = String8(actions[i]);
+        const std::string action8 = platform::ToUtf8(actions[i]);
         if (!CaptureLogUtil::isSupportAction(action8)) {
             ALOGE("captureLogByRunCommand: action '%s' not in SUPPORT_ACTION whitelist, skipping",
                   StringUtil::ForLog(action8).c_str());
@@ -212,7 +213,7 @@ binder::Status DorvaNativeDaemon::captureLogByRunCommand(const std::vector<Strin
         ALOGE("captureLogByRunCommand: no valid actions found in the batch");
         return Refuse(-1, "captureLogByRunCommand", 266, "No valid commands found");
     }
-    const std::string path8 = String8(path);
+    const std::string path8 = platform::ToUtf8(path);
     std::string why;
     std::string leaf;
     if (!velmar::kolto::ConfinedPath::OpenParent(path8, velmar::kolto::paths::kDataMountPoint, &leaf, &why).ok()) {

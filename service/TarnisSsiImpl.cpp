@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include <dorva/DorvaServiceManager.h>
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "framework/ModuleManager.h"
 
@@ -26,10 +26,10 @@ binder_status_t TarnisSsiImpl::dump(int fd, const char** args, uint32_t numArgs)
     return STATUS_OK;
 }
 
-std::vector<std::u16string> TarnisSsiImpl::convertVector(const std::vector<std::string>& list) {
-    std::vector<std::u16string> converted;
+std::vector<android::String16> TarnisSsiImpl::convertVector(const std::vector<std::string>& list) {
+    std::vector<android::String16> converted;
     converted.reserve(list.size());
-    for (const std::string& item : list) converted.push_back(android::Utf8ToUtf16(item));
+    for (const std::string& item : list) converted.push_back(platform::ToUtf16(item));
     return converted;
 }
 

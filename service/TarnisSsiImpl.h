@@ -30,7 +30,7 @@ public:
                                           const std::vector<std::string>& payloads, int32_t flags) override;
 
     // The list as UTF-16 strings, order kept.
-    static std::vector<std::u16string> convertVector(const std::vector<std::string>& list);
+    static std::vector<android::String16> convertVector(const std::vector<std::string>& list);
 };
 
 }  // namespace common

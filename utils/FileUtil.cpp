@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-FileUtil"
+
 #include "utils/FileUtil.h"
 
 #include <dirent.h>
@@ -17,8 +19,6 @@
 
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-FileUtil"
 
 namespace velmar {
 namespace kolto {

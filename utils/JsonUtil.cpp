@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-JsonUtil"
+
 #include "utils/JsonUtil.h"
 
 #include <exception>
@@ -5,8 +7,6 @@
 #include <log/log.h>
 
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-JsonUtil"
 
 // The peer daemon and the analytics back end compare our JSON text byte for
 // byte with what the classic Reader/FastWriter pair produces (trailing newline

@@ -1,3 +1,5 @@
+#define LOG_TAG "dorva-netlink"
+
 #include "utils/wificond/NL80211Packet.h"
 
 #include <linux/genetlink.h>
@@ -6,8 +8,6 @@
 #include <cstring>
 
 #include <log/log.h>
-
-#define LOG_TAG "dorva-netlink"
 
 namespace android {
 namespace wificond {

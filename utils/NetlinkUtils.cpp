@@ -1,3 +1,5 @@
+#define LOG_TAG "dorva-netlink"
+
 #include "utils/wificond/NetlinkUtils.h"
 
 #include <linux/genetlink.h>
@@ -12,8 +14,6 @@
 #include <cstring>
 
 #include <log/log.h>
-
-#define LOG_TAG "dorva-netlink"
 
 namespace android {
 namespace wificond {

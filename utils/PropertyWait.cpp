@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include <android-base/properties.h>
+#include <host/WaitForProperty.h>
 
 namespace velmar {
 namespace kolto {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 namespace velmar {
 namespace kolto {
@@ -49,7 +49,7 @@ std::string StringUtil::ForLog(const std::string& text, size_t maxBytes) {
     size_t pos = 0;
     while (pos < text.size()) {
         const auto lead = static_cast<uint8_t>(text[pos]);
-        size_t length = android::Utf8SequenceLength(text, pos);
+        size_t length = platform::Utf8SequenceLength(text, pos);
         // C1 controls are valid UTF-8 but some terminals act on them
         // (U+009B starts an escape sequence), so they are escaped like C0.
         const bool c1 = length == 2 && lead == 0xC2 && static_cast<uint8_t>(text[pos + 1]) < 0xA0;

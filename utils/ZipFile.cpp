@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-ZipFile"
+
 #include "utils/ZipFile.h"
 
 #include <dirent.h>
@@ -29,8 +31,6 @@
 #include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
-
-#define LOG_TAG "Tarnis-ZipFile"
 
 namespace velmar {
 namespace kolto {

@@ -1,10 +1,10 @@
+#define LOG_TAG "dorva-netlink"
+
 #include "utils/wificond/nl80211_attribute.h"
 
 #include <linux/netlink.h>
 
 #include <log/log.h>
-
-#define LOG_TAG "dorva-netlink"
 
 namespace android {
 namespace wificond {

@@ -1,3 +1,5 @@
+#define LOG_TAG "AndroidCrashMonitor"
+
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorModule.h"
 
 #include <sys/stat.h>
@@ -11,8 +13,6 @@
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
 #include "utils/Paths.h"
-
-#define LOG_TAG "AndroidCrashMonitor"
 
 namespace velmar {
 namespace tarnis {

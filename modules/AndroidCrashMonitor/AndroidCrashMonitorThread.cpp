@@ -1,3 +1,5 @@
+#define LOG_TAG "AndroidCrashMonitor"
+
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
 
 #include <dirent.h>
@@ -22,6 +24,7 @@
 
 #include <android-base/logging.h>
 #include <android-base/properties.h>
+#include <host/WaitForProperty.h>
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
 #include <log/log.h>
@@ -34,8 +37,6 @@
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
-
-#define LOG_TAG "AndroidCrashMonitor"
 
 namespace velmar {
 namespace tarnis {
@@ -312,9 +313,8 @@ void AndroidCrashMonitorThread::RemoveLeftoverContainers() {
     const std::string top = paths::Get(paths::kAeeExpDir);
     unique_fd topFd(TEMP_FAILURE_RETRY(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
     unique_fd own(topFd.ok() ? fcntl(topFd.get(), F_DUPFD_CLOEXEC, 0) : -1);
-    kolto::ScopedDir entries(own.ok() ? fdopendir(own.get()) : nullptr);
+    kolto::ScopedDir entries = kolto::AdoptDir(own);
     if (!entries) return;
-    own.release();  // the stream holds it now
     kolto::TempName::RemoveLeftovers(topFd.get(), top);
     rewinddir(entries.get());  // shares its position with the sweep's own walk
     while (struct dirent* entry = readdir(entries.get())) {
@@ -685,12 +685,11 @@ int AndroidCrashMonitorThread::write_blackbox_crash_history() {
     // history's place is refused, never waited on or followed.
     std::string why = "cannot be read";
     unique_fd historyFd = ConfinedPath::OpenRegular(paths::kAeeDbHistory, paths::kAeeExpDir, O_RDONLY, 0, &why);
-    FILE* history = historyFd.ok() ? fdopen(historyFd.get(), "re") : nullptr;
+    FILE* history = kolto::AdoptFile(historyFd, "re");
     if (history == nullptr) {
         ALOGE("open fw db_distory failed");
         ALOGW("%s: %s, the crash goes into the history without its line", __func__, why.c_str());
     } else {
-        historyFd.release();
         char line[kHistoryLine];
         while (fgets(line, sizeof(line), history) != nullptr) ParseDbHistoryLine(line, name, &record);
         fclose(history);

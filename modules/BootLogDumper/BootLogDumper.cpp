@@ -1,3 +1,5 @@
+#define LOG_TAG "BootLogDumper"
+
 #include "modules/BootLogDumper/BootLogDumper.h"
 
 #include <dirent.h>
@@ -22,8 +24,6 @@
 #include "utils/Clock.h"
 #include "utils/Paths.h"
 #include "utils/PropertyWait.h"
-
-#define LOG_TAG "BootLogDumper"
 
 extern char** environ;
 

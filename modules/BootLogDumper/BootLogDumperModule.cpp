@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-BootLogDumperModule"
+
 #include "modules/BootLogDumper/BootLogDumperModule.h"
 
 #include <algorithm>
@@ -9,8 +11,6 @@
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
-
-#define LOG_TAG "Tarnis-BootLogDumperModule"
 
 namespace velmar {
 namespace tarnis {

@@ -1,3 +1,5 @@
+#define LOG_TAG "BootFailReport"
+
 #include "modules/BootMonitor/BootFailReport.h"
 
 #include <fcntl.h>
@@ -32,8 +34,6 @@
 #include "utils/Clock.h"
 #include "utils/Paths.h"
 #include "utils/TempName.h"
-
-#define LOG_TAG "BootFailReport"
 
 namespace velmar {
 namespace tarnis {

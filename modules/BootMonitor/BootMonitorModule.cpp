@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-BootMonitorModule"
+
 #include "modules/BootMonitor/BootMonitorModule.h"
 
 #include <log/log.h>
@@ -8,8 +10,6 @@
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "modules/BootMonitor/BootMonitorThread.h"
-
-#define LOG_TAG "Tarnis-BootMonitorModule"
 
 namespace velmar {
 namespace tarnis {

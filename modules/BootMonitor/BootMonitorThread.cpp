@@ -1,3 +1,5 @@
+#define LOG_TAG "BootMonitor"
+
 #include "modules/BootMonitor/BootMonitorThread.h"
 
 #include <arpa/inet.h>
@@ -18,6 +20,7 @@
 #include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/properties.h>
+#include <host/WaitForProperty.h>
 #include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
 #include <cutils/properties.h>
@@ -27,8 +30,6 @@
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 #include "utils/dump/CaptureLogUtil.h"
-
-#define LOG_TAG "BootMonitor"
 
 namespace android {
 

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-CaptureServerModule"
+
 #include "modules/CaptureServer/CaptureServerModule.h"
 
 #include <pthread.h>
@@ -11,8 +13,6 @@
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "modules/CaptureServer/CaptureServerThread.h"
-
-#define LOG_TAG "Tarnis-CaptureServerModule"
 
 namespace velmar {
 namespace tarnis {

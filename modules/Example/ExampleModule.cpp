@@ -1,3 +1,5 @@
+#define LOG_TAG "ExampleModule"
+
 #include "modules/Example/ExampleModule.h"
 
 #include <string>
@@ -9,8 +11,6 @@
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisUtil.h"
-
-#define LOG_TAG "ExampleModule"
 
 namespace velmar {
 namespace tarnis {

@@ -3,6 +3,8 @@
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
+#define LOG_TAG "f2fsTrack"
+
 #include "modules/F2fsTrack/F2fsStatus.h"
 
 #include <cerrno>
@@ -17,8 +19,6 @@
 
 #include "modules/F2fsTrack/F2fsTrack.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "f2fsTrack"
 
 namespace velmar {
 namespace kolto {

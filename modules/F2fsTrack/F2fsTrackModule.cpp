@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-F2fsTrackModule"
+
 #include "modules/F2fsTrack/F2fsTrackModule.h"
 
 #include <time.h>
@@ -17,8 +19,6 @@
 #include "modules/F2fsTrack/F2fsTrack.h"
 #include "utils/Clock.h"
 #include "utils/TimeUtil.h"
-
-#define LOG_TAG "Tarnis-F2fsTrackModule"
 
 namespace velmar {
 namespace kolto {

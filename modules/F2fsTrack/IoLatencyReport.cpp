@@ -1,3 +1,5 @@
+#define LOG_TAG "f2fsTrack"
+
 #include "modules/F2fsTrack/IoLatencyReport.h"
 
 #include <fcntl.h>
@@ -15,8 +17,6 @@
 #include "modules/F2fsTrack/F2fsTrack.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "f2fsTrack"
 
 namespace velmar {
 namespace kolto {

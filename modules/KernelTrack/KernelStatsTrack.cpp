@@ -1,11 +1,11 @@
+#define LOG_TAG "Tarnis-KernelStatsTrack"
+
 #include "modules/KernelTrack/KernelStatsTrack.h"
 
 #include <log/log.h>
 
 #include "modules/KernelTrack/KernelTrackUtils.h"
 #include "utils/Paths.h"
-
-#define LOG_TAG "Tarnis-KernelStatsTrack"
 
 namespace velmar {
 namespace kolto {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-KernelTrackModule"
+
 #include "modules/KernelTrack/KernelTrackModule.h"
 
 #include <time.h>
@@ -14,8 +16,6 @@
 #include "modules/KernelTrack/KernelStatsTrack.h"
 #include "utils/Clock.h"
 #include "utils/TimeUtil.h"
-
-#define LOG_TAG "Tarnis-KernelTrackModule"
 
 namespace velmar {
 namespace kolto {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-KernelStatsTrack"
+
 #include "modules/KernelTrack/KernelTrackUtils.h"
 
 #include <errno.h>
@@ -16,8 +18,6 @@
 
 #include "utils/JsonUtil.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-KernelStatsTrack"
 
 namespace velmar {
 namespace kolto {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-LogManager"
+
 #include "modules/LogManager/LogManager.h"
 
 #include <dirent.h>
@@ -41,8 +43,6 @@
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
 #include "utils/ZipFile.h"
-
-#define LOG_TAG "Tarnis-LogManager"
 
 namespace velmar {
 namespace kolto {

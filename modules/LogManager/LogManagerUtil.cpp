@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-LogManagerUtil"
+
 #include "modules/LogManager/LogManagerUtil.h"
 
 #include <errno.h>
@@ -15,8 +17,6 @@
 #include "utils/JsonUtil.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-LogManagerUtil"
 
 namespace velmar {
 namespace kolto {

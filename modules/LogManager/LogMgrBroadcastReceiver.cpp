@@ -1,11 +1,11 @@
+#define LOG_TAG "Tarnis-onReceive"
+
 #include "modules/LogManager/LogMgrBroadcastReceiver.h"
 
 #include <log/log.h>
 
 #include "modules/LogManager/LogManager.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-onReceive"
 
 namespace velmar {
 namespace kolto {

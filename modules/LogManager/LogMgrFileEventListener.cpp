@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-LogMgrFileEventListener"
+
 #include "modules/LogManager/LogMgrFileEventListener.h"
 
 #include <sys/inotify.h>
@@ -7,8 +9,6 @@
 #include "modules/LogManager/LogManager.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "Tarnis-LogMgrFileEventListener"
 
 namespace velmar {
 namespace kolto {

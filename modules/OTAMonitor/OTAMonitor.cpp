@@ -1,4 +1,7 @@
+#define LOG_TAG "OTAMonitor"
+
 #include "modules/OTAMonitor/OTAMonitor.h"
+#include "utils/ScopedDir.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,8 +23,6 @@
 #include "utils/Paths.h"
 #include "utils/PropertyWait.h"
 #include "utils/StringUtil.h"
-
-#define LOG_TAG "OTAMonitor"
 
 namespace velmar {
 namespace tarnis {
@@ -205,12 +206,11 @@ bool search_keyword_line_in_file(const char* path, char* line, const char* keywo
     unique_fd fd(TEMP_FAILURE_RETRY(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
     struct stat st;
     FILE* file = nullptr;
-    if (fd.ok() && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) file = fdopen(fd.get(), "re");
+    if (fd.ok() && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) file = kolto::AdoptFile(fd, "re");
     if (file == nullptr) {
         ALOGE("%s: open file %s failed", kFunc, StringUtil::ForLog(path).c_str());
         return false;
     }
-    (void)fd.release();
     std::unique_ptr<FILE, int (*)(FILE*)> stream(file, fclose);
     return search_keyword_line_in_stream(stream.get(), line, keyword);
 }

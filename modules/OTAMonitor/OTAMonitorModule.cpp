@@ -1,3 +1,5 @@
+#define LOG_TAG "OTAMonitor"
+
 #include "modules/OTAMonitor/OTAMonitorModule.h"
 
 #include <string>
@@ -8,8 +10,6 @@
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
-
-#define LOG_TAG "OTAMonitor"
 
 namespace velmar {
 namespace tarnis {

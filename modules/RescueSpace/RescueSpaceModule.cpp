@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-RescueSpaceModule"
+
 #include "modules/RescueSpace/RescueSpaceModule.h"
 
 #include <string>
@@ -7,8 +9,6 @@
 
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
-
-#define LOG_TAG "Tarnis-RescueSpaceModule"
 
 namespace velmar {
 namespace tarnis {

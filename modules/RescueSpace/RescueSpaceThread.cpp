@@ -1,3 +1,5 @@
+#define LOG_TAG "RescueSpaceMonitor"
+
 #include "modules/RescueSpace/RescueSpaceThread.h"
 
 #include <dirent.h>
@@ -27,8 +29,6 @@
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
-
-#define LOG_TAG "RescueSpaceMonitor"
 
 namespace velmar {
 namespace tarnis {
@@ -110,10 +110,7 @@ kolto::ScopedDir OpenDirNoFollow(const std::string& path) {
     std::string target = path;
     while (target.size() > 1 && target.back() == '/') target.pop_back();
     unique_fd fd(TEMP_FAILURE_RETRY(open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
-    if (fd.get() < 0) return kolto::ScopedDir();
-    DIR* dir = fdopendir(fd.get());
-    if (dir != nullptr) (void)fd.release();
-    return kolto::ScopedDir(dir);
+    return kolto::AdoptDir(fd);
 }
 
 bool IsDotOrDotDot(const char* name) {

@@ -1,3 +1,5 @@
+#define LOG_TAG "Tarnis-TombstoneMonitorModule"
+
 #include "modules/TombstoneMonitor/TombstoneMonitorModule.h"
 
 #include <string>
@@ -8,8 +10,6 @@
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
-
-#define LOG_TAG "Tarnis-TombstoneMonitorModule"
 
 namespace velmar {
 namespace tarnis {

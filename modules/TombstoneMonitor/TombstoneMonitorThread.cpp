@@ -1,3 +1,5 @@
+#define LOG_TAG "TombstoneMonitor"
+
 #include "modules/TombstoneMonitor/TombstoneMonitorThread.h"
 
 #include <fcntl.h>
@@ -21,8 +23,6 @@
 #include "utils/FileUtil.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
-
-#define LOG_TAG "TombstoneMonitor"
 
 namespace velmar {
 namespace tarnis {

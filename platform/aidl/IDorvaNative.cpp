@@ -1,7 +1,7 @@
 #include <nuvi/dorva/IDorvaNative.h>
 
 #include <nuvi/dorva/BpDorvaNative.h>
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 namespace nuvi {
 namespace dorva {
@@ -11,7 +11,7 @@ std::shared_ptr<IDorvaNative> IDorvaNative::asInterface(const android::sp<androi
 }
 
 const android::String16& IDorvaNative::getInterfaceDescriptor() {
-    static const android::String16 name = android::Utf8ToUtf16(descriptor);
+    static const android::String16 name = platform::ToUtf16(descriptor);
     return name;
 }
 

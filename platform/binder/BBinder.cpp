@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include <android-base/logging.h>
 
@@ -53,14 +53,14 @@ status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
 // binder thread for longer than dumpsys would wait.
 status_t BBinder::handleDump(const Parcel& data) {
     base::unique_fd fd;
-    std::vector<std::u16string> args16;
+    std::vector<android::String16> args16;
     status_t st = data.readUniqueFileDescriptor(&fd);
     if (st == OK) st = data.readString16Vector(&args16);
     if (st != OK) return st;
     if (!fd.ok()) return BAD_VALUE;
     std::vector<std::string> args;
     args.reserve(args16.size());
-    for (const auto& a : args16) args.push_back(android::Utf16ToUtf8(a));
+    for (const auto& a : args16) args.push_back(platform::ToUtf8(a));
     std::vector<const char*> argv;
     argv.reserve(args.size());
     for (const auto& a : args) argv.push_back(a.c_str());

@@ -92,7 +92,7 @@ public:
     void log(base::LogSeverity severity, const std::string& line) {
         uint64_t suppressed = 0;
         if (!limiter_.Allow(&suppressed)) return;
-        base::LogMessage(severity, nullptr, -1).stream() << line << platform::LogRateLimiter::Summary(suppressed);
+        base::LogMessage(__FILE__, __LINE__, severity, nullptr, -1).stream() << line << platform::LogRateLimiter::Summary(suppressed);
     }
 
 private:

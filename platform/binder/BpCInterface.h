@@ -3,7 +3,7 @@
 #include <utility>
 #include <vector>
 
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "platform/binder/ICInterface.h"
 
@@ -23,8 +23,8 @@ public:
     binder_status_t dump(int fd, const char** args, uint32_t numArgs) override {
         android::Parcel in;
         in.writeFileDescriptor(fd);
-        std::vector<std::u16string> args16;
-        for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(android::Utf8ToUtf16(args[i]));
+        std::vector<android::String16> args16;
+        for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(platform::ToUtf16(args[i]));
         in.writeString16Vector(args16);
         android::Parcel reply;
         return remote_->transact(DUMP_TRANSACTION, in, &reply);

@@ -1,13 +1,13 @@
 #include "platform/binder/IServiceManager.h"
 
 #include <android-base/logging.h>
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "platform/binder/ServiceManager.h"
 
 namespace android {
 
-status_t IServiceManager::addService(const std::u16string& name, const sp<IBinder>& service, bool,
+status_t IServiceManager::addService(const android::String16& name, const sp<IBinder>& service, bool,
                                      int dumpsysPriority) {
     constexpr int kAllFlags = DUMP_FLAG_PRIORITY_CRITICAL | DUMP_FLAG_PRIORITY_HIGH |
                               DUMP_FLAG_PRIORITY_NORMAL | DUMP_FLAG_PRIORITY_DEFAULT;
@@ -15,21 +15,21 @@ status_t IServiceManager::addService(const std::u16string& name, const sp<IBinde
         LOG(ERROR) << "addService: invalid dump priority " << dumpsysPriority;
         return BAD_VALUE;
     }
-    return ServiceManager::instance().addService(android::Utf16ToUtf8(name), service);
+    return ServiceManager::instance().addService(platform::ToUtf8(name), service);
 }
 
-sp<IBinder> IServiceManager::checkService(const std::u16string& name) {
-    return ServiceManager::instance().checkService(android::Utf16ToUtf8(name));
+sp<IBinder> IServiceManager::checkService(const android::String16& name) {
+    return ServiceManager::instance().checkService(platform::ToUtf8(name));
 }
 
-sp<IBinder> IServiceManager::getService(const std::u16string& name) { return waitForService(name); }
+sp<IBinder> IServiceManager::getService(const android::String16& name) { return waitForService(name); }
 
-sp<IBinder> IServiceManager::waitForService(const std::u16string& name) {
-    return ServiceManager::instance().waitForService(android::Utf16ToUtf8(name));
+sp<IBinder> IServiceManager::waitForService(const android::String16& name) {
+    return ServiceManager::instance().waitForService(platform::ToUtf8(name));
 }
 
-bool IServiceManager::isDeclared(const std::u16string& name) {
-    return ServiceManager::instance().isDeclared(android::Utf16ToUtf8(name));
+bool IServiceManager::isDeclared(const android::String16& name) {
+    return ServiceManager::instance().isDeclared(platform::ToUtf8(name));
 }
 
 sp<IServiceManager> defaultServiceManager() {

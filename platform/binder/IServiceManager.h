@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include <utils/String16.h>
+
 #include "platform/binder/IBinder.h"
 
 // The classic (libbinder) view of the same service manager, for services
@@ -20,13 +22,13 @@ public:
     // allowIsolated and dumpsysPriority are recorded by the platform's
     // manager; the host has no isolated processes and no dumpsys, so they
     // only have to be valid.
-    status_t addService(const std::u16string& name, const sp<IBinder>& service, bool allowIsolated = false,
+    status_t addService(const android::String16& name, const sp<IBinder>& service, bool allowIsolated = false,
                         int dumpsysPriority = DUMP_FLAG_PRIORITY_DEFAULT);
-    sp<IBinder> checkService(const std::u16string& name);
+    sp<IBinder> checkService(const android::String16& name);
     // Waits for a declared service (as waitForService), null at once otherwise.
-    sp<IBinder> getService(const std::u16string& name);
-    sp<IBinder> waitForService(const std::u16string& name);
-    bool isDeclared(const std::u16string& name);
+    sp<IBinder> getService(const android::String16& name);
+    sp<IBinder> waitForService(const android::String16& name);
+    bool isDeclared(const android::String16& name);
 };
 
 sp<IServiceManager> defaultServiceManager();

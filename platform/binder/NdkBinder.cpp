@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/IPCThreadState.h"
@@ -52,8 +52,8 @@ binder_status_t AIBinder_dump(AIBinder* binder, int fd, const char** args, uint3
     android::Parcel in, reply;
     binder_status_t st = in.writeFileDescriptor(fd);
     if (st != STATUS_OK) return st;
-    std::vector<std::u16string> args16;
-    for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(android::Utf8ToUtf16(args[i]));
+    std::vector<android::String16> args16;
+    for (uint32_t i = 0; i < numArgs; ++i) args16.push_back(platform::ToUtf16(args[i]));
     in.writeString16Vector(args16);
     return binder->transact(DUMP_TRANSACTION, in, &reply);
 }

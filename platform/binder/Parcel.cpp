@@ -1,5 +1,7 @@
 #include "platform/binder/Parcel.h"
 
+#include <utils/String8.h>
+
 #include <fcntl.h>
 
 #include <cstring>
@@ -33,15 +35,15 @@ status_t Parcel::writeString(const std::string& value) {
     return OK;
 }
 
-status_t Parcel::writeString16(const std::u16string& value) {
+status_t Parcel::writeString16(const String16& value) {
     if (value.size() > INT32_MAX / 2) return BAD_VALUE;
     writeInt32(static_cast<int32_t>(value.size()));
-    data_.append(reinterpret_cast<const char*>(value.data()), value.size() * sizeof(char16_t));
+    data_.append(reinterpret_cast<const char*>(value.string()), value.size() * sizeof(char16_t));
     return OK;
 }
 
 status_t Parcel::writeUtf8AsUtf16(const std::string& value) {
-    return writeString16(android::Utf8ToUtf16(value));
+    return writeString16(String16(value.data(), value.size()));
 }
 
 status_t Parcel::writeInt32Vector(const std::vector<int32_t>& value) {
@@ -71,7 +73,7 @@ status_t Parcel::writeStringVector(const std::vector<std::string>& value) {
     return OK;
 }
 
-status_t Parcel::writeString16Vector(const std::vector<std::u16string>& value) {
+status_t Parcel::writeString16Vector(const std::vector<String16>& value) {
     writeInt32(static_cast<int32_t>(value.size()));
     for (const auto& v : value) {
         status_t st = writeString16(v);
@@ -137,21 +139,25 @@ status_t Parcel::readString(std::string* out) const {
     return OK;
 }
 
-status_t Parcel::readString16(std::u16string* out) const {
+status_t Parcel::readString16(String16* out) const {
     int32_t len;
     status_t st = readInt32(&len);
     if (st != OK) return st;
     if (len < 0 || static_cast<size_t>(len) > dataAvail() / sizeof(char16_t)) return BAD_VALUE;
-    out->resize(len);
-    memcpy(&(*out)[0], data_.data() + pos_, len * sizeof(char16_t));
+    std::vector<char16_t> units(static_cast<size_t>(len));
+    if (len > 0) memcpy(units.data(), data_.data() + pos_, len * sizeof(char16_t));
+    *out = String16(units.data(), units.size());
     pos_ += len * sizeof(char16_t);
     return OK;
 }
 
 status_t Parcel::readUtf8FromUtf16(std::string* out) const {
-    std::u16string text;
+    String16 text;
     status_t st = readString16(&text);
-    if (st == OK) *out = android::Utf16ToUtf8(text);
+    if (st == OK) {
+        const String8 utf8(text);
+        out->assign(utf8.string(), utf8.size());
+    }
     return st;
 }
 
@@ -196,8 +202,8 @@ status_t Parcel::readStringVector(std::vector<std::string>* out) const {
     return readVector(out, 4, [this](std::string* v) { return readString(v); });
 }
 
-status_t Parcel::readString16Vector(std::vector<std::u16string>* out) const {
-    return readVector(out, 4, [this](std::u16string* v) { return readString16(v); });
+status_t Parcel::readString16Vector(std::vector<String16>* out) const {
+    return readVector(out, 4, [this](String16* v) { return readString16(v); });
 }
 
 status_t Parcel::readByteVector(std::vector<uint8_t>* out) const {

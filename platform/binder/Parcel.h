@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+#include <utils/String16.h>
 
 #include "platform/binder/BinderStatus.h"
 #include "platform/binder/ParcelFileDescriptor.h"
@@ -36,14 +37,14 @@ public:
     status_t writeBool(bool value);
     // UTF-8 text (the NDK's std::string arguments).
     status_t writeString(const std::string& value);
-    status_t writeString16(const std::u16string& value);
+    status_t writeString16(const String16& value);
     // UTF-8 in, UTF-16 on the wire (libbinder's writeUtf8AsUtf16).
     status_t writeUtf8AsUtf16(const std::string& value);
     status_t writeInt32Vector(const std::vector<int32_t>& value);
     status_t writeInt64Vector(const std::vector<int64_t>& value);
     status_t writeBoolVector(const std::vector<bool>& value);
     status_t writeStringVector(const std::vector<std::string>& value);
-    status_t writeString16Vector(const std::vector<std::u16string>& value);
+    status_t writeString16Vector(const std::vector<String16>& value);
     status_t writeByteVector(const std::vector<uint8_t>& value);
     // Duplicates `fd` (close-on-exec); the caller keeps its own. -1 writes "no descriptor".
     status_t writeFileDescriptor(int fd);
@@ -58,13 +59,13 @@ public:
     status_t readInt64(int64_t* out) const;
     status_t readBool(bool* out) const;
     status_t readString(std::string* out) const;
-    status_t readString16(std::u16string* out) const;
+    status_t readString16(String16* out) const;
     status_t readUtf8FromUtf16(std::string* out) const;
     status_t readInt32Vector(std::vector<int32_t>* out) const;
     status_t readInt64Vector(std::vector<int64_t>* out) const;
     status_t readBoolVector(std::vector<bool>* out) const;
     status_t readStringVector(std::vector<std::string>* out) const;
-    status_t readString16Vector(std::vector<std::u16string>* out) const;
+    status_t readString16Vector(std::vector<String16>* out) const;
     status_t readByteVector(std::vector<uint8_t>* out) const;
     // Moves the next descriptor out of the parcel (an empty one when the
     // writer wrote -1). A descriptor can be taken once.
@@ -78,23 +79,23 @@ public:
     status_t write(int64_t v) { return writeInt64(v); }
     status_t write(bool v) { return writeBool(v); }
     status_t write(const std::string& v) { return writeString(v); }
-    status_t write(const std::u16string& v) { return writeString16(v); }
+    status_t write(const String16& v) { return writeString16(v); }
     status_t write(const std::vector<int32_t>& v) { return writeInt32Vector(v); }
     status_t write(const std::vector<int64_t>& v) { return writeInt64Vector(v); }
     status_t write(const std::vector<bool>& v) { return writeBoolVector(v); }
     status_t write(const std::vector<std::string>& v) { return writeStringVector(v); }
-    status_t write(const std::vector<std::u16string>& v) { return writeString16Vector(v); }
+    status_t write(const std::vector<String16>& v) { return writeString16Vector(v); }
     status_t write(const std::vector<uint8_t>& v) { return writeByteVector(v); }
     status_t read(int32_t* v) const { return readInt32(v); }
     status_t read(int64_t* v) const { return readInt64(v); }
     status_t read(bool* v) const { return readBool(v); }
     status_t read(std::string* v) const { return readString(v); }
-    status_t read(std::u16string* v) const { return readString16(v); }
+    status_t read(String16* v) const { return readString16(v); }
     status_t read(std::vector<int32_t>* v) const { return readInt32Vector(v); }
     status_t read(std::vector<int64_t>* v) const { return readInt64Vector(v); }
     status_t read(std::vector<bool>* v) const { return readBoolVector(v); }
     status_t read(std::vector<std::string>* v) const { return readStringVector(v); }
-    status_t read(std::vector<std::u16string>* v) const { return readString16Vector(v); }
+    status_t read(std::vector<String16>* v) const { return readString16Vector(v); }
     status_t read(std::vector<uint8_t>* v) const { return readByteVector(v); }
     status_t read(base::unique_fd* v) const { return readUniqueFileDescriptor(v); }
     status_t write(const os::ParcelFileDescriptor& v) { return writeFileDescriptor(v.get()); }

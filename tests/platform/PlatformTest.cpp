@@ -11,6 +11,7 @@
 
 #include <android-base/logging.h>
 #include <android-base/properties.h>
+#include <host/WaitForProperty.h>
 #include <cutils/properties.h>
 #include <host/Host.h>
 #include <log/log.h>

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +21,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <log/log.h>
 
 #include <android/binder_process.h>
 #include <binder/IPCThreadState.h>
@@ -34,7 +36,6 @@
 #include "tests/support/TempDir.h"
 
 using android::DorvaNativeDaemon;
-using android::Utf8ToUtf16;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
@@ -70,7 +71,7 @@ protected:
 
 std::vector<android::String16> U16(std::initializer_list<const char*> list) {
     std::vector<android::String16> out;
-    for (const char* s : list) out.push_back(Utf8ToUtf16(s));
+    for (const char* s : list) out.push_back(platform::ToUtf16(s));
     return out;
 }
 
@@ -106,7 +107,7 @@ TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientWithTheirMessages) {
 TEST_F(DorvaNativeDaemonTest, BatchRunsTheAcceptedToolsIntoTheFile) {
     ASSERT_TRUE(WriteFile(root_.Sub("data/in.txt"), "batch input\n"));
     android::binder::Status st = daemon_->captureLogByRunCommand(U16({"rm", "cat"}), U16({"-rf,/", "/in.txt"}),
-                                                                 Utf8ToUtf16("/data/batch.txt"), 5);
+                                                                 platform::ToUtf16("/data/batch.txt"), 5);
     ASSERT_TRUE(st.isOk()) << st.getDescription();
     const std::string out = ReadFile(root_.Sub("data/batch.txt"));
     EXPECT_EQ(out.find("(rm"), std::string::npos) << out;
@@ -120,12 +121,12 @@ TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
     {
         android::IPCThreadState::ScopedIdentity shell(DorvaNativeDaemon::kShellUid, getpid());
         int32_t result = 7;
-        android::binder::Status st = daemon_->runCommand(Utf8ToUtf16("cat"), Utf8ToUtf16("/dev/null"), 5, &result);
+        android::binder::Status st = daemon_->runCommand(platform::ToUtf16("cat"), platform::ToUtf16("/dev/null"), 5, &result);
         EXPECT_EQ(st.getExceptionCode(), EX_SERVICE_SPECIFIC);
         EXPECT_EQ(st.getServiceSpecificError(), -1);
         EXPECT_EQ(st.getMessage(), "runCommand:145: Command not allowed for shell user");
         EXPECT_EQ(result, 7);
-        st = daemon_->captureLogByRunCommand(U16({"cat"}), U16({"/dev/null"}), Utf8ToUtf16("/data/x"), 5);
+        st = daemon_->captureLogByRunCommand(U16({"cat"}), U16({"/dev/null"}), platform::ToUtf16("/data/x"), 5);
         EXPECT_EQ(st.getMessage(), "captureLogByRunCommand:244: Command not allowed for shell user");
     }
     EXPECT_TRUE(log.HasLine("runCommand: Shell user (UID 2000) access denied", "dorvad", 6));
@@ -176,7 +177,7 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     ASSERT_TRUE(WriteFile(root_.Sub("mnt/vendor/persist/stability/..dots"), ""));
     android::String16 list;
     ASSERT_TRUE(daemon_->getFilesFromPersist(&list).isOk());
-    const std::string text = android::Utf16ToUtf8(list);
+    const std::string text = platform::ToUtf8(list);
     std::set<std::string> names;
     for (size_t at = 0; at <= text.size();) {
         const size_t comma = std::min(text.find(',', at), text.size());
@@ -225,10 +226,9 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     // Files without an end, or that never answer, cost a line and no thread.
     ASSERT_EQ(mkfifo(root_.Sub("mnt/vendor/persist/stability/fifo").c_str(), 0600), 0);
     platform::LogCapture log;
-    android::String16 content = Utf8ToUtf16("unchanged?");
-    content.clear();
-    ASSERT_TRUE(daemon_->readFile(Utf8ToUtf16(dir + "/fifo"), &content).isOk());
-    EXPECT_TRUE(content.empty());
+    android::String16 content;
+    ASSERT_TRUE(daemon_->readFile(platform::ToUtf16(dir + "/fifo"), &content).isOk());
+    EXPECT_EQ(content.size(), 0u);
     EXPECT_EQ(log.Count("is not a regular file; nothing read"), 1u);
 }
 

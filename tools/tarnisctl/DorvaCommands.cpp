@@ -16,7 +16,7 @@
 #include <host/Host.h>
 #include <nuvi/dorva/IDorvaNative.h>
 #include <utils/String16.h>
-#include <utils/Unicode.h>
+#include <host/Utf8.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
 #include "utils/Paths.h"
@@ -29,7 +29,7 @@ namespace tarnisctl {
 namespace {
 
 using android::String16;
-using android::Utf8ToUtf16;
+
 using nuvi::dorva::IDorvaNative;
 namespace paths = velmar::kolto::paths;
 
@@ -59,7 +59,7 @@ bool ParseInt(const std::string& text, int32_t* out) { return android::base::Par
 
 std::vector<String16> ToUtf16(const std::vector<std::string>& list) {
     std::vector<String16> out;
-    for (const std::string& s : list) out.push_back(Utf8ToUtf16(s));
+    for (const std::string& s : list) out.push_back(platform::ToUtf16(s));
     return out;
 }
 
@@ -163,9 +163,9 @@ int Capture(const std::vector<std::string>& args) {
 
     struct timespec start;
     clock_gettime(CLOCK_REALTIME, &start);
-    int rc = Report("captureLog", service->captureLog(Utf8ToUtf16(type), Utf8ToUtf16(headline),
+    int rc = Report("captureLog", service->captureLog(platform::ToUtf16(type), platform::ToUtf16(headline),
                                                        ToUtf16(list.actions), ToUtf16(list.params), offline, id,
-                                                       useId, Utf8ToUtf16(where), ToUtf16(files), local));
+                                                       useId, platform::ToUtf16(where), ToUtf16(files), local));
     if (rc != 0) return rc;
 
     const std::string clean = android::CaptureLogUtil::sanitizeHeadline(headline);
@@ -200,7 +200,7 @@ int RunCommand(const std::vector<std::string>& args) {
     if (timeout > 0) RaiseDefaultTimeoutMs(timeout * 1000 + kKillGraceMs);
     int32_t result = 0;
     const int rc =
-        Report("runCommand", service->runCommand(Utf8ToUtf16(args[0]), Utf8ToUtf16(args[1]), timeout, &result));
+        Report("runCommand", service->runCommand(platform::ToUtf16(args[0]), platform::ToUtf16(args[1]), timeout, &result));
     if (rc != 0) return rc;
     printf("result: %d\n", result);
     return 0;
@@ -223,7 +223,7 @@ int RunBatch(const std::vector<std::string>& args) {
     RaiseDefaultTimeoutMs(perAction * static_cast<int>(std::min<size_t>(list.actions.size(), 100)));
     const int rc = Report("captureLogByRunCommand",
                           service->captureLogByRunCommand(ToUtf16(list.actions), ToUtf16(list.params),
-                                                          Utf8ToUtf16(args[0]), timeout));
+                                                          platform::ToUtf16(args[0]), timeout));
     if (rc != 0) return rc;
     printf("%s\n", platform::DevicePath(args[0]).c_str());
     return 0;
@@ -250,16 +250,16 @@ int Persist(const std::vector<std::string>& args) {
     if (!service) return 1;
     if (op == "create") {
         int32_t result = 0;
-        const int rc = Report("createFileInPersist", service->createFileInPersist(Utf8ToUtf16(args[1]), &result));
+        const int rc = Report("createFileInPersist", service->createFileInPersist(platform::ToUtf16(args[1]), &result));
         if (rc == 0) printf("result: %d\n", result);
         return rc;
     }
-    if (op == "write") return Report("writeToPersistFile", service->writeToPersistFile(Utf8ToUtf16(args[1]), Utf8ToUtf16(args[2])));
+    if (op == "write") return Report("writeToPersistFile", service->writeToPersistFile(platform::ToUtf16(args[1]), platform::ToUtf16(args[2])));
     String16 text;
-    const int rc = op == "read" ? Report("readFile", service->readFile(Utf8ToUtf16(args[1]), &text))
+    const int rc = op == "read" ? Report("readFile", service->readFile(platform::ToUtf16(args[1]), &text))
                                 : Report("getFilesFromPersist", service->getFilesFromPersist(&text));
     if (rc != 0) return rc;
-    const std::string text8 = android::Utf16ToUtf8(text);
+    const std::string text8 = platform::ToUtf8(text);
     if (op == "read") {
         fwrite(text8.data(), 1, text8.size(), stdout);
     } else {
@@ -294,7 +294,7 @@ int StationInfo(const std::vector<std::string>& args) {
     std::shared_ptr<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     nuvi::dorva::StationInfo info;
-    const int rc = Report("getStationInfo", service->getStationInfo(Utf8ToUtf16(args[0]), Utf8ToUtf16(args[1]), &info));
+    const int rc = Report("getStationInfo", service->getStationInfo(platform::ToUtf16(args[0]), platform::ToUtf16(args[1]), &info));
     if (rc != 0) return rc;
     printf("signal: %d\nchain_signal_avg: %d %d %d %d\n", info.signal, info.chainSignalAvg0, info.chainSignalAvg1,
            info.chainSignalAvg2, info.chainSignalAvg3);
@@ -390,8 +390,8 @@ int SockFilter(const std::vector<std::string>& args) {
     if (!service) return 1;
     android::os::ParcelFileDescriptor socket;
     const int rc = Report("attachSockFilter",
-                          service->attachSockFilter(Utf8ToUtf16(srcMac), Utf8ToUtf16(dstMac), srcAddr, dstAddr,
-                                                    protocol, srcPort, dstPort, payload, extra, Utf8ToUtf16(ifname),
+                          service->attachSockFilter(platform::ToUtf16(srcMac), platform::ToUtf16(dstMac), srcAddr, dstAddr,
+                                                    protocol, srcPort, dstPort, payload, extra, platform::ToUtf16(ifname),
                                                     &socket));
     if (rc != 0) return rc;
     if (socket.get() < 0) {

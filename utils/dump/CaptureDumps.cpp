@@ -7,6 +7,7 @@
 #include <sys/klog.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -153,12 +154,11 @@ void DoDmesg(int fd, const std::string& path) {
 // directory `dirFd` (`logDir`), never through a link put in its place.
 void DeleteBugreportLeftovers(int dirFd, const std::string& logDir) {
     base::unique_fd own(fcntl(dirFd, F_DUPFD_CLOEXEC, 0));
-    velmar::kolto::ScopedDir dir(own.ok() ? fdopendir(own.get()) : nullptr);
+    velmar::kolto::ScopedDir dir = velmar::kolto::AdoptDir(own);
     if (!dir) {
         ALOGE("Error opening directory: %s", StringUtil::ForLog(logDir).c_str());
         return;
     }
-    own.release();  // owned by dir now
     rewinddir(dir.get());
     std::vector<std::string> doomed;
     while (struct dirent* entry = readdir(dir.get())) {
@@ -179,17 +179,17 @@ bool CaptureDumps::IsSupportAction(const std::string& action) {
     return strstr(kSupportAction, action.c_str()) != nullptr;
 }
 
-void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, const Vector<String16>& actions,
-                           const Vector<String16>& params, bool offline, int id, bool useId, const String16& where16,
-                           Vector<String16>& files, bool isRecordInLocal) {
+void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, const std::vector<String16>& actions,
+                           const std::vector<String16>& params, bool offline, int id, bool useId, const String16& where16,
+                           std::vector<String16>& files, bool isRecordInLocal) {
     ALOGD("isRecordInLocal is %s\n", isRecordInLocal ? "true" : "false");
     if (actions.empty() || params.size() != actions.size()) {
         ALOGE("Error in dump: actions or params exception.");
         return;
     }
-    const std::string type = String8(type16);
-    const std::string headline = CaptureFile::SanitizeHeadline(String8(headline16));
-    const std::string rawWhere = String8(where16);
+    const std::string type = platform::ToUtf8(type16);
+    const std::string headline = CaptureFile::SanitizeHeadline(platform::ToUtf8(headline16));
+    const std::string rawWhere = platform::ToUtf8(where16);
 
     // The type names a directory of its own below the base: nothing else.
     if (!CaptureFile::IsPlainName(type)) {
@@ -222,7 +222,7 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
 
     if (type == "ne" && !files.empty()) {
         for (const String16& entry : files) {
-            const std::string file = String8(entry);
+            const std::string file = platform::ToUtf8(entry);
             if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) WaitForCoredump(file);
         }
     }
@@ -231,8 +231,8 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     bool wantBugreport = false;
     std::string bugreportParam;
     for (size_t i = 0; i < actions.size(); ++i) {
-        const std::string action = String8(actions[i]);
-        const std::string param = String8(params[i]);
+        const std::string action = platform::ToUtf8(actions[i]);
+        const std::string param = platform::ToUtf8(params[i]);
         ALOGE("dump begin path=%s (%s %s) id=%d", StringUtil::ForLog(path).c_str(),
               StringUtil::ForLog(action).c_str(), StringUtil::ForLog(param).c_str(), id);
         if (action == "do_dumpheap") {
@@ -254,7 +254,7 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     std::string bugreport;
     if (wantBugreport) {
         bugreport = DumpstateClient::RequestBugreport(logDir, bugreportParam);
-        if (!bugreport.empty()) files.push_back(String16FromUtf8(bugreport));
+        if (!bugreport.empty()) files.push_back(platform::ToUtf16(bugreport));
     }
 
     // Temperature-hang captures stay as text.
@@ -288,7 +288,7 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     }
 }
 
-void CaptureDumps::DumpByPower(const Vector<String16>& actions, const Vector<String16>& params, const char* rawPath,
+void CaptureDumps::DumpByPower(const std::vector<String16>& actions, const std::vector<String16>& params, const char* rawPath,
                                int timeoutSeconds) {
     if (params.size() < actions.size()) {
         ALOGE("dump_by_power: %zu actions but only %zu params", actions.size(), params.size());
@@ -307,8 +307,8 @@ void CaptureDumps::DumpByPower(const Vector<String16>& actions, const Vector<Str
         return;
     }
     for (size_t i = 0; i < actions.size(); ++i) {
-        const std::string action = String8(actions[i]);
-        const std::string param = String8(params[i]);
+        const std::string action = platform::ToUtf8(actions[i]);
+        const std::string param = platform::ToUtf8(params[i]);
         if (IsSupportAction(action)) {
             ALOGE("dump begin path=%s (%s %s)", StringUtil::ForLog(paths::Get(path)).c_str(),
                   StringUtil::ForLog(action).c_str(),
@@ -332,9 +332,9 @@ void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, co
 
     AnrTraces anr;
     anr.Collect();
-    Vector<String16> attachments{String16FromUtf8(paths::kUidErrors)};
+    std::vector<String16> attachments{platform::ToUtf16(paths::kUidErrors)};
     for (const DumpData& trace : anr.traces()) {
-        attachments.push_back(String16FromUtf8(std::string(paths::kAnrDir) + trace.name));
+        attachments.push_back(platform::ToUtf16(std::string(paths::kAnrDir) + trace.name));
     }
     const auto removeText = [path](bool complete) {
         if (!complete) {

@@ -14,11 +14,11 @@ namespace android {
 // caller's thread; device paths handed in are mapped below the root.
 class CaptureDumps {
 public:
-    static void DumpAll(const String16& type, const String16& headline, const Vector<String16>& actions,
-                        const Vector<String16>& params, bool offline, int id, bool useId, const String16& where,
-                        Vector<String16>& files, bool isRecordInLocal);
+    static void DumpAll(const String16& type, const String16& headline, const std::vector<String16>& actions,
+                        const std::vector<String16>& params, bool offline, int id, bool useId, const String16& where,
+                        std::vector<String16>& files, bool isRecordInLocal);
     static void DumpForActions(const char* outDir, const char* path, const std::vector<DumpAction>& actions);
-    static void DumpByPower(const Vector<String16>& actions, const Vector<String16>& params, const char* path,
+    static void DumpByPower(const std::vector<String16>& actions, const std::vector<String16>& params, const char* path,
                             int timeoutSeconds);
     static void DumpLiteBugreport(const char* target, const char* path);
 

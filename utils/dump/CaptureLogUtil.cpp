@@ -22,8 +22,8 @@ void CaptureLogUtil::redirect_output(const char* path) { CommandRunner::Redirect
 
 bool CaptureLogUtil::isTestMode() { return CommandRunner::TestMode(); }
 
-void CaptureLogUtil::dump_all(String16& type, String16& headline, Vector<String16>& actions, Vector<String16>& params,
-                              bool offline, int id, bool useId, String16& where, Vector<String16>& files,
+void CaptureLogUtil::dump_all(String16& type, String16& headline, std::vector<String16>& actions, std::vector<String16>& params,
+                              bool offline, int id, bool useId, String16& where, std::vector<String16>& files,
                               bool isRecordInLocal) {
     CaptureDumps::DumpAll(type, headline, actions, params, offline, id, useId, where, files, isRecordInLocal);
 }
@@ -32,7 +32,7 @@ void CaptureLogUtil::dump_for_actions(const char* outDir, const char* path, std:
     CaptureDumps::DumpForActions(outDir, path, actions);
 }
 
-void CaptureLogUtil::dump_by_power(Vector<String16> actions, Vector<String16> params, const char* path,
+void CaptureLogUtil::dump_by_power(std::vector<String16> actions, std::vector<String16> params, const char* path,
                                    int timeoutSeconds) {
     CaptureDumps::DumpByPower(actions, params, path, timeoutSeconds);
 }
@@ -47,12 +47,12 @@ std::string CaptureLogUtil::sanitizeHeadline(const std::string& headline) {
     return CaptureFile::SanitizeHeadline(headline);
 }
 
-int CaptureLogUtil::do_compress(const char* path, const char* where, Vector<String16>* files, int timeoutSeconds,
+int CaptureLogUtil::do_compress(const char* path, const char* where, std::vector<String16>* files, int timeoutSeconds,
                                 bool isRecordInLocal) {
     return CapturePackager::Compress(path, where, files, timeoutSeconds, isRecordInLocal);
 }
 
-int CaptureLogUtil::CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
+int CaptureLogUtil::CompressWithTimeout(const std::string& zipPath, const std::string& path, std::vector<String16>* files,
                                         int timeoutSeconds) {
     return CapturePackager::CompressWithTimeout(zipPath, path, files, timeoutSeconds);
 }

@@ -37,12 +37,12 @@ public:
     static bool isTestMode();
 
     // ---- dumps ----
-    static void dump_all(String16& type, String16& headline, Vector<String16>& actions,
-                         Vector<String16>& params, bool offline, int id, bool useId,
-                         String16& where, Vector<String16>& files, bool isRecordInLocal);
+    static void dump_all(String16& type, String16& headline, std::vector<String16>& actions,
+                         std::vector<String16>& params, bool offline, int id, bool useId,
+                         String16& where, std::vector<String16>& files, bool isRecordInLocal);
     static void dump_for_actions(const char* outDir, const char* path,
                                  std::vector<DumpAction>& actions);
-    static void dump_by_power(Vector<String16> actions, Vector<String16> params, const char* path,
+    static void dump_by_power(std::vector<String16> actions, std::vector<String16> params, const char* path,
                               int timeoutSeconds);
     static void dump_lite_bugreport(const char* target, const char* path);
 
@@ -52,10 +52,10 @@ public:
     static std::string sanitizeHeadline(const std::string& headline);
 
     // ---- packaging ----
-    static int do_compress(const char* path, const char* where, Vector<String16>* files,
+    static int do_compress(const char* path, const char* where, std::vector<String16>* files,
                            int timeoutSeconds, bool isRecordInLocal);
     static int CompressWithTimeout(const std::string& zipPath, const std::string& path,
-                                   Vector<String16>* files, int timeoutSeconds);
+                                   std::vector<String16>* files, int timeoutSeconds);
     static void include_zip_files(const char* path, int* count);
 
     // ---- privileged helpers of the native daemon service ----

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <atomic>
 #include <chrono>
@@ -350,11 +351,11 @@ void CapturePackager::OpenUp(int fd, const std::string& path, int* count) {
     }
 }
 
-int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
+int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::string& path, std::vector<String16>* files,
                                          int timeoutSeconds, std::function<void(bool)> afterPack, int zipDirFd) {
     std::vector<std::string> packing;
     if (files != nullptr) {
-        for (const String16& file : *files) packing.push_back(paths::Get(String8(file)));
+        for (const String16& file : *files) packing.push_back(paths::Get(platform::ToUtf8(file)));
     }
     // With the tail depth of 2, an extra slash before the last one makes the
     // capture file's entry carry its bare name.
@@ -399,7 +400,7 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
     return -1;
 }
 
-int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<String16>* files, int timeoutSeconds,
+int CapturePackager::Compress(const char* rawPath, const char* rawWhere, std::vector<String16>* files, int timeoutSeconds,
                               bool isRecordInLocal, std::function<void(bool)> afterPack) {
     const std::string path = paths::Get(rawPath);
     base::unique_fd whereFd;
@@ -408,12 +409,12 @@ int CapturePackager::Compress(const char* rawPath, const char* rawWhere, Vector<
     int timeout = timeoutSeconds;
     bool hasGbg = false;
     std::vector<std::string> nativeCrashFiles;
-    Vector<String16> accepted;
+    std::vector<String16> accepted;
     if (files != nullptr) {
         for (const String16& entry : *files) {
             std::string file;
-            if (!AcceptAttachment(paths::DeviceOf(String8(entry)), &file)) continue;
-            accepted.push_back(String16FromUtf8(file));
+            if (!AcceptAttachment(paths::DeviceOf(platform::ToUtf8(entry)), &file)) continue;
+            accepted.push_back(platform::ToUtf16(file));
             // Core dumps are large: each native crash gets four more minutes.
             if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) {
                 timeout += kNativeCrashExtraSeconds;

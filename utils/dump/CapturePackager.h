@@ -20,12 +20,12 @@ public:
     // given, runs on the worker once the archive is finished or given up,
     // told whether it is complete: in time or late, the caller's text can
     // go only then.
-    static int Compress(const char* path, const char* where, Vector<String16>* files, int timeoutSeconds,
+    static int Compress(const char* path, const char* where, std::vector<String16>* files, int timeoutSeconds,
                         bool isRecordInLocal, std::function<void(bool complete)> afterPack = nullptr);
     // Starts the worker on `zipPath` and waits for it up to the time-out.
     // Paths are file-system paths. With `zipDirFd`, the archive is made in
     // that open directory under `zipPath`'s last name, never by its path.
-    static int CompressWithTimeout(const std::string& zipPath, const std::string& path, Vector<String16>* files,
+    static int CompressWithTimeout(const std::string& zipPath, const std::string& path, std::vector<String16>* files,
                                    int timeoutSeconds, std::function<void(bool complete)> afterPack = nullptr,
                                    int zipDirFd = -1);
     // True when the client's attachment `raw` lies below the data partition

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <cerrno>
 #include <cstring>
@@ -146,8 +147,8 @@ int CmdTool::Run(const std::vector<std::string>& args, const char* params, bool 
 }
 
 int CmdTool::run_command_lite(String16 program, String16 params, int timeoutSeconds) {
-    const std::string program8 = String8(program);
-    const std::string params8 = String8(params);
+    const std::string program8 = platform::ToUtf8(program);
+    const std::string params8 = platform::ToUtf8(params);
     return run_command_lite(program8.c_str(), params8.c_str(), timeoutSeconds);
 }
 

@@ -52,13 +52,12 @@ int DeleteContents(DIR* dir, const std::function<bool(const char*, bool)>& exclu
                 result = -1;
                 continue;
             }
-            ScopedDir subDir(fdopendir(subFd.get()));
+            ScopedDir subDir = velmar::kolto::AdoptDir(subFd);
             if (!subDir) {
                 ALOGE("Couldn't fdopendir %s: %s\n", name, strerror(errno));
                 result = -1;
                 continue;
             }
-            subFd.release();  // owned by subDir now
             if (DeleteContents(subDir.get(), exclude) < 0) result = -1;
             if (unlinkat(dirFd, name, AT_REMOVEDIR) < 0) {
                 ALOGE("Couldn't unlinkat %s: %s\n", name, strerror(errno));
@@ -98,12 +97,11 @@ int delete_dir_contents(const char* path, bool deleteSelf,
     // A link in the directory's place is not followed: its target's
     // contents are not ours to remove.
     base::unique_fd fd(open(WithoutTrailingSlashes(path).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    ScopedDir dir(fd.ok() ? fdopendir(fd.get()) : nullptr);
+    ScopedDir dir = velmar::kolto::AdoptDir(fd);
     if (!dir) {
         ALOGE("Couldn't opendir %s: %s\n", path, strerror(errno));
         return -1;
     }
-    fd.release();  // owned by dir now
     int result = DeleteContents(dir.get(), exclude);
     if (deleteSelf && rmdir(path) < 0) {
         ALOGE("Couldn't rmdir %s: %s\n", path, strerror(errno));

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include <utils/String16.h>
+
 #include "platform/EventJournal.h"
 
 // The quality-service client. On a device it is a closed platform library;
@@ -19,12 +21,12 @@ public:
     int reportEventV2(const std::string& a, const std::string& b, const std::string& c, bool flag);
     int reportNativeFeatureEvent(const std::string& a, const std::string& b, const std::string& c);
     int appCaptureLog(const std::string& a, const std::string& b, const std::string& c, const std::string& d);
-    int reportEventsV2(const std::string& a, const std::vector<std::u16string>& events, const std::string& c,
+    int reportEventsV2(const std::string& a, const std::vector<android::String16>& events, const std::string& c,
                        bool flag);
     int reportTrelvoEvent(const std::string& appId, const std::string& packageName, const std::string& payload,
                           int flags);
     int reportTrelvoEvents(const std::string& appId, const std::string& packageName,
-                           const std::vector<std::u16string>& payloads, int flags);
+                           const std::vector<android::String16>& payloads, int flags);
 
     // Non-zero: every call returns it; 0: back to the property / success.
     void setResultForTesting(int result) { journal_.SetResultForTesting(result); }

@@ -43,9 +43,9 @@ TEST_F(JournalTest, EachCallIsOneLineWithItsArgumentsInOrder) {
     EXPECT_EQ(dsm.reportEventV2("a", "b", "c", true), 0);
     EXPECT_EQ(dsm.reportNativeFeatureEvent("n1", "n2", "n3"), 0);
     EXPECT_EQ(dsm.appCaptureLog("1", "2", "3", "4"), 0);
-    EXPECT_EQ(dsm.reportEventsV2("h", {u"e\u00e9", u""}, "t", false), 0);
+    EXPECT_EQ(dsm.reportEventsV2("h", {android::String16(u"e\u00e9"), android::String16()}, "t", false), 0);
     EXPECT_EQ(dsm.reportTrelvoEvent("app", "pkg", "{\"k\":1}", 0), 0);
-    EXPECT_EQ(dsm.reportTrelvoEvents("app", "pkg", {u"{}", u"[]"}, -2), 0);
+    EXPECT_EQ(dsm.reportTrelvoEvents("app", "pkg", {android::String16(u"{}"), android::String16(u"[]")}, -2), 0);
     std::vector<std::string> expected = {
         R"({"call":"reportSensorException","args":["sensor \"x\"\n"]})",
         R"({"call":"reportEventV2","args":["a","b","c",true]})",

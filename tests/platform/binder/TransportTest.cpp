@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <log/log.h>
 
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 #include <aidl/vendor/velmar/hardware/kolto/common/ITarnisIntl.h>
@@ -158,7 +159,7 @@ TEST_F(TransportTest, InProcessCallersGetTheLocalObject) {
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     // The classic manager sees the same registry under UTF-16 names.
-    EXPECT_EQ(android::defaultServiceManager()->checkService(u"velmar.system.tarnis.common.ITarnisSsi/default"),
+    EXPECT_EQ(android::defaultServiceManager()->checkService(android::String16(u"velmar.system.tarnis.common.ITarnisSsi/default")),
               impl->asBinder());
     class Intl : public aidl::velmar::system::tarnis::common::BnTarnisSsiIntl {
         ndk::ScopedAStatus transferMessage(const std::string&, const std::string&) override {
@@ -166,7 +167,7 @@ TEST_F(TransportTest, InProcessCallersGetTheLocalObject) {
         }
     };
     auto intl = ndk::SharedRefBase::make<Intl>();
-    EXPECT_EQ(android::defaultServiceManager()->addService(u"nuvi.dorva.IDorvaNative", intl->asBinder(), false,
+    EXPECT_EQ(android::defaultServiceManager()->addService(android::String16(u"nuvi.dorva.IDorvaNative"), intl->asBinder(), false,
                                                            android::IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT),
               android::OK);
 }

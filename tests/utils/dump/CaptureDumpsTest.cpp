@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <utime.h>
+#include <host/Utf8.h>
 
 #include <atomic>
 #include <cstring>
@@ -28,8 +29,6 @@
 using android::CaptureLogUtil;
 using android::DumpAction;
 using android::String16;
-using android::String16FromUtf8;
-using android::Vector;
 using dump_test::ExactLines;
 using dump_test::FakeDumpstate;
 using dump_test::LineMatching;
@@ -68,17 +67,17 @@ protected:
         velmar::kolto::SetClockForTesting(nullptr);
         SandboxTest::TearDown();
     }
-    static Vector<String16> List(std::initializer_list<const char*> items) {
-        Vector<String16> list;
-        for (const char* item : items) list.push_back(String16FromUtf8(item));
+    static std::vector<String16> List(std::initializer_list<const char*> items) {
+        std::vector<String16> list;
+        for (const char* item : items) list.push_back(platform::ToUtf16(item));
         return list;
     }
-    void DumpAll(const std::string& type, const std::string& headline, Vector<String16> actions,
-                 Vector<String16> params, bool offline, int id = -1, bool useId = false,
-                 Vector<String16> files = {}, const std::string& whereText = "", bool recordInLocal = false) {
-        String16 type16 = String16FromUtf8(type);
-        String16 headline16 = String16FromUtf8(headline);
-        String16 where = String16FromUtf8(whereText);
+    void DumpAll(const std::string& type, const std::string& headline, std::vector<String16> actions,
+                 std::vector<String16> params, bool offline, int id = -1, bool useId = false,
+                 std::vector<String16> files = {}, const std::string& whereText = "", bool recordInLocal = false) {
+        String16 type16 = platform::ToUtf16(type);
+        String16 headline16 = platform::ToUtf16(headline);
+        String16 where = platform::ToUtf16(whereText);
         CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, recordInLocal);
         files_ = files;
     }
@@ -87,7 +86,7 @@ protected:
         return RunShell("ls -1 '" + Path(deviceDir) + "' 2>/dev/null");
     }
     CountingClock clock_;
-    Vector<String16> files_;
+    std::vector<String16> files_;
 };
 
 bool IsLink(const std::string& path) {
@@ -259,7 +258,7 @@ TEST_F(CaptureDumpsTest, BugreportFromTheDumpstateService) {
     EXPECT_TRUE(log.HasLine("recv response from dumpstate: " + report, "dorvad", ANDROID_LOG_INFO));
     // The report went into the archive, then was removed with its leftovers.
     ASSERT_EQ(files_.size(), 1u);
-    EXPECT_EQ(android::String8(files_[0]), report);
+    EXPECT_EQ(platform::ToUtf8(files_[0]), report);
     const std::string names = Names("/data/dorva//anr/online");
     EXPECT_EQ(names.find("tarnBugreport"), std::string::npos) << names;
     std::smatch match;

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <host/Utf8.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,8 +23,6 @@
 
 using android::CaptureLogUtil;
 using android::String16;
-using android::String16FromUtf8;
-using android::Vector;
 using dump_test::ExactLines;
 using dump_test::SandboxTest;
 using tarnis_test::ReadFile;
@@ -44,9 +43,9 @@ protected:
     void MakeDir(const std::string& devicePath) { RunShell("mkdir -p '" + Path(devicePath) + "'"); }
     // Entry names of an archive, one a line, sorted.
     static std::string Entries(const std::string& zip) { return RunShell("unzip -Z1 '" + zip + "' | sort"); }
-    static Vector<String16> List(std::initializer_list<const char*> paths) {
-        Vector<String16> list;
-        for (const char* path : paths) list.push_back(String16FromUtf8(path));
+    static std::vector<String16> List(std::initializer_list<const char*> paths) {
+        std::vector<String16> list;
+        for (const char* path : paths) list.push_back(platform::ToUtf16(path));
         return list;
     }
 };
@@ -62,7 +61,7 @@ TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
     Make("/data/dorva/ne/online/cap", "capture text\n");
     Make("/data/anr/trace_1", "trace\n");
     MakeDir("/data/x");
-    Vector<String16> files = List({"/data/anr/trace_1"});
+    std::vector<String16> files = List({"/data/anr/trace_1"});
     // A writable directory written with its final slash receives the archive.
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x/", &files, 5, false), 0);
     const std::string zip = Path("/data/x/cap.zip");
@@ -106,7 +105,7 @@ TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
 
     // A "gbg" attachment renames the archive.
     Make("/data/gbg/dump.bin");
-    Vector<String16> gbg = List({"/data/gbg/dump.bin"});
+    std::vector<String16> gbg = List({"/data/gbg/dump.bin"});
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, &gbg, 5, false), 0);
     EXPECT_TRUE(Exists(Path("/data/other/cap2.zip.mtk")));
     EXPECT_EQ(Entries(Path("/data/other/cap2.zip.mtk")), "gbg/dump.bin\nother/cap2\n");
@@ -120,7 +119,7 @@ TEST_F(CapturePackagerTest, StepsAfterTheRenameUseTheRenamedArchive) {
     Make("/data/gbg/dump.bin");
     const std::string capture = "/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789";
     Make(capture);
-    Vector<String16> gbg = List({"/data/gbg/dump.bin"});
+    std::vector<String16> gbg = List({"/data/gbg/dump.bin"});
     EXPECT_EQ(CaptureLogUtil::do_compress(capture.c_str(), nullptr, &gbg, 5, true), 0);
     const std::string renamed = Path(capture + ".zip.mtk");
     struct stat st;
@@ -171,7 +170,7 @@ TEST_F(CapturePackagerTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     Make("/data/dorva/ne/online/1_ne_x");
     std::atomic<int> seenTimeout{0};
     CaptureLogUtil::SetCompressHooksForTesting([&](int timeout) { seenTimeout = timeout; }, nullptr);
-    Vector<String16> files = List({"/data/nuvilog/stability/nativecrash/core_1",
+    std::vector<String16> files = List({"/data/nuvilog/stability/nativecrash/core_1",
                                    "/data/nuvilog/stability/nativecrash/tombstones/tomb_1"});
 
     ASSERT_TRUE(android::base::SetProperty("persist.reboot.coredump", "true"));
@@ -201,7 +200,7 @@ TEST_F(CapturePackagerTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     // Only captures of native crashes ("_ne_") clean up.
     Make("/data/nuvilog/stability/nativecrash/core_2");
     Make("/data/dorva/je/online/1_je_x");
-    Vector<String16> other = List({"/data/nuvilog/stability/nativecrash/core_2"});
+    std::vector<String16> other = List({"/data/nuvilog/stability/nativecrash/core_2"});
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/je/online/1_je_x", nullptr, &other, 5, false), 0);
     EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/nativecrash/core_2")));
 }
@@ -218,7 +217,7 @@ TEST_F(CapturePackagerTest, HostileAttachmentsTouchNothingOutsideTheirTree) {
     ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/nuvilog/stability/nativecrash/planted").c_str()), 0);
     const std::string climb = "/data/nuvilog/stability/nativecrash/../../../.." + outside.path() + "/secret.txt";
     const std::string up = "/data/../" + outside.path() + "/secret.txt";
-    Vector<String16> files =
+    std::vector<String16> files =
         List({climb.c_str(), "/data/nuvilog/stability/nativecrash/planted/secret.txt", up.c_str()});
     platform::LogCapture log;
     EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);

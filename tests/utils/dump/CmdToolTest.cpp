@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <chrono>
 #include <regex>
@@ -66,7 +67,7 @@ TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
 
     // 1023 bytes still pass as one parameter; 1024 are refused by the child.
     const std::string longest(1023, 'p');
-    EXPECT_EQ(CmdTool::run_command_lite(android::String16FromUtf8(script), android::String16FromUtf8(longest), 5), 0);
+    EXPECT_EQ(CmdTool::run_command_lite(platform::ToUtf16(script), platform::ToUtf16(longest), 5), 0);
     EXPECT_EQ(ReadFile(out), "1\n" + longest + "\n");
     unlink(out.c_str());
     StderrToFile tooLong(root_.Sub("stderr"));

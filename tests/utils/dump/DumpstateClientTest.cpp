@@ -1,6 +1,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <host/Utf8.h>
 
 #include <cerrno>
 #include <cstring>
@@ -20,8 +21,6 @@
 
 using android::CaptureLogUtil;
 using android::String16;
-using android::String16FromUtf8;
-using android::Vector;
 using dump_test::FakeDumpstate;
 using dump_test::SandboxTest;
 using tarnis_test::ReadFile;
@@ -34,13 +33,13 @@ class DumpstateClientTest : public SandboxTest {
 protected:
     // A full-report request from a capture that stays as text, so that the
     // report it receives is left for the test to see.
-    Vector<String16> RequestFullReport() {
-        String16 type = String16FromUtf8("hangTemp");
-        String16 headline = String16FromUtf8("report");
-        Vector<String16> actions{String16FromUtf8("tarnbugreport")};
-        Vector<String16> params{String16FromUtf8("full")};
+    std::vector<String16> RequestFullReport() {
+        String16 type = platform::ToUtf16("hangTemp");
+        String16 headline = platform::ToUtf16("report");
+        std::vector<String16> actions{platform::ToUtf16("tarnbugreport")};
+        std::vector<String16> params{platform::ToUtf16("full")};
         String16 where;
-        Vector<String16> files;
+        std::vector<String16> files;
         CaptureLogUtil::dump_all(type, headline, actions, params, false, -1, false, where, files, false);
         return files;
     }
@@ -91,9 +90,9 @@ TEST_F(DumpstateClientTest, FullReportReplyIsAtMost511BytesAndMustNameAFile) {
     WriteFile(Path(report), "report");
     {
         FakeDumpstate server(true, [&](const std::string&) { return report + "Z"; });
-        const Vector<String16> files = RequestFullReport();
+        const std::vector<String16> files = RequestFullReport();
         ASSERT_EQ(files.size(), 1u);
-        EXPECT_EQ(android::String8(files[0]), Path(report));
+        EXPECT_EQ(platform::ToUtf8(files[0]), Path(report));
         EXPECT_EQ(server.Request(), Path("/data/dorva//hangTemp/online") + "|full");
     }
     // A reply that names no file leaves the capture without a report.

@@ -1,0 +1,37 @@
+#include "host/Utf8.h"
+
+#include <cstdint>
+
+namespace platform {
+
+size_t Utf8SequenceLength(const std::string& text, size_t pos) {
+    if (pos >= text.size()) return 0;
+    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[pos + i]); };
+    const uint8_t lead = byte(0);
+    if (lead < 0x80) return 1;
+    size_t len;
+    // The second byte's range is where overlong forms, surrogates and code
+    // points beyond U+10FFFF are told apart from good sequences.
+    uint8_t low = 0x80, high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        len = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        len = 3;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        len = 4;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return 0;
+    }
+    if (text.size() - pos < len) return 0;
+    if (byte(1) < low || byte(1) > high) return 0;
+    for (size_t i = 2; i < len; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+    }
+    return len;
+}
+
+}  // namespace platform
