@@ -27,6 +27,7 @@
 #include <cutils/sockets.h>
 #include <log/log.h>
 
+#include "utils/CaptureLayout.h"
 #include "utils/Paths.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
@@ -49,16 +50,9 @@ constexpr size_t kHeaderSize = CaptureServerThread::kRequestHeaderBytes;
 constexpr off_t kMinArchiveBytes = 1024;
 // The secure world's log is a ring of a few MiB; a HAL that reports more is not believed.
 constexpr int64_t kMaxSecurityLogBytes = 64 << 20;
-const char* const kRebootRequests[] = {"VoldFailed", "ApexdFailed"};
 
 std::atomic<int> gIoTimeoutMs{10 * 1000};
 
-bool IsRebootRequest(const std::string& request) {
-    for (const char* name : kRebootRequests) {
-        if (request == name) return true;
-    }
-    return false;
-}
 
 // A name that stays one directory below the base and reads as text.
 bool IsPlainRequest(const std::string& request) {
@@ -128,7 +122,8 @@ bool WriteCopy(const std::string& path, const void* data, size_t size) {
 void CaptureServerThread::SetIoTimeoutMsForTesting(int ms) { gIoTimeoutMs.store(ms > 0 ? ms : 10 * 1000); }
 
 CaptureServerThread::CaptureServerThread(int stopFd) : stopFd_(stopFd) {
-    baseDir_ = paths::Get(paths::kCaptureServerDir, base::GetBoolProperty("ro.build.ab_update", false));
+    abUpdate_ = base::GetBoolProperty("ro.build.ab_update", false);
+    baseDir_ = paths::Get(paths::kCaptureServerDir, abUpdate_);
     zelteeCopyPath_ = baseDir_ + "/" + kZelteeLogName;
     MakeCaptureDir(baseDir_);
     velmar::kolto::TempName::RemoveLeftovers(baseDir_);
@@ -327,7 +322,9 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
         ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
         return;
     }
-    const std::string base = IsRebootRequest(request) ? paths::Get(paths::kLocalRecordDir) : baseDir_;
+    const std::string base = velmar::kolto::capture_layout::IsRebootRequest(request)
+                                 ? paths::Get(velmar::kolto::capture_layout::CaptureServerDir(request, abUpdate_))
+                                 : baseDir_;
     const std::string requestDir = base + "/" + request + "/";
     MakeCaptureDir(base);
     if (!MakeCaptureDir(requestDir)) return;
@@ -365,7 +362,7 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
         delete_dir_contents(requestDir.c_str(), false, [&archive](const char* name, bool) {
             const std::string entry = name;
             const bool ours = entry.rfind("RescuePartyLog", 0) == 0 || entry.rfind("BootFailure", 0) == 0 ||
-                              IsRebootRequest(entry);
+                              velmar::kolto::capture_layout::IsRebootRequest(entry);
             return !ours || archive.find(entry) != std::string::npos;
         });
     } else if (remove(archive.c_str()) != 0) {

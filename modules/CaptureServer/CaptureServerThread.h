@@ -59,6 +59,7 @@ private:
     bool ReadRequestBytes(int connection, char* out, size_t size);
 
     std::string baseDir_;
+    bool abUpdate_ = false;
     std::string zelteeCopyPath_;
     int stopFd_;
 };

@@ -55,7 +55,7 @@ TEST(CaptureSocketTest, DaemonBindsTheSocketAndTarnisctlGetsTheArchive) {
     int status = -1;
     const std::string archive = RunShell(Ctl(root) + " capture-request BootFailure --timeout 60", &status);
     EXPECT_EQ(status, 0);
-    const std::string prefix = root.Sub("cache/dorva//BootFailure/BootFailure_");
+    const std::string prefix = root.Sub("cache/dorva/BootFailure/BootFailure_");
     EXPECT_EQ(archive.substr(0, prefix.size()), prefix) << archive;
     ASSERT_GT(archive.size(), 5u);
     EXPECT_EQ(RunShell("unzip -tq '" + archive.substr(0, archive.size() - 1) + "' >/dev/null && echo ok"), "ok\n");

@@ -18,6 +18,7 @@
 #include <cutils/sockets.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
+#include "utils/CaptureLayout.h"
 #include "utils/Paths.h"
 
 namespace tarnisctl {
@@ -29,29 +30,6 @@ namespace paths = velmar::kolto::paths;
 constexpr int kDefaultCaptureTimeoutS = 120;
 constexpr char kResponse[] = "finish";
 
-// The newest "<name>_*.zip" in `dir` written since `since` (seconds), or "".
-std::string NewestArchive(const std::string& dir, const std::string& name, time_t since) {
-    std::string newest;
-    time_t newestTime = 0;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return newest;
-    while (struct dirent* entry = readdir(d)) {
-        const std::string file = entry->d_name;
-        if (file.size() <= name.size() + 5 || file.compare(0, name.size() + 1, name + "_") != 0 ||
-            file.compare(file.size() - 4, 4, ".zip") != 0) {
-            continue;
-        }
-        struct stat st;
-        const std::string path = dir + "/" + file;
-        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_mtime < since) continue;
-        if (newest.empty() || st.st_mtime > newestTime || (st.st_mtime == newestTime && path > newest)) {
-            newest = path;
-            newestTime = st.st_mtime;
-        }
-    }
-    closedir(d);
-    return newest;
-}
 
 int CaptureRequest(const std::vector<std::string>& args) {
     std::string name;
@@ -132,11 +110,11 @@ int CaptureRequest(const std::vector<std::string>& args) {
         return 1;
     }
 
-    const bool reboot = name == "VoldFailed" || name == "ApexdFailed";
-    const std::string base = reboot ? paths::Get(paths::kLocalRecordDir)
-                                    : paths::Get(paths::kCaptureServerDir,
-                                                 android::base::GetBoolProperty("ro.build.ab_update", false));
-    const std::string archive = NewestArchive(base + "/" + name, name, started - 1);
+    namespace layout = velmar::kolto::capture_layout;
+    const std::string dir =
+        paths::Get(layout::CaptureServerDir(name, android::base::GetBoolProperty("ro.build.ab_update", false)));
+    const struct timespec since = {started - 1, 0};
+    const std::string archive = layout::FindNewestArchive({dir + "/" + name}, name + "_", true, since);
     if (archive.empty()) {
         fprintf(stderr,
                 "tarnisctl: the capture of \"%s\" finished but left no archive: it was too small (under 1024 "

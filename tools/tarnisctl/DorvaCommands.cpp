@@ -20,7 +20,7 @@
 
 #include "tools/tarnisctl/CtlCommand.h"
 #include "utils/Paths.h"
-#include "utils/dump/CaptureLogUtil.h"
+#include "utils/CaptureLayout.h"
 
 // The commands of the native daemon service (IDorvaNative): captures,
 // whitelisted tools, persist files, debug policy, core-dump filters, packet
@@ -91,37 +91,8 @@ struct ActionList {
 
 // ---- capture ----
 
-struct Found {
-    std::string path;
-    struct timespec mtime {};
-};
-
-bool EndsWith(const std::string& s, const std::string& tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// The newest archive of this capture in `dir` made since `since`: the daemon
-// names its files after the type and headline and says nothing back, so the
-// tool finds what it made.
-void FindArchive(const std::string& dir, const std::string& mark, const struct timespec& since, Found* best) {
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return;
-    while (struct dirent* entry = readdir(d)) {
-        const std::string name = entry->d_name;
-        if (name.find(mark) == std::string::npos || !(EndsWith(name, ".zip") || EndsWith(name, ".zip.mtk"))) continue;
-        const std::string path = dir + "/" + name;
-        struct stat st;
-        if (lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-        if (st.st_mtim.tv_sec < since.tv_sec) continue;
-        if (best->path.empty() || st.st_mtim.tv_sec > best->mtime.tv_sec ||
-            (st.st_mtim.tv_sec == best->mtime.tv_sec && st.st_mtim.tv_nsec > best->mtime.tv_nsec)) {
-            best->path = path;
-            best->mtime = st.st_mtim;
-        }
-    }
-    closedir(d);
-}
-
+// The daemon names its archive after the type and headline and says nothing
+// back: the tool finds it where the daemon's own placement rules put it.
 int Capture(const std::vector<std::string>& args) {
     if (args.size() < 2) return UsageError("capture needs TYPE and HEADLINE");
     const std::string type = args[0], headline = args[1];
@@ -168,25 +139,18 @@ int Capture(const std::vector<std::string>& args) {
                                                        useId, platform::ToUtf16(where), ToUtf16(files), local));
     if (rc != 0) return rc;
 
-    const std::string clean = android::CaptureLogUtil::sanitizeHeadline(headline);
-    const std::string mark = type + "_" + clean + "_";
-    const std::string leaf = offline ? "/offline" : "/online";
-    std::vector<std::string> dirs;
-    if (!where.empty()) {
-        dirs.push_back(platform::DevicePath(where));
-        dirs.push_back(platform::DevicePath(where) + "/" + type + leaf);
-    }
-    dirs.push_back(paths::Get(std::string(paths::kDorvaDir) + type + leaf));
-    dirs.push_back(paths::Get(paths::kLocalRecordDir));
-    Found best;
-    for (const std::string& dir : dirs) FindArchive(dir, mark, start, &best);
-    if (best.path.empty()) {
+    namespace layout = velmar::kolto::capture_layout;
+    const std::string base = layout::CaptureBase(type, where, id, local);
+    const std::string dir = paths::Get(layout::CaptureDir(base, type, offline));
+    const std::string best =
+        layout::FindNewestArchive({dir}, layout::ArchiveMark(type, layout::SanitizeHeadline(headline)), false, start);
+    if (best.empty()) {
         fprintf(stderr,
                 "tarnisctl: the daemon finished the capture but made no archive of it; its log says why "
                 "(a refused type or directory, or no space)\n");
         return 1;
     }
-    printf("%s\n", best.path.c_str());
+    printf("%s\n", best.c_str());
     return 0;
 }
 

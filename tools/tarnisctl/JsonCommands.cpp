@@ -15,7 +15,6 @@
 #include "tools/tarnisctl/CtlCommand.h"
 #include "tools/tarnisctl/JsonCommandNames.h"
 #include "tools/tarnisctl/ServiceConnect.h"
-#include "utils/JsonUtil.h"
 
 namespace tarnisctl {
 namespace {
@@ -23,12 +22,24 @@ namespace {
 using aidl::velmar::system::tarnis::common::ITarnisSsi;
 using aidl::velmar::system::tarnis::common::ITarnisSsiIntl;
 
+bool ParseJson(const std::string& text, Json::Value* root, std::string* error) {
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), root, error);
+    } catch (const std::exception& e) {
+        // Nesting past the reader's limit is thrown, not returned.
+        *error = std::string("the JSON reader failed: ") + e.what();
+        return false;
+    }
+}
+
 // Arguments that should hold JSON are checked before sending: a mistake is
 // pointed out, but the text still goes to the daemon, whose answer decides.
 void WarnUnlessJson(const char* what, const std::string& text) {
     Json::Value ignored;
     std::string error;
-    if (!velmar::kolto::JsonUtil::ConvertStringToJson(text, ignored, &error)) {
+    if (!ParseJson(text, &ignored, &error)) {
         fprintf(stderr, "tarnisctl: warning: %s is not valid JSON (%s); sending it anyway\n", what, error.c_str());
     }
 }
@@ -59,7 +70,7 @@ bool ParseBool(const std::string& text, bool* out) {
 // A JSON array of strings; false with the reason otherwise.
 bool ParseList(const std::string& text, std::vector<std::string>* out, std::string* why) {
     Json::Value root;
-    if (!velmar::kolto::JsonUtil::ConvertStringToJson(text, root, why)) return false;
+    if (!ParseJson(text, &root, why)) return false;
     if (!root.isArray()) {
         *why = "not a JSON array";
         return false;

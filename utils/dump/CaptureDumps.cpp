@@ -23,7 +23,7 @@
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/dump/AnrTraces.h"
-#include "utils/dump/BuildProbes.h"
+#include "utils/BuildProbes.h"
 #include "utils/dump/CaptureFile.h"
 #include "utils/dump/CapturePackager.h"
 #include "utils/dump/CommandRunner.h"

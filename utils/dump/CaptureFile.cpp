@@ -1,5 +1,6 @@
 #define LOG_TAG "dorvad"
 
+#include "utils/CaptureLayout.h"
 #include "utils/dump/CaptureFile.h"
 
 #include <dirent.h>
@@ -21,7 +22,7 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
-#include "utils/dump/BuildProbes.h"
+#include "utils/BuildProbes.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
@@ -35,7 +36,6 @@ namespace paths = velmar::kolto::paths;
 // Types, headlines and `where` come from the client that asked for the capture.
 using velmar::kolto::StringUtil;
 
-constexpr char kHeadlineUnsafe[] = "\"%&'()*/:<>?\\{|}";
 constexpr int kOfflineSlots = 5;
 constexpr size_t kMaxBaseAndType = 100;
 const std::string kRule(56, '=');
@@ -124,12 +124,7 @@ bool WriteAll(int fd, const std::string& path, const std::string& text) {
 }  // namespace
 
 std::string CaptureFile::SanitizeHeadline(const std::string& headline) {
-    if (headline.empty()) return "null";
-    std::string clean = headline;
-    for (char& c : clean) {
-        if (c != '\0' && strchr(kHeadlineUnsafe, c) != nullptr) c = 'X';
-    }
-    return clean;
+    return velmar::kolto::capture_layout::SanitizeHeadline(headline);
 }
 
 bool CaptureFile::IsPlainName(const std::string& type) {
@@ -158,14 +153,8 @@ base::unique_fd CaptureFile::OpenWhere(const std::string& where, std::string* to
 
 bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, bool offline, int id,
                              bool isRecordInLocal, std::string* logDir, base::unique_fd* dirFd) {
-    std::string base;
-    if (type == "RescuePartyLog" || type == "BootFailure") {
-        base = where;
-    } else if (id < 0 && isRecordInLocal && !isUnrelease() && !ismtbftest() && !isomnitest()) {
-        base = paths::kLocalRecordDir;
-    } else {
-        base = paths::kDorvaDir;
-    }
+    namespace layout = velmar::kolto::capture_layout;
+    const std::string base = layout::CaptureBase(type, where, id, isRecordInLocal);
     // The limit is on the device path: the sandbox root is not part of it.
     if (base.size() + type.size() >= kMaxBaseAndType) {
         ALOGE("The length of where or type is too long and the type is %s\n", StringUtil::ForLog(type).c_str());
@@ -204,7 +193,7 @@ bool CaptureFile::MakeLogDir(const std::string& type, const std::string& where, 
         // world-writable, and its "online" may be renamed away and a link
         // planted under that name at any time.
         const std::string leaf = offline ? "offline" : "online";
-        *logDir = typeDir + "/" + leaf;
+        *logDir = paths::Get(layout::CaptureDir(base, type, offline));
         *dirFd = OpenCaptureDir(typeFd.get(), leaf, *logDir, "failed to create dir ");
         if (!dirFd->ok()) return false;
     }

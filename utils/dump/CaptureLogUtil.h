@@ -8,7 +8,7 @@
 
 #include <utils/String16.h>
 
-#include "utils/dump/BuildProbes.h"
+#include "utils/BuildProbes.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/dump/DumpAction.h"
 #include "utils/dump/DumpData.h"

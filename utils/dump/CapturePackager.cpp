@@ -24,7 +24,7 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
-#include "utils/dump/BuildProbes.h"
+#include "utils/BuildProbes.h"
 #include "utils/dump/CaptureFile.h"
 #include "utils/dump/CmdTool.h"
 #include "utils/dump/DirectoryHelpers.h"

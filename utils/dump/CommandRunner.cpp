@@ -20,7 +20,7 @@
 #include <android-base/stringprintf.h>
 #include <log/log.h>
 
-#include "utils/dump/BuildProbes.h"
+#include "utils/BuildProbes.h"
 #include "utils/dump/ChildSpawn.h"
 #include "utils/dump/ChildWait.h"
 #include "utils/StringUtil.h"

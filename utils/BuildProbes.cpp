@@ -1,4 +1,4 @@
-#include "utils/dump/BuildProbes.h"
+#include "utils/BuildProbes.h"
 
 #include <string>
 
