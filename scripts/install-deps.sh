@@ -4,7 +4,7 @@ set -euo pipefail
 
 PACKAGES=(build-essential cmake ninja-build pkg-config libjsoncpp-dev libssl-dev zlib1g-dev
           libminizip-dev libgtest-dev libgmock-dev libbenchmark-dev zip unzip python3 openssl
-          procps net-tools clang libclang-rt-14-dev
+          procps net-tools clang libclang-rt-14-dev aidl blueprint-tools
           android-libbase-dev android-libutils-dev android-libcutils-dev android-liblog-dev)
 
 missing=()

@@ -1,0 +1,6 @@
+package vendor.velmar.hardware.kolto.common;
+@VintfStability
+parcelable Ashmem {
+  ParcelFileDescriptor fd;
+  long size;
+}

@@ -1,0 +1,20 @@
+package nuvi.dorva;
+
+// One Wi-Fi station's statistics as nl80211 reports them. A value the kernel
+// did not report keeps its default: 0 for the signals, -1 for the modulation
+// indices, which 0 would misstate.
+parcelable StationInfo {
+    int signal = 0;
+    int chainSignalAvg0 = 0;
+    int chainSignalAvg1 = 0;
+    int chainSignalAvg2 = 0;
+    int chainSignalAvg3 = 0;
+    int txMcs = -1;
+    int txVhtMcs = -1;
+    int txHeMcs = -1;
+    int txEhtMcs = -1;
+    int rxMcs = -1;
+    int rxVhtMcs = -1;
+    int rxHeMcs = -1;
+    int rxEhtMcs = -1;
+}

@@ -1,0 +1,210 @@
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <nuvi/dorva/IDorvaNative.h>
+
+#include "service/TarnisInternal.h"
+#include "service/TarnisSsiImpl.h"
+#include "utils/Paths.h"
+
+// The device files (Android.bp, the init service, the SELinux policy, the
+// VINTF fragment) cannot be built here, so nothing else notices when a name
+// in them stops being one the daemon uses. These tests read them and hold
+// every name against the code.
+namespace {
+
+namespace fs = std::filesystem;
+namespace paths = velmar::kolto::paths;
+using aidl::velmar::system::tarnis::common::TarnisInternal;
+using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
+
+const fs::path kSource(TARNIS_SOURCE_DIR);
+
+std::string Read(const fs::path& path) {
+    std::ifstream in(path);
+    EXPECT_TRUE(in) << path;
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The first group of every match of `pattern` in `text`, line by line;
+// lines that begin with '#' are comments in all of these files.
+std::vector<std::string> Grab(const std::string& text, const std::string& pattern) {
+    std::vector<std::string> out;
+    const std::regex re(pattern);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find_first_not_of(" \t") != std::string::npos && line[line.find_first_not_of(" \t")] == '#') {
+            continue;
+        }
+        for (std::sregex_iterator it(line.begin(), line.end(), re), end; it != end; ++it) out.push_back((*it)[1]);
+    }
+    return out;
+}
+
+std::string NoTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// What the daemon's own code says, read from its headers where a header
+// holds the name and from its sources where only a source does.
+struct Code {
+    std::set<std::string> literals;  // every string literal of the daemon's sources
+    std::set<std::string> services;  // what main registers
+    std::set<std::string> ndkServices;
+    std::set<std::string> controlSockets;  // what it asks init for
+    std::set<std::string> devicePaths;
+
+    Code() {
+        std::string all;
+        for (const char* dir : {"main", "service", "modules", "utils", "framework"}) {
+            for (const auto& entry : fs::recursive_directory_iterator(kSource / dir)) {
+                const std::string ext = entry.path().extension();
+                if (ext == ".cpp" || ext == ".h") all += Read(entry.path()) + "\n";
+            }
+        }
+        const std::regex literal(R"re("((?:[^"\\\n]|\\.)*)")re");
+        for (std::sregex_iterator it(all.begin(), all.end(), literal), end; it != end; ++it) {
+            literals.insert((*it)[1]);
+        }
+        for (const std::string& arg : Grab(all, R"(android_get_control_socket\(\s*(\w+)\s*\))")) {
+            const std::vector<std::string> value = Grab(all, "\\b" + arg + R"re(\s*\[\]\s*=\s*"([^"]+)")re");
+            controlSockets.insert(value.empty() ? arg : value.front());
+        }
+        ndkServices = {std::string(TarnisSsiImpl::descriptor) + "/default",
+                       std::string(TarnisInternal::descriptor) + "/default"};
+        services = ndkServices;
+        services.insert(nuvi::dorva::IDorvaNative::descriptor);
+        for (const char* path :
+             {paths::kDorvaDir, paths::kOfflineDbDir, paths::kRescueBase.rescue, paths::kRescueBase.cache,
+              paths::kCaptureServerDir.rescue, paths::kCaptureServerDir.cache, paths::kPersistDir, paths::kBlackbox}) {
+            devicePaths.insert(NoTrailingSlash(path));
+        }
+    }
+};
+
+const Code& TheCode() {
+    static const Code code;
+    return code;
+}
+
+struct DeviceFiles {
+    std::vector<std::string> serviceContexts = Grab(Read(kSource / "sepolicy/private/service_contexts"), R"(^(\S+)\s)");
+    // A directory's entry stands for all below it: "/data/dorva(/.*)?".
+    std::vector<std::string> fileContexts =
+        Grab(Read(kSource / "sepolicy/private/file_contexts"), R"(^(/\S*?)(?:\(/\.\*\)\?)?\s)");
+    std::vector<std::string> properties = Grab(Read(kSource / "sepolicy/private/property_contexts"), R"(^(\S+)\s)");
+    std::string rc = Read(kSource / "init/tarnisd.rc");
+    std::vector<std::string> sockets = Grab(rc, R"(^\s+socket\s+(\S+)\s)");
+    std::vector<std::string> mkdirs = Grab(rc, R"(^\s+mkdir\s+(\S+))");
+    std::vector<std::string> executables = Grab(rc, R"(^service\s+\S+\s+(\S+))");
+    std::vector<std::string> vintf;  // package.Interface/instance
+
+    DeviceFiles() {
+        const std::string xml = Read(kSource / "init/tarnisd.xml");
+        const std::vector<std::string> packages = Grab(xml, R"(<name>([^<]+)</name>)");
+        for (const std::string& fqname : Grab(xml, R"(<fqname>([^<]+)</fqname>)")) {
+            if (packages.size() == 1) vintf.push_back(packages.front() + "." + fqname);
+        }
+        EXPECT_EQ(packages.size(), 1u) << "one AIDL package per fragment";
+    }
+};
+
+bool Contains(const std::set<std::string>& set, const std::string& name) { return set.count(name) != 0; }
+bool Contains(const std::vector<std::string>& list, const std::string& name) {
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+// True when `pattern` (a path relative to `base`, '*' matching within one
+// component) names at least one file.
+bool GlobMatches(const fs::path& base, const std::string& pattern) {
+    std::string re;
+    for (char c : pattern) {
+        if (c == '*') {
+            re += "[^/]*";
+        } else {
+            if (std::string(".^$|()[]{}+?\\").find(c) != std::string::npos) re += '\\';
+            re += c;
+        }
+    }
+    const std::regex wanted(re);
+    const fs::path start = base / pattern.substr(0, pattern.rfind('/', pattern.find('*')) + 1);
+    if (!fs::exists(start)) return false;
+    if (pattern.find('*') == std::string::npos) return fs::exists(base / pattern);
+    for (const auto& entry : fs::recursive_directory_iterator(start)) {
+        if (std::regex_match(fs::relative(entry.path(), base).string(), wanted)) return true;
+    }
+    return false;
+}
+
+TEST(DeviceFilesTest, EveryNameInTheDeviceFilesIsOneTheCodeUses) {
+    const Code& code = TheCode();
+    const DeviceFiles files;
+
+    for (const std::string& name : files.serviceContexts) EXPECT_TRUE(Contains(code.services, name)) << name;
+    for (const std::string& name : files.vintf) EXPECT_TRUE(Contains(code.ndkServices, name)) << name;
+    for (const std::string& name : files.sockets) EXPECT_TRUE(Contains(code.controlSockets, name)) << name;
+    for (const std::string& path : files.mkdirs) EXPECT_TRUE(Contains(code.devicePaths, path)) << path;
+
+    ASSERT_EQ(files.executables.size(), 1u);
+    const std::string executable = files.executables.front();
+    EXPECT_NE(Read(kSource / "Android.bp").find("name: \"" + fs::path(executable).filename().string() + "\""),
+              std::string::npos)
+        << executable << " is built by no module";
+    for (const std::string& path : files.fileContexts) {
+        const bool socket = path.rfind(paths::kSocketDir, 0) == 0 &&
+                            Contains(code.controlSockets, path.substr(std::string(paths::kSocketDir).size()));
+        EXPECT_TRUE(Contains(code.devicePaths, path) || socket || path == executable) << path;
+    }
+    // A control property names a service: ctl.start$NAME.
+    for (const std::string& property : files.properties) {
+        const size_t dollar = property.find('$');
+        EXPECT_TRUE(Contains(code.literals, property.substr(0, dollar))) << property;
+        if (dollar != std::string::npos) {
+            EXPECT_TRUE(Contains(code.literals, property.substr(dollar + 1))) << property;
+        }
+    }
+    // Every source, corpus and device file the blueprints name exists.
+    for (const fs::path& dir : {kSource, kSource / "aidl"}) {
+        const std::string blueprint = Read(dir / "Android.bp");
+        const std::vector<std::string> generated = Grab(blueprint, R"re(out: \["([^"]+)")re");
+        const std::vector<std::string> named = Grab(blueprint, R"re("([\w.*-]+/[\w./*-]+)")re");
+        EXPECT_FALSE(named.empty());
+        for (const std::string& pattern : named) {
+            if (!Contains(generated, pattern)) {
+                EXPECT_TRUE(GlobMatches(dir, pattern)) << dir / pattern;
+            }
+        }
+    }
+}
+
+TEST(DeviceFilesTest, EveryServiceAndSocketOfTheCodeIsInTheDeviceFiles) {
+    const Code& code = TheCode();
+    const DeviceFiles files;
+
+    ASSERT_EQ(code.services.size(), 3u);
+    for (const std::string& service : code.services) {
+        EXPECT_TRUE(Contains(files.serviceContexts, service)) << service;
+        // Only the AIDL services are VINTF instances; the classic one is
+        // registered under its bare descriptor.
+        EXPECT_EQ(Contains(files.vintf, service), Contains(code.ndkServices, service)) << service;
+    }
+    ASSERT_FALSE(code.controlSockets.empty());
+    for (const std::string& socket : code.controlSockets) {
+        EXPECT_TRUE(Contains(files.sockets, socket)) << socket;
+        EXPECT_TRUE(Contains(files.fileContexts, paths::kSocketDir + socket)) << socket;
+    }
+    EXPECT_TRUE(Contains(files.fileContexts, paths::kBlackbox));
+}
+
+}  // namespace
