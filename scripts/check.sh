@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Checks of what the host cannot build: every Android.bp parses and is in
-# bpfmt's form (the platform's tree refuses one that is not), and the
-# interface definitions match their frozen API. Exits non-zero on a finding.
+# Checks that need no build: every Android.bp parses and is in bpfmt's form
+# (the platform's tree refuses one that is not), the interface definitions
+# match their frozen API, and device paths live in the one path table.
+# Exits non-zero on a finding.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 status=0
@@ -24,4 +25,28 @@ else
 fi
 
 scripts/aidl-api.sh check || status=1
+
+# The table's paths are clean and absolute: the code builds names by
+# appending to them and matches log directories by substring.
+table=utils/Paths.h
+bad=$(grep -oE '"[^"]*"' "$table" | grep -E '^"/' | grep -E '//|/\./|/\.\.|[[:space:]]' || true)
+relative=$(grep -E 'inline constexpr' "$table" | grep -oE '"[^"]*"' | grep -vE '^"/' || true)
+if [ -n "$bad$relative" ]; then
+  echo "check: paths in $table that are not clean absolute paths:" >&2
+  printf '%s\n' $bad $relative | sed 's/^/  /' >&2
+  status=1
+fi
+# Device paths are spelled in the table only, above the platform layer (the
+# process's own /proc/self and the kernel's byte sources are no device paths).
+device='"/(data|proc|sys|mnt|cache|dev|system|system_ext|vendor|sdcard|persist)(/|")'
+inline=$(git ls-files -- framework service main modules tools utils | grep -E '\.(cpp|h)$' | grep -v "^$table$" |
+  xargs grep -nE "$device" | grep -vE '^[^:]+:[0-9]+:[[:space:]]*//' |
+  grep -vE '"/(proc/self/|dev/null"|dev/urandom")' || true)
+if [ -n "$inline" ]; then
+  echo "check: device paths spelled outside $table:" >&2
+  echo "$inline" | sed 's/^/  /' >&2
+  status=1
+else
+  echo "check: device paths live in $table only"
+fi
 exit $status
