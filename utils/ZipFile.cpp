@@ -339,7 +339,7 @@ private:
         bool readFailed = false;
     };
 
-    void Walk(android::base::unique_fd dirFd, const std::string& dir);
+    void Walk(android::base::unique_fd own, const std::string& dir);
     bool PackConfined(const std::string& path, const std::string& relative);
     void PackFile(int dirFd, const char* openName, const std::string& path, std::string name);
     void ReadBlocks(int fd, const struct stat& st, const std::string& path,
