@@ -38,12 +38,12 @@ FileEventListener::FileEventListener(std::string name, std::vector<std::string> 
     thread = TarnisHandlerThread::create(this->name);
     // Non-blocking, because the loop waits in poll() next to the wake-up
     // descriptor: closing the descriptor would not end a blocked read().
-    inotifyFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (inotifyFd < 0) {
+    inotifyFd.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!inotifyFd.ok()) {
         ALOGE("[%s] init new inotify fd failed!, error: %s", "FileEventListener", strerror(errno));
         return;
     }
-    wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    wakeFd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     for (const std::string& path : paths) {
         if (addWatching(path, mask) != 0) {
             ALOGE("[%s] add file watch failed! path: %s, error: %s", "FileEventListener",
@@ -68,11 +68,9 @@ FileEventListener::~FileEventListener() {
     for (const std::string& path : paths) removeWatching(path);
     {
         std::lock_guard<std::mutex> guard(watchLock);
-        if (inotifyFd >= 0) close(inotifyFd);
-        inotifyFd = -1;
+        inotifyFd.reset();
     }
-    if (wakeFd >= 0) close(wakeFd);
-    wakeFd = -1;
+    wakeFd.reset();
     delete thread;
     thread = nullptr;
     ALOGD("[%s] Cleanup Done!", "~FileEventListener");
@@ -91,7 +89,7 @@ int FileEventListener::addWatching(std::string path, int dirFd, uint32_t mask) {
 int FileEventListener::addWatch(const std::string& path, const std::string& target, uint32_t mask) {
     std::lock_guard<std::mutex> guard(watchLock);
     // errno is set on every failure, as the constructor reports it.
-    if (inotifyFd < 0) {
+    if (!inotifyFd.ok()) {
         errno = EBADF;
         return -1;
     }
@@ -101,7 +99,7 @@ int FileEventListener::addWatch(const std::string& path, const std::string& targ
         errno = EEXIST;
         return -1;
     }
-    const int wd = inotify_add_watch(inotifyFd, target.c_str(), mask);
+    const int wd = inotify_add_watch(inotifyFd.get(), target.c_str(), mask);
     if (wd < 0) {
         const int error = errno;
         ALOGE("[%s] addWatching for %s failed! error: %s", "addWatching", StringUtil::ForLog(path).c_str(),
@@ -115,7 +113,7 @@ int FileEventListener::addWatch(const std::string& path, const std::string& targ
 
 bool FileEventListener::removeWatching(std::string path) {
     std::lock_guard<std::mutex> guard(watchLock);
-    if (inotifyFd < 0) return false;
+    if (!inotifyFd.ok()) return false;
     auto found = watches.find(path);
     if (found == watches.end()) return false;
     const int wd = found->second;
@@ -125,16 +123,16 @@ bool FileEventListener::removeWatching(std::string path) {
     for (const auto& entry : watches) {
         if (entry.second == wd) return true;
     }
-    inotify_rm_watch(inotifyFd, wd);
+    inotify_rm_watch(inotifyFd.get(), wd);
     return true;
 }
 
 void FileEventListener::stop() {
     std::unique_lock<std::mutex> guard(stateLock);
     stopping.store(true);
-    if (wakeFd >= 0) {
+    if (wakeFd.ok()) {
         const uint64_t one = 1;
-        if (write(wakeFd, &one, sizeof(one)) < 0) {
+        if (write(wakeFd.get(), &one, sizeof(one)) < 0) {
             // Only fails when the counter is already non-zero: woken anyway.
         }
     }
@@ -151,9 +149,9 @@ void FileEventListener::listenLoop() {
         loopThread = std::this_thread::get_id();
     }
     alignas(struct inotify_event) char buffer[kReadSize];
-    while (inotifyFd >= 0 && !stopping.load()) {
-        struct pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        const bool canWake = wakeFd >= 0;
+    while (inotifyFd.ok() && !stopping.load()) {
+        struct pollfd fds[2] = {{inotifyFd.get(), POLLIN, 0}, {wakeFd.get(), POLLIN, 0}};
+        const bool canWake = wakeFd.ok();
         const int ready = poll(fds, canWake ? 2 : 1, canWake ? -1 : kStopCheckMs);
         if (ready < 0 && errno != EINTR) {
             ALOGE("[%s] poll failed! error: %s", "listenLoop", strerror(errno));
@@ -161,10 +159,10 @@ void FileEventListener::listenLoop() {
         }
         if (stopping.load()) break;
         if (ready <= 0 || fds[0].revents == 0) continue;
-        const ssize_t got = read(inotifyFd, buffer, sizeof(buffer));
+        const ssize_t got = TEMP_FAILURE_RETRY(read(inotifyFd.get(), buffer, sizeof(buffer)));
         if (got < static_cast<ssize_t>(kEventHeader)) {
             // Nothing there after all (another reader, a spurious wake-up).
-            if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+            if (got < 0 && errno == EAGAIN) continue;
             ALOGE("[%s] ***** ERROR! got a short event!", "listenLoop");
             break;
         }
@@ -208,7 +206,7 @@ void FileEventListener::dispatch(uint32_t mask, int wd, std::optional<std::strin
             // Left over from a watch removed meanwhile; checked and dropped
             // under the lock so that a watch added right now is not hit.
             ALOGW("[%s] wd %d is not in our watching list, remove watching!", "listenLoop", wd);
-            inotify_rm_watch(inotifyFd, wd);
+            inotify_rm_watch(inotifyFd.get(), wd);
             return;
         }
     }

@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <android-base/unique_fd.h>
+
 namespace velmar {
 namespace kolto {
 
@@ -63,7 +65,7 @@ private:
     int addWatch(const std::string& path, const std::string& target, uint32_t mask);
     void dispatch(uint32_t mask, int wd, std::optional<std::string> file);
 
-    int inotifyFd = -1;
+    android::base::unique_fd inotifyFd;
     std::unordered_map<std::string, int> watches;
     std::string name;
     TarnisHandlerThread* thread = nullptr;
@@ -71,7 +73,7 @@ private:
     // Guards `watches`: the loop looks up while callers add and remove.
     std::mutex watchLock;
     // Wakes the loop out of its wait when stop() is called.
-    int wakeFd = -1;
+    android::base::unique_fd wakeFd;
     std::shared_ptr<TarnisHandler> handler;
     std::mutex stateLock;
     std::condition_variable stateCond;

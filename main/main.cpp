@@ -82,8 +82,7 @@ void InstallStopHandler(android::base::unique_fd lock) {
     }
     std::thread([lock = std::move(lock)]() mutable {
         char sig = 0;
-        while (read(gStopPipe[0], &sig, 1) < 0 && errno == EINTR) {
-        }
+        (void)TEMP_FAILURE_RETRY(read(gStopPipe[0], &sig, 1));
         LOG(INFO) << "tarnisd: " << (sig == SIGINT ? "SIGINT" : "SIGTERM")
                   << " received; withdrawing the services and exiting";
         platform::host::WithdrawServices();

@@ -82,8 +82,7 @@ binder::Status DorvaNativeDaemon::attachSockFilter(const String16& srcMac, const
                         static_cast<unsigned>(protocol), static_cast<unsigned>(srcPort),
                         static_cast<unsigned>(dstPort), bytes.empty() ? nullptr : bytes.data(),
                         static_cast<unsigned>(bytes.size()), static_cast<unsigned>(extraLen), interface.c_str());
-    const int fd = filter.attach();
-    socket->reset(base::unique_fd(fd));
+    socket->reset(filter.attach());
     return binder::Status::ok();
 }
 
@@ -91,16 +90,13 @@ binder::Status DorvaNativeDaemon::setCoreFilter(int32_t pid, bool enable) {
     // The kernel's own file of that process: /proc is never below the root.
     char path[4096];
     snprintf(path, sizeof(path), velmar::kolto::paths::kCoredumpFilterFormat, pid);
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    if (fd >= 1) {
+    const base::unique_fd fd(open(path, O_WRONLY | O_CLOEXEC));
+    if (fd.get() >= 1) {
         // The kernel reads the text as a C number, so these are decimal:
         // 39 (0x27) dumps anonymous, private file-backed and private huge
         // pages; 35 (0x23) leaves the private file-backed ones out.
-        ssize_t written = write(fd, enable ? "39" : "35", 2);
+        ssize_t written = write(fd.get(), enable ? "39" : "35", 2);
         (void)written;
-        close(fd);
-    } else if (fd == 0) {
-        close(fd);
     }
     return binder::Status::ok();
 }

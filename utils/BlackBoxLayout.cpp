@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <string>
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
@@ -31,16 +32,16 @@ bool PartitionSize(int fd, uint64_t* size) {
     return false;
 }
 
-int OpenPartition(int flags) {
+android::base::unique_fd OpenPartition(int flags) {
     const std::string path = paths::Get(paths::kBlackbox);
     const int nofollow = path != paths::kBlackbox ? O_NOFOLLOW : 0;
-    return TEMP_FAILURE_RETRY(open(path.c_str(), flags | nofollow | O_CLOEXEC));
+    return android::base::unique_fd(TEMP_FAILURE_RETRY(open(path.c_str(), flags | nofollow | O_CLOEXEC)));
 }
 
 int GetBlackBoxVersion(const char* tag) {
     static constexpr char kFunc[] = "get_black_box_version";
     const std::string path = paths::Get(paths::kBlackbox);
-    android::base::unique_fd fd(OpenPartition(O_RDONLY));
+    android::base::unique_fd fd = OpenPartition(O_RDONLY);
     uint64_t size = 0;
     if (!fd.ok()) {
         __android_log_print(ANDROID_LOG_ERROR, tag, "%s: open partition %s failed!", kFunc, path.c_str());
@@ -58,19 +59,10 @@ int GetBlackBoxVersion(const char* tag) {
 }
 
 bool ReadAt(int fd, uint64_t offset, void* buf, size_t len) {
-    auto* out = static_cast<unsigned char*>(buf);
-    size_t done = 0;
-    while (done < len) {
-        ssize_t n = pread(fd, out + done, len - done, static_cast<off_t>(offset + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) {
-            errno = 0;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    // pread sets errno only on an error, so a partition that ends first
+    // leaves it 0.
+    errno = 0;
+    return android::base::ReadFullyAtOffset(fd, buf, len, static_cast<off64_t>(offset));
 }
 
 }  // namespace blackbox

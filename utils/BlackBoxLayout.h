@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <android-base/unique_fd.h>
+
 // The raw black-box partition as the daemon writes it and the service tools
 // read it. Every record is little-endian and packed, byte for byte as it lies
 // in the partition: the crash monitor, the boot-failure report, the OTA monitor
@@ -158,8 +160,9 @@ constexpr int VersionForSize(uint64_t size) {
 // Opens the black-box partition with `flags`. On a device its by-name entry
 // is a link to the block device by design; below a sandbox root the
 // partition is a plain file of the tree, and a link there could lead writes
-// out of it, so there it is opened without following links. -1 with errno.
-int OpenPartition(int flags);
+// out of it, so there it is opened without following links. Not ok() with
+// errno set when it cannot be opened.
+android::base::unique_fd OpenPartition(int flags);
 
 // The partition's version (1, 2 or 3) by its size, with the lines its writers
 // log under their own `tag`; 1 when the partition cannot be opened or sized or
@@ -171,8 +174,8 @@ int GetBlackBoxVersion(const char* tag);
 // with errno set when neither answers.
 bool PartitionSize(int fd, uint64_t* size);
 
-// Reads exactly `len` bytes at `offset` (retrying short reads); false with
-// errno set on an error, with errno 0 when the file ends first.
+// Reads exactly `len` bytes at `offset` (libbase's ReadFullyAtOffset);
+// false with errno set on an error, with errno 0 when the file ends first.
 bool ReadAt(int fd, uint64_t offset, void* buf, size_t len);
 
 // A record read from its place in the partition.

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "utils/Paths.h"
@@ -63,22 +64,22 @@ bool IsLinkAt(int dirFd, const std::string& name) {
 int WalkOpen(int topFd, const std::vector<std::string>& names, int flags, mode_t mode) {
     if (names.empty()) return openat(topFd, ".", flags, mode);
     unique_fd held;
-    int dir = topFd;
     for (size_t i = 0; i + 1 < names.size(); ++i) {
-        const int next = openat(dir, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (next < 0) {
+        const int dir = held.ok() ? held.get() : topFd;
+        unique_fd next(openat(dir, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!next.ok()) {
             if ((errno == ENOTDIR || errno == ELOOP) && IsLinkAt(dir, names[i])) errno = ELOOP;
             return -1;
         }
-        held.reset(next);
-        dir = next;
+        held = std::move(next);
     }
+    const int dir = held.ok() ? held.get() : topFd;
     const int fd = openat(dir, names.back().c_str(), flags, mode);
     if (fd < 0 && (errno == ENOTDIR || errno == ELOOP) && IsLinkAt(dir, names.back())) errno = ELOOP;
     return fd;
 }
 
-int OpenBeneath(int topFd, const std::string& relative, int flags, mode_t mode) {
+unique_fd OpenBeneath(int topFd, const std::string& relative, int flags, mode_t mode) {
     flags |= O_CLOEXEC | O_NOFOLLOW;
     if (gHaveOpenat2.load(std::memory_order_relaxed)) {
         struct open_how how;
@@ -89,21 +90,17 @@ int OpenBeneath(int topFd, const std::string& relative, int flags, mode_t mode) 
         const char* name = relative.empty() ? "." : relative.c_str();
         for (;;) {
             const long fd = syscall(SYS_openat2, topFd, name, &how, sizeof(how));
-            if (fd >= 0) return static_cast<int>(fd);
+            if (fd >= 0) return unique_fd(static_cast<int>(fd));
             if (errno == EINTR || errno == EAGAIN) continue;  // EAGAIN: a rename raced the walk
             // ENOTDIR is also what a link at the end gives with O_DIRECTORY:
             // the walk below tells the two apart.
-            if (errno != ENOSYS && errno != EPERM && errno != ENOTDIR) return -1;
+            if (errno != ENOSYS && errno != EPERM && errno != ENOTDIR) return {};
             // EPERM could be the file's own; the walk below tells them apart.
             if (errno == ENOSYS) gHaveOpenat2.store(false, std::memory_order_relaxed);
             break;
         }
     }
-    int fd;
-    do {
-        fd = WalkOpen(topFd, Components(relative), flags, mode);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
+    return unique_fd(TEMP_FAILURE_RETRY(WalkOpen(topFd, Components(relative), flags, mode)));
 }
 
 std::string Reason(const std::string& shownPath, int error) {
@@ -164,7 +161,7 @@ unique_fd ConfinedPath::OpenAt(int topFd, const std::string& relative, int flags
             return {};
         }
     }
-    unique_fd fd(OpenBeneath(topFd, relative, flags, mode));
+    unique_fd fd = OpenBeneath(topFd, relative, flags, mode);
     if (!fd.ok() && why != nullptr) *why = Reason(Shown(relative), errno);
     return fd;
 }
@@ -175,7 +172,7 @@ unique_fd ConfinedPath::Open(const std::string& devicePath, const std::string& d
     if (!Relative(devicePath, deviceTop, &relative, why)) return {};
     unique_fd top = OpenTop(deviceTop, why);
     if (!top.ok()) return {};
-    unique_fd fd(OpenBeneath(top.get(), relative, flags, mode));
+    unique_fd fd = OpenBeneath(top.get(), relative, flags, mode);
     if (!fd.ok() && why != nullptr) *why = Reason(Shown(devicePath), errno);
     return fd;
 }
@@ -206,7 +203,7 @@ unique_fd ConfinedPath::OpenParent(const std::string& devicePath, const std::str
     }
     unique_fd top = OpenTop(deviceTop, why);
     if (!top.ok()) return {};
-    unique_fd dir(OpenBeneath(top.get(), Join(names, 0, names.size() - 1), O_RDONLY | O_DIRECTORY, 0));
+    unique_fd dir = OpenBeneath(top.get(), Join(names, 0, names.size() - 1), O_RDONLY | O_DIRECTORY, 0);
     if (!dir.ok()) {
         if (why != nullptr) *why = Reason(Shown(devicePath), errno);
         return {};
@@ -226,7 +223,7 @@ unique_fd ConfinedPath::MakeDirs(const std::string& devicePath, const std::strin
             if (why != nullptr) *why = Shown(devicePath) + " cannot be made: " + strerror(errno);
             return {};
         }
-        dir.reset(OpenBeneath(dir.get(), name, O_RDONLY | O_DIRECTORY, 0));
+        dir = OpenBeneath(dir.get(), name, O_RDONLY | O_DIRECTORY, 0);
         if (!dir.ok() && why != nullptr) *why = Reason(Shown(devicePath), errno);
     }
     return dir;

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 
 #include <log/log.h>
@@ -46,27 +47,16 @@ std::string& RandomSource() {
 constexpr size_t kChunkBytes = 1 << 20;
 
 // Reads until `len` bytes or end of input, so that blocks never depend on how
-// the writer of a pipe split its data.
+// the writer of a pipe split its data. Unlike ReadFully, the count of a short
+// read is what the caller needs: the input's last chunk.
 size_t ReadFull(int fd, unsigned char* buf, size_t len) {
     size_t got = 0;
     while (got < len) {
-        ssize_t n = read(fd, buf + got, len - got);
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n = TEMP_FAILURE_RETRY(read(fd, buf + got, len - got));
         if (n <= 0) break;
         got += static_cast<size_t>(n);
     }
     return got;
-}
-
-bool WriteAll(int fd, const unsigned char* buf, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, buf, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        buf += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
 }
 
 struct CipherCtxFree {
@@ -108,7 +98,7 @@ bool generate_aes256_key(unsigned char* key) {
         OPENSSL_cleanse(key, kAes256KeyBytes);
         return false;
     }
-    if (ReadFull(fd.get(), key, kAes256KeyBytes) != static_cast<size_t>(kAes256KeyBytes)) {
+    if (!android::base::ReadFully(fd.get(), key, kAes256KeyBytes)) {
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "read %s fail!", source.c_str());
         OPENSSL_cleanse(key, kAes256KeyBytes);
         return false;
@@ -162,7 +152,7 @@ int64_t aes_encrypt_file(int inFd, int outFd, unsigned char* key) {
             outLen += kAesBlockBytes;
         }
         if (outLen > 0) {
-            if (!WriteAll(outFd, buf.get(), outLen)) {
+            if (!android::base::WriteFully(outFd, buf.get(), outLen)) {
                 __android_log_print(ANDROID_LOG_ERROR, nullptr, "%s: write failed: %s", "aes_encrypt_file",
                                     strerror(errno));
                 return -1;

@@ -27,11 +27,8 @@ namespace {
 // Opens a directory below an already opened one without following a link, so
 // that a link swapped in for a subdirectory never leads the walk elsewhere.
 ScopedDir OpenDirAt(int parentFd, const char* name) {
-    int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return nullptr;
-    DIR* dir = fdopendir(fd);
-    if (dir == nullptr) ::close(fd);
-    return ScopedDir(dir);
+    android::base::unique_fd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return AdoptDir(fd);
 }
 
 bool IsDotOrDotDot(const char* name) {

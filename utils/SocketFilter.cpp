@@ -165,11 +165,11 @@ void SocketFilter::addMacTest(const unsigned char mac[6], unsigned wordOffset,
     add(kJeq, (unsigned{mac[4]} << 8) | mac[5], 0, kReject);
 }
 
-int SocketFilter::attach() {
+android::base::unique_fd SocketFilter::attach() {
     android::base::unique_fd fd(socket(AF_PACKET, SOCK_RAW, htons(ETH_P_IP)));
     if (fd.get() < 0) {
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "SockFilter create sock failed");
-        return -1;
+        return {};
     }
     sockaddr_ll addr{};
     addr.sll_family = AF_PACKET;
@@ -178,14 +178,14 @@ int SocketFilter::attach() {
     if (addr.sll_ifindex == 0 ||
         bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "attachSockFilter bind failed");
-        return -1;
+        return {};
     }
     sock_fprog prog{};
     prog.len = static_cast<unsigned short>(program_.size());
     prog.filter = program_.data();
     if (setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof(prog)) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, nullptr, "SockFilter setsockopt failed");
-        return -1;
+        return {};
     }
     // From socket() to the filter, every IP packet of the interface was
     // queued unfiltered: drop those, so the client sees only what it asked
@@ -194,8 +194,7 @@ int SocketFilter::attach() {
         char byte;
         if (recv(fd.get(), &byte, sizeof(byte), MSG_DONTWAIT | MSG_TRUNC) < 0) break;
     }
-    socket_ = fd.release();
-    return socket_;
+    return fd;
 }
 
 }  // namespace android

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <android-base/unique_fd.h>
+
 namespace android {
 
 // Parses "aa:bb:cc:dd:ee:ff" into six bytes. Parsing stops at the first part
@@ -22,10 +24,9 @@ public:
                  unsigned protocol, unsigned srcPort, unsigned dstPort, unsigned char* payload,
                  unsigned payloadLen, unsigned extraLen, const char* ifname);
 
-    // Opens the socket, binds it to the interface and attaches the program.
-    // Returns the descriptor, or -1. The descriptor is handed over: the caller
-    // passes it on to the client and owns it from then on.
-    int attach();
+    // Opens the socket, binds it to the interface and attaches the program;
+    // not ok() when any step failed. The caller passes it on to the client.
+    android::base::unique_fd attach();
 
     const std::vector<sock_filter>& program() const { return program_; }
 
@@ -38,7 +39,6 @@ private:
     void addMacTest(const unsigned char mac[6], unsigned wordOffset, unsigned halfOffset);
 
     std::string ifname_;
-    int socket_ = -1;
     std::vector<sock_filter> program_;
 };
 

@@ -41,9 +41,8 @@ std::string TempName::Random(size_t count) {
     unsigned char bytes[64];
     while (text.size() < count) {
         const size_t want = std::min(sizeof(bytes), count - text.size());
-        const ssize_t got = getrandom(bytes, want, 0);
+        const ssize_t got = TEMP_FAILURE_RETRY(getrandom(bytes, want, 0));
         if (got < 0) {
-            if (errno == EINTR) continue;
             // Without the kernel's source, the clock and a counter still keep
             // names apart within this process; O_EXCL keeps them apart on disk.
             static std::atomic<unsigned> serial{0};
@@ -57,18 +56,19 @@ std::string TempName::Random(size_t count) {
     return text;
 }
 
-int TempName::CreateAt(int dirFd, const std::string& finalName, mode_t mode, std::string* tempName) {
+android::base::unique_fd TempName::CreateAt(int dirFd, const std::string& finalName, mode_t mode,
+                                            std::string* tempName) {
     for (int attempt = 0; attempt < 32; ++attempt) {
         std::string name = std::string(kPrefix) + finalName.substr(0, kMaxKeptName) + "." + Random(kRandomPart);
-        const int fd = TEMP_FAILURE_RETRY(openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW |
-                                                                        O_CLOEXEC, mode));
-        if (fd >= 0) {
+        android::base::unique_fd fd(TEMP_FAILURE_RETRY(
+            openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode)));
+        if (fd.ok()) {
             *tempName = std::move(name);
             return fd;
         }
-        if (errno != EEXIST) return -1;
+        if (errno != EEXIST) return {};
     }
-    return -1;
+    return {};
 }
 
 bool TempName::WriteWhole(const std::string& hostPath, const std::string& data, mode_t mode, uid_t owner,
@@ -79,7 +79,7 @@ bool TempName::WriteWhole(const std::string& hostPath, const std::string& data, 
     android::base::unique_fd dirFd(TEMP_FAILURE_RETRY(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
     if (!dirFd.ok()) return false;
     std::string temp;
-    android::base::unique_fd out(CreateAt(dirFd.get(), name, mode, &temp));
+    android::base::unique_fd out = CreateAt(dirFd.get(), name, mode, &temp);
     if (!out.ok()) return false;
     if ((owner != static_cast<uid_t>(-1) || group != static_cast<gid_t>(-1)) && fchown(out.get(), owner, group) != 0) {
         ALOGD("chown %s failed: %s", StringUtil::ForLog(hostPath).c_str(), strerror(errno));
@@ -104,12 +104,9 @@ int TempName::RemoveLeftovers(const std::string& hostDir) {
 
 int TempName::RemoveLeftovers(int dirFd, const std::string& shownDir) {
     // A description of its own: the caller's read position stays where it is.
-    const int listFd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ScopedDir dir(listFd >= 0 ? fdopendir(listFd) : nullptr);
-    if (!dir) {
-        if (listFd >= 0) close(listFd);
-        return 0;
-    }
+    android::base::unique_fd listFd(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ScopedDir dir = AdoptDir(listFd);
+    if (!dir) return 0;
     int removed = 0;
     while (struct dirent* entry = readdir(dir.get())) {
         if (!Is(entry->d_name)) continue;

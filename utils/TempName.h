@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include <android-base/unique_fd.h>
+
 namespace velmar {
 namespace kolto {
 
@@ -22,8 +24,8 @@ public:
     static std::string Random(size_t count);
     // Creates a new temporary file for `finalName` in the open directory
     // `dirFd` (exclusive, write-only, never through a link) and stores its
-    // name in `tempName`; -1 with errno set on failure.
-    static int CreateAt(int dirFd, const std::string& finalName, mode_t mode, std::string* tempName);
+    // name in `tempName`; not ok() with errno set on failure.
+    static android::base::unique_fd CreateAt(int dirFd, const std::string& finalName, mode_t mode, std::string* tempName);
     // Writes `data` as the whole new content of the file `hostPath`: into a
     // temporary beside it (mode `mode`, and `owner`/`group` unless -1),
     // flushed to disk, then renamed over the name. Readers see the old file

@@ -29,6 +29,7 @@
 
 #include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
+#include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
 
@@ -338,7 +339,7 @@ private:
         bool readFailed = false;
     };
 
-    void Walk(int dirFd, const std::string& dir);
+    void Walk(android::base::unique_fd own, const std::string& dir);
     bool PackConfined(const std::string& path, const std::string& relative);
     void PackFile(int dirFd, const char* openName, const std::string& path, std::string name);
     void ReadBlocks(int fd, const struct stat& st, const std::string& path,
@@ -387,13 +388,13 @@ void Packer::PackPath(const std::string& path, const std::string& shown) {
         step.path = shown;
         steps_.push_back(std::move(step));
     }
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
+    android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.ok()) {
         ALOGE("[%s] Failed to get file list on directory", "FlushFilesIfNeeded");
         ++failures_;
         return;
     }
-    Walk(fd, shown);
+    Walk(std::move(fd), shown);
 }
 
 // A path below the confining tree is opened from the tree's top, component by
@@ -428,27 +429,27 @@ bool Packer::PackConfined(const std::string& path, const std::string& relative) 
         step.path = path;
         steps_.push_back(std::move(step));
     }
-    const int fd = openat(parent.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
+    android::base::unique_fd fd(openat(parent.get(), leaf.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.ok()) {
         ALOGE("[%s] Failed to get file list on directory", "FlushFilesIfNeeded");
         ++failures_;
         return true;
     }
-    Walk(fd, path);
+    Walk(std::move(fd), path);
     return true;
 }
 
 // Depth first, in the order readdir gives, each subdirectory where it is met.
 // Everything is opened relative to its directory's descriptor and never
 // through a link, so renaming parts of the tree meanwhile cannot lead out.
-void Packer::Walk(int dirFd, const std::string& dir) {
-    DIR* handle = fdopendir(dirFd);
-    if (handle == nullptr) {
+void Packer::Walk(android::base::unique_fd own, const std::string& dir) {
+    const int dirFd = own.get();
+    ScopedDir handle = AdoptDir(own);
+    if (!handle) {
         ALOGE("[%s] cannot list %s: %s", "FlushFilesIfNeeded", StringUtil::ForLog(dir).c_str(), strerror(errno));
-        ::close(dirFd);
         return;
     }
-    while (struct dirent* entry = readdir(handle)) {
+    while (struct dirent* entry = readdir(handle.get())) {
         const char* name = entry->d_name;
         if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
         const std::string full = dir + "/" + name;
@@ -463,19 +464,18 @@ void Packer::Walk(int dirFd, const std::string& dir) {
             }
         }
         if (type == DT_DIR) {
-            const int sub = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (sub < 0) {
+            android::base::unique_fd sub(openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!sub.ok()) {
                 ALOGE("[%s] cannot list %s: %s", "FlushFilesIfNeeded", StringUtil::ForLog(full).c_str(),
                       strerror(errno));
                 continue;
             }
-            Walk(sub, full);
+            Walk(std::move(sub), full);
         } else if (type == DT_REG || type == DT_LNK) {
             // A link is listed so that it is reported, not packed.
             PackFile(dirFd, name, full, RelativeName(full));
         }
     }
-    closedir(handle);
 }
 
 void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
@@ -486,8 +486,8 @@ void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
     }
     // Non-blocking so that a fifo cannot hang the packer; only regular files
     // are read, and a link is never followed.
-    const int fd = openat(dirFd, openName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-    if (fd < 0) {
+    android::base::unique_fd fd(openat(dirFd, openName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (!fd.ok()) {
         if (errno == ENOENT) {
             ALOGW("[%s] file not exist %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str());
         } else if (errno == ELOOP) {
@@ -499,9 +499,8 @@ void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
         FileFailed(path);
         return;
     }
-    android::base::unique_fd closer(fd);
     struct stat st {};
-    if (!StatRegularFile(fd, path, &st)) {
+    if (!StatRegularFile(fd.get(), path, &st)) {
         FileFailed(path);
         return;
     }
@@ -511,7 +510,7 @@ void Packer::PackFile(int dirFd, const char* openName, const std::string& path,
         ALOGD("[%s] skipping the archive being written, %s", "FlushFilesIfNeeded", StringUtil::ForLog(path).c_str());
         return;
     }
-    ReadBlocks(fd, st, path, name);
+    ReadBlocks(fd.get(), st, path, name);
 }
 
 // Each block is read before the one before it is handed over, so that the
@@ -701,12 +700,13 @@ bool ZipFile::create(int dirFd, const std::string& name, const std::string& show
     struct stat st {};
     const bool isDirectory = fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
     std::string temporary;
-    const int fd = isDirectory || !dirFd_.ok() ? -1 : TempName::CreateAt(dirFd_.get(), name, 0666, &temporary);
-    if (fd >= 0 && fstat(fd, &st) == 0) {
+    android::base::unique_fd fd;
+    if (!isDirectory && dirFd_.ok()) fd = TempName::CreateAt(dirFd_.get(), name, 0666, &temporary);
+    if (fd.ok() && fstat(fd.get(), &st) == 0) {
         archiveDev_ = st.st_dev;
         archiveIno_ = st.st_ino;
     }
-    Handover handover {fd >= 0 ? fdopen(fd, "wb") : nullptr, false};
+    Handover handover {AdoptFile(fd, "wb"), false};
     if (handover.file != nullptr) {
         zlib_filefunc64_def io;
         fill_fopen64_filefunc(&io);
@@ -715,8 +715,6 @@ bool ZipFile::create(int dirFd, const std::string& name, const std::string& show
         handle_ = zipOpen2_64(&handover, APPEND_STATUS_CREATE, nullptr, &io);
         // minizip closes a stream it took but could not use.
         if (handle_ == nullptr && !handover.taken) fclose(handover.file);
-    } else if (fd >= 0) {
-        ::close(fd);
     }
     if (handle_ == nullptr) {
         if (!temporary.empty()) unlinkat(dirFd_.get(), temporary.c_str(), 0);
@@ -774,18 +772,17 @@ bool ZipFile::AddFileContentToZip(const std::string& path) {
     }
     // Non-blocking open so that a fifo among the logs cannot hang the packer;
     // only regular files are read, and never through a link.
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-    if (fd < 0) {
+    android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (!fd.ok()) {
         ALOGW("[%s] open file %s failed, the reason is %s", "AddFileContentToZip", StringUtil::ForLog(path).c_str(),
               strerror(errno));
         return false;
     }
-    android::base::unique_fd closer(fd);
     struct stat st {};
-    if (!StatRegularFile(fd, path, &st)) return false;
+    if (!StatRegularFile(fd.get(), path, &st)) return false;
     if (!buffer_) buffer_.reset(new char[kReadChunk]);
     for (;;) {
-        const ssize_t got = TEMP_FAILURE_RETRY(read(fd, buffer_.get(), kReadChunk));
+        const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), buffer_.get(), kReadChunk));
         if (got == 0) return true;
         if (got < 0) {
             ALOGW("[%s] read file %s failed, the reason is %s", "AddFileContentToZip",

@@ -22,6 +22,7 @@
 #include <thread>
 #include <utility>
 
+#include <android-base/file.h>
 #include <android-base/logging.h>
 #include <android-base/properties.h>
 #include <host/WaitForProperty.h>
@@ -70,31 +71,27 @@ AndroidCrashMonitorThread::WriteHook& Hook() {
     return hook;
 }
 
+AndroidCrashMonitorThread::WriteHook CurrentHook() {
+    std::lock_guard<std::mutex> guard(HookLock());
+    return Hook();
+}
+
 ssize_t WriteOnce(int fd, const void* buf, size_t len, off_t offset) {
-    AndroidCrashMonitorThread::WriteHook hook;
-    {
-        std::lock_guard<std::mutex> guard(HookLock());
-        hook = Hook();
-    }
-    if (hook) return hook(fd, buf, len, offset);
-    return offset < 0 ? write(fd, buf, len) : pwrite(fd, buf, len, offset);
+    const AndroidCrashMonitorThread::WriteHook hook = CurrentHook();
+    return TEMP_FAILURE_RETRY(hook ? hook(fd, buf, len, offset)
+                                   : offset < 0 ? write(fd, buf, len) : pwrite(fd, buf, len, offset));
 }
 
 // The whole buffer or false: a write that stops short (a full disk) is a
-// failure like an error, with errno ENOSPC when the system gave none.
+// failure like an error, with errno ENOSPC when the system gave none. A
+// record goes to its offset in one pwrite, which stops short on a regular
+// file or a partition only where the space ends.
 bool WriteAll(int fd, const void* data, size_t len, off_t offset = -1) {
-    const auto* buf = static_cast<const unsigned char*>(data);
-    size_t done = 0;
-    while (done < len) {
-        ssize_t n = WriteOnce(fd, buf + done, len - done, offset < 0 ? -1 : offset + static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = ENOSPC;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    if (offset < 0 && !CurrentHook()) return android::base::WriteFully(fd, data, len);
+    const ssize_t n = WriteOnce(fd, data, len, offset);
+    if (n == static_cast<ssize_t>(len)) return true;
+    if (n >= 0) errno = ENOSPC;
+    return false;
 }
 
 template <class Record>
@@ -145,7 +142,7 @@ void AndroidCrashMonitorThread::SetWriteHookForTesting(WriteHook hook) {
 void AndroidCrashMonitorThread::RequestStop() { stop_.Request(); }
 
 unique_fd AndroidCrashMonitorThread::OpenPartition(int flags) const {
-    return unique_fd(bb::OpenPartition(flags));
+    return bb::OpenPartition(flags);
 }
 
 int AndroidCrashMonitorThread::get_black_box_version() {
@@ -400,10 +397,7 @@ int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsi
             return -1;
         }
         if (got == 0) return 1;
-        ssize_t put;
-        do {
-            put = WriteOnce(dstFd, buf, static_cast<size_t>(got), -1);
-        } while (put < 0 && errno == EINTR);
+        const ssize_t put = WriteOnce(dstFd, buf, static_cast<size_t>(got), -1);
         if (put < 0) {
             ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, Shown(target).c_str());
             return -1;
@@ -541,7 +535,7 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         return -1;
     }
     std::string temp;
-    unique_fd created(kolto::TempName::CreateAt(dirFd.get(), encName, 0660, &temp));
+    unique_fd created = kolto::TempName::CreateAt(dirFd.get(), encName, 0660, &temp);
     // The staged container is read back for the partition: the new file,
     // opened again read-write through this process's own handle of it.
     unique_fd container(created.ok() ? TEMP_FAILURE_RETRY(open(

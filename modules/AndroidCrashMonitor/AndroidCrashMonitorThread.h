@@ -31,8 +31,10 @@ namespace tarnis {
 // that lists it. A staging failure leaves the partition untouched.
 class AndroidCrashMonitorThread {
 public:
-    // Every write the worker makes goes through here: `offset` < 0 writes at
-    // the file position, else at `offset`. Tests fail or cut writes with it.
+    // Stands in for the worker's writes, so that tests can fail or cut them:
+    // each call is one whole write the worker asks for (one chunk where it
+    // copies), `offset` < 0 at the file position, else at `offset`; a count
+    // short of `len` fails that write.
     using WriteHook = std::function<ssize_t(int fd, const void* buf, size_t len, off_t offset)>;
 
     // What a crash-history line is made of.

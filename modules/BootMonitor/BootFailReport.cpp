@@ -11,6 +11,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstddef>
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <android-base/file.h>
@@ -84,17 +86,16 @@ unique_fd OpenPartition(int flags) {
     return fd;
 }
 
-// Reads up to `size` bytes at `offset`; the count read, or -1.
+// Reads what the partition holds of `size` bytes at `offset`: the count read,
+// short where the partition ends first, or -1.
 ssize_t ReadAt(int fd, void* buffer, size_t size, uint64_t offset) {
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = TEMP_FAILURE_RETRY(
-            pread(fd, static_cast<char*>(buffer) + got, size - got, static_cast<off_t>(offset + got)));
-        if (n < 0) return -1;
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(got);
+    uint64_t end = 0;
+    if (!blackbox::PartitionSize(fd, &end)) return -1;
+    const size_t held = offset < end ? static_cast<size_t>(std::min<uint64_t>(size, end - offset)) : 0;
+    // A partition that shrank under the read reads as an I/O error.
+    errno = EIO;
+    if (held > 0 && !android::base::ReadFullyAtOffset(fd, buffer, held, static_cast<off64_t>(offset))) return -1;
+    return static_cast<ssize_t>(held);
 }
 
 std::string Sha1Hex(const std::string& text) {
@@ -289,7 +290,7 @@ std::atomic<int> gTestSocket{-1};
 void BootFailReport::SetListenerSocketForTesting(int fd) { gTestSocket.store(fd); }
 
 int BootFailReport::NetlinkInit() {
-    if (const int given = gTestSocket.exchange(-1); given >= 0) return ReceiveLoop(given);
+    if (const int given = gTestSocket.exchange(-1); given >= 0) return ReceiveLoop(unique_fd(given));
     unique_fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, kNetlinkBootMonitor));
     if (!fd.ok()) {
         ALOGE("create netlink socket error: %s", strerror(errno));
@@ -327,11 +328,10 @@ int BootFailReport::NetlinkInit() {
         ALOGE("sendto error: %s", strerror(errno));
     }
     ALOGI("sendto success");
-    return ReceiveLoop(fd.release());
+    return ReceiveLoop(std::move(fd));
 }
 
-int BootFailReport::ReceiveLoop(int rawFd) {
-    unique_fd fd(rawFd);
+int BootFailReport::ReceiveLoop(unique_fd fd) {
     if (stopFlag.load()) return 0;
     static_assert(NLMSG_HDRLEN == 16, "the protocol's header is 16 bytes");
     std::vector<char> message(kMessageBytes, 0);

@@ -5,6 +5,8 @@
 #include <string>
 #include <unordered_map>
 
+#include <android-base/unique_fd.h>
+
 namespace velmar {
 namespace tarnis {
 
@@ -35,8 +37,8 @@ public:
     // be set up.
     int NetlinkInit();
     // The listener's receive loop over a socket already set up. Its receive
-    // time-out bounds how long a stop takes to be noticed. Closes `fd`.
-    int ReceiveLoop(int fd);
+    // time-out bounds how long a stop takes to be noticed.
+    int ReceiveLoop(android::base::unique_fd fd);
 
     // The text payload of one received message, `message` being the whole
     // kMessageBytes receive buffer, header first, copied into `text`

@@ -198,9 +198,8 @@ int CaptureServerThread::threadLoop() {
     }
     for (;;) {
         struct pollfd fds[2] = {{listener, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-        const int ready = poll(fds, stopFd_ >= 0 ? 2 : 1, -1);
+        const int ready = TEMP_FAILURE_RETRY(poll(fds, stopFd_ >= 0 ? 2 : 1, -1));
         if (ready < 0) {
-            if (errno == EINTR) continue;
             ALOGE("Accept failed: %s\n", strerror(errno));
             return 0;
         }

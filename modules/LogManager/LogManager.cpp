@@ -90,23 +90,22 @@ struct KernelDirent {
 // getdents64 itself, since fdopendir costs an fstat and an fcntl per
 // directory, and takes its own size from the stat its caller already made.
 int64_t TreeSizeAt(int parentFd, const char* name, int64_t ownSize) {
-    const int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return -1;
-    android::base::unique_fd owner(fd);
+    android::base::unique_fd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.ok()) return -1;
     struct stat st {};
     int64_t total = ownSize;
     // On the heap: the walk recurses, and a thread's stack is not ours to size.
     std::unique_ptr<char[]> buffer(new char[kDirentBufferBytes]);
     for (;;) {
-        const long got = syscall(SYS_getdents64, fd, buffer.get(), kDirentBufferBytes);
+        const long got = syscall(SYS_getdents64, fd.get(), buffer.get(), kDirentBufferBytes);
         if (got <= 0) break;
         for (long at = 0; at < got;) {
             const auto* entry = reinterpret_cast<const KernelDirent*>(buffer.get() + at);
             at += entry->reclen;
             if (IsDotOrDotDot(entry->name)) continue;
-            if (fstatat(fd, entry->name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            if (fstatat(fd.get(), entry->name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
             if (S_ISDIR(st.st_mode)) {
-                const int64_t sub = TreeSizeAt(fd, entry->name, st.st_size);
+                const int64_t sub = TreeSizeAt(fd.get(), entry->name, st.st_size);
                 if (sub > 0) total += sub;
             } else {
                 total += st.st_size;
@@ -249,15 +248,11 @@ bool CollectFiles(int parentFd, const char* openName, const std::string& path,
         return true;
     }
     if (!S_ISDIR(st.st_mode)) return true;  // links and the like are never packed
-    const int fd = openat(parentFd, openName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return false;
-    DIR* dir = fdopendir(fd);
-    if (dir == nullptr) {
-        close(fd);
-        return false;
-    }
-    ScopedDir owner(dir);
-    while (struct dirent* entry = readdir(dir)) {
+    android::base::unique_fd own(openat(parentFd, openName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const int fd = own.get();
+    ScopedDir dir = AdoptDir(own);
+    if (!dir) return false;
+    while (struct dirent* entry = readdir(dir.get())) {
         if (IsDotOrDotDot(entry->d_name)) continue;
         if (!CollectFiles(fd, entry->d_name, path + "/" + entry->d_name, files)) return false;
     }
@@ -580,15 +575,15 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
     ScanResult result;
     // A description of its own, read from the start, for the caller's
     // descriptor is used again afterwards.
-    const int fd = dirFd >= 0 ? openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
-    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (dir == nullptr) {
+    android::base::unique_fd own(dirFd >= 0 ? openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
+    const int fd = own.get();
+    ScopedDir dir = AdoptDir(own);
+    if (!dir) {
         result.error = dirFd >= 0 ? errno : EBADF;
-        if (fd >= 0) close(fd);
         return result;
     }
     result.opened = true;
-    while (struct dirent* entry = readdir(dir)) {
+    while (struct dirent* entry = readdir(dir.get())) {
         if (IsDotOrDotDot(entry->d_name)) continue;
         const std::string fileName = entry->d_name;
         // An archive being written, or left by a killed compression: not a
@@ -623,7 +618,7 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
         }
         names.push_back(fileName);
     }
-    if (closedir(dir) != 0) {
+    if (closedir(dir.release()) != 0) {
         result.closed = false;
         result.error = errno;
     }
@@ -839,13 +834,13 @@ bool LogManager::CompressEntry(const std::string& deviceFullPath) {
 void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, uint64_t before, bool reuseOpen,
                                     int64_t cleared, int64_t moved) {
     uint64_t after = 0;
-    const int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (dir == nullptr) {
-        if (fd >= 0) close(fd);
+    android::base::unique_fd own(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int fd = own.get();
+    ScopedDir dir = AdoptDir(own);
+    if (!dir) {
         ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
     } else {
-        while (struct dirent* entry = readdir(dir)) {
+        while (struct dirent* entry = readdir(dir.get())) {
             if (IsDotOrDotDot(entry->d_name) || TempName::Is(entry->d_name)) continue;
             struct stat st {};
             if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
@@ -856,7 +851,7 @@ void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, ui
                 after += static_cast<uint64_t>(st.st_size);
             }
         }
-        if (closedir(dir) != 0) ALOGE("[%s] Close Dir failed! error: %s", "CheckAndClean", strerror(errno));
+        if (closedir(dir.release()) != 0) ALOGE("[%s] Close Dir failed! error: %s", "CheckAndClean", strerror(errno));
     }
     LogManagerEvent event;
     event.dirFullPath = devicePath;

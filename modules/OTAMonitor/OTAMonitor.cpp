@@ -45,7 +45,7 @@ constexpr uint32_t kVersionCodeV3 = 12288;
 // The partition opened with `flags` and placed at the OTA zone; not valid,
 // after `func`'s line saying why, when either step failed.
 unique_fd OpenZone(int flags, const char* func) {
-    unique_fd fd(bb::OpenPartition(flags));
+    unique_fd fd = bb::OpenPartition(flags);
     if (!fd.ok()) {
         ALOGE("%s: open file %s failed\n", func, paths::Get(paths::kBlackbox).c_str());
     } else if (lseek(fd.get(), static_cast<off_t>(bb::kOtaZoneOffset), SEEK_SET) < 0) {

@@ -52,7 +52,7 @@ std::string LastComponent(const std::string& path) { return path.substr(path.rfi
 // file planted under `name` is replaced, never written through.
 bool CopyInto(int in, off_t length, int dirFd, const std::string& name) {
     std::string temp;
-    unique_fd out(kolto::TempName::CreateAt(dirFd, name, kMirrorMode, &temp));
+    unique_fd out = kolto::TempName::CreateAt(dirFd, name, kMirrorMode, &temp);
     if (!out.ok()) return false;
     bool ok = kolto::FileUtil::CopySparse(in, out.get(), length);
     if (ok) {
@@ -123,10 +123,7 @@ void TombstoneMonitorThread::threadLoop() {
     // Copies a killed daemon left half-written.
     kolto::TempName::RemoveLeftovers(outDirFd_.get(), outDir);
 
-    unique_fd inotify;
-    do {
-        inotify.reset(inotify_init1(IN_CLOEXEC));
-    } while (!inotify.ok() && errno == EINTR);
+    unique_fd inotify(TEMP_FAILURE_RETRY(inotify_init1(IN_CLOEXEC)));
     if (!inotify.ok()) {
         ALOGE("inotify_init error: %s", strerror(errno));
         return;
@@ -154,9 +151,8 @@ void TombstoneMonitorThread::ReadEvents(int inotifyFd, const std::string& inDir,
     alignas(struct inotify_event) char buf[sizeof(struct inotify_event) * 16 + NAME_MAX + 1];
     for (;;) {
         struct pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
-        const int ready = poll(fds, 2, -1);
+        const int ready = TEMP_FAILURE_RETRY(poll(fds, 2, -1));
         if (stop_.Requested()) return;
-        if (ready < 0 && errno == EINTR) continue;
         ssize_t len = ready > 0 ? TEMP_FAILURE_RETRY(read(inotifyFd, buf, sizeof(buf))) : -1;
         if (len <= 0) {
             if (len == 0) errno = EIO;

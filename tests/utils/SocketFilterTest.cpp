@@ -202,6 +202,6 @@ TEST(SocketFilterTest, AttachToAMissingInterfaceFails) {
     if (RawSocketsRefused()) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
     platform::LogCapture capture;
     SocketFilter filter(nullptr, nullptr, 0, 0, 0, 0, 0, nullptr, 0, 0, "tarnis-none0");
-    EXPECT_EQ(filter.attach(), -1);
+    EXPECT_FALSE(filter.attach().ok());
     EXPECT_TRUE(capture.HasLine("attachSockFilter bind failed", "", 6));
 }

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include <android-base/parseint.h>
 #include <android-base/properties.h>
@@ -68,10 +69,6 @@ bool FindFingerprint(const std::string& head, std::string* fingerprint) {
 
 }  // namespace
 
-AnrTraces::~AnrTraces() {
-    for (const DumpData& trace : traces_) close(trace.fd);
-}
-
 void AnrTraces::Collect() {
     if (!RecentWatchdogRestart()) return;
     ALOGW("==================Start Get data/anr log for BootMonitor======================\n");
@@ -110,13 +107,10 @@ void AnrTraces::Collect() {
             ALOGE("read file for %d byte, build.fingerprint prop mismatch\n", static_cast<int>(text.size()));
             continue;
         }
-        traces_.push_back(DumpData{entry->d_name, fd.release(), st.st_mtim});
+        traces_.push_back(DumpData{entry->d_name, std::move(fd), st.st_mtim});
     }
     std::sort(traces_.begin(), traces_.end(), NewerDumpFirst);
-    while (traces_.size() > kMaxTraces) {
-        close(traces_.back().fd);
-        traces_.pop_back();
-    }
+    while (traces_.size() > kMaxTraces) traces_.pop_back();
 }
 
 }  // namespace android

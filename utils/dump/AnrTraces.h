@@ -14,9 +14,6 @@ namespace android {
 class AnrTraces {
 public:
     AnrTraces() = default;
-    ~AnrTraces();
-    AnrTraces(const AnrTraces&) = delete;
-    AnrTraces& operator=(const AnrTraces&) = delete;
 
     // Looks through the ANR directory (once).
     void Collect();

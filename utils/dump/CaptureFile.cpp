@@ -26,6 +26,7 @@
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
+#include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
 
@@ -108,11 +109,8 @@ std::string Normalize(const std::string& path) {
 
 // Text for the capture file, opened by name; a link in its place is refused.
 ScopedFile OpenForAppend(const std::string& path) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
-    if (fd < 0) return nullptr;
-    ScopedFile file(fdopen(fd, "a"));
-    if (!file) close(fd);
-    return file;
+    base::unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666));
+    return ScopedFile(velmar::kolto::AdoptFile(fd, "a"));
 }
 
 bool WriteAll(int fd, const std::string& path, const std::string& text) {
@@ -286,7 +284,7 @@ void CaptureFile::RemoveLeftovers() {
     int removed = TempName::RemoveLeftovers(WithoutTrailingSlashes(paths::Get(paths::kLocalRecordDir)));
     const std::string base = WithoutTrailingSlashes(paths::Get(paths::kDorvaDir));
     base::unique_fd baseFd(open(base.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(baseFd.ok() ? fdopendir(dup(baseFd.get())) : nullptr, closedir);
+    velmar::kolto::ScopedDir dir = velmar::kolto::AdoptDir(baseFd);
     while (dir) {
         struct dirent* entry = readdir(dir.get());
         if (entry == nullptr) break;

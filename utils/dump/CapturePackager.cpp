@@ -329,7 +329,8 @@ void CapturePackager::OpenUp(int fd, const std::string& path, int* count) {
         ++*count;
         return;
     }
-    velmar::kolto::ScopedDir dir(fdopendir(fcntl(fd, F_DUPFD_CLOEXEC, 0)));
+    base::unique_fd copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    velmar::kolto::ScopedDir dir = velmar::kolto::AdoptDir(copy);
     if (!dir) {
         ALOGE("Error in open dir %s", StringUtil::ForLog(path).c_str());
         return;

@@ -61,12 +61,11 @@ ChildWait::Result ChildWait::Wait(int timeoutSeconds, int* status, int* savedErr
         // No pidfd (an old kernel, or no descriptor left): look at the one
         // child every few milliseconds. Still per child, only coarser.
         for (;;) {
-            const pid_t got = waitpid(pid_, status, WNOHANG);
+            const pid_t got = TEMP_FAILURE_RETRY(waitpid(pid_, status, WNOHANG));
             if (got == pid_) {
                 reaped_ = true;
                 return kReaped;
             }
-            if (got < 0 && errno == EINTR) continue;
             if (got < 0) {
                 *savedErrno = errno;
                 return kReapFailed;
@@ -92,19 +91,16 @@ ChildWait::Result ChildWait::Wait(int timeoutSeconds, int* status, int* savedErr
         if (left > 0) continue;  // woke before the deadline: look again
         return kTimedOut;
     }
-    for (;;) {
-        siginfo_t info;
-        memset(&info, 0, sizeof(info));
-        if (waitid(P_PIDFD, static_cast<id_t>(pidfd_.get()), &info, WEXITED | WNOHANG) == 0) {
-            if (info.si_pid == 0) return kNotReaped;
-            *status = WaitStatusOf(info);
-            reaped_ = true;
-            return kReaped;
-        }
-        if (errno == EINTR) continue;
+    siginfo_t info;
+    memset(&info, 0, sizeof(info));
+    if (TEMP_FAILURE_RETRY(waitid(P_PIDFD, static_cast<id_t>(pidfd_.get()), &info, WEXITED | WNOHANG)) != 0) {
         *savedErrno = errno;
         return kReapFailed;
     }
+    if (info.si_pid == 0) return kNotReaped;
+    *status = WaitStatusOf(info);
+    reaped_ = true;
+    return kReaped;
 }
 
 bool ChildWait::WaitAndLog(int timeoutSeconds, int* status, const char* tag, const char* prefix) {

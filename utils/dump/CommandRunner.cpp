@@ -18,11 +18,13 @@
 #include <mutex>
 
 #include <android-base/stringprintf.h>
+#include <android-base/unique_fd.h>
 #include <log/log.h>
 
 #include "utils/BuildProbes.h"
 #include "utils/dump/ChildSpawn.h"
 #include "utils/dump/ChildWait.h"
+#include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
 
 namespace android {
@@ -50,11 +52,8 @@ struct FileCloser {
 // Writes all of `iov` to `fd` with no allocation (used in the fork child).
 void WriteVector(int fd, struct iovec* iov, int count) {
     while (count > 0) {
-        ssize_t n = writev(fd, iov, count);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return;
-        }
+        ssize_t n = TEMP_FAILURE_RETRY(writev(fd, iov, count));
+        if (n < 0) return;
         while (count > 0 && static_cast<size_t>(n) >= iov->iov_len) {
             n -= static_cast<ssize_t>(iov->iov_len);
             ++iov;
@@ -74,16 +73,9 @@ struct iovec Piece(const char* text) {
 // Where the result lines go: a copy of the capture's descriptor, else the
 // capture file opened by name, never through a link in its place.
 FILE* OpenForResult(int logFd, const char* logPath) {
-    const int fd = logFd >= 0 ? fcntl(logFd, F_DUPFD_CLOEXEC, 0)
-                              : open(logPath, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
-    if (fd < 0) return nullptr;
-    FILE* file = fdopen(fd, "a");
-    if (file == nullptr) {
-        const int saved = errno;
-        close(fd);
-        errno = saved;
-    }
-    return file;
+    base::unique_fd fd(logFd >= 0 ? fcntl(logFd, F_DUPFD_CLOEXEC, 0)
+                                  : open(logPath, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666));
+    return velmar::kolto::AdoptFile(fd, "a");
 }
 
 // What the child of one run needs, made before it starts: it may not
@@ -155,19 +147,18 @@ void CommandRunner::RedirectOutput(const char* path) {
     int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
     // Power-off captures must be on disk before the power goes.
     if (strstr(path, "dumpsys_by_power") != nullptr) flags |= O_SYNC;
-    const int fd = TEMP_FAILURE_RETRY(open(path, flags, 0644));
+    base::unique_fd fd(TEMP_FAILURE_RETRY(open(path, flags, 0644)));
     const int openErrno = errno;
     ALOGD("redirect_output: %s\n", path);
-    if (fd < 0) {
+    if (!fd.ok()) {
         struct iovec iov[] = {Piece("failed to open "), Piece(path), Piece(": "),
                               Piece(strerrordesc_np(openErrno)), Piece("\n")};
         WriteVector(STDERR_FILENO, iov, 5);
         ExitChild(1);
         return;
     }
-    TEMP_FAILURE_RETRY(dup2(fd, STDOUT_FILENO));
-    TEMP_FAILURE_RETRY(dup2(fd, STDERR_FILENO));
-    close(fd);
+    TEMP_FAILURE_RETRY(dup2(fd.get(), STDOUT_FILENO));
+    TEMP_FAILURE_RETRY(dup2(fd.get(), STDERR_FILENO));
 }
 
 void CommandRunner::Run(const std::vector<std::string>& args, const char* logPath, int timeoutSeconds) {

@@ -129,8 +129,8 @@ int copy_file(const char* from, const char* to) {
     }
     off_t offset = 0;
     while (offset < st.st_size) {
-        const ssize_t n = sendfile(target.get(), source.get(), &offset, static_cast<size_t>(st.st_size - offset));
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n =
+            TEMP_FAILURE_RETRY(sendfile(target.get(), source.get(), &offset, static_cast<size_t>(st.st_size - offset)));
         if (n <= 0) {
             ALOGE("Copying failed from:%s to %s  reason: %s", from, to,
                   n < 0 ? strerror(errno) : "unexpected end of file");

@@ -4,13 +4,15 @@
 
 #include <string>
 
+#include <android-base/unique_fd.h>
+
 namespace android {
 
 // One ANR trace found on disk. The descriptor stays open while the trace is
 // being chosen; lists of these are sorted newest first.
 struct DumpData {
     std::string name;
-    int fd = -1;
+    android::base::unique_fd fd;
     struct timespec mtime = {0, 0};
 };
 

@@ -91,8 +91,7 @@ void PersistFiles::Read(const std::string& path, std::string& out) {
     char buffer[1022];
     size_t total = 0;
     for (;;) {
-        const ssize_t n = read(fd.get(), buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n = TEMP_FAILURE_RETRY(read(fd.get(), buffer, sizeof(buffer)));
         if (n <= 0) break;
         const size_t take = std::min(static_cast<size_t>(n), kMaxReadBytes - total);
         out.append(buffer, take);
@@ -124,10 +123,7 @@ ssize_t PersistFiles::WriteOwn(const std::string& path, const std::string& conte
 
 ssize_t PersistFiles::WriteTo(base::unique_fd fd, const std::string& path, const std::string& content) {
     if (!fd.ok()) return -1;
-    ssize_t n;
-    do {
-        n = write(fd.get(), content.data(), content.size());
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = TEMP_FAILURE_RETRY(write(fd.get(), content.data(), content.size()));
     if (n <= 0) ALOGD("read %s: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
     return n;
 }

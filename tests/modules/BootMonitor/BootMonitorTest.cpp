@@ -472,7 +472,7 @@ TEST_F(BootFailReportTest, ListenerActsOnBootStageTimeoutsOnly) {
     send("boot-timeout[901005301], time[1]", 16);
     send("boot-timeout[901005302], time[1]", 1041, 1041);
     ASSERT_EQ(::send(kernel.get(), "", 0, 0), 0);
-    EXPECT_EQ(report_.ReceiveLoop(pair[0]), 0);
+    EXPECT_EQ(report_.ReceiveLoop(unique_fd(pair[0])), 0);
 
     EXPECT_TRUE(log_.HasLine("NetlinkInit--550: recv_msg: boot-timeout[901005349], time[2]", kBfr, kI));
     EXPECT_TRUE(log_.HasLine("recv boot message timeout_event = 901005350, boot_index = 2", kBfr, kI));
@@ -491,7 +491,7 @@ TEST_F(BootFailReportTest, ListenerActsOnBootStageTimeoutsOnly) {
     kernel.reset(pair[1]);
     struct timeval timeout = {0, 20 * 1000};
     setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    std::thread loop([&] { EXPECT_EQ(report_.ReceiveLoop(pair[0]), 0); });
+    std::thread loop([&] { EXPECT_EQ(report_.ReceiveLoop(unique_fd(pair[0])), 0); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     report_.Stop();
     loop.join();

@@ -427,12 +427,12 @@ TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
         dup2(err, STDERR_FILENO);
         auto impl = ndk::SharedRefBase::make<EchoSsi>();
         if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) _exit(2);
+        // Logged while descriptors last and before the pool's threads start:
+        // UBSan opens a pipe the first time it checks a stream's type, and
+        // libbase makes its logging lock on the first line (tests/tsan.supp).
+        LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
         BinderProcess::self().setMaxThreads(2);
         ABinderProcess_startThreadPool();
-        // UndefinedBehaviorSanitizer checks a stream's dynamic type the first
-        // time through, with a pipe that it cannot open once descriptors run
-        // out: a log line now lets the server's log lines pass later.
-        LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
         rlimit limit{128, 128};
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
         std::vector<int> fillers;
