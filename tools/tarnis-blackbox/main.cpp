@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <json/json.h>
 #include <openssl/crypto.h>
@@ -57,7 +58,9 @@ std::string Hex(uint64_t value) {
     return text;
 }
 
-bool ReadFull(int fd, uint64_t offset, void* buf, size_t len) { return bb::ReadAt(fd, offset, buf, len); }
+bool ReadFull(int fd, uint64_t offset, void* buf, size_t len) {
+    return android::base::ReadFullyAtOffset(fd, buf, len, static_cast<off64_t>(offset));
+}
 
 // The log table, the firmware-database slots and the crash history: the
 // areas the crash monitor lays down with its log table.
@@ -305,14 +308,9 @@ bool DecryptSlot(int imageFd, const FwSlot& slot, EVP_PKEY* key, int outFd, std:
         }
         done += len;
         const size_t keep = static_cast<size_t>(std::min<uint64_t>(plainLeft, static_cast<uint64_t>(outLen)));
-        for (size_t put = 0; put < keep;) {
-            ssize_t n = write(outFd, out.data() + put, keep - put);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                *error = std::string("cannot write the database: ") + strerror(errno);
-                return false;
-            }
-            put += static_cast<size_t>(n);
+        if (!android::base::WriteFully(outFd, out.data(), keep)) {
+            *error = std::string("cannot write the database: ") + strerror(errno);
+            return false;
         }
         plainLeft -= keep;
     }

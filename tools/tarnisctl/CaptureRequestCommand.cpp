@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
@@ -75,14 +77,11 @@ int CaptureRequest(const std::vector<std::string>& args) {
     }
     std::string request = {'\0', '\0', '\0', static_cast<char>(name.size())};
     request += name;
-    for (size_t sent = 0; sent < request.size();) {
-        const ssize_t n = send(fd.get(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            fprintf(stderr, "tarnisctl: sending the request failed: %s\n", strerror(errno));
-            return 1;
-        }
-        sent += static_cast<size_t>(n);
+    // The peer may go away: no SIGPIPE, a failed write says so.
+    signal(SIGPIPE, SIG_IGN);
+    if (!android::base::WriteFully(fd, request.data(), request.size())) {
+        fprintf(stderr, "tarnisctl: sending the request failed: %s\n", strerror(errno));
+        return 1;
     }
 
     using Clock = std::chrono::steady_clock;
@@ -99,8 +98,7 @@ int CaptureRequest(const std::vector<std::string>& args) {
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) continue;
         char buffer[16];
-        const ssize_t n = recv(fd.get(), buffer, sizeof(buffer), 0);
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n = TEMP_FAILURE_RETRY(recv(fd.get(), buffer, sizeof(buffer), 0));
         if (n <= 0) break;
         reply.append(buffer, static_cast<size_t>(n));
     }

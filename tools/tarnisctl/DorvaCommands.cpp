@@ -372,9 +372,8 @@ int SockFilter(const std::vector<std::string>& args) {
             fprintf(stderr, "tarnisctl: %d of %d packets within %d s; giving up\n", seen, count, waitS);
             return 1;
         }
-        const ssize_t got = recv(socket.get(), buffer.data(), buffer.size(), 0);
+        const ssize_t got = TEMP_FAILURE_RETRY(recv(socket.get(), buffer.data(), buffer.size(), 0));
         if (got < 0) {
-            if (errno == EINTR) continue;
             perror("tarnisctl: reading the filtered socket");
             return 1;
         }
