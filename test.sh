@@ -9,7 +9,7 @@ scripts/install-deps.sh || exit 1
 
 # Suites whose threads ThreadSanitizer checks.
 TSAN_SUITES="framework;binder;utils"
-JOBS=$(nproc)
+JOBS=${JOBS:-$(nproc)}
 passed=0
 failed=0
 skipped=0
