@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: once plainly, once
-# under AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency
-# suites under ThreadSanitizer. Exits non-zero when anything fails.
+# under AddressSanitizer + UndefinedBehaviorSanitizer, the concurrency suites
+# under ThreadSanitizer, and once more built for arm64 under the emulator.
+# Exits non-zero when anything fails.
 set -uo pipefail
 cd "$(dirname "$0")"
 scripts/install-deps.sh || exit 1
 
 # Suites whose threads ThreadSanitizer checks.
 TSAN_SUITES="framework;binder;utils"
-JOBS=$(nproc)
+JOBS=${JOBS:-$(nproc)}
 passed=0
 failed=0
 skipped=0
@@ -67,6 +68,10 @@ run_suite asan-ubsan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp
 run_suite tsan build-tsan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
   -DTARNIS_SANITIZE=thread "-DTARNIS_TEST_SUBSET=$TSAN_SUITES"
+# The device's architecture: cross-built for arm64 and run under qemu-user
+# (docs/PLATFORM.md, "arm64"); every suite and the corpus replays, no benches.
+run_suite arm64 build-arm64 -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchain-aarch64-linux-gnu.cmake" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNIS_BUILD_BENCH=OFF
 
 # The parsers of outside input are fuzzed briefly on every run (clang's
 # libFuzzer with AddressSanitizer + UndefinedBehaviorSanitizer), starting from

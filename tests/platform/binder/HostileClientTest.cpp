@@ -32,6 +32,7 @@
 #include "tests/platform/binder/EchoSsi.h"
 #include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WaitFor.h"
 
 using aidl::velmar::system::tarnis::common::ITarnisSsi;
 using android::BinderProcess;
@@ -219,32 +220,32 @@ TEST_F(HostileClientTest, AUidAtItsShareGivesUpItsOldestIdleConnectionToItsNewco
         }
         // Every connection of the uid busy (half a transaction each): the
         // newcomer is turned away with the reason. The one that takes the
-        // proxy's place is made only once the others are busy (the proxy's
-        // may still be open, and idle).
+        // proxy's place is made only once the service has let the proxy's
+        // go: until a pool thread has closed it, it is neither idle nor gone,
+        // and the service would rightly turn that one away instead.
+        char c = 'p';
+        if (write(ready[1], &c, 1) != 1 || read(release[0], &c, 1) != 1) _exit(7);
         const WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 64, 0};
         for (size_t i = total - share + 1; i <= total; ++i) {
             if (i == total) held.push_back(WireIo::Connect(path_, 2000));
             if (send(held[i].get(), &header, sizeof(header), MSG_NOSIGNAL) != sizeof(header)) _exit(6);
         }
-        // The proxy's own connection may linger, idle, until the service has
-        // seen it close, and a newcomer would rightly take its place: such a
-        // newcomer is let go and the next one tried, a little later.
         const std::string told = "too many connections from uid 2000 (limit " + std::to_string(share) +
                                  " for service " + kName + "), none of them idle";
+        unique_fd refused = WireIo::Connect(path_, 2000);
+        uint32_t status = 0;
+        android::Parcel reply;
         std::string refusal;
-        for (int attempt = 0; attempt < 20 && refusal != told; ++attempt) {
-            if (attempt > 0) usleep(100 * 1000);
-            unique_fd refused = WireIo::Connect(path_, 2000);
-            uint32_t status = 0;
-            android::Parcel reply;
-            refusal.clear();
-            WireIo::Receive(refused.get(), &status, &reply, 500, &refusal);
-        }
-        char c = refusal == told ? 'y' : 'n';
+        WireIo::Receive(refused.get(), &status, &reply, 5000, &refusal);
+        c = refusal == told ? 'y' : 'n';
         if (write(ready[1], &c, 1) != 1) _exit(7);
         _exit(read(release[0], &c, 1) == 1 ? 0 : 8);
     }
     char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    // The holder's share less the connection its proxy took, and our proxy's.
+    EXPECT_TRUE(tarnis_test::WaitFor([&] { return Connections() == share; })) << Connections();
+    ASSERT_EQ(write(release[1], &c, 1), 1);
     ASSERT_EQ(read(ready[0], &c, 1), 1);
     EXPECT_EQ(c, 'y');
     // The holder's share, and its proxy's connection until the service has
