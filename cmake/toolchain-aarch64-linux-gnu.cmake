@@ -19,3 +19,6 @@ set(ENV{PKG_CONFIG_PATH} "")
 # cross toolchain's older glibc, whose loader hangs with that libc.so.6 in the
 # first pthread_create (docs/PLATFORM.md, "arm64").
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-aarch64-static)
+# The platform's libraries need others of their own (libbacktrace needs 7z.so)
+# that the cross linker finds only where the arm64 loader will.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,/usr/lib/aarch64-linux-gnu")

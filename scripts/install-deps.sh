@@ -43,6 +43,20 @@ if [ ${#missing[@]} -gt 0 ]; then
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
+# libutils's libbacktrace needs p7zip's 7z.so, which Debian installs for one
+# architecture only (p7zip-full is not co-installable): the arm64 build of it
+# is taken from its package into the arm64 loader's default directory, where
+# the arm64 programs find it and the host's never look.
+ARM64_7Z=/usr/lib/aarch64-linux-gnu/7z.so
+if [ ! -e "$ARM64_7Z" ]; then
+  need_root "placing p7zip's arm64 7z.so"
+  scratch=$(mktemp -d)
+  chmod 755 "$scratch"
+  (cd "$scratch" && apt-get download -qq p7zip-full:arm64 && dpkg-deb -x p7zip-full_*_arm64.deb tree)
+  $SUDO install -m 0644 "$scratch/tree/usr/lib/p7zip/7z.so" "$ARM64_7Z"
+  rm -rf "$scratch"
+fi
+
 # The tests start the daemon and its tools as child processes, and tarnisctl
 # starts tarnisctl-json: under qemu-user an arm64 program can only start
 # another one when the kernel hands arm64 binaries to qemu. A machine booted
