@@ -17,7 +17,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisLooper.h"
 #include "platform/LogCapture.h"
-#include "tests/framework/LogLines.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/ManagerThread.h"
 
 using namespace velmar::kolto;

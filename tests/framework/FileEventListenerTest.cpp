@@ -22,7 +22,7 @@
 
 #include "framework/FileEventListener.h"
 #include "platform/LogCapture.h"
-#include "tests/framework/LogLines.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/TempDir.h"
 
 using namespace velmar::kolto;

@@ -21,7 +21,7 @@
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
 #include "platform/LogCapture.h"
-#include "tests/framework/LogLines.h"
+#include "tests/support/LogLines.h"
 
 using namespace velmar::kolto;
 using tarnis_test::CountExact;

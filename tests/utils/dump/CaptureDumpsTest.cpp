@@ -21,7 +21,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/utils/dump/DumpTestSupport.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/Clock.h"
 #include "utils/dump/CaptureFile.h"
 #include "utils/dump/CaptureLogUtil.h"
@@ -29,11 +29,11 @@
 using android::CaptureLogUtil;
 using android::DumpAction;
 using android::String16;
-using dump_test::ExactLines;
-using dump_test::FakeDumpstate;
-using dump_test::LineMatching;
-using dump_test::Literal;
-using dump_test::SandboxTest;
+using tarnis_test::CountExact;
+using tarnis_test::FakeDumpstate;
+using tarnis_test::LineMatching;
+using tarnis_test::Literal;
+using tarnis_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::WriteFile;
@@ -153,7 +153,7 @@ TEST_F(CaptureDumpsTest, RefusesMismatchedListsAndOverlongPaths) {
     platform::LogCapture log;
     DumpAll("anr", "x", List({"ps", "df"}), List({""}), false);
     DumpAll("anr", "x", {}, {}, false);
-    EXPECT_EQ(ExactLines(log, "Error in dump: actions or params exception.", "dorvad", ANDROID_LOG_ERROR), 2u);
+    EXPECT_EQ(CountExact(log, "Error in dump: actions or params exception.", "dorvad", ANDROID_LOG_ERROR), 2u);
     // "/data/dorva/" and the type: 100 bytes are too many, 99 are not.
     DumpAll(std::string(88, 't'), "x", List({"do_dumpheap"}), List({""}), false);
     EXPECT_TRUE(log.HasLine("The length of where or type is too long and the type is " + std::string(88, 't') + "\n",
@@ -348,7 +348,7 @@ TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildNewestFirst) {
                                 " byte, build.fingerprint prop mismatch\n",
                             "dorvad", ANDROID_LOG_ERROR));
     // Twelve traces of this build and the one of another build matched.
-    EXPECT_EQ(ExactLines(log, "=============match success!!!=============\n", "dorvad"), 13u);
+    EXPECT_EQ(CountExact(log, "=============match success!!!=============\n", "dorvad"), 13u);
     std::string expected = "anr/trace_10\nanr/trace_11\n";
     for (int i = 2; i < 10; ++i) expected += "anr/trace_" + std::to_string(i) + "\n";
     expected += "system/uiderrors.txt\nx/cap\n";
@@ -413,7 +413,7 @@ TEST_F(CaptureDumpsTest, RefusesTypesThatAreNotPlainDirectoryNames) {
     EXPECT_EQ(log.Count("type 'a\\x0aforged' is not a plain directory name"), 1u);
     for (const std::string type : {"../x", "", ".", "..", "a/b"}) {
         DumpAll(type, "h", List({"ps"}), List({""}), false);
-        EXPECT_EQ(ExactLines(log, "Refusing capture: type '" + type + "' is not a plain directory name", "dorvad",
+        EXPECT_EQ(CountExact(log, "Refusing capture: type '" + type + "' is not a plain directory name", "dorvad",
                              ANDROID_LOG_ERROR),
                   1u)
             << type;
@@ -438,7 +438,7 @@ TEST_F(CaptureDumpsTest, WhereMustBeAnExistingDirectoryOnTheCapturePartitions) {
         {"RescuePartyLog", "/data/out"}};
     for (const auto& [type, where] : refused) {
         DumpAll(type, "h", List({"do_dumpheap"}), List({""}), false, -1, false, {}, where);
-        EXPECT_EQ(ExactLines(log,
+        EXPECT_EQ(CountExact(log,
                              "Refusing capture: where '" + where +
                                  "' is not a directory on the data, rescue or cache partition",
                              "dorvad", ANDROID_LOG_ERROR),

@@ -18,13 +18,13 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/utils/dump/DumpTestSupport.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 using android::CaptureLogUtil;
 using android::String16;
-using dump_test::ExactLines;
-using dump_test::SandboxTest;
+using tarnis_test::CountExact;
+using tarnis_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::WriteFile;
@@ -195,7 +195,7 @@ TEST_F(CapturePackagerTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     EXPECT_TRUE(Exists(tomb));  // the tombstone monitor's own copies stay
     EXPECT_TRUE(log.HasLine("delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
     EXPECT_TRUE(log.HasLine("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_WARN));
-    EXPECT_EQ(ExactLines(log, "delete file(" + tomb + ") \n"), 0u);
+    EXPECT_EQ(CountExact(log, "delete file(" + tomb + ") \n"), 0u);
 
     // Only captures of native crashes ("_ne_") clean up.
     Make("/data/nuvilog/stability/nativecrash/core_2");

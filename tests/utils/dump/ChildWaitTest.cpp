@@ -14,11 +14,11 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/utils/dump/DumpTestSupport.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/dump/ChildWait.h"
 
 using android::ChildWait;
-using dump_test::SandboxTest;
+using tarnis_test::SandboxTest;
 using tarnis_test::ReadFile;
 
 namespace {

@@ -14,14 +14,14 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/utils/dump/DumpTestSupport.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/dump/CmdTool.h"
 
 using android::CmdTool;
-using dump_test::LineMatching;
-using dump_test::Literal;
-using dump_test::SandboxTest;
-using dump_test::StderrToFile;
+using tarnis_test::LineMatching;
+using tarnis_test::Literal;
+using tarnis_test::SandboxTest;
+using tarnis_test::StderrToFile;
 using tarnis_test::ReadFile;
 using tarnis_test::WriteFile;
 
@@ -90,57 +90,37 @@ TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
     EXPECT_NE(LineMatching(log, "dorvad cmdtool \\[true: 0\\.[0-9]{3}s elapsed57\\]\n\n", tag, ANDROID_LOG_DEBUG), "");
 }
 
-TEST_F(CmdToolTest, TimedOutChildIgnoringSigtermIsKilledAfterTheGrace) {
-    const std::string record = root_.Sub("signals");
-    const std::string script = root_.Sub("stubborn.sh");
-    WriteFile(script, "#!/bin/sh\ntrap 'echo TERM >> " + record + "' TERM\nwhile :; do sleep 0.05; done\n");
-    chmod(script.c_str(), 0755);
-    platform::LogCapture log;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(CmdTool::run_command_lite(script.c_str(), "", 1), -1);
-    // One second to time out, one of grace after SIGTERM, then SIGKILL.
-    const double took = SecondsSince(start);
-    EXPECT_GE(took, 1.9);
-    EXPECT_LT(took, 4.0);
-    EXPECT_EQ(ReadFile(record), "TERM\n");
-    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* " + Literal(script) +
-                                    ": Timed out after 1\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n",
-                           platform::DefaultLogTag(), ANDROID_LOG_ERROR),
-              "");
-    EXPECT_EQ(log.Count("Cannot kill"), 0u);
-    EXPECT_EQ(log.Count("elapsed57"), 0u);
-
-    // A child that goes at SIGTERM is not waited for any longer.
-    log.Clear();
-    const auto again = std::chrono::steady_clock::now();
-    EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", 1), -1);
-    EXPECT_LT(SecondsSince(again), 1.9);
-    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n",
-                           platform::DefaultLogTag(), ANDROID_LOG_ERROR),
-              "");
-}
-
-// A negative time-out fails as a failed wait does, and still ends the child;
-// 0 stays a time-out that comes at once.
-TEST_F(CmdToolTest, NegativeTimeoutIsAWaitErrorNotATimeout) {
+// The time-out's and the failed wait's lines; how a stubborn child is ended
+// (SIGTERM, then SIGKILL after the grace) is ChildWaitTest's. A negative
+// time-out fails as a failed wait does and still ends the child; 0 is a
+// time-out that comes at once.
+TEST_F(CmdToolTest, TimeoutsAndFailedWaitsEndTheChildAndSaySo) {
     const std::string tag = platform::DefaultLogTag();
-    platform::LogCapture log;
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", -1), -1);
-    EXPECT_LT(SecondsSince(start), 1.9);
-    EXPECT_TRUE(log.HasLine("dorvad cmdtool *** sigtimedwait failed: Invalid argument\n", tag, ANDROID_LOG_ERROR));
-    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: Error after 0\\.[0-9]{4}s \\(killing pid [0-9]+\\)\n", tag,
-                           ANDROID_LOG_ERROR),
-              "");
-    EXPECT_EQ(log.Count("Timed out"), 0u);
-    EXPECT_EQ(log.Count("Cannot kill"), 0u);
-
-    log.Clear();
-    EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", 0), -1);
-    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: Timed out after 0\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n",
-                           tag, ANDROID_LOG_ERROR),
-              "");
-    EXPECT_EQ(log.Count("sigtimedwait"), 0u);
+    const struct {
+        int timeout;
+        std::string line;
+        const char* absent;
+    } cases[] = {
+        {1, "Timed out after 1\\.[0-9]{3}s", "sigtimedwait"},
+        {0, "Timed out after 0\\.[0-9]{3}s", "sigtimedwait"},
+        {-1, "Error after 0\\.[0-9]{4}s", "Timed out"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.timeout);
+        platform::LogCapture log;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", c.timeout), -1);
+        // The child went at SIGTERM: no grace was waited out.
+        EXPECT_LT(SecondsSince(start), 1.9);
+        EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: " + c.line + " \\(killing pid [0-9]+\\)\n", tag,
+                               ANDROID_LOG_ERROR),
+                  "");
+        EXPECT_EQ(log.HasLine("dorvad cmdtool *** sigtimedwait failed: Invalid argument\n", tag, ANDROID_LOG_ERROR),
+                  c.timeout < 0);
+        EXPECT_EQ(log.Count(c.absent), 0u);
+        EXPECT_EQ(log.Count("Cannot kill"), 0u);
+        EXPECT_EQ(log.Count("elapsed57"), 0u);
+    }
 }
 
 // An empty program is no refusal of its own: it goes to exec like any name.

@@ -8,10 +8,10 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/utils/dump/DumpTestSupport.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/dump/DirectoryHelpers.h"
 
-using dump_test::SandboxTest;
+using tarnis_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::WriteFile;

@@ -16,13 +16,13 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/utils/dump/DumpTestSupport.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/dump/CaptureLogUtil.h"
 
 using android::CaptureLogUtil;
 using android::String16;
-using dump_test::FakeDumpstate;
-using dump_test::SandboxTest;
+using tarnis_test::FakeDumpstate;
+using tarnis_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::WriteFile;

@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <functional>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -18,42 +17,11 @@
 
 #include "platform/LogCapture.h"
 #include "platform/Sockets.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/TempDir.h"
 #include "utils/dump/CaptureLogUtil.h"
 
-namespace dump_test {
-
-// The number of lines whose whole text is `text` (of this tag and priority
-// when given): quoted log lines are checked word for word, not by a part.
-inline size_t ExactLines(const platform::LogCapture& log, const std::string& text, const std::string& tag = "",
-                         int prio = 0) {
-    size_t count = 0;
-    for (const platform::LogLine& line : log.Lines()) {
-        if (!tag.empty() && line.tag != tag) continue;
-        if (prio != 0 && line.prio != prio) continue;
-        if (line.text == text) ++count;
-    }
-    return count;
-}
-
-// The first line whose whole text matches `pattern` ("" when none), for
-// lines with a number that varies (an elapsed time, a pid).
-inline std::string LineMatching(const platform::LogCapture& log, const std::string& pattern,
-                                const std::string& tag = "", int prio = 0) {
-    const std::regex re(pattern);
-    for (const platform::LogLine& line : log.Lines()) {
-        if (!tag.empty() && line.tag != tag) continue;
-        if (prio != 0 && line.prio != prio) continue;
-        if (std::regex_match(line.text, re)) return line.text;
-    }
-    return "";
-}
-
-// Quotes `text` for use inside a regular expression.
-inline std::string Literal(const std::string& text) {
-    static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-    return std::regex_replace(text, special, R"(\$&)");
-}
+namespace tarnis_test {
 
 // Sends this process's standard error (and so that of every child forked
 // meanwhile) to a file, for the lines children log.
@@ -70,7 +38,7 @@ public:
     // Restores standard error and returns what was written meanwhile.
     std::string Take() {
         Restore();
-        return tarnis_test::ReadFile(path_);
+        return ReadFile(path_);
     }
 
 private:
@@ -92,7 +60,7 @@ public:
     // `readsRequest`: the client writes a request before it reads the reply.
     FakeDumpstate(bool readsRequest, std::function<std::string(const std::string& request)> answer)
         : answer_(std::move(answer)), path_(platform::ReservedSocketPath("dumpstate")) {
-        tarnis_test::RunShell("mkdir -p \"$(dirname '" + path_ + "')\"");
+        RunShell("mkdir -p \"$(dirname '" + path_ + "')\"");
         listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         struct sockaddr_un address;
         socklen_t length = 0;
@@ -148,7 +116,7 @@ protected:
         platform::SetRoot("/");
     }
     std::string Path(const std::string& devicePath) const { return platform::DevicePath(devicePath); }
-    tarnis_test::TempDir root_;
+    TempDir root_;
 };
 
-}  // namespace dump_test
+}  // namespace tarnis_test
