@@ -1,11 +1,14 @@
 #include "tests/support/TempDir.h"
 
+#include <dirent.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <algorithm>
 #include <stdexcept>
 
 namespace tarnis_test {
@@ -34,6 +37,24 @@ std::string ReadFile(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+bool Exists(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> ListDir(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* handle = opendir(dir.c_str())) {
+        while (const dirent* entry = readdir(handle)) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") names.push_back(name);
+        }
+        closedir(handle);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 std::string RunShell(const std::string& command, int* status) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace tarnis_test {
 
@@ -23,6 +24,10 @@ private:
 // Small file helpers for fixtures.
 bool WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
+// Whether anything, a dangling link included, is at `path`.
+bool Exists(const std::string& path);
+// The names in `dir` (none when it cannot be read), sorted.
+std::vector<std::string> ListDir(const std::string& dir);
 // Runs a shell command line and returns its standard output; `status` gets
 // the exit status when not null.
 std::string RunShell(const std::string& command, int* status = nullptr);

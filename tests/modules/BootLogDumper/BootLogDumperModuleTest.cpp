@@ -62,20 +62,8 @@ protected:
         ASSERT_TRUE(android::base::WriteStringToFile(script, Device(devicePath)));
         ASSERT_EQ(chmod(Device(devicePath).c_str(), 0755), 0);
     }
-    std::vector<std::string> Archives() {
-        std::vector<std::string> names;
-        std::string listing = Shell("ls -A '" + aee_ + "'");
-        size_t start = 0;
-        for (size_t end; (end = listing.find('\n', start)) != std::string::npos; start = end + 1) {
-            names.push_back(listing.substr(start, end - start));
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-    static bool Exists(const std::string& path) {
-        struct stat st {};
-        return lstat(path.c_str(), &st) == 0;
-    }
+    std::vector<std::string> Archives() { return tarnis_test::ListDir(aee_); }
+    static bool Exists(const std::string& path) { return tarnis_test::Exists(path); }
 
     std::string aee_;
     std::string staging_;

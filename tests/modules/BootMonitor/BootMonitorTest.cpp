@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -90,6 +91,7 @@ protected:
     void SetUp() override {
         ModuleTest::SetUp();
         clock_.SetAdvanceOnSleep(true);
+        UseClockWaits();
         RunShell("mkdir -p '" + Device("/cache/dorva") + "' '" + Device("/cache/recovery") + "'");
         dir_ = Device("/cache/dorva/UnhealthyBootLog/");
         count_ = Device("/cache/boot_flag");
@@ -107,14 +109,31 @@ protected:
     }
 
     // Property waits on the test clock: one not met costs its whole time-out.
+    // A run past two hours of that clock (a broken threshold or limit) is
+    // cut short as if the boot had completed, so it fails in milliseconds.
     void UseClockWaits(std::function<void(const std::string& key)> before = nullptr) {
         monitor_.SetPropertyWaiterForTesting(
             [this, before](const std::string& key, const std::string& value, std::chrono::milliseconds timeout) {
                 if (before) before(key);
+                if (ElapsedMs() > 2 * 3600 * 1000) {
+                    ADD_FAILURE() << "the monitor was still waiting for " << key << " after two hours";
+                    monitor_.Stop();
+                    return true;
+                }
                 if (GetProperty(key, "") == value) return true;
                 clock_.Advance(timeout.count());
                 return false;
             });
+    }
+    // The monitor's loop, failed and stopped after ten seconds of real time.
+    int RunLoop() {
+        auto result = std::async(std::launch::async, [this] { return monitor_.threadLoop(); });
+        if (result.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            ADD_FAILURE() << "the monitor's loop ran past ten seconds";
+            monitor_.Stop();
+            SetProperty("sys.boot_completed", "1");
+        }
+        return result.get();
     }
     int64_t ElapsedMs() { return clock_.SteadyNowMs() - TestClock::kStartSteadyMs; }
     // The names of the captures made so far, from their completion lines.
@@ -126,18 +145,8 @@ protected:
         }
         return names;
     }
-    std::vector<std::string> List() {
-        std::vector<std::string> names;
-        if (DIR* d = opendir(dir_.c_str())) {
-            while (dirent* e = readdir(d)) {
-                if (e->d_name[0] != '.') names.push_back(e->d_name);
-            }
-            closedir(d);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-    static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+    std::vector<std::string> List() { return tarnis_test::ListDir(dir_); }
+    static bool Exists(const std::string& path) { return tarnis_test::Exists(path); }
 
     std::string dir_, count_;
     std::atomic<size_t> fill_{0};
@@ -149,9 +158,8 @@ TEST_F(BootMonitorTest, FirstUnfinishedBootCapturesEveryFiveMinutesThenReboots) 
     SetProperty("ro.product.device", "tarn");
     SetProperty("ro.build.version.incremental", "77");
     fill_ = 2048;
-    UseClockWaits();
     const auto realStart = std::chrono::steady_clock::now();
-    EXPECT_EQ(monitor_.threadLoop(), 0);
+    EXPECT_EQ(RunLoop(), 0);
     // Twenty minutes of the monitor's time; a real wait anywhere would show.
     EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(10));
 
@@ -179,7 +187,7 @@ TEST_F(BootMonitorTest, EarlierFailuresBringTheFirstCaptureForwardUntilTheBootCo
         if (countDuringWait.empty()) countDuringWait = ReadFile(count_);
         if (ElapsedMs() >= 310 * 1000) SetProperty("sys.boot_completed", "1");
     });
-    EXPECT_EQ(monitor_.threadLoop(), 0);
+    EXPECT_EQ(RunLoop(), 0);
     EXPECT_EQ(countDuringWait, "4");
     EXPECT_EQ(Captures(), (std::vector<std::string>{"bm_inc_3_60_unknown_unknown_" + At(70) + ".zip",
                                                     "bm_timeout_3_300_unknown_unknown_" + At(310) + ".zip"}));
@@ -203,7 +211,7 @@ TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
         android::base::WriteFully(fd, &status, sizeof(status));
     });
     SetProperty("init.svc.uncrypt", "running");  // busy for all 30 looks
-    EXPECT_EQ(monitor_.threadLoop(), 0);
+    EXPECT_EQ(RunLoop(), 0);
     EXPECT_EQ(received, std::string("\0\0\0\x20", 4) + "BootFailure\n--reason=BootMonitor");
     EXPECT_EQ(ElapsedMs(), 31 * 1000);
     EXPECT_TRUE(log_.HasLine("stuck in boot loop, capture bugreport...", kBm, kW));
@@ -219,7 +227,7 @@ TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
     unlink(platform::ReservedSocketPath("uncrypt").c_str());
     WriteFile(count_, "7");
     const int64_t before = ElapsedMs();
-    EXPECT_EQ(monitor_.threadLoop(), 0);
+    EXPECT_EQ(RunLoop(), 0);
     EXPECT_EQ(ElapsedMs() - before, 30 * 1000);
     EXPECT_TRUE(log_.HasLine("Failed to setupBcb", kBm, kD));
     EXPECT_EQ(GetProperty("sys.powerctl", ""), "reboot,recovery");
@@ -232,10 +240,9 @@ TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
     RunShell("mkdir -p '" + root_.Sub("elsewhere") + "'");
     ASSERT_EQ(symlink(root_.Sub("elsewhere").c_str(), Device("/cache/dorva/UnhealthyBootLog").c_str()), 0);
     SetProperty("sys.boot_completed", "1");
-    UseClockWaits();
     for (const std::string word : {"abc", ""}) {
         WriteFile(count_, word);
-        EXPECT_EQ(monitor_.threadLoop(), 0);
+        EXPECT_EQ(RunLoop(), 0);
         EXPECT_TRUE(log_.HasLine("An invalid string was read: " + word, kBm, kW));
     }
     EXPECT_EQ(log_.Count("note boot count: 0", kBm, kI), 2u);
@@ -261,7 +268,7 @@ TEST_F(BootMonitorTest, DisplayCompletionIsAwaitedOnceItIsKnown) {
     UseClockWaits([&](const std::string& key) {
         if (key == "sys.boot_display_completed" && ++displayWaits == 2) SetProperty(key, "1");
     });
-    EXPECT_EQ(monitor_.threadLoop(), 0);
+    EXPECT_EQ(RunLoop(), 0);
     // The first pass waited its 10 s in vain, the second saw "1".
     EXPECT_EQ(log_.Count("boot time: "), 1u);
     EXPECT_TRUE(log_.HasLine("boot time: 0 seconds\n", kBm, kI));
@@ -273,7 +280,7 @@ TEST_F(BootMonitorTest, TrapModeCapturesEveryIntervalUntilStopped) {
     WriteFile(Device("/cache/recovery/last_trap"), "true 30\n");
     WriteFile(count_, "2");
     std::thread loop([this] { EXPECT_EQ(monitor_.threadLoop(), 0); });
-    tarnis_test::WaitFor([this] { return log_.Count("(trap mode) boot time: ") >= 3; });
+    EXPECT_TRUE(tarnis_test::WaitFor([this] { return log_.Count("(trap mode) boot time: ") >= 3; }));
     monitor_.Stop();
     loop.join();
     EXPECT_TRUE(log_.HasLine("(trap mode) boot time: 60 seconds\n", kBm, kI));
@@ -330,7 +337,7 @@ TEST_F(BootMonitorTest, DisabledModuleRemovesItselfWhileTheListenerGoesOn) {
     memcpy(message.data() + 16, text.data(), text.size());
     ASSERT_EQ(send(kernel.get(), message.data(), message.size(), 0), 1040);
     ASSERT_EQ(send(kernel.get(), "", 0, 0), 0);
-    tarnis_test::WaitFor([&] { return log_.HasLine("Connection closed", kBfr, kI); });
+    EXPECT_TRUE(tarnis_test::WaitFor([&] { return log_.HasLine("Connection closed", kBfr, kI); }));
     EXPECT_TRUE(log_.HasLine("recv boot message timeout_event = 901005349, boot_index = 2", kBfr, kI));
     EXPECT_TRUE(log_.HasLine("Connection closed", kBfr, kI));
 }

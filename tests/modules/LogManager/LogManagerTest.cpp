@@ -53,11 +53,6 @@ constexpr char kTag[] = "Tarnis-LogManager";
 constexpr char kBsp[] = "/data/nuvilog/bsp";
 constexpr int64_t kDayMs = 86400000;
 
-bool Exists(const std::string& path) {
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
-}
-
 void Write(const std::string& path, const std::string& content) {
     ASSERT_EQ(system(("mkdir -p \"$(dirname '" + path + "')\"").c_str()), 0);
     ASSERT_TRUE(android::base::WriteStringToFile(content, path)) << path;
@@ -69,18 +64,8 @@ std::string Read(const std::string& path) {
     return text;
 }
 
-std::vector<std::string> List(const std::string& dir) {
-    std::string out = tarnis_test::RunShell("ls -A '" + dir + "' 2>/dev/null");
-    std::vector<std::string> names;
-    size_t start = 0;
-    while (start < out.size()) {
-        size_t end = out.find('\n', start);
-        if (end == std::string::npos) end = out.size();
-        if (end > start) names.push_back(out.substr(start, end - start));
-        start = end + 1;
-    }
-    return names;
-}
+using tarnis_test::Exists;
+std::vector<std::string> List(const std::string& dir) { return tarnis_test::ListDir(dir); }
 
 int64_t StatSize(const std::string& path) {
     struct stat st {};

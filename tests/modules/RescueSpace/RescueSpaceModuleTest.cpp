@@ -53,10 +53,7 @@ protected:
         EXPECT_TRUE(android::base::WriteStringToFile(content, path));
         return path;
     }
-    static bool Exists(const std::string& path) {
-        struct stat st {};
-        return lstat(path.c_str(), &st) == 0;
-    }
+    static bool Exists(const std::string& path) { return tarnis_test::Exists(path); }
     static mode_t ModeOf(const std::string& path) {
         struct stat st {};
         EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;

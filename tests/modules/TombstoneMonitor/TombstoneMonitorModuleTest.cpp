@@ -59,10 +59,7 @@ protected:
         struct stat st;
         return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
     }
-    static bool Exists(const std::string& path) {
-        struct stat st;
-        return lstat(path.c_str(), &st) == 0;
-    }
+    static bool Exists(const std::string& path) { return tarnis_test::Exists(path); }
 
     tarnis_test::TempDir elsewhere_;
     std::string in_, out_, outside_;
