@@ -66,7 +66,8 @@ public:
             state->cond.wait(guard, [&state] { return state->released; });
         });
         std::unique_lock<std::mutex> guard(state_->lock);
-        state_->cond.wait(guard, [this] { return state_->running; });
+        EXPECT_TRUE(state_->cond.wait_for(guard, std::chrono::seconds(10), [this] { return state_->running; }))
+            << "the manager thread never took the blocking task";
     }
     ~ManagerThreadBlocker() { Release(); }
     void Release() {

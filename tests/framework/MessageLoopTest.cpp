@@ -45,9 +45,11 @@ int64_t NowMs() { return GetClock().SteadyNowMs(); }
 
 // The kernel thread id of the looper's thread, as its log lines give it.
 int LooperTid(TarnisHandler& handler) {
-    std::promise<int> tid;
-    handler.post([&tid] { tid.set_value(static_cast<int>(syscall(SYS_gettid))); });
-    return tid.get_future().get();
+    auto tid = std::make_shared<std::promise<int>>();
+    handler.post([tid] { tid->set_value(static_cast<int>(syscall(SYS_gettid))); });
+    std::future<int> got = tid->get_future();
+    EXPECT_EQ(got.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "the looper never ran";
+    return got.valid() && got.wait_for(std::chrono::seconds(0)) == std::future_status::ready ? got.get() : -1;
 }
 
 // Deletes the thread (quit and join) on a helper thread. False when that took
@@ -283,7 +285,9 @@ TEST_F(MessageLoop, AStaleReferenceNeverRemovesALaterUsersMessage) {
         for (const TarnisMessageRef& other : others) EXPECT_TRUE(handler->removeMessage(other, false));
         reused.set_value(found);
     });
-    TarnisMessageRef second = reused.get_future().get();
+    std::future<TarnisMessageRef> found = reused.get_future();
+    ASSERT_EQ(found.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    TarnisMessageRef second = found.get();
     ASSERT_EQ(second.get(), first.get());
 
     // The same message object, a later use: the reference to the first use
