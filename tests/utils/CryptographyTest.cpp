@@ -147,34 +147,6 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ContainerRoundTrip,
 
 // ---- The byte contract of aes_encrypt_file ----
 
-TEST(AesEncryptFile, SeventeenBytesCompleteTheirSecondBlockFromTheFirst) {
-    TempDir dir;
-    const std::string plain = "ABCDEFGHIJKLMNOPQ";
-    Opened opened = OpenContainer(dir, BuildContainer(dir, plain));
-    ASSERT_EQ(opened.padded.size(), 32u);
-    EXPECT_EQ(opened.padded.substr(0, 17), plain);
-    EXPECT_EQ(opened.padded.substr(17), "BCDEFGHIJKLMNOP");
-}
-
-TEST(AesEncryptFile, EmptyInputWritesNothing) {
-    TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.Sub("in"), ""));
-    EXPECT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("out"), NewKey()), 0);
-    EXPECT_EQ(ReadFile(dir.Sub("out")), "");
-}
-
-TEST(AesEncryptFile, EveryFileStartsFromTheSameIv) {
-    TempDir dir;
-    const std::string key = NewKey();
-    ASSERT_TRUE(WriteFile(dir.Sub("in"), RandomBytes(100, 7)));
-    ASSERT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("a"), key), 112);
-    ASSERT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("b"), key), 112);
-    EXPECT_EQ(ReadFile(dir.Sub("a")), ReadFile(dir.Sub("b")));
-    // And the key matters: another key gives another ciphertext.
-    ASSERT_EQ(EncryptPath(dir.Sub("in"), dir.Sub("c"), NewKey()), 112);
-    EXPECT_NE(ReadFile(dir.Sub("a")), ReadFile(dir.Sub("c")));
-}
-
 // Blocks are full blocks of the stream, however a pipe's writer splits it.
 TEST(AesEncryptFile, PipeInPiecesMatchesRegularFile) {
     TempDir dir;

@@ -41,18 +41,6 @@ std::vector<std::string> FolderNames(const std::vector<LogConfig>& list) {
     return names;
 }
 
-TEST(LogConfigTest, SplitAndTrimKeepEveryPiece) {
-    EXPECT_EQ(JsonHelper::StringSplit("a,,b,", ","), (std::vector<std::string>{"a", "", "b", ""}));
-    EXPECT_EQ(JsonHelper::StringSplit("a::b", "::"), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(JsonHelper::StringTrim(" \t x y \n"), "x y");
-    EXPECT_EQ(JsonHelper::StringTrim("   "), "");
-    const std::vector<std::string>& names = LogConfig::MemberNames();
-    ASSERT_EQ(names.size(), 13u);
-    EXPECT_EQ(names.front(), "folderName");
-    EXPECT_EQ(names[6], "watchSSRRamdumpHack");
-    EXPECT_EQ(names.back(), "maxLogNumber");
-}
-
 TEST(LogConfigTest, EveryKeyReachesItsOwnMember) {
     LogConfig record;
     std::string why;
@@ -232,18 +220,6 @@ TEST(LogConfigTest, LookupGoesRecordByRecordEachBeforeItsChildren) {
     platform::LogCapture log;
     EXPECT_FALSE(LogManagerUtil::GetConfigByFolderName("nothing", list).has_value());
     EXPECT_TRUE(log.HasLine("[GetConfigByFolderName] ERR! config not found for nothing", kTag, ANDROID_LOG_ERROR));
-}
-
-TEST(LogConfigTest, ReadMembersWriteEventFields) {
-    Json::Value event;
-    EXPECT_TRUE(JsonHelper::ReadMembers(event, "path", "/a"));
-    EXPECT_TRUE(JsonHelper::ReadMembers(event, "size", int64_t{-5}));
-    EXPECT_TRUE(JsonHelper::ReadMembers(event, "ok", true));
-    EXPECT_TRUE(JsonHelper::ReadMembers(event, "path", std::string("/b")));
-    EXPECT_EQ(JsonUtil::ConvertJsonToString(event), "{\"ok\":true,\"path\":\"/b\",\"size\":-5}\n");
-    Json::Value array(Json::arrayValue);
-    EXPECT_FALSE(JsonHelper::ReadMembers(array, "ok", false));
-    EXPECT_TRUE(array.isArray());
 }
 
 class ReadConfigFileTest : public ::testing::Test {
