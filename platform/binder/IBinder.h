@@ -26,7 +26,6 @@ public:
         LAST_CALL_TRANSACTION = ::LAST_CALL_TRANSACTION,
         DUMP_TRANSACTION = ::DUMP_TRANSACTION,
         INTERFACE_TRANSACTION = ::INTERFACE_TRANSACTION,
-        FLAG_ONEWAY = 0x00000001,
     };
 
     // The interface descriptor; a proxy asks its peer once.

@@ -18,11 +18,6 @@
 namespace android {
 
 class IInterface : public virtual RefBase {
-public:
-    IInterface() = default;
-    static sp<IBinder> asBinder(const IInterface* iface);
-    static sp<IBinder> asBinder(const sp<IInterface>& iface);
-
 protected:
     ~IInterface() override = default;
     virtual IBinder* onAsBinder() = 0;

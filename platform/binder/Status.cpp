@@ -52,17 +52,6 @@ Status Status::fromServiceSpecificError(int32_t errorCode, const String8& messag
     return Status(EX_SERVICE_SPECIFIC, errorCode, message);
 }
 
-void Status::setException(int32_t ex, const String8& message) {
-    exception_ = ex;
-    errorCode_ = ex == EX_TRANSACTION_FAILED ? UNKNOWN_ERROR : OK;
-    message_ = message;
-}
-
-void Status::setServiceSpecificError(int32_t errorCode, const String8& message) {
-    setException(EX_SERVICE_SPECIFIC, message);
-    errorCode_ = errorCode;
-}
-
 void Status::setFromStatusT(status_t status) {
     exception_ = status == OK ? EX_NONE : EX_TRANSACTION_FAILED;
     errorCode_ = status;

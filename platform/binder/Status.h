@@ -45,8 +45,6 @@ public:
     status_t readFromParcel(const Parcel& parcel);
     status_t writeToParcel(Parcel* parcel) const;
 
-    void setException(int32_t ex, const String8& message);
-    void setServiceSpecificError(int32_t errorCode, const String8& message);
     void setFromStatusT(status_t status);
 
     int32_t exceptionCode() const { return exception_; }
