@@ -25,7 +25,7 @@ status_t Parcel::writeRaw(const void* bytes, size_t n) {
     const size_t padded = Padded(n);
     if (padded > INT32_MAX - data_.size()) return NO_MEMORY;
     if (pos_ + padded > data_.size()) data_.resize(pos_ + padded);
-    memcpy(&data_[pos_], bytes, n);
+    if (n > 0) memcpy(&data_[pos_], bytes, n);  // an empty vector's data() may be null
     memset(&data_[pos_ + n], 0, padded - n);
     pos_ += padded;
     return OK;
