@@ -188,9 +188,9 @@ int main(int argc, char** argv) {
     // The same byte counts as the binder call: header + parcel each way.
     {
         android::Parcel request, reply;
-        request.writeInterfaceToken(ITarnisSsi::descriptor);
+        request.writeInterfaceToken(android::String16(ITarnisSsi::descriptor));
         request.writeInt32(0);
-        request.writeString(kEvent);
+        request.writeUtf8AsUtf16(kEvent);
         reply.writeStatus(ndk::ScopedAStatus::ok());
         gRequestSize = sizeof(android::WireHeader) + request.dataSize();
         gReplySize = sizeof(android::WireHeader) + reply.dataSize();

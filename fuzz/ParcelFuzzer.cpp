@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
+#include <aidl/vendor/velmar/hardware/kolto/common/Ashmem.h>
 #include <nuvi/dorva/BnDorvaNative.h>
 #include <log/log.h>
 
@@ -59,7 +60,7 @@ public:
     }
     Status attachSockFilter(const S16&, const S16&, int32_t, int32_t, int32_t, int32_t, int32_t,
                             const std::vector<uint8_t>&, int32_t, const S16&,
-                            android::os::ParcelFileDescriptor*) override {
+                            std::unique_ptr<android::os::ParcelFileDescriptor>*) override {
         return Status::ok();
     }
     Status setCoreFilter(int32_t, bool) override { return Status::ok(); }
@@ -99,8 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     in.setData(bytes, {});
     android::Parcel out;
     if (selector & 0x80) {
-        static auto dorva = ndk::SharedRefBase::make<NullDorva>();
-        dorva->onTransact(FIRST_CALL_TRANSACTION + selector % 16, in, &out);
+        static const android::sp<NullDorva> dorva = new NullDorva();
+        dorva->onTransact(FIRST_CALL_TRANSACTION + selector % 16, in, &out, 0);
     } else {
         service->onTransact(FIRST_CALL_TRANSACTION + selector % 8, in, &out);
     }
@@ -110,16 +111,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     raw.setData(bytes, {});
     for (int step = 0; step < 64 && raw.dataAvail() > 0; ++step) {
         android::status_t status = android::OK;
-        switch ((selector + step) % 10) {
+        switch ((selector + step) % 11) {
             case 0: { int32_t v; status = raw.readInt32(&v); break; }
             case 1: { int64_t v; status = raw.readInt64(&v); break; }
             case 2: { bool v; status = raw.readBool(&v); break; }
-            case 3: { std::string v; status = raw.readString(&v); break; }
+            case 3: { std::string v; status = raw.readUtf8FromUtf16(&v); break; }
             case 4: { android::String16 v; status = raw.readString16(&v); break; }
-            case 5: { std::vector<std::string> v; status = raw.readStringVector(&v); break; }
+            case 5: { std::vector<std::string> v; status = raw.readUtf8VectorFromUtf16Vector(&v); break; }
             case 6: { std::vector<android::String16> v; status = raw.readString16Vector(&v); break; }
             case 7: { std::vector<uint8_t> v; status = raw.readByteVector(&v); break; }
             case 8: { nuvi::dorva::StationInfo v; status = v.readFromParcel(&raw); break; }
+            case 9: { aidl::vendor::velmar::hardware::kolto::common::Ashmem v; status = v.readFromParcel(&raw); break; }
             default: { ndk::ScopedAStatus v; status = raw.readStatus(&v); break; }
         }
         if (status != android::OK) break;

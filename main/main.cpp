@@ -152,9 +152,9 @@ int main(int argc, char** argv) {
 
     // Before the first capture can start: what killed captures left half-written goes.
     android::CaptureFile::RemoveLeftovers();
-    std::shared_ptr<android::DorvaNativeDaemon> daemon = ndk::SharedRefBase::make<android::DorvaNativeDaemon>();
+    android::sp<android::DorvaNativeDaemon> daemon = new android::DorvaNativeDaemon();
     android::status_t err = android::defaultServiceManager()->addService(
-        daemon->getInterfaceDescriptor(), daemon->asBinder(), false,
+        daemon->getInterfaceDescriptor(), daemon, false,
         android::IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
     LOG(INFO) << "Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...";
     CHECK_EQ(err, android::OK);

@@ -34,14 +34,16 @@ using velmar::kolto::StringUtil;
 // The refusals carry the method, a fixed number and a reason, so that a
 // client can tell which check turned it away.
 binder::Status Refuse(int32_t code, const char* method, int line, const char* reason) {
-    return binder::Status::fromServiceSpecificError(code, base::StringPrintf("%s:%d: %s", method, line, reason));
+    return binder::Status::fromServiceSpecificError(
+        code, String8(base::StringPrintf("%s:%d: %s", method, line, reason).c_str()));
 }
 
 // A path that would leave its tree: the sentence goes to the log and back to
 // the caller, and nothing is touched.
 binder::Status RefusePath(const char* method, int line, const std::string& why) {
     ALOGE("%s: %s", method, why.c_str());
-    return binder::Status::fromServiceSpecificError(-1, base::StringPrintf("%s:%d: %s", method, line, why.c_str()));
+    return binder::Status::fromServiceSpecificError(
+        -1, String8(base::StringPrintf("%s:%d: %s", method, line, why.c_str()).c_str()));
 }
 
 uid_t CallingUid() { return IPCThreadState::self()->getCallingUid(); }
@@ -72,7 +74,7 @@ binder::Status DorvaNativeDaemon::attachSockFilter(const String16& srcMac, const
                                                    int32_t dstAddr, int32_t protocol, int32_t srcPort,
                                                    int32_t dstPort, const std::vector<uint8_t>& payload,
                                                    int32_t extraLen, const String16& ifname,
-                                                   os::ParcelFileDescriptor* socket) {
+                                                   std::unique_ptr<os::ParcelFileDescriptor>* socket) {
     if (protocol < 0 || srcPort < 0 || dstPort < 0 || extraLen < 0) {
         return Refuse(-3, "attachSockFilter", 182, "illegal argument!");
     }
@@ -82,7 +84,8 @@ binder::Status DorvaNativeDaemon::attachSockFilter(const String16& srcMac, const
                         static_cast<unsigned>(protocol), static_cast<unsigned>(srcPort),
                         static_cast<unsigned>(dstPort), bytes.empty() ? nullptr : bytes.data(),
                         static_cast<unsigned>(bytes.size()), static_cast<unsigned>(extraLen), interface.c_str());
-    socket->reset(filter.attach());
+    base::unique_fd fd = filter.attach();
+    if (fd.ok()) *socket = std::make_unique<os::ParcelFileDescriptor>(std::move(fd));
     return binder::Status::ok();
 }
 

@@ -22,7 +22,7 @@ public:
     binder::Status attachSockFilter(const String16& srcMac, const String16& dstMac, int32_t srcAddr, int32_t dstAddr,
                                     int32_t protocol, int32_t srcPort, int32_t dstPort,
                                     const std::vector<uint8_t>& payload, int32_t extraLen, const String16& ifname,
-                                    os::ParcelFileDescriptor* socket) override;
+                                    std::unique_ptr<os::ParcelFileDescriptor>* socket) override;
     binder::Status setCoreFilter(int32_t pid, bool enable) override;
     binder::Status runCommand(const String16& action, const String16& params, int32_t timeoutSeconds,
                               int32_t* result) override;

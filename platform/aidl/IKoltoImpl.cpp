@@ -29,10 +29,7 @@ android::status_t BnKoltoImpl::onTransact(uint32_t code, const android::Parcel& 
         case TRANSACTION_ReadFromFile: {
             Ashmem region;
             int64_t size = 0;
-            if (!readArgs(in, &directory, &fileName) || region.readFromParcel(in) != android::OK ||
-                in.readInt64(&size) != android::OK) {
-                return STATUS_BAD_VALUE;
-            }
+            if (!readArgs(in, &directory, &fileName, &region, &size)) return STATUS_BAD_VALUE;
             return out->writeStatus(ReadFromFile(directory, fileName, region, size));
         }
         default:
@@ -52,19 +49,7 @@ ndk::ScopedAStatus BpKoltoImpl::GetFileSize(const std::string& directory, const 
 
 ndk::ScopedAStatus BpKoltoImpl::ReadFromFile(const std::string& directory, const std::string& fileName,
                                              const Ashmem& region, int64_t size) {
-    android::Parcel in;
-    android::status_t st = in.writeInterfaceToken(descriptor);
-    if (st == android::OK) st = in.writeString(directory);
-    if (st == android::OK) st = in.writeString(fileName);
-    if (st == android::OK) st = region.writeToParcel(&in);
-    if (st == android::OK) st = in.writeInt64(size);
-    if (st != android::OK) return ndk::ScopedAStatus::fromStatus(st);
-    android::Parcel reply;
-    st = remote_->transact(TRANSACTION_ReadFromFile, in, &reply);
-    if (st != android::OK) return ndk::ScopedAStatus::fromStatus(st);
-    ndk::ScopedAStatus status;
-    if (reply.readStatus(&status) != android::OK) return ndk::ScopedAStatus::fromStatus(STATUS_BAD_VALUE);
-    return status;
+    return transactCall(TRANSACTION_ReadFromFile, nullptr, directory, fileName, region, size);
 }
 
 }  // namespace common

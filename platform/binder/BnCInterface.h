@@ -28,7 +28,7 @@ protected:
         return st == android::OK;
     }
     // Checks the interface token that starts every call.
-    static bool enforce(const android::Parcel& in) { return in.enforceInterface(I::descriptor); }
+    static bool enforce(const android::Parcel& in) { return in.enforceInterface(android::String16(I::descriptor)); }
 };
 
 }  // namespace ndk

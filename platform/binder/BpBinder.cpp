@@ -44,7 +44,7 @@ sp<BpBinder> BpBinder::Connect(const std::string& name, const std::string& socke
         return nullptr;
     }
     tLastError.clear();
-    return std::make_shared<BpBinder>(name, socketPath, std::move(conn));
+    return new BpBinder(name, socketPath, std::move(conn));
 }
 
 BpBinder::BpBinder(std::string name, std::string socketPath, base::unique_fd first)
@@ -85,7 +85,7 @@ status_t BpBinder::fail(status_t status, const std::string& sentence) {
     return status;
 }
 
-status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
+status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t) {
     tLastError.clear();
     const int timeoutMs = CallTimeoutMs();
     const std::string service = "service " + name_;
@@ -131,18 +131,20 @@ status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply) {
     return fail(DEAD_OBJECT, "the " + service + " closed the connection before the request was sent");
 }
 
-std::string BpBinder::getInterfaceDescriptor() {
+const String16& BpBinder::getInterfaceDescriptor() const {
     {
         std::lock_guard<std::mutex> lock(lock_);
-        if (!descriptor_.empty()) return descriptor_;
+        if (descriptor_.size() > 0) return descriptor_;
     }
+    // Asked without the lock: other callers need not wait for the round trip.
     Parcel in, reply;
-    std::string descriptor;
-    if (transact(INTERFACE_TRANSACTION, in, &reply) != OK || reply.readString(&descriptor) != OK) {
-        return "";
+    String16 descriptor;
+    if (const_cast<BpBinder*>(this)->transact(INTERFACE_TRANSACTION, in, &reply) != OK ||
+        reply.readString16(&descriptor) != OK) {
+        descriptor = String16();
     }
     std::lock_guard<std::mutex> lock(lock_);
-    descriptor_ = descriptor;
+    if (descriptor_.size() == 0) descriptor_ = descriptor;
     return descriptor_;
 }
 

@@ -25,8 +25,8 @@ public:
     // connecting once; null when nobody accepts there.
     static sp<BpBinder> Connect(const std::string& name, const std::string& socketPath);
 
-    status_t transact(uint32_t code, const Parcel& data, Parcel* reply) override;
-    std::string getInterfaceDescriptor() override;
+    status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0) override;
+    const String16& getInterfaceDescriptor() const override;
     BpBinder* remoteBinder() override { return this; }
     const std::string& name() const { return name_; }
 
@@ -55,9 +55,9 @@ private:
 
     const std::string name_;
     const std::string path_;
-    std::mutex lock_;
+    mutable std::mutex lock_;
     std::vector<Idle> idle_;
-    std::string descriptor_;  // asked once, under lock_
+    mutable String16 descriptor_;  // asked once, under lock_
 };
 
 }  // namespace android

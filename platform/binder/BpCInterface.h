@@ -34,7 +34,7 @@ protected:
     template <typename... Args>
     ScopedAStatus transactCall(uint32_t code, android::Parcel* reply, const Args&... args) {
         android::Parcel in;
-        android::status_t st = in.writeInterfaceToken(I::descriptor);
+        android::status_t st = in.writeInterfaceToken(android::String16(I::descriptor));
         ((st = st == android::OK ? in.write(args) : st), ...);
         if (st != android::OK) return ScopedAStatus::fromStatus(st);
         android::Parcel localReply;

@@ -12,11 +12,11 @@ std::string ICInterface::getTransactionName(uint32_t) const { return ""; }
 
 SpAIBinder ICInterface::localBinder(const std::string& descriptor) {
     std::lock_guard<std::mutex> lock(binderLock_);
-    std::shared_ptr<android::BBinder> binder = binder_.lock();
-    if (!binder) {
+    android::sp<android::ABBinder> binder = binder_.promote();
+    if (binder == nullptr) {
         std::shared_ptr<ICInterface> self = std::static_pointer_cast<ICInterface>(weak_from_this().lock());
         CHECK(self != nullptr) << "an interface implementation must be made with SharedRefBase::make";
-        binder = std::make_shared<android::BBinder>(std::move(self), descriptor);
+        binder = new android::ABBinder(std::move(self), descriptor);
         binder_ = binder;
     }
     return binder;

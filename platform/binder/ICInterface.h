@@ -6,17 +6,20 @@
 #include <utility>
 
 #include <android-base/logging.h>
+#include <utils/RefBase.h>
+#include <utils/String8.h>
 
-#include "platform/binder/BBinder.h"
+#include "platform/binder/ABBinder.h"
 #include "platform/binder/IBinder.h"
 #include "platform/binder/Parcel.h"
 #include "platform/binder/ScopedAStatus.h"
 
-// Base of every interface, local or proxy. An implementation is created with
-// SharedRefBase::make<T>(...) and reached by its interface type; asBinder()
-// gives the binder to register or pass on, fromBinder() (on each interface)
-// turns a binder back into the interface: the implementation itself when the
-// binder is local, a proxy when it is another process's.
+// Base of every NDK interface, local or proxy. An implementation is created
+// with SharedRefBase::make<T>(...) and reached by its interface type;
+// asBinder() gives the binder to register or pass on, fromBinder() (on each
+// interface) turns a binder back into the interface: the implementation
+// itself when the binder is its local one, a proxy when it is another
+// process's.
 namespace ndk {
 
 class SharedRefBase : public std::enable_shared_from_this<SharedRefBase> {
@@ -51,36 +54,28 @@ protected:
 
 private:
     std::mutex binderLock_;
-    std::weak_ptr<android::BBinder> binder_;
+    android::wp<android::ABBinder> binder_;
 };
 
-// The body of a classic (libbinder) interface's asInterface: the local object
-// when the binder is one, else a proxy made without asking the remote side
-// anything. Each of the proxy's calls carries the interface token, which the
-// service checks, so a binder of another interface fails its first call
-// (BAD_TYPE) instead of costing every client a round trip up front.
-template <typename I, typename Bp>
-std::shared_ptr<I> ClassicInterfaceFromBinder(const SpAIBinder& binder) {
-    if (!binder) return nullptr;
-    if (android::BBinder* local = binder->localBinder()) {
-        if (local->getInterfaceDescriptor() != I::descriptor) return nullptr;
-        return std::static_pointer_cast<I>(local->interface());
-    }
-    return SharedRefBase::make<Bp>(binder);
-}
-
-// The body of every NDK interface's fromBinder: as above, but a remote binder
-// is asked for its descriptor first (once; the proxy keeps it).
+// The body of every interface's fromBinder: a remote binder is asked for its
+// descriptor first (once; the proxy keeps it), so a binder of another
+// interface gives null rather than a proxy whose every call fails.
 template <typename I, typename Bp>
 std::shared_ptr<I> InterfaceFromBinder(const SpAIBinder& binder) {
-    if (binder && binder->localBinder() == nullptr) {
-        const std::string descriptor = binder->getInterfaceDescriptor();
-        if (descriptor != I::descriptor) {
-            LOG(ERROR) << "Binder of interface \"" << descriptor << "\" is not a " << I::descriptor;
-            return nullptr;
-        }
+    if (binder == nullptr) return nullptr;
+    const android::String16 wanted(I::descriptor);
+    if (android::BBinder* local = binder->localBinder()) {
+        auto* own = dynamic_cast<android::ABBinder*>(local);
+        if (own == nullptr || own->getInterfaceDescriptor() != wanted) return nullptr;
+        return std::static_pointer_cast<I>(own->interface());
     }
-    return ClassicInterfaceFromBinder<I, Bp>(binder);
+    const android::String16& descriptor = binder->getInterfaceDescriptor();
+    if (descriptor != wanted) {
+        LOG(ERROR) << "Binder of interface \"" << android::String8(descriptor).string() << "\" is not a "
+                   << I::descriptor;
+        return nullptr;
+    }
+    return SharedRefBase::make<Bp>(binder);
 }
 
 }  // namespace ndk

@@ -33,7 +33,7 @@ bool IServiceManager::isDeclared(const android::String16& name) {
 }
 
 sp<IServiceManager> defaultServiceManager() {
-    static sp<IServiceManager> manager = std::make_shared<IServiceManager>();
+    static const sp<IServiceManager> manager = new IServiceManager();
     return manager;
 }
 

@@ -10,7 +10,7 @@
 // registered under UTF-16 names: defaultServiceManager()->addService(...).
 namespace android {
 
-class IServiceManager {
+class IServiceManager : public virtual RefBase {
 public:
     // The platform's dump priority flags; DEFAULT is what addService uses
     // unless told otherwise.

@@ -12,7 +12,7 @@
 
 binder_status_t AServiceManager_addService(AIBinder* binder, const char* instance) {
     if (binder == nullptr || instance == nullptr) return STATUS_UNEXPECTED_NULL;
-    return android::ServiceManager::instance().addService(instance, binder->shared_from_this());
+    return android::ServiceManager::instance().addService(instance, android::sp<android::IBinder>(binder));
 }
 
 ndk::SpAIBinder AServiceManager_checkService(const char* instance) {

@@ -4,20 +4,24 @@
 
 #include <android-base/unique_fd.h>
 
-// A descriptor as a classic interface returns it (attachSockFilter's socket):
-// owned, moved out of the reply parcel. Parcel::write duplicates it, so the
-// sender keeps its own.
+#include "platform/binder/Parcelable.h"
+
+// A descriptor as an interface passes it (attachSockFilter's socket, the
+// shared memory of an Ashmem region): owned, written as a duplicate so that
+// the sender keeps its own.
 namespace android {
 namespace os {
 
-class ParcelFileDescriptor {
+class ParcelFileDescriptor : public Parcelable {
 public:
     ParcelFileDescriptor() = default;
     explicit ParcelFileDescriptor(base::unique_fd fd) : fd_(std::move(fd)) {}
     int get() const { return fd_.get(); }
-    const base::unique_fd& getFileDescriptor() const { return fd_; }
-    int release() { return fd_.release(); }
+    base::unique_fd release() { return std::move(fd_); }
     void reset(base::unique_fd fd = base::unique_fd()) { fd_ = std::move(fd); }
+
+    status_t writeToParcel(Parcel* parcel) const override;
+    status_t readFromParcel(const Parcel* parcel) override;
 
 private:
     base::unique_fd fd_;

@@ -15,6 +15,7 @@
 
 #include <binder/IServiceManager.h>
 #include <host/Host.h>
+#include <host/Utf8.h>
 
 #include "platform/binder/CallerPolicy.h"
 #include "platform/binder/NdkBinder.h"
@@ -162,9 +163,8 @@ TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
     android::ServiceManager::instance().removeService(kSsiName);
 
     // The same for the native daemon service, registered last.
-    auto dorva = ndk::SharedRefBase::make<android::DorvaNativeDaemon>();
-    ASSERT_EQ(android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva->asBinder()),
-              android::OK);
+    android::sp<android::DorvaNativeDaemon> dorva = new android::DorvaNativeDaemon();
+    ASSERT_EQ(android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva), android::OK);
     err = RunShell(DaemonCommand(root) + " 2>&1 >/dev/null", &status);
     EXPECT_NE(status, 0);
     added = err.find("Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...");
@@ -172,7 +172,7 @@ TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
     EXPECT_NE(added, std::string::npos) << err;
     EXPECT_NE(check, std::string::npos) << err;
     EXPECT_LT(added, check);
-    android::ServiceManager::instance().removeService(nuvi::dorva::IDorvaNative::descriptor);
+    android::ServiceManager::instance().removeService(platform::ToUtf8(nuvi::dorva::IDorvaNative::descriptor));
     platform::SetRoot("/");
 }
 

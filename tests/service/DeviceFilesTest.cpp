@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <host/Utf8.h>
 #include <nuvi/dorva/IDorvaNative.h>
 
 #include "service/TarnisInternal.h"
@@ -87,7 +88,7 @@ struct Code {
         ndkServices = {std::string(TarnisSsiImpl::descriptor) + "/default",
                        std::string(TarnisInternal::descriptor) + "/default"};
         services = ndkServices;
-        services.insert(nuvi::dorva::IDorvaNative::descriptor);
+        services.insert(platform::ToUtf8(nuvi::dorva::IDorvaNative::descriptor));
         for (const char* path :
              {paths::kDorvaDir, paths::kOfflineDbDir, paths::kRescueBase.rescue, paths::kRescueBase.cache,
               paths::kCaptureServerDir.rescue, paths::kCaptureServerDir.cache, paths::kPersistDir, paths::kBlackbox}) {

@@ -33,6 +33,9 @@ int UsageError(const std::string& message);
 // error and returns 1: a refusal (service-specific error) by its message
 // alone, a transport failure as a sentence, other exceptions as "WHAT: ...".
 int Report(const char* what, const ndk::ScopedAStatus& status);
+inline int Report(const char* what, const android::binder::Status& status) {
+    return Report(what, ndk::ScopedAStatus(status));
+}
 // A failed transport status as a sentence.
 std::string Explain(binder_status_t status);
 

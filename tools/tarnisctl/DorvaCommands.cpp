@@ -38,21 +38,15 @@ constexpr int kCaptureCallMs = 700 * 1000;
 // What the daemon's runners allow a child after its time-out (SIGTERM, then SIGKILL).
 constexpr int kKillGraceMs = 15 * 1000;
 
-std::shared_ptr<IDorvaNative> ConnectDorva() {
-    const android::sp<android::IBinder> binder =
-        android::defaultServiceManager()->checkService(IDorvaNative::getInterfaceDescriptor());
+android::sp<IDorvaNative> ConnectDorva() {
+    const std::string name = platform::ToUtf8(IDorvaNative::descriptor);
+    const android::sp<android::IBinder> binder = android::defaultServiceManager()->checkService(IDorvaNative::descriptor);
     if (!binder) {
-        fprintf(stderr, "tarnisctl: service %s is not running below root %s (is tarnisd running?)\n",
-                IDorvaNative::descriptor, platform::GetRoot().c_str());
+        fprintf(stderr, "tarnisctl: service %s is not running below root %s (is tarnisd running?)\n", name.c_str(),
+                platform::GetRoot().c_str());
         return nullptr;
     }
-    std::shared_ptr<IDorvaNative> service = IDorvaNative::asInterface(binder);
-    if (service) return service;
-    const std::string& why = platform::host::LastBinderError();
-    fprintf(stderr, "tarnisctl: %s\n",
-            why.empty() ? ("the service at " + platform::GetRoot() + " is not " + IDorvaNative::descriptor).c_str()
-                        : why.c_str());
-    return nullptr;
+    return android::interface_cast<IDorvaNative>(binder);
 }
 
 bool ParseInt(const std::string& text, int32_t* out) { return android::base::ParseInt(text, out); }
@@ -128,7 +122,7 @@ int Capture(const std::vector<std::string>& args) {
         }
     }
     if (list.actions.empty()) return UsageError("capture needs at least one --action (the daemon runs nothing otherwise)");
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     RaiseDefaultTimeoutMs(kCaptureCallMs);
 
@@ -159,7 +153,7 @@ int Capture(const std::vector<std::string>& args) {
 int RunCommand(const std::vector<std::string>& args) {
     int32_t timeout = 0;
     if (args.size() != 3 || !ParseInt(args[2], &timeout)) return UsageError("run-command needs ACTION PARAMS TIMEOUT_S");
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     if (timeout > 0) RaiseDefaultTimeoutMs(timeout * 1000 + kKillGraceMs);
     int32_t result = 0;
@@ -181,7 +175,7 @@ int RunBatch(const std::vector<std::string>& args) {
         if (!taken) return UsageError("run-batch: unknown option " + args[i]);
     }
     if (list.actions.empty()) return UsageError("run-batch needs at least one --action");
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     const int perAction = (timeout > 0 ? timeout : 90) * 1000 + kKillGraceMs;
     RaiseDefaultTimeoutMs(perAction * static_cast<int>(std::min<size_t>(list.actions.size(), 100)));
@@ -210,7 +204,7 @@ int Persist(const std::vector<std::string>& args) {
     } else {
         return UsageError("unknown persist operation " + op);
     }
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     if (op == "create") {
         int32_t result = 0;
@@ -242,20 +236,20 @@ int CoreFilter(const std::vector<std::string>& args) {
     if (args.size() != 2 || !ParseInt(args[0], &pid) || (args[1] != "on" && args[1] != "off")) {
         return UsageError("core-filter needs PID and on|off");
     }
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     return service ? Report("setCoreFilter", service->setCoreFilter(pid, args[1] == "on")) : 1;
 }
 
 int DebugPolicy(const std::vector<std::string>& args) {
     int32_t mode = 0;
     if (args.size() != 1 || !ParseInt(args[0], &mode)) return UsageError("debug-policy needs MODE (1: unsigned images)");
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     return service ? Report("flashDebugPolicy", service->flashDebugPolicy(mode)) : 1;
 }
 
 int StationInfo(const std::vector<std::string>& args) {
     if (args.size() != 2) return UsageError("station-info needs IFNAME and PEER_MAC");
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     nuvi::dorva::StationInfo info;
     const int rc = Report("getStationInfo", service->getStationInfo(platform::ToUtf16(args[0]), platform::ToUtf16(args[1]), &info));
@@ -271,7 +265,7 @@ int StationInfo(const std::vector<std::string>& args) {
 
 int WipeRescue(const std::vector<std::string>& args) {
     if (!args.empty()) return UsageError("wipe-rescue takes no arguments");
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     return service ? Report("FactoryResetWipeRescuePartition", service->FactoryResetWipeRescuePartition()) : 1;
 }
 
@@ -350,29 +344,29 @@ int SockFilter(const std::vector<std::string>& args) {
         }
         if (!ok) return UsageError("sock-filter: bad value '" + v + "' for " + opt);
     }
-    std::shared_ptr<IDorvaNative> service = ConnectDorva();
+    android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
-    android::os::ParcelFileDescriptor socket;
+    std::unique_ptr<android::os::ParcelFileDescriptor> socket;
     const int rc = Report("attachSockFilter",
                           service->attachSockFilter(platform::ToUtf16(srcMac), platform::ToUtf16(dstMac), srcAddr, dstAddr,
                                                     protocol, srcPort, dstPort, payload, extra, platform::ToUtf16(ifname),
                                                     &socket));
     if (rc != 0) return rc;
-    if (socket.get() < 0) {
+    if (!socket) {
         fprintf(stderr, "tarnisctl: the daemon could not attach the filter on %s (raw sockets need privileges; see its log)\n",
                 ifname.c_str());
         return 1;
     }
     std::vector<uint8_t> buffer(65536);
     for (int seen = 0; seen < count;) {
-        struct pollfd pfd = {socket.get(), POLLIN, 0};
+        struct pollfd pfd = {socket->get(), POLLIN, 0};
         const int n = poll(&pfd, 1, waitS * 1000);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             fprintf(stderr, "tarnisctl: %d of %d packets within %d s; giving up\n", seen, count, waitS);
             return 1;
         }
-        const ssize_t got = TEMP_FAILURE_RETRY(recv(socket.get(), buffer.data(), buffer.size(), 0));
+        const ssize_t got = TEMP_FAILURE_RETRY(recv(socket->get(), buffer.data(), buffer.size(), 0));
         if (got < 0) {
             perror("tarnisctl: reading the filtered socket");
             return 1;

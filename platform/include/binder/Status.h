@@ -1,4 +1,4 @@
 #pragma once
 
 // android::binder::Status, the result of a classic interface's method. The host binder stand-in implements it.
-#include "platform/binder/ScopedAStatus.h"
+#include "platform/binder/Status.h"

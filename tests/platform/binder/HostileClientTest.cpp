@@ -395,7 +395,7 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
                                  "", ANDROID_LOG_ERROR));
     EXPECT_LE(Buffered(), uidBudget);
     // Another uid's call, large itself, is served meanwhile.
-    std::string big(512 * 1024, 'q');
+    std::string big(256 * 1024, 'q');  // 512 KiB as UTF-16
     EXPECT_EQ(proxy_->reportNativeFeatureEvent(big, "", "").getMessage().size(),
               big.size() + ("|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid())).size());
     // Stalled half-way, they are closed in time and their memory given back.

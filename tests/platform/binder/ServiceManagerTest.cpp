@@ -104,7 +104,7 @@ TEST_F(ServiceManagerTest, DescriptorsComeBackInReplies) {
     ASSERT_EQ(AServiceManager_addService(maker->asBinder().get(), "test.PipeMaker"), STATUS_OK);
     auto proxy = android::BpBinder::Connect("test.PipeMaker", ServiceManager::SocketPath("test.PipeMaker"));
     ASSERT_NE(proxy, nullptr);
-    EXPECT_EQ(proxy->getInterfaceDescriptor(), "test.PipeMaker");
+    EXPECT_EQ(proxy->getInterfaceDescriptor(), android::String16(u"test.PipeMaker"));
     android::Parcel in, reply;
     ASSERT_EQ(proxy->transact(FIRST_CALL_TRANSACTION, in, &reply), android::OK);
     android::base::unique_fd fd;

@@ -110,7 +110,7 @@ TEST_F(TransportTest, RemoteCallsCarryEveryArgumentStatusAndDescriptor) {
     EXPECT_EQ(ssi->reportTrelvoEvents("app", "pkg", {"{}"}, 9).getMessage(), "apppkg[{}]9" + who);
     EXPECT_TRUE(ssi->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
     EXPECT_EQ(ssi->reportTrelvoEvent("app", "pkg", "{}", 1).getStatus(), STATUS_UNKNOWN_ERROR);
-    std::string big(512 * 1024, 'b');  // large but within the transaction limit
+    std::string big(256 * 1024, 'b');  // large (UTF-16 doubles it) but within the transaction limit
     EXPECT_EQ(ssi->reportNativeFeatureEvent(big, "", "").getMessage().size(), big.size() + who.size());
 
     // The dump's descriptor crosses over; output arrives through our pipe.
@@ -239,10 +239,10 @@ TEST_F(TransportTest, GarbageStallsAndOversizeDoNotDisturbOtherCallers) {
     // A wrong transaction code and a wrong interface token are refused, the
     // connection survives.
     android::Parcel in, reply;
-    in.writeInterfaceToken(ITarnisSsi::descriptor);
+    in.writeInterfaceToken(android::String16(ITarnisSsi::descriptor));
     EXPECT_EQ(proxy->asBinder()->transact(FIRST_CALL_TRANSACTION + 99, in, &reply), STATUS_UNKNOWN_TRANSACTION);
     android::Parcel wrong;
-    wrong.writeInterfaceToken("someone.else");
+    wrong.writeInterfaceToken(android::String16(u"someone.else"));
     EXPECT_EQ(proxy->asBinder()->transact(FIRST_CALL_TRANSACTION, wrong, &reply), STATUS_BAD_TYPE);
     EXPECT_TRUE(proxy->reportSimpleEvent(1, "quiet").isOk());
 }

@@ -13,19 +13,17 @@ namespace kolto {
 namespace common {
 
 // A shared memory region handed to the vendor HAL: its descriptor travels
-// with the parcel (the receiver gets its own), the size beside it.
+// with the parcel (the receiver gets its own), the size beside it. Laid out
+// as the structured parcelable of Ashmem.aidl: its size in bytes, then the
+// descriptor as a non-null ParcelFileDescriptor and the size.
 struct Ashmem {
     android::os::ParcelFileDescriptor fd;
     int64_t size = 0;
 
-    android::status_t writeToParcel(android::Parcel* out) const {
-        android::status_t st = out->write(fd);
-        return st == android::OK ? out->writeInt64(size) : st;
-    }
-    android::status_t readFromParcel(const android::Parcel& in) {
-        android::status_t st = in.read(&fd);
-        return st == android::OK ? in.readInt64(&size) : st;
-    }
+    android::status_t writeToParcel(android::Parcel* parcel) const;
+    // A shorter writer's missing fields keep their defaults, a newer
+    // writer's further ones are skipped.
+    android::status_t readFromParcel(const android::Parcel* parcel);
 };
 
 }  // namespace common

@@ -1,0 +1,288 @@
+// The NDK-backend classes are written by hand (the host's aidl tool has no
+// NDK backend). The C++-backend classes the tool generates from the same
+// .aidl files share their transaction codes and parcel layout, so each
+// hand-written service is called here through a generated proxy, and each
+// generated service through a hand-written proxy, over the transport: both
+// ways must deliver the same calls and bring back the same answers.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsi.h>
+#include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
+#include <aidl/vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
+#include <aidl/vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
+#include <velmar/system/tarnis/common/BnTarnisSsi.h>
+#include <velmar/system/tarnis/common/BnTarnisSsiIntl.h>
+#include <vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
+#include <vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
+
+#include <binder/IServiceManager.h>
+#include <host/Host.h>
+#include <host/Utf8.h>
+
+#include "platform/binder/BpBinder.h"
+#include "platform/binder/NdkBinder.h"
+#include "platform/binder/ServiceManager.h"
+#include "tests/support/TempDir.h"
+
+namespace ndk_ssi = aidl::velmar::system::tarnis::common;
+namespace ndk_kolto = aidl::vendor::velmar::hardware::kolto::common;
+namespace cpp_ssi = velmar::system::tarnis::common;
+namespace cpp_kolto = vendor::velmar::hardware::kolto::common;
+using android::binder::Status;
+using android::ServiceManager;
+
+namespace {
+
+// What each service was called with, in order, on either backend.
+std::mutex gLock;
+std::vector<std::string> gCalls;
+
+std::string Text(const std::string& s) { return s; }
+std::string Text(int64_t n) { return std::to_string(n); }
+std::string Text(const std::vector<std::string>& list) {
+    std::string out;
+    for (const auto& s : list) out += "[" + s + "]";
+    return out;
+}
+
+// Records the call; some calls are refused, one way or the other. The
+// answer is given as the backend's own status type R.
+template <typename R, typename... Args>
+R Answer(const char* method, const Args&... args) {
+    std::string call = method;
+    ((call += "|" + Text(args)), ...);
+    std::lock_guard<std::mutex> lock(gLock);
+    gCalls.push_back(call);
+    ndk::ScopedAStatus answer;
+    if (call.rfind("reportTrelvoEvent|", 0) == 0 || call.rfind("transferMessage|refuse", 0) == 0) {
+        answer = ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(-2, "no \xc3\xa9: " + call);
+    } else if (call.rfind("reportTrelvoEvents|", 0) == 0) {
+        answer = ndk::ScopedAStatus::fromStatus(STATUS_UNKNOWN_ERROR);
+    }
+    if constexpr (std::is_same_v<R, Status>) {
+        return answer.status();
+    } else {
+        return answer;
+    }
+}
+
+// The services of either backend: Bn is the hand-written or the generated
+// stub, R its status type.
+template <typename Bn, typename R>
+class Ssi : public Bn {
+    R reportSimpleEvent(int32_t t, const std::string& e) override { return Answer<R>("reportSimpleEvent", t, e); }
+    R reportEventV2(const std::string& a, const std::string& b, const std::string& c, bool f) override {
+        return Answer<R>("reportEventV2", a, b, c, f);
+    }
+    R reportNativeFeatureEvent(const std::string& a, const std::string& b, const std::string& c) override {
+        return Answer<R>("reportNativeFeatureEvent", a, b, c);
+    }
+    R appCaptureLog(const std::string& a, const std::string& b, const std::string& c, const std::string& d) override {
+        return Answer<R>("appCaptureLog", a, b, c, d);
+    }
+    R reportEventsV2(const std::string& a, const std::vector<std::string>& e, const std::string& c, bool f) override {
+        return Answer<R>("reportEventsV2", a, e, c, f);
+    }
+    R reportTrelvoEvent(const std::string& a, const std::string& p, const std::string& j, int32_t f) override {
+        return Answer<R>("reportTrelvoEvent", a, p, j, f);
+    }
+    R reportTrelvoEvents(const std::string& a, const std::string& p, const std::vector<std::string>& j,
+                         int32_t f) override {
+        return Answer<R>("reportTrelvoEvents", a, p, j, f);
+    }
+};
+
+// ITarnisSsiIntl and ITarnisIntl.
+template <typename Bn, typename R>
+class Messages : public Bn {
+    R transferMessage(const std::string& action, const std::string& json) override {
+        return Answer<R>("transferMessage", action, json);
+    }
+};
+
+// The region's holder sees what the service writes through its own descriptor.
+template <typename Bn, typename R, typename Ashmem>
+class Kolto : public Bn {
+    R GetFileSize(const std::string& d, const std::string& f, int64_t* size) override {
+        *size = int64_t{1} << 40;
+        return Answer<R>("GetFileSize", d, f);
+    }
+    R ReadFromFile(const std::string& d, const std::string& f, const Ashmem& region, int64_t size) override {
+        const bool written = pwrite(region.fd.get(), "region bytes", size, 0) == size;
+        return Answer<R>("ReadFromFile", d, f, region.size, size, written ? "written" : "not written");
+    }
+};
+
+std::string Said(const ndk::ScopedAStatus& status) { return status.getDescription(); }
+std::string Said(const Status& status) { return status.toString8().string(); }
+
+// The same calls through the proxies of one backend; what they brought back.
+template <typename Ssi, typename SsiIntl, typename Kolto, typename Intl, typename Region>
+std::vector<std::string> Drive(const Ssi& ssi, const SsiIntl& ssiIntl, const Kolto& kolto, const Intl& intl,
+                               const Region& region) {
+    std::vector<std::string> said = {
+        Said(ssi->reportSimpleEvent(-1, "caf\xc3\xa9 \xf0\x9f\x98\x80")),
+        Said(ssi->reportEventV2("a", "", "c", true)),
+        Said(ssi->reportNativeFeatureEvent("x", "y", std::string("z\0z", 3))),
+        Said(ssi->appCaptureLog("1", "2", "3", "4")),
+        Said(ssi->reportEventsV2("h", {"e1", "", "e3"}, "t", false)),
+        Said(ssi->reportTrelvoEvent("app", "pkg", "{}", INT32_MIN)),
+        Said(ssi->reportTrelvoEvents("app", "pkg", {"{\"k\":1}"}, 2)),
+        Said(ssiIntl->transferMessage("velmar.intent.action.X", "{\"k\":\"\xc3\xa9\"}")),
+        Said(intl->transferMessage("refuse", "{}")),
+    };
+    int64_t size = 0;
+    said.push_back(Said(kolto->GetFileSize("/data/vendor/", "tee.log", &size)));
+    said.back() += " " + std::to_string(size);
+    said.push_back(Said(kolto->ReadFromFile("/data/vendor/", "tee.log", region, 6)));
+    return said;
+}
+
+template <typename Region>
+Region MakeRegion(int fd) {
+    Region region;
+    region.fd.reset(android::base::unique_fd(dup(fd)));
+    region.size = 4096;
+    return region;
+}
+
+template <size_t N>
+std::vector<std::string> HandWrittenNames(const char* const (&names)[N]) {
+    return std::vector<std::string>(names, names + N);
+}
+
+// The method of each code as the generated stubs number them.
+std::vector<std::string> GeneratedNames(const std::string& descriptor) {
+    struct Method {
+        const char* descriptor;
+        uint32_t code;
+        const char* name;
+    };
+    static const Method kMethods[] = {
+#define AIDL_METHOD(descriptor, code, name) {descriptor, code, name},
+#include "velmar/system/tarnis/common/aidl_methods.inc"
+#include "vendor/velmar/hardware/kolto/common/aidl_methods.inc"
+#undef AIDL_METHOD
+    };
+    std::vector<std::string> names;
+    for (const Method& m : kMethods) {
+        if (descriptor != m.descriptor) continue;
+        if (names.size() < m.code) names.resize(m.code);
+        names[m.code - FIRST_CALL_TRANSACTION] = m.name;
+    }
+    return names;
+}
+
+class AidlAgreementTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        platform::SetRoot(root_.path());
+        ABinderProcess_startThreadPool();
+    }
+    void TearDown() override {
+        for (const auto& name : ServiceManager::instance().listServices()) {
+            ServiceManager::instance().removeService(name);
+        }
+        platform::SetRoot("/");
+    }
+    // A proxy's binder over the socket, though the service is this process's.
+    static android::sp<android::IBinder> Remote(const std::string& name) {
+        return android::BpBinder::Connect(name, ServiceManager::SocketPath(name));
+    }
+    static std::vector<std::string> TakeCalls() {
+        std::lock_guard<std::mutex> lock(gLock);
+        return std::move(gCalls);
+    }
+
+    tarnis_test::TempDir root_;
+};
+
+TEST_F(AidlAgreementTest, HandWrittenNdkClassesAgreeWithTheGeneratedOnes) {
+    EXPECT_EQ(HandWrittenNames(ndk_ssi::ITarnisSsi::kTransactionNames),
+              GeneratedNames(ndk_ssi::ITarnisSsi::descriptor));
+    EXPECT_EQ(HandWrittenNames(ndk_ssi::ITarnisSsiIntl::kTransactionNames),
+              GeneratedNames(ndk_ssi::ITarnisSsiIntl::descriptor));
+    EXPECT_EQ(HandWrittenNames(ndk_kolto::IKoltoImpl::kTransactionNames),
+              GeneratedNames(ndk_kolto::IKoltoImpl::descriptor));
+    EXPECT_EQ(HandWrittenNames(ndk_kolto::ITarnisIntl::kTransactionNames),
+              GeneratedNames(ndk_kolto::ITarnisIntl::descriptor));
+
+    // The hand-written services, called through generated proxies.
+    const std::string names[] = {"ssi", "ssi.intl", "kolto", "intl"};
+    using ndk::ScopedAStatus;
+    const ndk::SpAIBinder ndkServices[] = {
+        ndk::SharedRefBase::make<Ssi<ndk_ssi::BnTarnisSsi, ScopedAStatus>>()->asBinder(),
+        ndk::SharedRefBase::make<Messages<ndk_ssi::BnTarnisSsiIntl, ScopedAStatus>>()->asBinder(),
+        ndk::SharedRefBase::make<Kolto<ndk_kolto::BnKoltoImpl, ScopedAStatus, ndk_kolto::Ashmem>>()->asBinder(),
+        ndk::SharedRefBase::make<Messages<ndk_kolto::BnTarnisIntl, ScopedAStatus>>()->asBinder()};
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(AServiceManager_addService(ndkServices[i].get(), ("ndk." + names[i]).c_str()), STATUS_OK);
+    }
+    android::base::unique_fd cppMemory(memfd_create("region", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(cppMemory.get(), 4096), 0);
+    const std::vector<std::string> throughGenerated =
+        Drive(cpp_ssi::ITarnisSsi::asInterface(Remote("ndk.ssi")),
+              cpp_ssi::ITarnisSsiIntl::asInterface(Remote("ndk.ssi.intl")),
+              cpp_kolto::IKoltoImpl::asInterface(Remote("ndk.kolto")),
+              cpp_kolto::ITarnisIntl::asInterface(Remote("ndk.intl")), MakeRegion<cpp_kolto::Ashmem>(cppMemory.get()));
+    const std::vector<std::string> ndkCalls = TakeCalls();
+
+    // The generated services, called through the hand-written proxies.
+    const android::sp<android::IBinder> cppServices[] = {
+        new Ssi<cpp_ssi::BnTarnisSsi, Status>(), new Messages<cpp_ssi::BnTarnisSsiIntl, Status>(),
+        new Kolto<cpp_kolto::BnKoltoImpl, Status, cpp_kolto::Ashmem>(), new Messages<cpp_kolto::BnTarnisIntl, Status>()};
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(android::defaultServiceManager()->addService(platform::ToUtf16("cpp." + names[i]), cppServices[i]),
+                  android::OK);
+    }
+    android::base::unique_fd ndkMemory(memfd_create("region", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(ndkMemory.get(), 4096), 0);
+    const std::vector<std::string> throughHandWritten =
+        Drive(ndk_ssi::ITarnisSsi::fromBinder(Remote("cpp.ssi")),
+              ndk_ssi::ITarnisSsiIntl::fromBinder(Remote("cpp.ssi.intl")),
+              ndk_kolto::IKoltoImpl::fromBinder(Remote("cpp.kolto")),
+              ndk_kolto::ITarnisIntl::fromBinder(Remote("cpp.intl")), MakeRegion<ndk_kolto::Ashmem>(ndkMemory.get()));
+    const std::vector<std::string> cppCalls = TakeCalls();
+
+    const std::vector<std::string> expectedCalls = {
+        "reportSimpleEvent|-1|caf\xc3\xa9 \xf0\x9f\x98\x80",
+        "reportEventV2|a||c|1",
+        std::string("reportNativeFeatureEvent|x|y|z\0z", 32),
+        "appCaptureLog|1|2|3|4",
+        "reportEventsV2|h|[e1][][e3]|t|0",
+        "reportTrelvoEvent|app|pkg|{}|-2147483648",
+        "reportTrelvoEvents|app|pkg|[{\"k\":1}]|2",
+        "transferMessage|velmar.intent.action.X|{\"k\":\"\xc3\xa9\"}",
+        "transferMessage|refuse|{}",
+        "GetFileSize|/data/vendor/|tee.log",
+        "ReadFromFile|/data/vendor/|tee.log|4096|6|written",
+    };
+    EXPECT_EQ(ndkCalls, expectedCalls);
+    EXPECT_EQ(cppCalls, expectedCalls);
+    const std::string ok = "No error";
+    const std::vector<std::string> expectedAnswers = {
+        ok, ok, ok, ok, ok,
+        "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: reportTrelvoEvent|app|pkg|{}|-2147483648'",
+        "Status(-129, EX_TRANSACTION_FAILED): '-2147483648'",
+        ok,
+        "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: transferMessage|refuse|{}'",
+        ok + " 1099511627776",
+        ok,
+    };
+    EXPECT_EQ(throughGenerated, expectedAnswers);
+    EXPECT_EQ(throughHandWritten, expectedAnswers);
+    for (int fd : {cppMemory.get(), ndkMemory.get()}) {
+        char bytes[8] = {};
+        ASSERT_EQ(pread(fd, bytes, 7, 0), 7);
+        EXPECT_STREQ(bytes, "region");  // the six bytes asked for, no more
+    }
+}
+
+}  // namespace
