@@ -189,21 +189,6 @@ TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
                        "/tarnisctl-json, which could not be started: No such file or directory\n");
 }
 
-TEST_F(ServiceTest, InProcessCallersGetTheLocalObjects) {
-    TarnisUtil::SetTarnisSsiAidl(ssi_);
-    TarnisUtil::SetTarnisSsiIntl(internal_);
-    EXPECT_EQ(TarnisUtil::GetTarnisSsiAidl().get(), ssi_.get());
-    EXPECT_EQ(TarnisUtil::GetTarnisSsiIntl().get(), internal_.get());
-    TarnisUtil::SetTarnisSsiAidl(nullptr);
-    // Looked up through the service manager, the service added by this very
-    // process still comes back as the object itself.
-    EXPECT_EQ(TarnisUtil::GetTarnisSsiAidl().get(), ssi_.get());
-    // The vendor peer is not declared here: empty at once, no wait.
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(TarnisUtil::GetTarnisIntl(), nullptr);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-}
-
 TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
     using Peer = tarnis_test::RecordingPeer;
     auto peer = ndk::SharedRefBase::make<Peer>();

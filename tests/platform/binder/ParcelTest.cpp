@@ -175,11 +175,4 @@ TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
     EXPECT_FALSE(token.enforceInterface(String16(u"velmar.system.tarnis.common.ITarnisSsi")));
 }
 
-TEST(ParcelTest, Utf8AndUtf16ConvertBothWays) {
-    const std::string text = "A\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80";  // A é € 😀
-    const String16 wide = platform::ToUtf16(text);
-    EXPECT_EQ(wide, String16(u"A\u00e9\u20ac\U0001F600"));
-    EXPECT_EQ(platform::ToUtf8(wide), text);
-}
-
 }  // namespace
