@@ -62,20 +62,6 @@ bool ReadArchive(const std::string& path, std::vector<Entry>* entries) {
     return rc == UNZ_END_OF_LIST_OF_FILE;
 }
 
-// What is in a directory, so that a temporary file left behind shows.
-std::vector<std::string> Listing(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* handle = opendir(dir.c_str())) {
-        while (struct dirent* entry = readdir(handle)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        closedir(handle);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 std::vector<std::string> SortedNames(const std::vector<Entry>& entries) {
     std::vector<std::string> names;
     for (const Entry& entry : entries) names.push_back(entry.name);
@@ -310,7 +296,7 @@ TEST_F(ZipFileTest, TheArchiveAppearsWholeOrNotAtAll) {
     EXPECT_TRUE(S_ISREG(st.st_mode));
     ASSERT_TRUE(ReadArchive(archive, &entries));
     EXPECT_EQ(SortedNames(entries), std::vector<std::string>{"single.txt"});
-    EXPECT_EQ(Listing(tmp_.path()),
+    EXPECT_EQ(tarnis_test::ListDir(tmp_.path()),
               (std::vector<std::string>{"logs", "out.zip", "single.txt", "victim"}));
 
     // Writing fails (the file size limit) and the destructor finishes the
@@ -329,13 +315,13 @@ TEST_F(ZipFileTest, TheArchiveAppearsWholeOrNotAtAll) {
     setrlimit(RLIMIT_FSIZE, &saved);
     signal(SIGXFSZ, previous);
     EXPECT_TRUE(capture_.HasLine("[~ZipFile] close zip file failed while destructing!!"));
-    EXPECT_EQ(Listing(tmp_.path()), (std::vector<std::string>{"logs", "single.txt", "victim"}));
+    EXPECT_EQ(tarnis_test::ListDir(tmp_.path()), (std::vector<std::string>{"logs", "single.txt", "victim"}));
 
     // A directory at the name is refused at once.
     ASSERT_EQ(mkdir(archive.c_str(), 0755), 0);
     ZipFile zip({tmp_.Sub("single.txt")}, 1);
     EXPECT_FALSE(zip.create(archive));
-    EXPECT_EQ(Listing(tmp_.path()),
+    EXPECT_EQ(tarnis_test::ListDir(tmp_.path()),
               (std::vector<std::string>{"logs", "out.zip", "single.txt", "victim"}));
 }
 
