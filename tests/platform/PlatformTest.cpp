@@ -114,13 +114,10 @@ TEST_F(PlatformTest, PropertiesStoreAndParse) {
     EXPECT_TRUE(android::base::SetProperty("tarnis.test.x", ""));
     EXPECT_EQ(android::base::GetProperty("tarnis.test.x", "dflt"), "dflt");
 
-    for (const char* yes : {"1", "y", "yes", "on", "true"}) {
-        android::base::SetProperty("tarnis.test.b", yes);
-        EXPECT_TRUE(android::base::GetBoolProperty("tarnis.test.b", false)) << yes;
-    }
-    for (const char* no : {"0", "n", "no", "off", "false"}) {
-        android::base::SetProperty("tarnis.test.b", no);
-        EXPECT_FALSE(android::base::GetBoolProperty("tarnis.test.b", true)) << no;
+    const char* const bools[] = {"1", "y", "yes", "on", "true", "0", "n", "no", "off", "false"};
+    for (int i = 0; i < 10; ++i) {
+        android::base::SetProperty("tarnis.test.b", bools[i]);
+        EXPECT_EQ(android::base::GetBoolProperty("tarnis.test.b", i >= 5), i < 5) << bools[i];
     }
     android::base::SetProperty("tarnis.test.b", "maybe");
     EXPECT_TRUE(android::base::GetBoolProperty("tarnis.test.b", true));

@@ -120,18 +120,17 @@ TEST(NetlinkUtilsTest, MissingPartsKeepTheirDefaultsAndAreLogged) {
         EXPECT_EQ(info.rxEhtMcs, -1);
         EXPECT_TRUE(capture.HasLine("Unexpected chain type:5", kTag, kError));
     }
-    {
+    // A wrong reply or one without the station's attributes: defaults, and why.
+    const std::pair<Bytes, const char*> refused[] = {
+        {Message(20, FullStation()), "Wrong command in response to a get station request: 20"},
+        {Message(19, Attr(3, {1, 0, 0, 0})), "Failed to get NL80211_ATTR_STA_INFO"},
+    };
+    for (const auto& [message, line] : refused) {
         platform::LogCapture capture;
-        const StationInfo info = Parse(Message(20, FullStation()));
+        const StationInfo info = Parse(message);
         EXPECT_EQ(info.signal, 0);
         EXPECT_EQ(info.txMcs, -1);
-        EXPECT_TRUE(capture.HasLine("Wrong command in response to a get station request: 20", kTag,
-                                    kError));
-    }
-    {
-        platform::LogCapture capture;
-        Parse(Message(19, Attr(3, {1, 0, 0, 0})));
-        EXPECT_TRUE(capture.HasLine("Failed to get NL80211_ATTR_STA_INFO", kTag, kError));
+        EXPECT_TRUE(capture.HasLine(line, kTag, kError)) << line;
     }
     {
         // Signal and chains present, no bit rates.

@@ -91,16 +91,6 @@ TEST(FileUtilTest, HumanSizes) {
     EXPECT_EQ(FileUtil::formatHumanSize(2UL << 40), "2048.00 GB");
 }
 
-TEST(JsonUtilTest, RoundTripAndFailures) {
-    Json::Value value;
-    ASSERT_TRUE(JsonUtil::ConvertStringToJson("// note\n{ \"b\" : [true, \"\\u00e9\"], \"a\" : 1 }",
-                                              value));
-    // Compact, keys in order, non-ASCII escaped, one trailing newline.
-    EXPECT_EQ(JsonUtil::ConvertJsonToString(value), "{\"a\":1,\"b\":[true,\"\\u00e9\"]}\n");
-    EXPECT_FALSE(JsonUtil::ConvertStringToJson("{\"a\": ", value));
-    EXPECT_FALSE(JsonUtil::ConvertStringToJson("", value));
-}
-
 TEST(JsonUtilTest, DeepDocumentsAreRefusedWithoutThrowing) {
     platform::LogCapture capture;
     // The document and the offset of its 65th opening bracket.

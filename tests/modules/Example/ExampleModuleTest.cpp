@@ -28,16 +28,4 @@ TEST_F(ExampleModuleTest, TicksOnceADayAndReportsEachTick) {
     EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 2\n\n-------------------------------------\n");
 }
 
-TEST_F(ExampleModuleTest, RemovedWhileItsDailyWorkWaitsItStopsAtOnce) {
-    LoadModules();
-    EXPECT_EQ(Dump({"ModuleManager", "dump"}),
-              "Current Modules:\n-------------------------\nName \t\t Status\nExample\t\tRunning\n");
-    RemoveModule("Example");
-    EXPECT_EQ(Dump({"ModuleManager", "dump"}),
-              "Current Modules:\n-------------------------\nName \t\t Status\nExample\t\tStopped\n");
-    // Its next tick never comes.
-    AdvanceAndSettle(2 * ExampleModule::kPeriodMs);
-    EXPECT_TRUE(JournalEvents().empty());
-}
-
 }  // namespace

@@ -58,12 +58,6 @@ void Write(const std::string& path, const std::string& content) {
     ASSERT_TRUE(android::base::WriteStringToFile(content, path)) << path;
 }
 
-std::string Read(const std::string& path) {
-    std::string text;
-    android::base::ReadFileToString(path, &text);
-    return text;
-}
-
 using tarnis_test::Exists;
 std::vector<std::string> List(const std::string& dir) { return tarnis_test::ListDir(dir); }
 
@@ -408,8 +402,8 @@ TEST_F(LogManagerTest, ReusePartitionTakesWhatFitsAndAnOversizedEntryEndsTheClea
     Write(Bsp("demo_reuse/2025-12-04_00-00-00"), std::string(3000, '4'));
     WaitChecks("demo_reuse", 1);
     EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-04_00-00-00"}));
-    EXPECT_EQ(Read(reuse + "/2025-12-02_00-00-00"), std::string(3000, '2'));
-    EXPECT_EQ(Read(reuse + "/2025-12-03_00-00-00"), std::string(3000, '3'));
+    EXPECT_EQ(tarnis_test::ReadFile(reuse + "/2025-12-02_00-00-00"), std::string(3000, '2'));
+    EXPECT_EQ(tarnis_test::ReadFile(reuse + "/2025-12-03_00-00-00"), std::string(3000, '3'));
     // Read at the check's start, before each reuse deletion step and each copy.
     EXPECT_EQ(log_.Count("[CheckAndClean] isReuseOpen 1", kTag), 6u);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Move file " + std::string(kBsp) +
@@ -433,7 +427,7 @@ TEST_F(LogManagerTest, LinksOutOfTheTreeAreNeitherFollowedNorPacked) {
     ASSERT_EQ(symlink(outside.Sub("secret").c_str(), Staged("demo_link/2025-06-01_link").c_str()), 0);
     Start("[" + Record("demo_link", "\"maxLogNumber\":2,\"compress\":true") + "]");
 
-    EXPECT_EQ(Read(outside.Sub("secret/keep.txt")), "precious");
+    EXPECT_EQ(tarnis_test::ReadFile(outside.Sub("secret/keep.txt")), "precious");
     EXPECT_EQ(List(outside.Sub("secret")), (std::vector<std::string>{"keep.txt"}));
     EXPECT_EQ(List(Bsp("demo_link")), (std::vector<std::string>{"2025-06-01_link", "2025-12-01_00-00-00.zip"}));
     struct stat st {};
@@ -469,7 +463,7 @@ TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
     if (WIFEXITED(status) && WEXITSTATUS(status) == 3) GTEST_SKIP() << "RLIMIT_FSIZE cannot be set here";
     ASSERT_TRUE(WIFEXITED(status)) << status;
     EXPECT_EQ(WEXITSTATUS(status), 0) << "the compression claimed success";
-    EXPECT_EQ(Read(entry + "/log"), data);
+    EXPECT_EQ(tarnis_test::ReadFile(entry + "/log"), data);
     EXPECT_EQ(List(root_.Sub("full")), (std::vector<std::string>{"2025-12-01_00-00-00"}));
 
     // Without the limit the same entry packs and goes.

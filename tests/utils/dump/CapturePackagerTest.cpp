@@ -24,6 +24,7 @@
 using android::CaptureLogUtil;
 using android::String16;
 using tarnis_test::CountExact;
+using tarnis_test::Exists;
 using tarnis_test::SandboxTest;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
@@ -49,11 +50,6 @@ protected:
         return list;
     }
 };
-
-bool Exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
 
 }  // namespace
 
