@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks that need no build: every Android.bp parses and is in bpfmt's form
 # (the platform's tree refuses one that is not), the interface definitions
-# match their frozen API, and device paths live in the one path table.
+# match their frozen API, device paths live in the one path table, and
+# includes keep to the layers.
 # Exits non-zero on a finding.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -48,5 +49,41 @@ if [ -n "$inline" ]; then
   status=1
 else
   echo "check: device paths live in $table only"
+fi
+# Layers: each directory includes only its own headers and those of the
+# layers below it (the platform's published headers are reached by their
+# Android names, never as platform/...), a module none of another module's,
+# and the tools only the layout headers they share with the daemon.
+layer_rules=(
+  "platform|utils framework service modules main tools"
+  "utils|framework service modules main tools platform"
+  "framework|service modules main tools platform"
+  "modules|service main tools platform"
+  "service|main tools platform"
+  "main|tools platform"
+  "tools|framework service modules main platform"
+)
+crossing=""
+for rule in "${layer_rules[@]}"; do
+  dir=${rule%%|*}
+  banned=$(echo "${rule#*|}" | sed 's/ /|/g')
+  found=$(git ls-files -- "$dir" | grep -E '\.(cpp|h)$' | xargs -r grep -nE "^#include \"($banned)/" || true)
+  [ -n "$found" ] && crossing+="$found"$'\n'
+done
+# One module reaching into another's directory.
+for f in $(git ls-files -- modules | grep -E '\.(cpp|h)$'); do
+  own=$(echo "$f" | cut -d/ -f2)
+  found=$(grep -nE '^#include "modules/' "$f" | grep -v "\"modules/$own/" | sed "s|^|$f:|" || true)
+  [ -n "$found" ] && crossing+="$found"$'\n'
+done
+tools_allowed='utils/(Paths|CaptureLayout|BlackBoxLayout|BuildProbes)\.h'
+found=$(git ls-files -- tools | grep -E '\.(cpp|h)$' | xargs -r grep -nE '^#include "utils/' | grep -vE "\"$tools_allowed\"" || true)
+[ -n "$found" ] && crossing+="$found"$'\n'
+if [ -n "$crossing" ]; then
+  echo "check: includes that cross the layers:" >&2
+  printf '%s' "$crossing" | sed 's/^/  /' >&2
+  status=1
+else
+  echo "check: includes keep to the layers (platform < utils < framework < modules < service < main; tools on the layout headers)"
 fi
 exit $status
