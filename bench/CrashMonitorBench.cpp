@@ -36,6 +36,7 @@
 
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
 #include "utils/BlackBoxLayout.h"
+#include "utils/BlackBoxPartition.h"
 
 namespace bb = velmar::kolto::blackbox;
 using velmar::tarnis::AndroidCrashMonitorThread;
@@ -68,10 +69,8 @@ std::string RandomBytes(size_t len, unsigned seed) {
 
 bool Listed(const std::string& partition, const std::string& name) {
     bb::FwMinidumpHeader header;
-    const int fd = open(partition.c_str(), O_RDONLY | O_CLOEXEC);
-    const bool read = fd >= 0 && bb::ReadRecord(fd, bb::kFwMinidumpHeaderOffset, &header);
-    if (fd >= 0) close(fd);
-    if (!read) return false;
+    const bb::Partition image = bb::Partition::OpenImage(partition, O_RDONLY);
+    if (!image.ok() || !image.Read(bb::kFwMinidumpHeaderOffset, &header)) return false;
     for (int i = 0; i < bb::kFwSlots; ++i) {
         if (header.position[i] != 0 && strncmp(header.name[i], name.c_str(), bb::kFwNameBytes) == 0) return true;
     }

@@ -76,7 +76,7 @@ for f in $(git ls-files -- modules | grep -E '\.(cpp|h)$'); do
   found=$(grep -nE '^#include "modules/' "$f" | grep -v "\"modules/$own/" | sed "s|^|$f:|" || true)
   [ -n "$found" ] && crossing+="$found"$'\n'
 done
-tools_allowed='utils/(Paths|CaptureLayout|BlackBoxLayout|BuildProbes)\.h'
+tools_allowed='utils/(Paths|CaptureLayout|BlackBoxLayout|BlackBoxPartition|BuildProbes)\.h'
 found=$(git ls-files -- tools | grep -E '\.(cpp|h)$' | xargs -r grep -nE '^#include "utils/' | grep -vE "\"$tools_allowed\"" || true)
 [ -n "$found" ] && crossing+="$found"$'\n'
 if [ -n "$crossing" ]; then

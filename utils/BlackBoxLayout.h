@@ -3,13 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <android-base/unique_fd.h>
-
 // The raw black-box partition as the daemon writes it and the service tools
 // read it. Every record is little-endian and packed, byte for byte as it lies
 // in the partition: the crash monitor, the boot-failure report, the OTA monitor
-// and tarnis-blackbox all read and write through these definitions, so that
-// writer and reader can never disagree on an offset.
+// and tarnis-blackbox all read and write through these definitions (and
+// blackbox::Partition), so that writer and reader can never disagree on an
+// offset.
 namespace velmar {
 namespace kolto {
 namespace blackbox {
@@ -155,33 +154,6 @@ constexpr int VersionForSize(uint64_t size) {
     if (size >= 0xB400000 && size < 0xC800000) return 2;
     if (size >= 0xC800000) return 3;
     return 0;
-}
-
-// Opens the black-box partition with `flags`. On a device its by-name entry
-// is a link to the block device by design; below a sandbox root the
-// partition is a plain file of the tree, and a link there could lead writes
-// out of it, so there it is opened without following links. Not ok() with
-// errno set when it cannot be opened.
-android::base::unique_fd OpenPartition(int flags);
-
-// The partition's version (1, 2 or 3) by its size, with the lines its writers
-// log under their own `tag`; 1 when the partition cannot be opened or sized or
-// its size fits no version.
-int GetBlackBoxVersion(const char* tag);
-
-// The size of an open partition: BLKGETSIZE64 on a block device, the file's
-// size for the regular file that stands for the partition on a host. False
-// with errno set when neither answers.
-bool PartitionSize(int fd, uint64_t* size);
-
-// Reads exactly `len` bytes at `offset` (libbase's ReadFullyAtOffset);
-// false with errno set on an error, with errno 0 when the file ends first.
-bool ReadAt(int fd, uint64_t offset, void* buf, size_t len);
-
-// A record read from its place in the partition.
-template <class Record>
-bool ReadRecord(int fd, uint64_t offset, Record* out) {
-    return ReadAt(fd, offset, out, sizeof(Record));
 }
 
 // The crash-history base the log table header names.

@@ -94,11 +94,6 @@ bool WriteAll(int fd, const void* data, size_t len, off_t offset = -1) {
     return false;
 }
 
-template <class Record>
-bool WriteRecord(int fd, uint64_t offset, const Record& record) {
-    return WriteAll(fd, &record, sizeof(Record), static_cast<off_t>(offset));
-}
-
 bool ContainsNoCase(const std::string& text, const char* needle) {
     return strcasestr(text.c_str(), needle) != nullptr;
 }
@@ -135,15 +130,12 @@ AndroidCrashMonitorThread::AndroidCrashMonitorThread() = default;
 AndroidCrashMonitorThread::~AndroidCrashMonitorThread() = default;
 
 void AndroidCrashMonitorThread::SetWriteHookForTesting(WriteHook hook) {
+    bb::Partition::SetWriteHookForTesting(hook);
     std::lock_guard<std::mutex> guard(HookLock());
     Hook() = std::move(hook);
 }
 
 void AndroidCrashMonitorThread::RequestStop() { stop_.Request(); }
-
-unique_fd AndroidCrashMonitorThread::OpenPartition(int flags) const {
-    return bb::OpenPartition(flags);
-}
 
 int AndroidCrashMonitorThread::get_black_box_version() {
     return bb::GetBlackBoxVersion(LOG_TAG);
@@ -183,12 +175,12 @@ void AndroidCrashMonitorThread::InitFwMinidumpHeader() {
 
 bool AndroidCrashMonitorThread::LoadHeaders() {
     headersLoaded_ = false;
-    unique_fd fd = OpenPartition(O_RDWR);
-    if (!fd.ok()) {
+    const bb::Partition partition = bb::Partition::Open(O_RDWR);
+    if (!partition.ok()) {
         ALOGE("%s: open blackbox partition failed", "write_fw_db_to_blackbox");
         return false;
     }
-    if (!bb::ReadRecord(fd.get(), bb::kLogTableHeaderOffset, &table_)) {
+    if (!partition.Read(bb::kLogTableHeaderOffset, &table_)) {
         ALOGE("%s: read blackbox_log_table_header failed", "write_fw_db_to_blackbox");
         return false;
     }
@@ -196,26 +188,26 @@ bool AndroidCrashMonitorThread::LoadHeaders() {
     if (table_.magic != bb::kLogTableMagic) {
         ALOGE("%s: black_box_log_table_header.magic is bad,should init", "write_fw_db_to_blackbox");
         InitLogTableHeader();
-        if (!WriteRecord(fd.get(), bb::kLogTableHeaderOffset, table_)) {
+        if (!partition.Write(bb::kLogTableHeaderOffset, table_)) {
             LOG(ERROR) << "[mtkblackbox aidl]write blackbox_log_table_header failed: " << strerror(errno);
             return false;
         }
         initialised = true;
     }
-    if (!bb::ReadRecord(fd.get(), bb::kFwMinidumpHeaderOffset, &fw_)) {
+    if (!partition.Read(bb::kFwMinidumpHeaderOffset, &fw_)) {
         ALOGE("%s: read fw_minidump_header failed", "write_fw_db_to_blackbox");
         return false;
     }
     if (fw_.magic != bb::kFwMinidumpMagic) {
         ALOGE("%s: black_box_fw_minidump_header.magic is bad, should init", "write_fw_db_to_blackbox");
         InitFwMinidumpHeader();
-        if (!WriteRecord(fd.get(), bb::kFwMinidumpHeaderOffset, fw_)) {
+        if (!partition.Write(bb::kFwMinidumpHeaderOffset, fw_)) {
             ALOGE("%s: write fw_minidump_header failed", "write_fw_db_to_blackbox");
             return false;
         }
         initialised = true;
     }
-    if (initialised && fsync(fd.get()) != 0) {
+    if (initialised && !partition.Sync()) {
         ALOGE("%s: fsync blackbox headers failed: %s", "write_fw_db_to_blackbox", strerror(errno));
         return false;
     }
@@ -379,17 +371,15 @@ bool AndroidCrashMonitorThread::StageContainer(int dbFd, int containerFd, uint64
     return true;
 }
 
-int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsigned long offset) {
+int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, const bb::Partition& partition,
+                                                      unsigned long offset) {
     const std::string target = paths::Get(paths::kBlackbox);
     if (lseek(srcFd, 0, SEEK_SET) != 0) {
         ALOGE("[%s] Failed to seek to the beginning of the source file", __func__);
         return -1;
     }
-    if (lseek(dstFd, static_cast<off_t>(offset), SEEK_SET) != static_cast<off_t>(offset)) {
-        ALOGE("[%s] Failed to seek to the beginning of the target file", __func__);
-        return -1;
-    }
     unsigned char buf[kCopyChunk];
+    uint64_t at = offset;
     for (;;) {
         ssize_t got = TEMP_FAILURE_RETRY(read(srcFd, buf, sizeof(buf)));
         if (got < 0) {
@@ -397,7 +387,7 @@ int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsi
             return -1;
         }
         if (got == 0) return 1;
-        const ssize_t put = WriteOnce(dstFd, buf, static_cast<size_t>(got), -1);
+        const ssize_t put = partition.WriteOnce(at, buf, static_cast<size_t>(got));
         if (put < 0) {
             ALOGE("[%s] Failed to write encrypted data to the target device %s", __func__, Shown(target).c_str());
             return -1;
@@ -407,10 +397,11 @@ int AndroidCrashMonitorThread::write_file_to_blackbox(int srcFd, int dstFd, unsi
                   Shown(target).c_str());
             return -1;
         }
+        at += static_cast<uint64_t>(got);
     }
 }
 
-bool AndroidCrashMonitorThread::ClearOverlappedSlots(int partitionFd, uint64_t start, uint64_t end) {
+bool AndroidCrashMonitorThread::ClearOverlappedSlots(const bb::Partition& partition, uint64_t start, uint64_t end) {
     bb::FwMinidumpHeader cleared = fw_;
     bool changed = false;
     for (int i = 0; i < bb::kFwSlots; ++i) {
@@ -425,7 +416,7 @@ bool AndroidCrashMonitorThread::ClearOverlappedSlots(int partitionFd, uint64_t s
     }
     if (!changed) return true;
     cleared.filled = CountListed(cleared);
-    if (!WriteRecord(partitionFd, bb::kFwMinidumpHeaderOffset, cleared) || fsync(partitionFd) != 0) {
+    if (!partition.Write(bb::kFwMinidumpHeaderOffset, cleared) || !partition.Sync()) {
         ALOGE("%s: write fw_minidump_header failed", "write_fw_db_to_blackbox");
         return false;
     }
@@ -489,7 +480,7 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         sync_directory(dir.c_str());
         return 0;
     }
-    unique_fd partition = OpenPartition(O_WRONLY);
+    const bb::Partition partition = bb::Partition::Open(O_WRONLY);
     if (!partition.ok()) {
         ALOGE("[%s] Target_fd open fail %d(%s)\n", __func__, errno, strerror(errno));
         return 0;
@@ -559,11 +550,11 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         discard();
         return 0;
     }
-    if (!ClearOverlappedSlots(partition.get(), start, start + needed)) {
+    if (!ClearOverlappedSlots(partition, start, start + needed)) {
         discard();
         return 0;
     }
-    if (write_file_to_blackbox(container.get(), partition.get(), static_cast<unsigned long>(start)) != 1) {
+    if (write_file_to_blackbox(container.get(), partition, static_cast<unsigned long>(start)) != 1) {
         ALOGE("%s: write encrypted db file to blackbox failed!", __func__);
         discard();
         return 0;
@@ -574,7 +565,7 @@ int AndroidCrashMonitorThread::write_fw_db_to_blackbox(bool encrypt) {
         discard();
         return 0;
     }
-    if (fsync(partition.get()) != 0) {
+    if (!partition.Sync()) {
         ALOGE("%s: fsync encrypted db file to blackbox failed!", __func__);
         discard();
         return 0;
@@ -649,16 +640,16 @@ int AndroidCrashMonitorThread::update_black_box_fw_minidump_header(int writeResu
         next.size[index] = 0;
     }
     next.filled = filled;
-    unique_fd fd = OpenPartition(O_WRONLY);
-    if (!fd.ok()) {
+    const bb::Partition partition = bb::Partition::Open(O_WRONLY);
+    if (!partition.ok()) {
         ALOGE("%s: open blackbox partition failed", __func__);
         return 0;
     }
-    if (!WriteRecord(fd.get(), bb::kLogTableHeaderOffset, table_)) {
+    if (!partition.Write(bb::kLogTableHeaderOffset, table_)) {
         LOG(ERROR) << "[mtkblackbox aidl]write blackbox_log_table_header failed";
         return 0;
     }
-    if (!WriteRecord(fd.get(), bb::kFwMinidumpHeaderOffset, next) || fsync(fd.get()) != 0) {
+    if (!partition.Write(bb::kFwMinidumpHeaderOffset, next) || !partition.Sync()) {
         ALOGE("%s: write fw_minidump_header failed", __func__);
         return 0;
     }
@@ -725,19 +716,19 @@ int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record
              record.time.c_str(), record.line.c_str());
     summary_ = summary;
 
-    unique_fd fd = OpenPartition(O_RDWR);
-    if (!fd.ok()) {
+    const bb::Partition partition = bb::Partition::Open(O_RDWR);
+    if (!partition.ok()) {
         ALOGE("%s: open blackbox partition failed", kFunc);
         return -1;
     }
     uint64_t size = 0;
-    if (!bb::PartitionSize(fd.get(), &size) || historyBase_ < bb::kFwAreaEnd ||
+    if (!partition.Size(&size) || historyBase_ < bb::kFwAreaEnd ||
         bb::CrashHistoryEnd(historyBase_) > size) {
         ALOGE("%s: crash history at 0x%lx lies outside the partition", kFunc, static_cast<unsigned long>(historyBase_));
         return -1;
     }
     bb::CrashHistoryHeader header{};
-    if (!bb::ReadRecord(fd.get(), historyBase_, &header)) header = {};
+    if (!partition.Read(historyBase_, &header)) header = {};
     if (memcmp(header.magic, bb::kCrashHistoryMagic, sizeof(header.magic)) != 0) {
         memcpy(header.magic, bb::kCrashHistoryMagic, sizeof(header.magic));
         header.version = bb::kCrashHistoryVersion;
@@ -770,7 +761,7 @@ int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record
     item.tableValue = table_.historyItemValue;
     ALOGI("%s: crash_item.string: %s", kFunc, Shown(item.text).c_str());
     if (header.nextPosition >= bb::kCrashHistorySlots) header.nextPosition = 0;
-    if (!WriteRecord(fd.get(), bb::CrashItemOffset(historyBase_, header.nextPosition), item) || fsync(fd.get()) != 0) {
+    if (!partition.Write(bb::CrashItemOffset(historyBase_, header.nextPosition), item) || !partition.Sync()) {
         ALOGE("%s: write crash item to blackbox failed", kFunc);
         return -1;
     }
@@ -787,7 +778,7 @@ int AndroidCrashMonitorThread::WriteCrashHistoryRecord(const CrashRecord& record
         ALOGE("crash_history: crash type overflowed");
     }
     header.nextPosition += 1;
-    if (!WriteRecord(fd.get(), historyBase_, header) || fsync(fd.get()) != 0) {
+    if (!partition.Write(historyBase_, header) || !partition.Sync()) {
         ALOGE("%s: write crash history header to blackbox failed", kFunc);
         return -1;
     }

@@ -11,6 +11,7 @@
 #include <android-base/unique_fd.h>
 
 #include "utils/BlackBoxLayout.h"
+#include "utils/BlackBoxPartition.h"
 #include "utils/StopSignal.h"
 
 namespace velmar {
@@ -79,7 +80,7 @@ public:
     void update_proc_crash_module();
     int get_db_name(char* out, unsigned long size);
     int write_rsa_encrypt_data(int fd, unsigned char* key, int len);
-    int write_file_to_blackbox(int srcFd, int dstFd, unsigned long offset);
+    int write_file_to_blackbox(int srcFd, const kolto::blackbox::Partition& partition, unsigned long offset);
     void sync_directory(const char* path);
     int get_black_box_version();
 
@@ -106,12 +107,11 @@ private:
         kolto::blackbox::FwMinidumpHeader before{};  // the header as this write found it
     };
 
-    android::base::unique_fd OpenPartition(int flags) const;
     void InitLogTableHeader();
     void InitFwMinidumpHeader();
     bool LoadHeaders();
     // Drops from the on-disk header every slot whose bytes [start, end) covers.
-    bool ClearOverlappedSlots(int partitionFd, uint64_t start, uint64_t end);
+    bool ClearOverlappedSlots(const kolto::blackbox::Partition& partition, uint64_t start, uint64_t end);
     bool StageContainer(int dbFd, int containerFd, uint64_t plainSize, uint64_t padded, unsigned char* key);
     void DeleteEncFiles(int dirFd, const std::string& dir);
     void RemoveLeftoverContainers();

@@ -33,6 +33,7 @@
 
 #include "modules/BootMonitor/BootMonitorThread.h"
 #include "utils/BlackBoxLayout.h"
+#include "utils/BlackBoxPartition.h"
 #include "utils/Clock.h"
 #include "utils/Paths.h"
 #include "utils/TempName.h"
@@ -64,38 +65,6 @@ FailureClass Classify(int64_t code) {
     }
     if (code >= 901005300 && code <= 901005349) return kBootStage;
     return kNotFailure;
-}
-
-// The partition, opened afresh for each access. On a device its by-name entry
-// is a link into /dev/block, so links are followed; below a sandbox root the
-// end of that walk must stay below the root, so that a planted link cannot
-// make the daemon write elsewhere.
-unique_fd OpenPartition(int flags) {
-    const std::string path = paths::Get(paths::kBlackbox);
-    unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), flags | O_CLOEXEC)));
-    if (!fd.ok()) return fd;
-    const std::string root = platform::GetRoot();
-    if (root.empty() || root == "/") return fd;
-    std::unique_ptr<char, decltype(&free)> real(realpath(path.c_str(), nullptr), &free);
-    std::unique_ptr<char, decltype(&free)> realRoot(realpath(root.c_str(), nullptr), &free);
-    if (real == nullptr || realRoot == nullptr ||
-        std::string(real.get()).rfind(std::string(realRoot.get()) + "/", 0) != 0) {
-        fd.reset();
-        errno = ELOOP;
-    }
-    return fd;
-}
-
-// Reads what the partition holds of `size` bytes at `offset`: the count read,
-// short where the partition ends first, or -1.
-ssize_t ReadAt(int fd, void* buffer, size_t size, uint64_t offset) {
-    uint64_t end = 0;
-    if (!blackbox::PartitionSize(fd, &end)) return -1;
-    const size_t held = offset < end ? static_cast<size_t>(std::min<uint64_t>(size, end - offset)) : 0;
-    // A partition that shrank under the read reads as an I/O error.
-    errno = EIO;
-    if (held > 0 && !android::base::ReadFullyAtOffset(fd, buffer, held, static_cast<off64_t>(offset))) return -1;
-    return static_cast<ssize_t>(held);
 }
 
 std::string Sha1Hex(const std::string& text) {
@@ -153,7 +122,7 @@ void BootFailReport::Load() {
 
 bool BootFailReport::ExtractLog(uint64_t offset, size_t bufferBytes, size_t readBytes, const std::string& path,
                                 const char* mallocError, const char* readError, const char* openError) {
-    unique_fd partition = OpenPartition(O_RDONLY | O_NONBLOCK);
+    const blackbox::Partition partition = blackbox::Partition::Open(O_RDONLY | O_NONBLOCK);
     if (!partition.ok()) {
         LOG(ERROR) << "open black_box_log partition fail, error: " << strerror(errno);
         return false;
@@ -163,7 +132,7 @@ bool BootFailReport::ExtractLog(uint64_t offset, size_t bufferBytes, size_t read
         LOG(ERROR) << mallocError << strerror(errno);
         return false;
     }
-    if (ReadAt(partition.get(), buffer.get(), readBytes, offset) < 0) {
+    if (partition.ReadHeld(offset, buffer.get(), readBytes) < 0) {
         LOG(ERROR) << readError << strerror(errno);
         return false;
     }
@@ -180,12 +149,12 @@ void BootFailReport::check_ablxbl_fail_report() {
     ALOGD("check  blackbox--bootfail partition boot fail report lumetra\n");
     blackbox::BootMonitorHeader header{};
     {
-        unique_fd partition = OpenPartition(O_RDWR | O_NONBLOCK);
+        const blackbox::Partition partition = blackbox::Partition::Open(O_RDWR | O_NONBLOCK);
         if (!partition.ok()) {
             LOG(ERROR) << "open black_box_log partition fail, error: " << strerror(errno);
             return;
         }
-        const ssize_t got = ReadAt(partition.get(), &header, sizeof(header), blackbox::kBootMonitorHeaderOffset);
+        const ssize_t got = partition.ReadHeld(blackbox::kBootMonitorHeaderOffset, &header, sizeof(header));
         if (got < 0) {
             LOG(ERROR) << "read log_boot_monitor_header fail, error: " << strerror(errno);
             return;
@@ -240,15 +209,13 @@ void BootFailReport::check_ablxbl_fail_report() {
     }
 
     header.reported = 1;
-    unique_fd partition = OpenPartition(O_RDWR | O_NONBLOCK);
+    const blackbox::Partition partition = blackbox::Partition::Open(O_RDWR | O_NONBLOCK);
     if (!partition.ok()) {
         LOG(ERROR) << "open black_box_log partition fail, error: " << strerror(errno);
         ALOGD("Read identifier write back failed");
         return;
     }
-    if (TEMP_FAILURE_RETRY(pwrite(partition.get(), &header, sizeof(header),
-                                  static_cast<off_t>(blackbox::kBootMonitorHeaderOffset))) !=
-        static_cast<ssize_t>(sizeof(header))) {
+    if (!partition.Write(blackbox::kBootMonitorHeaderOffset, header)) {
         LOG(ERROR) << "write log_error_type_header fail, error: " << strerror(errno);
         ALOGD("Read identifier write back failed");
     }

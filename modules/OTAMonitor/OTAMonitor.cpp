@@ -20,6 +20,7 @@
 #include <android-base/unique_fd.h>
 #include <log/log.h>
 
+#include "utils/BlackBoxPartition.h"
 #include "utils/Paths.h"
 #include "utils/PropertyWait.h"
 #include "utils/StringUtil.h"
@@ -42,17 +43,12 @@ constexpr char kSlotProperty[] = "ro.boot.slot_suffix";
 constexpr uint32_t kVersionCodeV2 = 8192;
 constexpr uint32_t kVersionCodeV3 = 12288;
 
-// The partition opened with `flags` and placed at the OTA zone; not valid,
-// after `func`'s line saying why, when either step failed.
-unique_fd OpenZone(int flags, const char* func) {
-    unique_fd fd = bb::OpenPartition(flags);
-    if (!fd.ok()) {
-        ALOGE("%s: open file %s failed\n", func, paths::Get(paths::kBlackbox).c_str());
-    } else if (lseek(fd.get(), static_cast<off_t>(bb::kOtaZoneOffset), SEEK_SET) < 0) {
-        ALOGE("%s: lseek ota record zone offset failed", func);
-        fd.reset();
-    }
-    return fd;
+// The partition opened with `flags`; not valid, after `func`'s line saying
+// why, when it cannot be opened.
+bb::Partition OpenZone(int flags, const char* func) {
+    bb::Partition partition = bb::Partition::Open(flags);
+    if (!partition.ok()) ALOGE("%s: open file %s failed\n", func, paths::Get(paths::kBlackbox).c_str());
+    return partition;
 }
 
 // Copies `text` into a NUL-terminated field, cut to what it holds.
@@ -125,9 +121,9 @@ int get_black_box_version() {
 int check_black_box_ota_record_zone() {
     static constexpr char kFunc[] = "check_black_box_ota_record_zone";
     bb::OtaRecordZone& zone = ota_record_zone();
-    unique_fd fd = OpenZone(O_RDWR, kFunc);
-    if (!fd.ok()) return -1;
-    if (!android::base::ReadFully(fd.get(), &zone, sizeof(zone))) {
+    const bb::Partition partition = OpenZone(O_RDWR, kFunc);
+    if (!partition.ok()) return -1;
+    if (!partition.Read(bb::kOtaZoneOffset, &zone)) {
         ALOGE("%s: read ota record zone failed", kFunc);
         return -1;
     }
@@ -163,9 +159,9 @@ int check_black_box_ota_record_zone() {
 
 int write_ota_record_zone_to_black_box() {
     static constexpr char kFunc[] = "write_ota_record_zone_to_black_box";
-    unique_fd fd = OpenZone(O_WRONLY, kFunc);
-    if (!fd.ok()) return -1;
-    if (!android::base::WriteFully(fd.get(), &ota_record_zone(), sizeof(bb::OtaRecordZone)) || fsync(fd.get()) != 0) {
+    const bb::Partition partition = OpenZone(O_WRONLY, kFunc);
+    if (!partition.ok()) return -1;
+    if (!partition.Write(bb::kOtaZoneOffset, ota_record_zone()) || !partition.Sync()) {
         ALOGE("%s: write ota record zone failed", kFunc);
         return -1;
     }

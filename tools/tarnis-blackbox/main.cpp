@@ -24,6 +24,7 @@
 #include <openssl/rsa.h>
 
 #include "tools/tarnis-blackbox/BlackBoxImage.h"
+#include "utils/BlackBoxPartition.h"
 
 namespace {
 
@@ -56,10 +57,6 @@ std::string Hex(uint64_t value) {
     char text[24];
     snprintf(text, sizeof(text), "0x%" PRIx64, value);
     return text;
-}
-
-bool ReadFull(int fd, uint64_t offset, void* buf, size_t len) {
-    return android::base::ReadFullyAtOffset(fd, buf, len, static_cast<off64_t>(offset));
 }
 
 // The log table, the firmware-database slots and the crash history: the
@@ -270,9 +267,9 @@ std::unique_ptr<EVP_PKEY, PkeyFree> LoadPrivateKey(const std::string& path, std:
 }
 
 // Decrypts one slot's container from the image into `outFd`.
-bool DecryptSlot(int imageFd, const FwSlot& slot, EVP_PKEY* key, int outFd, std::string* error) {
+bool DecryptSlot(const bb::Partition& image, const FwSlot& slot, EVP_PKEY* key, int outFd, std::string* error) {
     unsigned char wrapped[bb::kWrappedKeyBytes];
-    if (!ReadFull(imageFd, slot.position + 2 * bb::kContainerSizeField + slot.padded, wrapped, sizeof(wrapped))) {
+    if (!image.ReadAt(slot.position + 2 * bb::kContainerSizeField + slot.padded, wrapped, sizeof(wrapped))) {
         *error = "cannot read the wrapped key";
         return false;
     }
@@ -301,7 +298,7 @@ bool DecryptSlot(int imageFd, const FwSlot& slot, EVP_PKEY* key, int outFd, std:
     while (done < slot.padded) {
         const size_t len = static_cast<size_t>(std::min<uint64_t>(kChunk, slot.padded - done));
         int outLen = 0;
-        if (!ReadFull(imageFd, dataStart + done, in.data(), len) ||
+        if (!image.ReadAt(dataStart + done, in.data(), len) ||
             EVP_DecryptUpdate(ctx.get(), out.data(), &outLen, in.data(), static_cast<int>(len)) != 1) {
             *error = "cannot read or decrypt the container";
             return false;
@@ -317,7 +314,7 @@ bool DecryptSlot(int imageFd, const FwSlot& slot, EVP_PKEY* key, int outFd, std:
     return true;
 }
 
-int Extract(const std::string& imagePath, int imageFd, const Image& image, const std::string& keyPath,
+int Extract(const std::string& imagePath, const bb::Partition& partition, const Image& image, const std::string& keyPath,
             const std::string& outDir, bool json) {
     std::string error;
     auto key = LoadPrivateKey(keyPath, &error);
@@ -351,7 +348,7 @@ int Extract(const std::string& imagePath, int imageFd, const Image& image, const
             unique_fd out(openat(dir.get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
             if (!out.ok()) {
                 why = std::string("cannot create ") + temp + ": " + strerror(errno);
-            } else if (!DecryptSlot(imageFd, slot, key.get(), out.get(), &why) || fsync(out.get()) != 0 ||
+            } else if (!DecryptSlot(partition, slot, key.get(), out.get(), &why) || fsync(out.get()) != 0 ||
                        renameat(dir.get(), temp.c_str(), dir.get(), slot.name.c_str()) != 0) {
                 if (why.empty()) why = std::string("cannot put the database in place: ") + strerror(errno);
                 unlinkat(dir.get(), temp.c_str(), 0);
@@ -417,26 +414,24 @@ int main(int argc, char** argv) {
     if (!extract && (!key.empty() || !out.empty())) return UsageError("--key and --out belong to extract");
     if (extract && (key.empty() || out.empty())) return UsageError("extract needs --key and --out");
 
-    unique_fd fd(open(image.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));  // a FIFO must not block
-    struct stat st;
-    if (!fd.ok() || fstat(fd.get(), &st) != 0) {
+    const bb::Partition partition = bb::Partition::OpenImage(image, O_RDONLY | O_NONBLOCK);  // a FIFO must not block
+    if (!partition.ok()) {
         fprintf(stderr, "tarnis-blackbox: cannot open %s: %s\n", image.c_str(), strerror(errno));
         return 1;
     }
     uint64_t size = 0;
-    if (!bb::PartitionSize(fd.get(), &size)) {
+    if (!partition.Size(&size)) {
         fprintf(stderr, "tarnis-blackbox: %s is neither a file nor a block device\n", image.c_str());
         return 1;
     }
-    const int imageFd = fd.get();
     Image parsed;
     std::string error;
-    ReadFn read = [imageFd](uint64_t offset, void* buf, size_t len) { return ReadFull(imageFd, offset, buf, len); };
+    ReadFn read = [&partition](uint64_t offset, void* buf, size_t len) { return partition.ReadAt(offset, buf, len); };
     if (!ParseImage(read, size, &parsed, &error)) {
         fprintf(stderr, "tarnis-blackbox: %s: damaged image: %s\n", image.c_str(), error.c_str());
         return 1;
     }
-    if (extract) return Extract(image, imageFd, parsed, key, out, json);
+    if (extract) return Extract(image, partition, parsed, key, out, json);
     if (json) {
         Json::StreamWriterBuilder builder;
         builder["indentation"] = "  ";

@@ -483,12 +483,15 @@ protected:
 
     // Writes to the partition's container area go through `partition`; the
     // others as usual.
-    void HookPartitionWrites(std::function<ssize_t(int, const void*, size_t)> partition) {
+    void HookPartitionWrites(std::function<ssize_t(int, const void*, size_t, off_t)> partition) {
         const ino_t ino = partitionIno_;
         AndroidCrashMonitorThread::SetWriteHookForTesting(
                 [ino, partition](int fd, const void* buf, size_t len, off_t offset) -> ssize_t {
                     struct stat st;
-                    if (offset < 0 && fstat(fd, &st) == 0 && st.st_ino == ino) return partition(fd, buf, len);
+                    if (offset >= bb::kFwAreaStart && offset < bb::kFwAreaEnd && fstat(fd, &st) == 0 &&
+                        st.st_ino == ino) {
+                        return partition(fd, buf, len, offset);
+                    }
                     return offset < 0 ? write(fd, buf, len) : pwrite(fd, buf, len, offset);
                 });
     }
@@ -560,12 +563,12 @@ TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOve
 
 TEST_F(AndroidCrashMonitorFaultTest, PartitionWriteCutShortListsOnlyIntactContainers) {
     size_t written = 0;
-    HookPartitionWrites([&written](int fd, const void* buf, size_t len) -> ssize_t {
+    HookPartitionWrites([&written](int fd, const void* buf, size_t len, off_t offset) -> ssize_t {
         if (written >= 600) {
             errno = ENOSPC;
             return -1;
         }
-        const ssize_t n = write(fd, buf, std::min<size_t>(len, 600 - written));
+        const ssize_t n = pwrite(fd, buf, std::min<size_t>(len, 600 - written), offset);
         written += static_cast<size_t>(n);
         return n;
     });
@@ -585,8 +588,8 @@ TEST_F(AndroidCrashMonitorFaultTest, DaemonKilledMidContainerLeavesAConsistentIm
     ASSERT_GE(child, 0);
     if (child == 0) {
         size_t written = 0;
-        HookPartitionWrites([&written](int fd, const void* buf, size_t len) -> ssize_t {
-            const ssize_t n = write(fd, buf, std::min<size_t>(len, 500));
+        HookPartitionWrites([&written](int fd, const void* buf, size_t len, off_t offset) -> ssize_t {
+            const ssize_t n = pwrite(fd, buf, std::min<size_t>(len, 500), offset);
             written += static_cast<size_t>(n);
             if (written >= 500) _exit(3);
             return n;
