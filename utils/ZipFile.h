@@ -12,13 +12,20 @@
 namespace velmar {
 namespace kolto {
 
+// A file that should be in an archive and is not there whole, and why.
+struct ZipMissing {
+    std::string path;
+    std::string why;
+};
+
 // Packs a list of files and directory trees into one new zip archive
 // (deflate, UTF-8 names, entry dates from the time of packing).
 //
 // Usage: construct with the paths and the tail depth, create(), close().
 // A path that cannot be packed is logged and skipped, so a partial archive is
 // a normal outcome; close() fails only when every path failed or the archive
-// could not be finished. One thread at a time per object; close() deflates on
+// could not be finished, and complete() then says whether every file is in it
+// whole (missing() lists those that are not, and why). One thread at a time per object; close() deflates on
 // worker threads of its own, one per CPU the caller may run on.
 //
 // The archive is written under a temporary name beside `path` and takes its
@@ -54,6 +61,12 @@ public:
     // Writes every pending path, finishes the archive and puts it in place.
     // True again, with nothing done, when no archive is open.
     bool close();
+    // After a successful close(): every regular file of the paths is in the
+    // archive as it was when read to its end. Links, fifos and devices are
+    // never packed and do not count; nor does a file gone before it was
+    // opened.
+    bool complete() const { return closed_ && missing_.empty(); }
+    const std::vector<ZipMissing>& missing() const { return missing_; }
     // Opens entry `name` in the archive `handle` with the packing settings.
     bool OpenNewFileInZip(void* handle, const std::string& name);
     // Streams the file at `path` into the entry that is open, on this thread.
@@ -77,6 +90,8 @@ private:
     ino_t archiveIno_ = 0;
     std::unique_ptr<char[]> buffer_;
     std::string confineTop_;
+    bool closed_ = false;
+    std::vector<ZipMissing> missing_;
 };
 
 }  // namespace kolto

@@ -24,7 +24,6 @@
 #include <dorva/DorvaServiceManager.h>
 #include <host/LogRateLimiter.h>
 #include <log/log.h>
-#include <minizip/unzip.h>
 
 #include "framework/InternalBroadcastManager.h"
 #include "framework/IntentFilter.h"
@@ -233,59 +232,6 @@ bool CompareTimeStrExpired(const std::string& name, uint32_t maxValidDay, int64_
     ALOGD("folderTime %" PRId64 " expiredTime %" PRId64, folderTime, expiredTime);
     *ageMs = nowMs - folderTime * 1000;
     return folderTime <= expiredTime;
-}
-
-// The regular files of the entry `openName` of `parentFd` (itself one, or a
-// tree walked without following links) by the archive names ZipFile gives
-// them at depth 0 when the entry is shown as `path`.
-bool CollectFiles(int parentFd, const char* openName, const std::string& path,
-                  std::map<std::string, uint64_t>* files) {
-    struct stat st {};
-    if (fstatat(parentFd, openName, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
-    const std::string entryName = !path.empty() && path[0] == '/' ? path.substr(1) : path;
-    if (S_ISREG(st.st_mode)) {
-        (*files)[entryName] = static_cast<uint64_t>(st.st_size);
-        return true;
-    }
-    if (!S_ISDIR(st.st_mode)) return true;  // links and the like are never packed
-    android::base::unique_fd own(openat(parentFd, openName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const int fd = own.get();
-    ScopedDir dir = AdoptDir(own);
-    if (!dir) return false;
-    while (struct dirent* entry = readdir(dir.get())) {
-        if (IsDotOrDotDot(entry->d_name)) continue;
-        if (!CollectFiles(fd, entry->d_name, path + "/" + entry->d_name, files)) return false;
-    }
-    return true;
-}
-
-// ZipFile skips what it cannot read and still finishes the archive; before
-// the entry goes, every file of it must be in the archive whole.
-bool ArchiveHoldsAll(const std::string& archive, int dirFd, const std::string& name, const std::string& shown,
-                     std::string* why) {
-    std::map<std::string, uint64_t> files;
-    if (!CollectFiles(dirFd, name.c_str(), shown, &files)) {
-        *why = "cannot list " + Esc(shown);
-        return false;
-    }
-    unzFile zip = unzOpen64(archive.c_str());
-    if (zip == nullptr) {
-        *why = "cannot open the archive";
-        return false;
-    }
-    for (int rc = unzGoToFirstFile(zip); rc == UNZ_OK; rc = unzGoToNextFile(zip)) {
-        unz_file_info64 info {};
-        char name[4096];
-        if (unzGetCurrentFileInfo64(zip, &info, name, sizeof(name), nullptr, 0, nullptr, 0) != UNZ_OK) break;
-        auto found = files.find(name);
-        if (found != files.end() && found->second == info.uncompressed_size) files.erase(found);
-    }
-    unzClose(zip);
-    if (!files.empty()) {
-        *why = Esc(files.begin()->first) + " is missing from the archive";
-        return false;
-    }
-    return true;
 }
 
 }  // namespace
@@ -981,10 +927,12 @@ bool LogManager::CompressAt(int dirFd, const std::string& name, const std::strin
         FileUtil::DeleteDirectoryOrFile(archive, nullptr);
         return false;
     }
-    std::string why;
-    if (!ArchiveHoldsAll(archive, dirFd, name, hostPath, &why)) {
-        ALOGE("[%s] %s is incomplete (%s), the entry is kept", "Compress", Esc(hostPath + ".zip").c_str(),
-              why.c_str());
+    // The packer skips what it cannot read and still finishes the archive;
+    // the entry goes only when every file of it is in the archive whole.
+    if (!zip.complete()) {
+        const ZipMissing& first = zip.missing().front();
+        ALOGE("[%s] %s is incomplete (%s %s), the entry is kept", "Compress", Esc(hostPath + ".zip").c_str(),
+              Esc(first.path).c_str(), first.why.c_str());
         FileUtil::DeleteDirectoryOrFile(archive, nullptr);
         return false;
     }
