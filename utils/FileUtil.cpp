@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,23 +36,40 @@ bool IsDotOrDotDot(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
-long DirectorySizeAt(int parentFd, const std::string& path, const char* openName) {
-    ScopedDir dir = OpenDirAt(parentFd, openName);
-    if (!dir) {
-        ALOGE("[%s] Cannot open dir: %s", "GetDirectorySize", path.c_str());
-        return -1;
-    }
+constexpr long kDirentBufferBytes = 32768;
+
+// The entries of a directory as getdents64 hands them over.
+struct KernelDirent {
+    uint64_t ino;
+    int64_t off;
+    unsigned short reclen;
+    unsigned char type;
+    char name[];
+};
+
+// Bytes below the open directory `fd`, nothing reached through a link.
+// A log check walks every entry of a log directory, so system calls are the
+// whole cost: the directory is read with getdents64 directly, since
+// fdopendir costs an fstat and an fcntl per directory.
+int64_t ContentSize(int fd) {
     struct stat st {};
-    long total = 0;
-    if (fstat(dirfd(dir.get()), &st) == 0) total = st.st_size;
-    while (struct dirent* entry = readdir(dir.get())) {
-        if (IsDotOrDotDot(entry->d_name)) continue;
-        if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        if (S_ISDIR(st.st_mode)) {
-            long sub = DirectorySizeAt(dirfd(dir.get()), path + "/" + entry->d_name, entry->d_name);
-            if (sub > 0) total += sub;
-        } else {
-            total += st.st_size;
+    int64_t total = 0;
+    // On the heap: the walk recurses, and a thread's stack is not ours to size.
+    std::unique_ptr<char[]> buffer(new char[kDirentBufferBytes]);
+    for (;;) {
+        const long got = syscall(SYS_getdents64, fd, buffer.get(), kDirentBufferBytes);
+        if (got <= 0) break;
+        for (long at = 0; at < got;) {
+            const auto* entry = reinterpret_cast<const KernelDirent*>(buffer.get() + at);
+            at += entry->reclen;
+            if (IsDotOrDotDot(entry->name)) continue;
+            if (fstatat(fd, entry->name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            if (S_ISDIR(st.st_mode)) {
+                const int64_t sub = FileUtil::TreeSizeAt(fd, entry->name, st.st_size);
+                if (sub > 0) total += sub;
+            } else {
+                total += st.st_size;
+            }
         }
     }
     return total;
@@ -284,26 +302,20 @@ int32_t FileUtil::GetFileSize(const std::string& path) {
 long FileUtil::GetDirectorySize(const std::string& path) {
     // The top-level path may itself be a link to a directory; only links met
     // inside the tree are counted as links.
-    ScopedDir dir(opendir(path.c_str()));
-    if (!dir) {
+    android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.ok()) {
         ALOGE("[%s] Cannot open dir: %s", "GetDirectorySize", path.c_str());
         return -1;
     }
     struct stat st {};
-    long total = 0;
-    if (lstat(path.c_str(), &st) == 0) total = st.st_size;
-    const int fd = dirfd(dir.get());
-    while (struct dirent* entry = readdir(dir.get())) {
-        if (IsDotOrDotDot(entry->d_name)) continue;
-        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        if (S_ISDIR(st.st_mode)) {
-            long sub = DirectorySizeAt(fd, path + "/" + entry->d_name, entry->d_name);
-            if (sub > 0) total += sub;
-        } else {
-            total += st.st_size;
-        }
-    }
-    return total;
+    const int64_t own = lstat(path.c_str(), &st) == 0 ? st.st_size : 0;
+    return static_cast<long>(own + ContentSize(fd.get()));
+}
+
+int64_t FileUtil::TreeSizeAt(int parentFd, const char* name, int64_t ownSize) {
+    android::base::unique_fd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.ok()) return -1;
+    return ownSize + ContentSize(fd.get());
 }
 
 int FileUtil::DeleteDirectoryOrFile(const std::string& path, unsigned long* freed) {

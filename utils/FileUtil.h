@@ -33,6 +33,11 @@ public:
     // Bytes in the tree including the directories' own sizes; -1 when
     // `path` cannot be opened as a directory.
     static long GetDirectorySize(const std::string& path);
+    // Bytes in the tree below the directory `name` of `parentFd`, its own
+    // size (`ownSize`, from the caller's lstat of it) included; nothing
+    // reached through a link. -1 when it cannot be opened (gone meanwhile, or
+    // swapped for a link).
+    static int64_t TreeSizeAt(int parentFd, const char* name, int64_t ownSize);
     // Removes a file or a whole tree. 0 on success, else -1 or the failing
     // call's result; the walk stops at the first failure. When `freed` is
     // given it receives the bytes removed by this call (untouched when the

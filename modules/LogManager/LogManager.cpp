@@ -5,7 +5,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -68,52 +67,6 @@ bool IsDotOrDotDot(const char* name) {
 
 bool Contains(const std::string& text, const char* piece) { return text.find(piece) != std::string::npos; }
 
-constexpr long kDirentBufferBytes = 32768;
-
-// The entries of a directory as getdents64 hands them over.
-struct KernelDirent {
-    uint64_t ino;
-    int64_t off;
-    unsigned short reclen;
-    unsigned char type;
-    char name[];
-};
-
-// Bytes in the tree below the directory `name` of `parentFd`, its own size
-// (`ownSize`, from the caller's lstat of it) included; nothing reached
-// through a link. -1 when it cannot be opened (gone meanwhile, or swapped
-// for a link).
-//
-// Each check walks every entry of a log directory, so this runs once per
-// entry, and system calls are its whole cost: it reads the directory with
-// getdents64 itself, since fdopendir costs an fstat and an fcntl per
-// directory, and takes its own size from the stat its caller already made.
-int64_t TreeSizeAt(int parentFd, const char* name, int64_t ownSize) {
-    android::base::unique_fd fd(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd.ok()) return -1;
-    struct stat st {};
-    int64_t total = ownSize;
-    // On the heap: the walk recurses, and a thread's stack is not ours to size.
-    std::unique_ptr<char[]> buffer(new char[kDirentBufferBytes]);
-    for (;;) {
-        const long got = syscall(SYS_getdents64, fd.get(), buffer.get(), kDirentBufferBytes);
-        if (got <= 0) break;
-        for (long at = 0; at < got;) {
-            const auto* entry = reinterpret_cast<const KernelDirent*>(buffer.get() + at);
-            at += entry->reclen;
-            if (IsDotOrDotDot(entry->name)) continue;
-            if (fstatat(fd.get(), entry->name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-            if (S_ISDIR(st.st_mode)) {
-                const int64_t sub = TreeSizeAt(fd.get(), entry->name, st.st_size);
-                if (sub > 0) total += sub;
-            } else {
-                total += st.st_size;
-            }
-        }
-    }
-    return total;
-}
-
 // The size of one entry of the directory `dirFd` as cleaning counts it: a
 // regular file's bytes, a directory's tree, nothing for anything else (a
 // link is not ours to weigh).
@@ -122,7 +75,7 @@ uint64_t EntrySizeAt(int dirFd, const std::string& name) {
     if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
     if (S_ISREG(st.st_mode)) return static_cast<uint64_t>(st.st_size);
     if (S_ISDIR(st.st_mode)) {
-        const int64_t size = TreeSizeAt(dirFd, name.c_str(), st.st_size);
+        const int64_t size = FileUtil::TreeSizeAt(dirFd, name.c_str(), st.st_size);
         return size > 0 ? static_cast<uint64_t>(size) : 0;
     }
     return 0;
@@ -550,7 +503,7 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
             result.total += static_cast<uint64_t>(st.st_size);
             result.sizes[fileName] = static_cast<uint64_t>(st.st_size);
         } else if (S_ISDIR(st.st_mode)) {
-            const int64_t size = TreeSizeAt(fd, entry->d_name, st.st_size);
+            const int64_t size = FileUtil::TreeSizeAt(fd, entry->d_name, st.st_size);
             if (size < 0) {
                 ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(fileName).c_str());
                 continue;
@@ -791,7 +744,7 @@ void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, ui
             struct stat st {};
             if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
             if (S_ISDIR(st.st_mode)) {
-                const int64_t size = TreeSizeAt(fd, entry->d_name, st.st_size);
+                const int64_t size = FileUtil::TreeSizeAt(fd, entry->d_name, st.st_size);
                 if (size > 0) after += static_cast<uint64_t>(size);
             } else if (S_ISREG(st.st_mode) && Contains(entry->d_name, ".zip")) {
                 after += static_cast<uint64_t>(st.st_size);
