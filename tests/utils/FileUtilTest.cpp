@@ -55,48 +55,46 @@ protected:
 
 }  // namespace
 
-TEST(FileUtilTest, ExistenceModesAndSizes) {
-    TempDir tmp;
-    ASSERT_EQ(symlink("missing", tmp.Sub("dangling").c_str()), 0);
-    EXPECT_FALSE(FileUtil::FileExist(tmp.Sub("dangling")));
-    EXPECT_FALSE(FileUtil::ChangeMode(tmp.Sub("nope"), 0600));
-    EXPECT_EQ(FileUtil::GetFileSize(tmp.Sub("nope")), 0);
+TEST_F(FileUtilTree, ExistenceModesAndSizes) {
+    ASSERT_EQ(symlink("missing", tmp_.Sub("dangling").c_str()), 0);
+    EXPECT_FALSE(FileUtil::FileExist(tmp_.Sub("dangling")));
+    EXPECT_FALSE(FileUtil::ChangeMode(tmp_.Sub("nope"), 0600));
+    EXPECT_EQ(FileUtil::GetFileSize(tmp_.Sub("nope")), 0);
     // 5 GiB + 7 bytes (sparse): only the low 32 bits survive.
-    const std::string big = tmp.Sub("big");
+    const std::string big = tmp_.Sub("big");
     ASSERT_TRUE(WriteFile(big, ""));
     ASSERT_EQ(truncate(big.c_str(), (5LL << 30) + 7), 0);
     EXPECT_EQ(FileUtil::GetFileSize(big), (1 << 30) + 7);
     EXPECT_TRUE(FileUtil::ChangeMode(big, 0640));
     EXPECT_EQ(ModeOf(big), 0640u);
     // A link is no way to someone else's mode.
-    ASSERT_EQ(symlink(big.c_str(), tmp.Sub("link").c_str()), 0);
-    EXPECT_FALSE(FileUtil::ChangeMode(tmp.Sub("link"), 0777));
+    ASSERT_EQ(symlink(big.c_str(), tmp_.Sub("link").c_str()), 0);
+    EXPECT_FALSE(FileUtil::ChangeMode(tmp_.Sub("link"), 0777));
     EXPECT_EQ(ModeOf(big), 0640u);
 }
 
-TEST(FileUtilTest, CreateDirectoryWithOwner) {
-    TempDir tmp;
+TEST_F(FileUtilTree, CreateDirectoryWithOwner) {
     const mode_t oldMask = umask(077);
-    ASSERT_EQ(chmod(tmp.path().c_str(), 0700), 0);
-    EXPECT_TRUE(FileUtil::CreateDirectoryWithOwner(tmp.Sub("x/y/z/"), 4321, 4322));
+    ASSERT_EQ(chmod(tmp_.path().c_str(), 0700), 0);
+    EXPECT_TRUE(FileUtil::CreateDirectoryWithOwner(tmp_.Sub("x/y/z/"), 4321, 4322));
     // Everything created ends at 0775 despite the mask; the parent found is untouched.
-    EXPECT_EQ(ModeOf(tmp.Sub("x")), 0775u);
-    EXPECT_EQ(ModeOf(tmp.Sub("x/y/z")), 0775u);
-    EXPECT_EQ(ModeOf(tmp.path()), 0700u);
+    EXPECT_EQ(ModeOf(tmp_.Sub("x")), 0775u);
+    EXPECT_EQ(ModeOf(tmp_.Sub("x/y/z")), 0775u);
+    EXPECT_EQ(ModeOf(tmp_.path()), 0700u);
     // An existing directory only changes hands.
-    ASSERT_EQ(chmod(tmp.Sub("x/y").c_str(), 0700), 0);
-    EXPECT_TRUE(FileUtil::CreateDirectoryWithOwner(tmp.Sub("x/y"), 4321, 4322));
-    EXPECT_EQ(ModeOf(tmp.Sub("x/y")), 0700u);
+    ASSERT_EQ(chmod(tmp_.Sub("x/y").c_str(), 0700), 0);
+    EXPECT_TRUE(FileUtil::CreateDirectoryWithOwner(tmp_.Sub("x/y"), 4321, 4322));
+    EXPECT_EQ(ModeOf(tmp_.Sub("x/y")), 0700u);
     if (getuid() == 0) {
-        EXPECT_EQ(Lstat(tmp.Sub("x/y/z")).st_uid, 4321u);
-        EXPECT_EQ(Lstat(tmp.Sub("x/y")).st_gid, 4322u);
-        EXPECT_EQ(Lstat(tmp.Sub("x")).st_uid, 0u);  // parents keep their owner
+        EXPECT_EQ(Lstat(tmp_.Sub("x/y/z")).st_uid, 4321u);
+        EXPECT_EQ(Lstat(tmp_.Sub("x/y")).st_gid, 4322u);
+        EXPECT_EQ(Lstat(tmp_.Sub("x")).st_uid, 0u);  // parents keep their owner
     }
-    ASSERT_TRUE(WriteFile(tmp.Sub("plain"), "x"));
+    ASSERT_TRUE(WriteFile(tmp_.Sub("plain"), "x"));
     platform::LogCapture capture;
-    EXPECT_FALSE(FileUtil::CreateDirectoryWithOwner(tmp.Sub("plain/q/r"), 1000, 1000));
-    EXPECT_TRUE(capture.HasLine("[CreateDirectory] mkdir " + tmp.Sub("plain/q") + " failed, " +
-                                     tmp.Sub("plain/q/r") + ", err:Not a directory",
+    EXPECT_FALSE(FileUtil::CreateDirectoryWithOwner(tmp_.Sub("plain/q/r"), 1000, 1000));
+    EXPECT_TRUE(capture.HasLine("[CreateDirectory] mkdir " + tmp_.Sub("plain/q") + " failed, " +
+                                     tmp_.Sub("plain/q/r") + ", err:Not a directory",
                                  "Tarnis-FileUtil", ANDROID_LOG_ERROR));
 
     // A relative path starts at the root, which is the sandbox's, never the
@@ -105,11 +103,11 @@ TEST(FileUtilTest, CreateDirectoryWithOwner) {
     char cwd[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
     ASSERT_EQ(chdir(elsewhere.path().c_str()), 0);
-    platform::SetRoot(tmp.path());
+    platform::SetRoot(tmp_.path());
     const std::string unique = "tarnis-rel-" + std::to_string(getpid());
     EXPECT_TRUE(FileUtil::CreateDirectoryWithOwner(unique + "/b/", 1000, 1000));
-    EXPECT_EQ(ModeOf(tmp.Sub(unique)), 0775u);
-    EXPECT_EQ(ModeOf(tmp.Sub(unique + "/b")), 0775u);
+    EXPECT_EQ(ModeOf(tmp_.Sub(unique)), 0775u);
+    EXPECT_EQ(ModeOf(tmp_.Sub(unique + "/b")), 0775u);
     EXPECT_FALSE(FileUtil::FileExist("/" + unique));
     EXPECT_FALSE(FileUtil::FileExist(elsewhere.Sub(unique)));
     platform::SetRoot("/");

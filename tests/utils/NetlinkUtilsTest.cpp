@@ -67,22 +67,18 @@ Bytes Message(uint8_t command, const Bytes& attrs, uint32_t seq = 7) {
     return out;
 }
 
-Bytes Rates(uint8_t mcs, int vht, int he, int eht) {
-    Bytes out = Attr(2, {mcs});
-    if (vht >= 0) out = Cat({out, Attr(6, {static_cast<uint8_t>(vht)})});
-    if (he >= 0) out = Cat({out, Attr(13, {static_cast<uint8_t>(he)})});
-    if (eht >= 0) out = Cat({out, Attr(19, {static_cast<uint8_t>(eht)})});
-    return out;
-}
+Bytes U8(uint16_t type, int value) { return Attr(type, {static_cast<uint8_t>(value)}); }
+// A rate with only the legacy MCS, or with the VHT, HE and EHT ones too.
+Bytes Rates(int mcs) { return U8(2, mcs); }
+Bytes Rates(int mcs, int vht, int he, int eht) { return Cat({U8(2, mcs), U8(6, vht), U8(13, he), U8(19, eht)}); }
 
 Bytes StaInfo(std::initializer_list<Bytes> inner) { return Attr(21, Cat(inner)); }
 const Bytes kSignal = Attr(7, {0xC0});  // -64 dBm
 const Bytes kChains = Attr(26, Attr(0, {0xC1}));
 
 Bytes FullStation() {
-    return StaInfo({Attr(7, {static_cast<uint8_t>(-52)}),
-                    Attr(26, Cat({Attr(0, {static_cast<uint8_t>(-50)}), Attr(1, {static_cast<uint8_t>(-55)})})),
-                    Attr(8, Rates(7, 9, 11, 13)), Attr(14, Rates(5, 8, 10, 12))});
+    return StaInfo({U8(7, -52), Attr(26, Cat({U8(0, -50), U8(1, -55)})), Attr(8, Rates(7, 9, 11, 13)),
+                    Attr(14, Rates(5, 8, 10, 12))});
 }
 
 // The error lines of the netlink tag, in order.
@@ -117,19 +113,19 @@ TEST(NetlinkUtilsTest, StationReplyFieldsAndWhatIsMissing) {
         {"every field", Message(19, FullStation()), {-52, -50, -55, 0, 0, 7, 9, 11, 13, 5, 8, 10, 12}, {}},
         {"legacy rates, a chain beyond 3",
          Message(19, StaInfo({kSignal, Attr(26, Cat({Attr(2, {0xD0}), Attr(5, {0xE0})})),
-                              Attr(8, Rates(3, -1, -1, -1)), Attr(14, Rates(4, -1, -1, -1))})),
+                              Attr(8, Rates(3)), Attr(14, Rates(4))})),
          {-64, 0, 0, -48, 0, 3, -1, -1, -1, 4, -1, -1, -1},
          {"Unexpected chain type:5"}},
         {"wrong command", Message(20, FullStation()), kDefaults,
          {"Wrong command in response to a get station request: 20"}},
         {"no station info", Message(19, Attr(3, {1, 0, 0, 0})), kDefaults, {"Failed to get NL80211_ATTR_STA_INFO"}},
-        {"no signal", Message(19, StaInfo({Attr(8, Rates(1, -1, -1, -1))})), kDefaults,
+        {"no signal", Message(19, StaInfo({Attr(8, Rates(1))})), kDefaults,
          {"Failed to get NL80211_STA_INFO_SIGNAL"}},
-        {"no chains", Message(19, StaInfo({kSignal, Attr(8, Rates(1, -1, -1, -1))})), kSignalOnly,
+        {"no chains", Message(19, StaInfo({kSignal, Attr(8, Rates(1))})), kSignalOnly,
          {"Failed to get NL80211_STA_INFO_CHAIN_SIGNAL_AVG"}},
         {"no bit rates", Message(19, StaInfo({kSignal, kChains})), {-64, -63, 0, 0, 0, -1, -1, -1, -1, -1, -1, -1, -1},
          {"Failed to get NL80211_STA_INFO_TX_BITRATE"}},
-        {"no receive rate", Message(19, StaInfo({kSignal, kChains, Attr(8, Rates(3, 4, -1, -1))})),
+        {"no receive rate", Message(19, StaInfo({kSignal, kChains, Attr(8, Cat({Rates(3), U8(6, 4)}))})),
          {-64, -63, 0, 0, 0, 3, 4, -1, -1, -1, -1, -1, -1},
          {"Failed to get NL80211_STA_INFO_RX_BITRATE"}},
         {"station info longer than the message", Patched(Message(19, FullStation()), kAttrsAt, uint16_t{0x7000}),
