@@ -41,9 +41,9 @@ Bytes Attr(uint16_t type, const Bytes& payload) {
     return out;
 }
 
-Bytes Cat(std::initializer_list<Bytes> parts) {
+Bytes Cat(std::initializer_list<Bytes> pieces) {
     Bytes out;
-    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+    for (const Bytes& p : pieces) out.insert(out.end(), p.begin(), p.end());
     return out;
 }
 

@@ -86,7 +86,7 @@ TEST(SocketFilterTest, ParseMacAddressReadsHexPairsAndStopsAtABadPart) {
         return mac;
     };
     EXPECT_EQ(parse("AA:bb:0c:D1:e2:F3"), (Mac{0xAA, 0xBB, 0x0C, 0xD1, 0xE2, 0xF3}));
-    // A part of one character ends parsing; parts beyond six are ignored.
+    // A group of one character ends parsing; groups beyond six are ignored.
     EXPECT_EQ(parse("AA:B:CC"), (Mac{0xAA, 2, 3, 4, 5, 6}));
     EXPECT_EQ(parse("11:12:13:14:15:16:17"), (Mac{0x11, 0x12, 0x13, 0x14, 0x15, 0x16}));
     // A stray character counts as 0 and is reported once per character.
