@@ -200,7 +200,7 @@ TEST_F(ZipFileTest, ManyFilesOfManyBlocksKeepTheirOrderAndBytes) {
     // reaches back across the cuts into the window before each block.
     std::mt19937 gen(11);
     std::string mixed;
-    for (int part = 0; part < 9; ++part) {
+    for (int round = 0; round < 9; ++round) {
         for (int line = 0; line < 3000; ++line) {
             mixed += "11-23 10:00:0" + std::to_string(gen() % 10) + " I Thermal: zone " +
                      std::to_string(gen() % 40) + " temp " + std::to_string(gen() % 90000) + "\n";
