@@ -24,15 +24,20 @@ protected:
 
 }  // namespace
 
-TEST_F(PathsTest, GetPutsDevicePathsBelowTheRoot) {
+TEST_F(PathsTest, DevicePathsGoBelowTheRootAndBack) {
     TempDir root;
     platform::SetRoot(root.path());
-    EXPECT_EQ(paths::Get(std::string(paths::kAnrDir) + "trace_1"), root.path() + "/data/anr/trace_1");
+    EXPECT_EQ(paths::Get("/data/anr/trace_1"), root.path() + "/data/anr/trace_1");
     // Mapping twice is harmless; a relative path is nobody's device path.
-    EXPECT_EQ(paths::Get(paths::Get(paths::kAnrDir)), root.path() + "/data/anr/");
+    EXPECT_EQ(paths::Get(paths::Get("/data/anr/")), root.path() + "/data/anr/");
     EXPECT_EQ(paths::Get("relative/name"), "relative/name");
     EXPECT_EQ(paths::DeviceOf(root.path() + "/data/anr/x"), "/data/anr/x");
-    EXPECT_EQ(paths::Get(paths::kBootmonitorLog, false), root.path() + "/cache/dorva/bootmonitor_log.txt");
+    // Only what lies below the root has a device path of its own.
+    EXPECT_EQ(paths::DeviceOf(root.path() + "x/y"), root.path() + "x/y");
+    EXPECT_EQ(paths::DeviceOf("/data/anr/x"), "/data/anr/x");
+    // The rescue partition on A/B devices, the cache partition on others.
+    EXPECT_EQ(paths::Get(paths::kBootmonitorLog, true), root.path() + paths::kBootmonitorLog.rescue);
+    EXPECT_EQ(paths::Get(paths::kBootmonitorLog, false), root.path() + paths::kBootmonitorLog.cache);
 }
 
 // Outside paths stay in their tree whichever way the walk is done: the

@@ -44,7 +44,7 @@ TEST(StringUtilTest, TrimAffixesAndTailPaths) {
     EXPECT_EQ(Tail("/data/dorva/online//cap.txt", 2), "cap.txt");
 }
 
-TEST(StringUtilTest, ForLogKeepsTextAndEscapesEverythingElse) {
+TEST(StringUtilTest, ForLogKeepsTextEscapesEverythingElseAndCutsAtTheLimit) {
     EXPECT_EQ(StringUtil::ForLog(""), "");
     EXPECT_EQ(StringUtil::ForLog("velmar.tarnis.logmgr.config_append"), "velmar.tarnis.logmgr.config_append");
     // Valid UTF-8 (two, three and four bytes, and a no-break space) is kept.
@@ -67,14 +67,12 @@ TEST(StringUtilTest, ForLogKeepsTextAndEscapesEverythingElse) {
     std::string all;
     for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
     for (unsigned char c : StringUtil::ForLog(all)) EXPECT_TRUE(c >= 0x20 && c < 0x7f) << int(c);
-}
 
-TEST(StringUtilTest, ForLogCutsAtTheLimitWithoutSplittingAnything) {
+    // Cut at the limit without splitting anything: an escape or a character
+    // that would cross it is left out whole; the count is of the original bytes.
     EXPECT_EQ(StringUtil::ForLog(std::string(5000, 'a')), std::string(1024, 'a') + "...[3976 more bytes]");
     EXPECT_EQ(StringUtil::ForLog(std::string(1024, 'a')), std::string(1024, 'a'));
     EXPECT_EQ(StringUtil::ForLog("abcdefghijklmno", 10), "abcdefghij...[5 more bytes]");
-    // An escape or a character that would cross the limit is left out whole;
-    // the count is of the original bytes.
     EXPECT_EQ(StringUtil::ForLog("aaaaaaaa\x01" "b", 10), "aaaaaaaa...[2 more bytes]");
     EXPECT_EQ(StringUtil::ForLog("aaaaaaaaa\xe2\x82\xac", 10), "aaaaaaaaa...[3 more bytes]");
     EXPECT_EQ(StringUtil::ForLog("aaaaaaaaa\\", 10), "aaaaaaaaa...[1 more bytes]");
@@ -91,7 +89,7 @@ TEST(FileUtilTest, HumanSizes) {
     EXPECT_EQ(FileUtil::formatHumanSize(2UL << 40), "2048.00 GB");
 }
 
-TEST(JsonUtilTest, DeepDocumentsAreRefusedWithoutThrowing) {
+TEST(JsonUtilTest, DeepOrBrokenDocumentsAreRefusedWithOneShortReason) {
     platform::LogCapture capture;
     // The document and the offset of its 65th opening bracket.
     const std::pair<std::string, size_t> cases[] = {
@@ -123,14 +121,12 @@ TEST(JsonUtilTest, DeepDocumentsAreRefusedWithoutThrowing) {
                                                   " */ [1] // " + std::string(100, '['),
                                               value));
     EXPECT_EQ(value[0].asInt(), 1);
-}
 
-TEST(JsonUtilTest, ParseErrorsGiveOneShortPrintableReason) {
-    platform::LogCapture capture;
-    Json::Value value(5);
+    // Any other parse error: one short printable reason, nothing half-built.
+    value = 5;
     std::string error;
     EXPECT_FALSE(JsonUtil::ConvertStringToJson("{\"a\": ", value, &error));
-    EXPECT_TRUE(value.isNull());  // nothing half-built is left behind
+    EXPECT_TRUE(value.isNull());
     EXPECT_EQ(error.rfind("not valid JSON at byte ", 0), 0u) << error;
     // jsoncpp quotes the offending token; a long one is cut.
     const std::string token = "1e" + std::string(5000, '9');
