@@ -82,13 +82,18 @@ protected:
     // How depth 0 names an entry: the full path less its leading "/".
     std::string Rel(const std::string& relative) const { return tmp_.Sub(relative).substr(1); }
     // Packs `paths` into out.zip and reads it back; returns close()'s result.
-    bool Pack(std::vector<std::string> paths, int depth, std::vector<Entry>* entries) {
+    // `missing` gets the files the writer says are not in the archive whole.
+    bool Pack(std::vector<std::string> paths, int depth, std::vector<Entry>* entries,
+              std::vector<std::string>* missing = nullptr) {
         const std::string archive = tmp_.Sub("out.zip");
         bool closed;
         {
             ZipFile zip(std::move(paths), depth);
             EXPECT_TRUE(zip.create(archive));
             closed = zip.close();
+            for (const velmar::kolto::ZipMissing& m : zip.missing()) {
+                if (missing != nullptr) missing->push_back(m.path + ": " + m.why);
+            }
         }
         EXPECT_TRUE(ReadArchive(archive, entries));
         // A second reader of its own, the unzip tool, for every archive with entries.
@@ -108,8 +113,9 @@ protected:
 TEST_F(ZipFileTest, DepthZeroNamesByFullPathWithDirectoryEntries) {
     const time_t now = time(nullptr);
     std::vector<Entry> entries;
-    EXPECT_TRUE(Pack({tmp_.Sub("logs"), tmp_.Sub("single.txt"), tmp_.Sub("logs/empty")}, 0,
-                     &entries));
+    std::vector<std::string> missing;
+    EXPECT_TRUE(Pack({tmp_.Sub("logs"), tmp_.Sub("single.txt"), tmp_.Sub("logs/empty")}, 0, &entries, &missing));
+    EXPECT_TRUE(missing.empty());
     ASSERT_EQ(entries.size(), 5u);
     // A directory's own entry comes first, then its files as listed;
     // subdirectories get none, an empty directory only its own.
@@ -177,11 +183,15 @@ TEST_F(ZipFileTest, TailDepthSkipsAndLogsWhatCannotBePacked) {
     ASSERT_EQ(symlink(tmp_.Sub("outside/secret").c_str(), tmp_.Sub("listed").c_str()), 0);
     ASSERT_EQ(mkfifo(tmp_.Sub("fifo").c_str(), 0600), 0);
     std::vector<Entry> entries;
+    std::vector<std::string> missing;
     // The doubled slash packaging inserts keeps a capture file's bare name.
     // Reading /proc/self/mem at offset 0 fails with EIO.
     EXPECT_TRUE(Pack({tmp_.Sub("gone.log"), tmp_.Sub("logs"), tmp_.Sub("online//cap.txt"), tmp_.Sub("listed"),
                       tmp_.Sub("fifo"), "/proc/self/mem"},
-                     2, &entries));
+                     2, &entries, &missing));
+    // Links, the fifo and a file already gone are never packed by design;
+    // only the file that failed to read is lost to the archive.
+    EXPECT_EQ(missing, std::vector<std::string>{"/proc/self/mem: read failed: Input/output error"});
     EXPECT_EQ(SortedNames(entries), (std::vector<std::string>{"cap.txt", "logs/a.txt", "self/mem", "sub/b.bin"}));
     EXPECT_EQ(entries[2].content, "capture");
     EXPECT_EQ(entries[3].content, "");
