@@ -14,6 +14,8 @@
 
 #include "framework/BroadcastReceiver.h"
 #include "framework/Intent.h"
+#include "framework/IntentFilter.h"
+#include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisHandler.h"
 #include "tests/support/WaitFor.h"
 
@@ -65,6 +67,17 @@ private:
     const std::chrono::milliseconds delay_;
     mutable std::mutex lock_;
     mutable std::vector<velmar::kolto::Intent> received_;
+};
+
+// Registered with the internal manager for `action` while it exists.
+class InternalReceiver : public RecordingReceiver {
+public:
+    explicit InternalReceiver(const std::string& action,
+                              std::chrono::milliseconds delay = std::chrono::milliseconds(0))
+        : RecordingReceiver(delay) {
+        velmar::kolto::InternalBroadcastManager::registerReceiver(this, velmar::kolto::IntentFilter({action}));
+    }
+    ~InternalReceiver() override { velmar::kolto::InternalBroadcastManager::unregisterReceiver(this); }
 };
 
 // Holds a looper's thread inside a task until Release() or its end, so that
