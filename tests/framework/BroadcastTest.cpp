@@ -57,7 +57,7 @@ TEST(BroadcastTest, ExtrasSerialiseInKeyOrderWithTypeCodes) {
               "{\"key\":\"int32\",\"value\":-42,\"value_type\":6},"
               "{\"key\":\"int64\",\"value\":-9000000000123,\"value_type\":5},"
               "{\"key\":\"json\",\"value\":{\"list\":[\"v\"],\"n\":3},\"value_type\":0},"
-              "{\"key\":\"string\",\"value\":\"h\xc3\xa9llo \\\"quoted\\\"\",\"value_type\":2},"
+              "{\"key\":\"string\",\"value\":\"h\\u00e9llo \\\"quoted\\\"\",\"value_type\":2},"
               "{\"key\":\"z\",\"value_type\":7}]}\n");
     EXPECT_EQ(CountExact(capture,
                          "[generateJsonValueByExtra] Unknown Type! value is not the supported type. "

@@ -224,35 +224,6 @@ TEST_F(MessageLoop, AStaleReferenceNeverRemovesALaterUsersMessage) {
     EXPECT_FALSE(handler->hasMessage(second));
 }
 
-TEST_F(MessageLoop, IdleOnlyWhileWaitingWithNothingDue) {
-    Start("LoopIdle");
-    TarnisLooper* const mine = looper;
-    auto listed = [mine] {
-        for (const auto& each : TarnisLooperManager::getInstance().loopers()) {
-            if (each.get() == mine) return true;
-        }
-        return false;
-    };
-    EXPECT_TRUE(listed());
-    blocker.Block(*handler);
-    const uint64_t before = looper->dispatched();
-    Add("now");
-    AddLater("hour", kHourMs);
-    EXPECT_FALSE(looper->isIdle());
-    blocker.Release();
-
-    // Waiting for a message due in an hour: idle, the two tasks counted.
-    ASSERT_TRUE(clock.WaitForWaiters(1));
-    EXPECT_TRUE(looper->isIdle());
-    EXPECT_EQ(looper->dispatched(), before + 2);
-    clock.Advance(kHourMs);
-    ASSERT_TRUE(journal.WaitForSize(2));
-    ASSERT_TRUE(tarnis_test::WaitFor([this] { return looper->isIdle(); }));
-    EXPECT_EQ(looper->dispatched(), before + 3);
-    Delete();
-    EXPECT_FALSE(listed());
-}
-
 TEST_F(MessageLoop, CallbackMessagesAndPriorityQueue) {
     std::atomic<int> deleted{0};
     Start("LoopPrio", [&](TarnisMessage* msg) {
@@ -286,52 +257,51 @@ TEST_F(MessageLoop, CallbackMessagesAndPriorityQueue) {
     EXPECT_EQ(deleted.load(), 1);
 }
 
-TEST_F(MessageLoop, QuitSafelyDispatchesEverythingQueuedIncludingDelayed) {
+// A safe quit runs what is queued, delayed messages as they fall due and not
+// before; the destructor's quit is not safe: it ends the wait for a message
+// due tomorrow, which never runs.
+TEST_F(MessageLoop, QuitSafelyRunsWhatFallsDueUntilTheThreadIsDestroyed) {
     Start("LoopSafe");
     const int tid = LooperTid(*handler);
     blocker.Block(*handler);
+    auto token = std::make_shared<int>(0);
     Add("a");
     AddLater("delayed", 2000);
     Add("b");
+    AddLater("tomorrow", kDayMs, token);
     EXPECT_TRUE(thread->quitSafely());
     EXPECT_FALSE(thread->quitSafely());
     blocker.Release();
-    // A safe quit waits for the delayed message to fall due, and not less.
     ASSERT_TRUE(clock.WaitForWaiters(1));
     clock.Advance(1999);
     ASSERT_TRUE(clock.WaitForWaiters(1));
     EXPECT_EQ(journal.Entries(), (List{"b", "a"}));
-    EXPECT_FALSE(thread->hasExited());
     clock.Advance(1);
-    // After a quit, getLooper() returns null once the thread has ended.
-    EXPECT_EQ(thread->getLooper(), nullptr);
-    EXPECT_TRUE(thread->hasExited());
+    ASSERT_TRUE(clock.WaitForWaiters(1));
     EXPECT_EQ(journal.Entries(), (List{"b", "a", "delayed"}));
-    EXPECT_FALSE(thread->quitSafely());
-    Delete();
+    EXPECT_FALSE(thread->hasExited());
+    ASSERT_TRUE(DeleteInTime());
+    EXPECT_EQ(journal.Entries(), (List{"b", "a", "delayed"}));
+    EXPECT_EQ(token.use_count(), 1);
 
     const std::string name = "LoopSafe(" + std::to_string(tid) + ")";
     const struct {
         std::string text;
         const char* tag;
         int prio;
-        size_t count;
     } lines[] = {
-        {"[quit] Looper quiting...", kLooperTag, ANDROID_LOG_DEBUG, 1},
-        {"[quit] queue notified..", kLooperTag, ANDROID_LOG_DEBUG, 1},
-        {"[quit] Looper stops waiting for delayed messages", kLooperTag, ANDROID_LOG_DEBUG, 0},
+        {"[quit] Looper quiting...", kLooperTag, ANDROID_LOG_DEBUG},
+        {"[quit] queue notified..", kLooperTag, ANDROID_LOG_DEBUG},
+        {"[quit] Looper stops waiting for delayed messages", kLooperTag, ANDROID_LOG_DEBUG},
         // The drain is timed on the process's clock, which stood still.
-        {"[_loop] _loop(124) clear message cost 0 us.", kLooperTag, ANDROID_LOG_INFO, 1},
-        {"[getLooper] getLooper() thread had exit.", kThreadTag, ANDROID_LOG_INFO, 1},
-        {"[run] " + name + " entered loop.", kThreadTag, ANDROID_LOG_INFO, 1},
-        {"[run] " + name + " exit loop.", kThreadTag, ANDROID_LOG_INFO, 1},
-        {"[run] " + name + " exited.", kThreadTag, ANDROID_LOG_INFO, 1},
-        {"[~TarnisHandlerThread] ~TarnisHandlerThread", kThreadTag, ANDROID_LOG_DEBUG, 1},
-        {"[~TarnisHandlerThread] ~TarnisHandlerThread Done", kThreadTag, ANDROID_LOG_DEBUG, 1},
+        {"[_loop] _loop(124) clear message cost 0 us.", kLooperTag, ANDROID_LOG_INFO},
+        {"[run] " + name + " entered loop.", kThreadTag, ANDROID_LOG_INFO},
+        {"[run] " + name + " exit loop.", kThreadTag, ANDROID_LOG_INFO},
+        {"[run] " + name + " exited.", kThreadTag, ANDROID_LOG_INFO},
+        {"[~TarnisHandlerThread] ~TarnisHandlerThread", kThreadTag, ANDROID_LOG_DEBUG},
+        {"[~TarnisHandlerThread] ~TarnisHandlerThread Done", kThreadTag, ANDROID_LOG_DEBUG},
     };
-    for (const auto& line : lines) {
-        EXPECT_EQ(CountExact(capture, line.text, line.tag, line.prio), line.count) << line.text;
-    }
+    for (const auto& line : lines) EXPECT_EQ(CountExact(capture, line.text, line.tag, line.prio), 1u) << line.text;
 }
 
 // A quit that is not safe ends the loop at once, whether it waits for a
@@ -352,42 +322,29 @@ TEST_F(MessageLoop, QuitDropsWhatIsQueuedAndEndsAWaitAtOnce) {
         }
         AddLater("tomorrow", kDayMs, token);
         AddLater("later", kDayMs + 1, token);
-        if (!busy) ASSERT_TRUE(clock.WaitForWaiters(1));
+        if (!busy) {
+            ASSERT_TRUE(clock.WaitForWaiters(1));
+        }
 
         thread->quit();
         busyWith.Release();
-        // Joined with the clock standing still.
+        // The thread ends with the clock standing still; then getLooper() says
+        // so, and a safe quit is refused.
+        EXPECT_TRUE(tarnis_test::WaitFor([this] { return thread->hasExited(); }));
+        EXPECT_EQ(thread->getLooper(), nullptr);
+        EXPECT_FALSE(thread->quitSafely());
         ASSERT_TRUE(DeleteInTime());
         EXPECT_EQ(clock.Waiters(), 0u);
         EXPECT_EQ(token.use_count(), 1);
         EXPECT_EQ(deleted.load(), busy ? 1 : 0);
         EXPECT_EQ(CountExact(log, "[quit] Looper quiting...", kLooperTag, ANDROID_LOG_DEBUG), 1u);
         EXPECT_EQ(CountExact(log, "[_loop] _loop(124) clear message cost 0 us.", kLooperTag, ANDROID_LOG_INFO), 1u);
+        EXPECT_EQ(CountExact(log, "[getLooper] getLooper() thread had exit.", kThreadTag, ANDROID_LOG_INFO), 1u);
         // What the loop did not run never runs.
         clock.Advance(2 * kDayMs);
         EXPECT_FALSE(handler->hasMessages(0));
         EXPECT_TRUE(journal.Entries().empty());
     }
-}
-
-TEST_F(MessageLoop, DestroyingAfterASafeQuitRunsWhatIsDueAndDropsWhatIsNot) {
-    Start("LoopTeardown");
-    blocker.Block(*handler);
-    auto token = std::make_shared<int>(0);
-    AddLater("tomorrow", kDayMs, token);
-    AddLater("soon", 5);
-    Add("now");
-    EXPECT_TRUE(thread->quitSafely());
-    clock.Advance(5);
-    blocker.Release();
-    // The destructor's quit is not safe: it ends the safe quit's wait for the
-    // message due tomorrow, once what is due has run.
-    ASSERT_TRUE(DeleteInTime());
-    EXPECT_EQ(journal.Entries(), (List{"now", "soon"}));
-    EXPECT_EQ(token.use_count(), 1);
-    EXPECT_EQ(CountExact(capture, "[quit] Looper quiting...", kLooperTag, ANDROID_LOG_DEBUG), 1u);
-    EXPECT_EQ(CountExact(capture, "[quit] Looper stops waiting for delayed messages", kLooperTag, ANDROID_LOG_DEBUG),
-              1u);
 }
 
 // No looper at all, a thread that ended after looping, or one quit before its

@@ -266,7 +266,9 @@ TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread
 
         // Removed safely, the module still ran what was due; the task due
         // tomorrow went with its thread either way.
-        if (safely) EXPECT_EQ(events().Count("flaky-due"), due + 1);
+        if (safely) {
+            EXPECT_EQ(events().Count("flaky-due"), due + 1);
+        }
         EXPECT_EQ(events().Count("flaky-late"), 0u);
         EXPECT_FALSE(handler->hasMessage(tomorrow));
         EXPECT_EQ(CountExact(log, "[quit] Looper stops waiting for delayed messages", "Tarnis-TarnisLooper",
