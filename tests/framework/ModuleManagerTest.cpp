@@ -22,6 +22,7 @@
 #include "platform/LogCapture.h"
 #include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/ManagerThread.h"
 
 using namespace velmar::kolto;
 using tarnis_test::CountExact;
@@ -95,16 +96,6 @@ std::string Dump(std::vector<const char*> args) {
     return out;
 }
 
-// Waits until the manager thread has run everything queued before now. A
-// delayed marker sorts behind every message sent "now".
-void SyncManager() {
-    for (int round = 0; round < 2; ++round) {
-        auto done = std::make_shared<std::promise<void>>();
-        ModuleManager::GetManagerHandler()->postDelayed([done] { done->set_value(); }, 1);
-        ASSERT_EQ(done->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    }
-}
-
 // Loads the modules once per process and keeps the log and the events of
 // that pass, before any test reloads modules.
 struct LoadPass {
@@ -115,7 +106,7 @@ const LoadPass& LoadOnce() {
     static const LoadPass* pass = [] {
         auto* loaded = new LoadPass;
         ModuleManager::loadModules();
-        SyncManager();
+        tarnis_test::DrainManagerThread();
         for (const char* m : {"First", "Alpha", "Zebra"}) {
             EXPECT_TRUE(events().WaitForCount(std::string("loaded:") + m + "@" + m));
         }
@@ -215,7 +206,7 @@ TEST(ModuleManager, LoadCommandReloadsOnlyRemovedModules) {
     int created = gFlakyCreated.load();
     EXPECT_EQ(Dump({"ModuleManager", "load", "Flaky"}), kFailed);
     EXPECT_EQ(gFlakyCreated.load(), created + 1);
-    SyncManager();
+    tarnis_test::DrainManagerThread();
     EXPECT_EQ(Dump({"Flaky"}), "Module Flaky is not running\n");
 
     gFlakyInitOk = true;
@@ -296,6 +287,6 @@ TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
         EXPECT_EQ(GetModuleList().size(), 4u);
     }
     removeModule("Ghost", false);
-    SyncManager();
+    tarnis_test::DrainManagerThread();
     EXPECT_EQ(CountExact(log, "[operator()] module Ghost not found!!!", kTag, ANDROID_LOG_ERROR), 1u);
 }
