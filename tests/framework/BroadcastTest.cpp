@@ -1,8 +1,6 @@
 #include <atomic>
-#include <condition_variable>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -17,167 +15,87 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisLooper.h"
 #include "platform/LogCapture.h"
+#include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/ManagerThread.h"
 
 using namespace velmar::kolto;
 using tarnis_test::CountExact;
+using tarnis_test::DrainManagerThread;
+using tarnis_test::InternalReceiver;
 using tarnis_test::NumbersInLines;
 
 namespace {
 
-// Records what it receives; Wait() returns once `expected` intents arrived.
-class RecordingReceiver : public BroadcastReceiver {
-public:
-    explicit RecordingReceiver(std::chrono::milliseconds delay = std::chrono::milliseconds(0)) : delay_(delay) {}
-    void onReceive(Intent intent) const override {
-        std::this_thread::sleep_for(delay_);
-        std::lock_guard<std::mutex> guard(lock_);
-        received_.push_back(std::move(intent));
-        cond_.notify_all();
-    }
-    bool Wait(size_t expected, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
-        std::unique_lock<std::mutex> guard(lock_);
-        return cond_.wait_for(guard, timeout, [&] { return received_.size() >= expected; });
-    }
-    std::vector<Intent> Received() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return received_;
-    }
-
-private:
-    std::chrono::milliseconds delay_;
-    mutable std::mutex lock_;
-    mutable std::condition_variable cond_;
-    mutable std::vector<Intent> received_;
-};
-
-// Holds the module manager's thread busy until Release(). The state is
-// shared with the blocking task: the task still looks at it after waking,
-// when the blocker may already be gone.
-class ManagerThreadBlocker {
-public:
-    ManagerThreadBlocker() : state_(std::make_shared<State>()) {
-        std::shared_ptr<State> state = state_;
-        ModuleManager::GetManagerHandler()->post([state] {
-            std::unique_lock<std::mutex> guard(state->lock);
-            state->running = true;
-            state->cond.notify_all();
-            state->cond.wait(guard, [&state] { return state->released; });
-        });
-        std::unique_lock<std::mutex> guard(state_->lock);
-        EXPECT_TRUE(state_->cond.wait_for(guard, std::chrono::seconds(10), [this] { return state_->running; }))
-            << "the manager thread never took the blocking task";
-    }
-    ~ManagerThreadBlocker() { Release(); }
-    void Release() {
-        std::lock_guard<std::mutex> guard(state_->lock);
-        state_->released = true;
-        state_->cond.notify_all();
-    }
-
-private:
-    struct State {
-        std::mutex lock;
-        std::condition_variable cond;
-        bool running = false;
-        bool released = false;
-    };
-    std::shared_ptr<State> state_;
-};
-
-using tarnis_test::DrainManagerThread;
+const char kInternalTag[] = "Tarnis-InternalBroadcastManager";
+const char kLocalTag[] = "Tarnis-LocalBroadcastManager";
 
 }  // namespace
 
+// What the peer is sent: every type with its code, in key order. What the
+// peer sends back is read by the refusal cases below.
 TEST(BroadcastTest, ExtrasSerialiseInKeyOrderWithTypeCodes) {
     Intent intent("tarnis.test.SERIALISE");
-    intent.putExtra("c", 7);
-    intent.putExtra("b", std::string("x"));
-    intent.putExtra("a", true);
-    EXPECT_EQ(InternalBroadcastManager::intentToJsonStr(intent),
-              "{\"extras\":[{\"key\":\"a\",\"value\":true,\"value_type\":1},"
-              "{\"key\":\"b\",\"value\":\"x\",\"value_type\":2},"
-              "{\"key\":\"c\",\"value\":7,\"value_type\":6}]}\n");
-
-    // A C string travels as a string; an "any" value has no value and is logged.
-    Intent other("tarnis.test.SERIALISE");
-    other.putExtra("s", "text");
-    struct Opaque {};
-    other.putExtra("z", Opaque{});
-    platform::LogCapture capture;
-    EXPECT_EQ(InternalBroadcastManager::intentToJsonStr(other),
-              "{\"extras\":[{\"key\":\"s\",\"value\":\"text\",\"value_type\":2},"
-              "{\"key\":\"z\",\"value_type\":7}]}\n");
-    EXPECT_EQ(CountExact(capture,
-                         "[generateJsonValueByExtra] Unknown Type! value is not the supported type. "
-                         "Supported type: int boot string float int64_t Json::Value, current type is 7",
-                         "Tarnis-InternalBroadcastManager", ANDROID_LOG_ERROR),
-              1u);
-}
-
-TEST(BroadcastTest, EveryExtraTypeSurvivesTheWireRoundTrip) {
-    RecordingReceiver receiver;
-    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.ROUND"}));
-    Intent intent("tarnis.test.ROUND");
     Json::Value json(Json::objectValue);
     json["n"] = 3;
     json["list"].append("v");
     intent.putExtra("json", json);
+    intent.putExtra("int32", static_cast<int32_t>(-42));
     intent.putExtra("bool", false);
-    intent.putExtra("string", std::string("héllo \"quoted\""));
-    intent.putExtra("cstring", "plain");
+    intent.putExtra("string", std::string("h\xc3\xa9llo \"quoted\""));
     intent.putExtra("float", 1.5f);
     intent.putExtra("int64", static_cast<int64_t>(-9000000000123LL));
-    intent.putExtra("int32", static_cast<int32_t>(-42));
-    InternalBroadcastManager::onTarnisIntlMessageReceived(intent.action,
-                                                          InternalBroadcastManager::intentToJsonStr(intent));
-    ASSERT_TRUE(receiver.Wait(1));
-    Intent got = receiver.Received()[0];
-    EXPECT_EQ(got.action, "tarnis.test.ROUND");
-    EXPECT_EQ(got.fromInternalManager, 1);
-    EXPECT_EQ(got.getExtra<Json::Value>("json", Json::Value()), json);
-    EXPECT_FALSE(got.getExtra<bool>("bool", true));
-    EXPECT_EQ(got.getExtra<std::string>("string", ""), "héllo \"quoted\"");
-    // Read back as an ordinary string.
-    EXPECT_EQ(got.getExtra<std::string>("cstring", ""), "plain");
-    EXPECT_EQ(got.getExtra<float>("float", 0.0f), 1.5f);
-    EXPECT_EQ(got.getExtra<int64_t>("int64", 0), -9000000000123LL);
-    EXPECT_EQ(got.getExtra<int32_t>("int32", 0), -42);
-    EXPECT_EQ(got.extras.size(), 7u);
-    InternalBroadcastManager::unregisterReceiver(&receiver);
+    // A C string travels as a string; an "any" value has no value and is logged.
+    intent.putExtra("cstring", "plain");
+    struct Opaque {};
+    intent.putExtra("z", Opaque{});
+    platform::LogCapture capture;
+    EXPECT_EQ(InternalBroadcastManager::intentToJsonStr(intent),
+              "{\"extras\":[{\"key\":\"bool\",\"value\":false,\"value_type\":1},"
+              "{\"key\":\"cstring\",\"value\":\"plain\",\"value_type\":2},"
+              "{\"key\":\"float\",\"value\":1.5,\"value_type\":4},"
+              "{\"key\":\"int32\",\"value\":-42,\"value_type\":6},"
+              "{\"key\":\"int64\",\"value\":-9000000000123,\"value_type\":5},"
+              "{\"key\":\"json\",\"value\":{\"list\":[\"v\"],\"n\":3},\"value_type\":0},"
+              "{\"key\":\"string\",\"value\":\"h\\u00e9llo \\\"quoted\\\"\",\"value_type\":2},"
+              "{\"key\":\"z\",\"value_type\":7}]}\n");
+    EXPECT_EQ(CountExact(capture,
+                         "[generateJsonValueByExtra] Unknown Type! value is not the supported type. "
+                         "Supported type: int boot string float int64_t Json::Value, current type is 7",
+                         kInternalTag, ANDROID_LOG_ERROR),
+              1u);
 }
 
 TEST(BroadcastTest, MalformedPeerJsonStillDeliversTheAction) {
-    RecordingReceiver receiver;
-    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.BAD"}));
+    InternalReceiver receiver("tarnis.test.BAD");
     platform::LogCapture capture;
-    const char* bodies[] = {
+    const std::string bodies[] = {
         "",
         "{not json",
         "{\"extras\":5}",
         "[1,2]",
         // Past the reader's depth limit: refused before it is parsed.
-        "[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]",
+        std::string(66, '[') + std::string(66, ']'),
     };
-    for (const char* body : bodies) InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.BAD", body);
+    for (const std::string& body : bodies) {
+        InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.BAD", body);
+    }
     ASSERT_TRUE(receiver.Wait(5));
-    auto got = receiver.Received();
-    for (const Intent& intent : got) EXPECT_EQ(intent.action, "tarnis.test.BAD");
-    for (const Intent& intent : got) EXPECT_TRUE(intent.extras.empty());
-    const std::string tag = "Tarnis-InternalBroadcastManager";
+    for (const Intent& intent : receiver.Received()) {
+        EXPECT_EQ(intent.action, "tarnis.test.BAD");
+        EXPECT_TRUE(intent.extras.empty());
+    }
     // The empty body, "{not json" and the deep one are not JSON; "{\"extras\":5}"
     // and "[1,2]" have no extras array.
-    EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] ConvertStringToJson failed!", tag, ANDROID_LOG_ERROR), 3u);
+    EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] ConvertStringToJson failed!", kInternalTag, ANDROID_LOG_ERROR),
+              3u);
     EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] extras is null or not the valid array! intent will no extra info",
-                         tag, ANDROID_LOG_DEBUG),
+                         kInternalTag, ANDROID_LOG_DEBUG),
               2u);
-    InternalBroadcastManager::unregisterReceiver(&receiver);
 }
 
 TEST(BroadcastTest, ExtrasThatDoNotFitTheirTypeAreSkippedAndTheRestDelivered) {
-    RecordingReceiver receiver;
-    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.TYPES"}));
+    InternalReceiver receiver("tarnis.test.TYPES");
     platform::LogCapture capture;
     const char* json = R"({"extras":[
         {"key":"s","value_type":2,"value":"text"},
@@ -201,7 +119,6 @@ TEST(BroadcastTest, ExtrasThatDoNotFitTheirTypeAreSkippedAndTheRestDelivered) {
     InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.TYPES", json);
     ASSERT_TRUE(receiver.Wait(1));
     const Intent got = receiver.Received()[0];
-    EXPECT_EQ(got.action, "tarnis.test.TYPES");
     EXPECT_EQ(got.getExtra<std::string>("s", ""), "text");
     EXPECT_EQ(got.getExtra<int32_t>("i", 0), INT32_MIN);
     EXPECT_EQ(got.getExtra<int64_t>("l", 0), 9007199254740993LL);
@@ -213,31 +130,29 @@ TEST(BroadcastTest, ExtrasThatDoNotFitTheirTypeAreSkippedAndTheRestDelivered) {
     EXPECT_EQ(got.getExtra<std::string>("c", ""), "cs");
     EXPECT_EQ(got.extras.size(), 7u);
 
-    const char* tag = "Tarnis-InternalBroadcastManager";
-    for (const char* line : {
-             "[putExtraByJson] Skipped extra #1 (key k): value \"abc\" does not fit type 6",
-             "[putExtraByJson] Skipped extra #2: key [] is not a string",
-             "[putExtraByJson] Skipped extra #4: value_type \"x\" is not a type code",
-             "[putExtraByJson] Skipped extra #5: value_type 1e+30 is not a type code",
-             "[putExtraByJson] Skipped extra #6 (key o32): value 2147483648 does not fit type 6",
-             "[putExtraByJson] Skipped extra #8 (key of): value 9.9999999999999994e+38 does not fit type 4",
-             "[putExtraByJson] Skipped extra #10 (key fr): value 1.5 does not fit type 6",
-             "[putExtraByJson] Skipped extra #12 (key mv): value null does not fit type 6",
-             "[putExtraByJson] Skipped extra #13: not an object",
-             "[putExtraByJson] Unknown Type! value is not the supported type. Supported type: int boot string "
-             "float int64_t Json::Value, current type is 9",
-         }) {
-        EXPECT_EQ(CountExact(capture, line, tag, ANDROID_LOG_ERROR), 1u) << line;
+    const char* skipped[] = {
+        "[putExtraByJson] Skipped extra #1 (key k): value \"abc\" does not fit type 6",
+        "[putExtraByJson] Skipped extra #2: key [] is not a string",
+        "[putExtraByJson] Skipped extra #4: value_type \"x\" is not a type code",
+        "[putExtraByJson] Skipped extra #5: value_type 1e+30 is not a type code",
+        "[putExtraByJson] Skipped extra #6 (key o32): value 2147483648 does not fit type 6",
+        "[putExtraByJson] Skipped extra #8 (key of): value 9.9999999999999994e+38 does not fit type 4",
+        "[putExtraByJson] Skipped extra #10 (key fr): value 1.5 does not fit type 6",
+        "[putExtraByJson] Skipped extra #12 (key mv): value null does not fit type 6",
+        "[putExtraByJson] Skipped extra #13: not an object",
+        "[putExtraByJson] Unknown Type! value is not the supported type. Supported type: int boot string "
+        "float int64_t Json::Value, current type is 9",
+    };
+    for (const char* line : skipped) {
+        EXPECT_EQ(CountExact(capture, line, kInternalTag, ANDROID_LOG_ERROR), 1u) << line;
     }
-    EXPECT_EQ(capture.Count("[putExtraByJson] ", tag, ANDROID_LOG_ERROR), 10u);
-    InternalBroadcastManager::unregisterReceiver(&receiver);
+    EXPECT_EQ(capture.Count("[putExtraByJson] ", kInternalTag, ANDROID_LOG_ERROR), std::size(skipped));
 }
 
 TEST(BroadcastTest, MatchingHonoursActionAndInternalMarker) {
-    RecordingReceiver internalOnly;
-    RecordingReceiver anyLocal;
+    InternalReceiver internalOnly("tarnis.test.MATCH");
+    tarnis_test::RecordingReceiver anyLocal;
     LocalBroadcastManager& local = LocalBroadcastManager::getInstance();
-    InternalBroadcastManager::registerReceiver(&internalOnly, IntentFilter({"tarnis.test.MATCH"}));
     local.registerReceiver(&anyLocal, IntentFilter({"tarnis.test.MATCH", "tarnis.test.OTHER"}));
 
     EXPECT_FALSE(local.sendBroadcast(Intent("tarnis.test.NOBODY"), false));
@@ -247,8 +162,9 @@ TEST(BroadcastTest, MatchingHonoursActionAndInternalMarker) {
     DrainManagerThread();
     EXPECT_TRUE(internalOnly.Received().empty());
     EXPECT_EQ(CountExact(capture,
-                         "[sendBroadcast] filter not matched. Reason: filter require internal 1 but this broadcast is 0",
-                         "Tarnis-LocalBroadcastManager", ANDROID_LOG_DEBUG),
+                         "[sendBroadcast] filter not matched. Reason: filter require internal 1 "
+                         "but this broadcast is 0",
+                         kLocalTag, ANDROID_LOG_DEBUG),
               1u);
     EXPECT_TRUE(InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.MATCH"), false));
     ASSERT_TRUE(internalOnly.Wait(1));
@@ -259,13 +175,12 @@ TEST(BroadcastTest, MatchingHonoursActionAndInternalMarker) {
 }
 
 TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregistered) {
-    RecordingReceiver kept;
-    RecordingReceiver dropped;
-    InternalBroadcastManager::registerReceiver(&kept, IntentFilter({"tarnis.test.BURST"}));
-    InternalBroadcastManager::registerReceiver(&dropped, IntentFilter({"tarnis.test.BURST"}));
+    InternalReceiver kept("tarnis.test.BURST");
+    InternalReceiver dropped("tarnis.test.BURST");
     std::optional<platform::LogCapture> capture;
     {
-        ManagerThreadBlocker blocker;
+        tarnis_test::LooperBlocker blocker;
+        blocker.Block(*ModuleManager::GetManagerHandler());
         // Counted only from here: a pass of an earlier test may still log its
         // closing line until the blocker runs.
         capture.emplace();
@@ -289,17 +204,15 @@ TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregister
     EXPECT_TRUE(dropped.Received().empty());
     // A single delivery pass served the whole burst.
     EXPECT_EQ(NumbersInLines(*capture, "[executePendingBroadcasts] Called all onReceive callback tooked ", " ms",
-                             "Tarnis-LocalBroadcastManager", ANDROID_LOG_VERBOSE)
+                             kLocalTag, ANDROID_LOG_VERBOSE)
                   .size(),
               1u);
-    InternalBroadcastManager::unregisterReceiver(&kept);
 }
 
 TEST(BroadcastTest, SlowReceiverIsNamedInAWarning) {
     // The action may come from the peer: it is named, but printably.
     const std::string action = "tarnis.test.SLOW\nE fake\xff";
-    RecordingReceiver slow(std::chrono::milliseconds(320));
-    InternalBroadcastManager::registerReceiver(&slow, IntentFilter({action}));
+    InternalReceiver slow(action, std::chrono::milliseconds(320));
     platform::LogCapture capture;
     InternalBroadcastManager::sendBroadcast(Intent(action), false);
     ASSERT_TRUE(slow.Wait(1));
@@ -307,11 +220,10 @@ TEST(BroadcastTest, SlowReceiverIsNamedInAWarning) {
     DrainManagerThread();
     const std::vector<long> spent =
         NumbersInLines(capture, "[executePendingBroadcasts] The time that calling onReceive is too long!! spend time ",
-                       ", action: tarnis.test.SLOW\\x0aE fake\\xff", "Tarnis-LocalBroadcastManager", ANDROID_LOG_WARN);
+                       ", action: tarnis.test.SLOW\\x0aE fake\\xff", kLocalTag, ANDROID_LOG_WARN);
     ASSERT_EQ(spent.size(), 1u);
     EXPECT_GE(spent[0], 301);
-    EXPECT_EQ(capture.Count("", "Tarnis-LocalBroadcastManager", ANDROID_LOG_WARN), 1u);
-    InternalBroadcastManager::unregisterReceiver(&slow);
+    EXPECT_EQ(capture.Count("", kLocalTag, ANDROID_LOG_WARN), 1u);
 }
 
 namespace {
@@ -359,7 +271,8 @@ TEST(BroadcastTest, UnregisteringDuringDeliveryWaitsForTheCallAndNoneFollows) {
     ASSERT_EQ(state->entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 
     // Another thread unregisters and destroys the receiver while its
-    // onReceive runs on the manager thread.
+    // onReceive runs on the manager thread: it must not get past the
+    // unregistering while the call is under way.
     std::promise<void> unregistered;
     std::future<void> done = unregistered.get_future();
     std::thread other([&] {
@@ -368,7 +281,6 @@ TEST(BroadcastTest, UnregisteringDuringDeliveryWaitsForTheCallAndNoneFollows) {
         delete receiver;
         unregistered.set_value();
     });
-    // It must not get past the unregistering while the call is under way.
     EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     release.set_value();
     EXPECT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready);
@@ -385,8 +297,7 @@ TEST(BroadcastTest, ReceiversDestroyedRightAfterSendingAreNeverCalledOnceGone) {
     // record and the call is the window a missing wait would leave open.
     LocalBroadcastManager& local = LocalBroadcastManager::getInstance();
     std::vector<std::shared_ptr<DeliveryState>> states;
-    constexpr int kReceivers = 1000;
-    for (int i = 0; i < kReceivers; ++i) {
+    for (int i = 0; i < 1000; ++i) {
         auto state = std::make_shared<DeliveryState>();
         states.push_back(state);
         auto* receiver = new TouchingReceiver(state);
@@ -398,16 +309,11 @@ TEST(BroadcastTest, ReceiversDestroyedRightAfterSendingAreNeverCalledOnceGone) {
         delete receiver;
     }
     DrainManagerThread();
-    int calls = 0;
-    for (const auto& state : states) {
-        EXPECT_EQ(state->callsAfterUnregister.load(), 0);
-        calls += state->calls.load();
-    }
-    EXPECT_LE(calls, kReceivers);
+    for (const auto& state : states) EXPECT_EQ(state->callsAfterUnregister.load(), 0);
 }
 
 TEST(BroadcastTest, AReceiverMayUnregisterItselfFromItsOwnOnReceive) {
-    class SelfRemoving : public RecordingReceiver {
+    class SelfRemoving : public tarnis_test::RecordingReceiver {
     public:
         void onReceive(Intent intent) const override {
             LocalBroadcastManager::getInstance().unregisterReceiver(const_cast<SelfRemoving*>(this));
@@ -417,7 +323,8 @@ TEST(BroadcastTest, AReceiverMayUnregisterItselfFromItsOwnOnReceive) {
     LocalBroadcastManager& local = LocalBroadcastManager::getInstance();
     local.registerReceiver(&receiver, IntentFilter({"tarnis.test.SELF"}));
     {
-        ManagerThreadBlocker blocker;
+        tarnis_test::LooperBlocker blocker;
+        blocker.Block(*ModuleManager::GetManagerHandler());
         EXPECT_TRUE(local.sendBroadcast(Intent("tarnis.test.SELF"), false));
         EXPECT_TRUE(local.sendBroadcast(Intent("tarnis.test.SELF"), false));
     }

@@ -1,15 +1,16 @@
 // The daemon and its tool as real processes, driven as a user would from a shell.
 #include <signal.h>
-#include <stdio.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <functional>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -23,20 +24,17 @@
 #include "platform/binder/WireIo.h"
 #include "service/DorvaNativeDaemon.h"
 #include "service/TarnisSsiImpl.h"
-#include "tests/service/DaemonProcess.h"
+#include "tests/support/FwDaemon.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitFor.h"
 
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
-using tarnis_test::Ctl;
-using tarnis_test::DaemonCommand;
+using tarnis_test::Holds;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
-using tarnis_test::StartDaemon;
-using tarnis_test::StopDaemon;
-using tarnis_test::WaitServing;
 using tarnis_test::TempDir;
 using tarnis_test::WaitFor;
+using tarnis_test::WriteFile;
 
 namespace {
 
@@ -61,190 +59,226 @@ int RunIntoClosedPipe(const std::string& command) {
     return status;
 }
 
-bool Alive(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, WNOHANG) == 0;
+bool Alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
+
+// A socket file at `path`, as a daemon that died leaves it.
+void LeaveStaleSocket(const std::string& path) {
+    const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof(address.sun_path));
+    memcpy(address.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    close(stale);
 }
+
+// tarnisd serving a root laid out as a device by the sandbox script, with a
+// stale capture socket and a logcat that prints enough for a kept archive.
+class DaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(system(("TARNIS_BUILD_DIR=" + std::string(TARNIS_BUILD_DIR) + " " + TARNIS_SOURCE_DIR +
+                          "/scripts/prepare-sandbox.sh " + root.path() + " >/dev/null")
+                             .c_str()),
+                  0);
+        LeaveStaleSocket(root.Sub("dev/socket/dorvad"));
+        ASSERT_TRUE(WriteFile(root.Sub("bin/logcat"), "#!/bin/sh\nhead -c 6000 /dev/urandom | base64\n"));
+        ASSERT_EQ(chmod(root.Sub("bin/logcat").c_str(), 0755), 0);
+        ASSERT_TRUE(daemon.Start());
+    }
+
+    TempDir root;
+    tarnis_test::Daemon daemon{root};
+};
 
 }  // namespace
 
-TEST(DaemonTest, SurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
-    TempDir root;
-    int err = -1;
-    // The storage tracker loads only on devices that switch it on.
-    RunShell(Ctl(root) + " setprop persist.sys.stability.f2fsTrackEnable true");
-    pid_t daemon = StartDaemon(root, root.Sub("out1"), root.Sub("err1"));
-    ASSERT_GE(daemon, 0);
-    ASSERT_TRUE(WaitServing(root));
-    const std::string ctl = Ctl(root);
-    int status = -1;
-    // Every module of the daemon (ten) is listed, and each one runs once the
-    // load, which the service does not wait for, is through.
+TEST_F(DaemonTest, ServesEveryModuleSurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
+    // Every module of the daemon is listed, and each one runs once the load,
+    // which the service does not wait for, is through.
     std::string modules;
-    WaitFor([&] {
-        modules = RunShell(ctl + " dump ModuleManager dump", &status);
+    ASSERT_TRUE(WaitFor([&] {
+        modules = daemon.Run("dump ModuleManager dump");
         return modules.find("Stopped") == std::string::npos;
-    });
+    })) << modules;
     const std::string header = "Current Modules:\n-------------------------\nName \t\t Status\n";
-    ASSERT_EQ(modules.substr(0, header.size()), header);
-    int listed = 0;
-    for (size_t line = header.size(); line < modules.size(); ++listed) {
-        const size_t end = modules.find('\n', line);
-        ASSERT_NE(end, std::string::npos);
-        EXPECT_EQ(modules.substr(end - 9, 9), "\t\tRunning") << modules;
-        line = end + 1;
-    }
-    EXPECT_EQ(listed, 10) << modules;
-    EXPECT_EQ(ReadFile(root.Sub("out1")), "TarnisSsiImpl impl ready!\n");
+    ASSERT_EQ(modules.compare(0, header.size(), header), 0) << modules;
+    size_t running = 0;
+    for (size_t at = 0; (at = modules.find("\t\tRunning\n", at)) != std::string::npos; ++at) ++running;
+    EXPECT_EQ(running, 10u) << modules;
+    EXPECT_EQ(std::count(modules.begin(), modules.end(), '\n'), 3 + 10) << modules;
+    EXPECT_EQ(daemon.Out(), "TarnisSsiImpl impl ready!\n");
 
     // A reader that goes away costs the daemon one error line, not its life.
-    RunIntoClosedPipe(ctl + " dump ModuleManager dump");
-    ASSERT_TRUE(Alive(daemon));
+    RunIntoClosedPipe(daemon.Ctl() + " dump ModuleManager dump");
+    ASSERT_TRUE(Alive(daemon.pid()));
     // A document nested past any parser's patience: the tool warns and sends
     // it; the daemon refuses it with a line and goes on.
     const std::string deep = std::string(1001, '[') + std::string(1001, ']');
-    std::string warned = RunShell(ctl + " intent A '" + deep + "' 2>&1", &status);
+    int status = -1;
+    const std::string warned = daemon.Run("intent A '" + deep + "'", &status);
     EXPECT_EQ(status, 0);
-    EXPECT_NE(warned.find("tarnisctl: warning: the intent's JSON is not valid JSON ("), std::string::npos) << warned;
-    EXPECT_NE(warned.find("); sending it anyway"), std::string::npos) << warned;
+    EXPECT_TRUE(Holds(warned, "tarnisctl: warning: the intent's JSON is not valid JSON ("));
+    EXPECT_TRUE(Holds(warned, "); sending it anyway"));
     // The list of a report must parse: a clear usage error, no abort.
-    std::string refused = RunShell(ctl + " event reportEventsV2 a '" + deep + "' c false 2>&1", &status);
+    EXPECT_TRUE(Holds(daemon.Run("event reportEventsV2 a '" + deep + "' c false", &status),
+                      "tarnisctl: event reportEventsV2: JSON_LIST "));
     EXPECT_EQ(status, 2);
-    EXPECT_NE(refused.find("tarnisctl: event reportEventsV2: JSON_LIST "), std::string::npos) << refused;
-    ASSERT_TRUE(Alive(daemon));
-    EXPECT_EQ(RunShell(ctl + " dump ModuleManager dump", &status).substr(0, 16), "Current Modules:");
+    ASSERT_TRUE(Alive(daemon.pid()));
+    EXPECT_EQ(daemon.Run("dump ModuleManager dump").substr(0, 16), "Current Modules:");
 
     // A second daemon on the same root says so in one line and exits, without
     // aborting (the start-up log lines of its static threads aside).
-    std::string second = RunShell("TARNIS_LOG_LEVEL=W " + DaemonCommand(root) + " 2>&1 >/dev/null; echo \"exit $?\"", &err);
-    EXPECT_EQ(second, "tarnisd: another tarnisd (pid " + std::to_string(daemon) + ") is already running on root " +
-                          root.path() + "\nexit 1\n");
+    EXPECT_EQ(RunShell("TARNIS_LOG_LEVEL=W " + daemon.Command() + " 2>&1 >/dev/null; echo \"exit $?\""),
+              "tarnisd: another tarnisd (pid " + std::to_string(daemon.pid()) + ") is already running on root " +
+                  root.path() + "\nexit 1\n");
 
     // SIGTERM: sockets withdrawn, lock given up, exit status 0.
-    ASSERT_EQ(kill(daemon, SIGTERM), 0);
-    ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
+    status = daemon.Stop();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_EQ(RunShell("ls -A " + root.Sub("dev/binder")), "");
     EXPECT_NE(access(root.Sub("dev/.tarnisd.lock").c_str(), F_OK), 0);
-    const std::string log = ReadFile(root.Sub("err1"));
-    EXPECT_NE(log.find(" E tarnisd : binder: dump of velmar.system.tarnis.common.ITarnisSsi for pid "),
-              std::string::npos)
-        << log;
-    EXPECT_NE(log.find(": the reader went away after 0 of " + std::to_string(modules.size()) + " bytes (Broken pipe)"),
-              std::string::npos)
-        << log;
-    EXPECT_NE(log.find("E Tarnis-JsonUtil: "), std::string::npos) << log;
-    EXPECT_NE(log.find("I tarnisd : tarnisd: SIGTERM received; withdrawing the services and exiting"),
-              std::string::npos)
-        << log;
+    const std::string log = daemon.Log();
+    EXPECT_TRUE(Holds(log, " E tarnisd : binder: dump of velmar.system.tarnis.common.ITarnisSsi for pid "));
+    EXPECT_TRUE(Holds(log, ": the reader went away after 0 of " + std::to_string(modules.size()) +
+                               " bytes (Broken pipe)"));
+    EXPECT_TRUE(Holds(log, "E Tarnis-JsonUtil: "));
+    EXPECT_TRUE(Holds(log, "I tarnisd : tarnisd: SIGTERM received; withdrawing the services and exiting"));
     // A fresh daemon takes the root over.
-    pid_t next = StartDaemon(root);
-    EXPECT_TRUE(WaitServing(root));
-    StopDaemon(next);
+    EXPECT_TRUE(daemon.Start());
 }
 
-// A service manager that refuses the registration is fatal: the success line
-// is logged first, then the check aborts, and nothing after it happens.
-TEST(DaemonTest, AbortsWhenItsServiceIsRefused) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    // This process already serves the name on that root.
-    auto squatter = ndk::SharedRefBase::make<TarnisSsiImpl>();
-    ASSERT_EQ(AServiceManager_addService(squatter->asBinder().get(), kSsiName.c_str()), STATUS_OK);
-    int status = -1;
-    std::string err = RunShell(DaemonCommand(root) + " 2>&1 >/dev/null", &status);
-    EXPECT_NE(status, 0);
-    size_t added = err.find("Velmar Tarnis-System Service is added in ServiceManager...");
-    size_t check = err.find("Check failed: status == STATUS_OK (status=");
-    EXPECT_NE(added, std::string::npos) << err;
-    EXPECT_NE(check, std::string::npos) << err;
-    EXPECT_LT(added, check);
-    EXPECT_EQ(err.find("Internal Service is added"), std::string::npos);
-    android::ServiceManager::instance().removeService(kSsiName);
-
-    // The same for the native daemon service, registered last.
-    android::sp<android::DorvaNativeDaemon> dorva = new android::DorvaNativeDaemon();
-    ASSERT_EQ(android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva), android::OK);
-    err = RunShell(DaemonCommand(root) + " 2>&1 >/dev/null", &status);
-    EXPECT_NE(status, 0);
-    added = err.find("Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...");
-    check = err.find("Check failed: err == android::OK (err=");
-    EXPECT_NE(added, std::string::npos) << err;
-    EXPECT_NE(check, std::string::npos) << err;
-    EXPECT_LT(added, check);
-    android::ServiceManager::instance().removeService(platform::ToUtf8(nuvi::dorva::IDorvaNative::descriptor));
-    platform::SetRoot("/");
-}
-
-// The tool never waits for ever: a service that accepts and never answers
-// costs it its --timeout, and the user reads why.
-TEST(DaemonTest, TheToolGivesUpOnASilentServiceWithASentence) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    ASSERT_EQ(system(("mkdir -p " + root.Sub("dev/binder")).c_str()), 0);
-    android::base::unique_fd silent = android::WireIo::Bind(android::ServiceManager::SocketPath(kSsiName));
-    ASSERT_TRUE(silent.ok());
-    ASSERT_EQ(listen(silent.get(), 8), 0);
-    int status = -1;
-    auto start = std::chrono::steady_clock::now();
-    std::string err = RunShell(Ctl(root) + " --timeout 0.5 dump ModuleManager dump 2>&1", &status);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(err, "tarnisctl: no reply from service " + kSsiName + " within 500 ms\n");
-    err = RunShell(Ctl(root) + " --timeout soon dump 2>&1 | head -1", &status);
-    EXPECT_EQ(err, "tarnisctl: --timeout needs a number of seconds between 0 and 86400, not 'soon'\n");
-    // With nobody there at all, it says that instead.
-    silent.reset();
-    unlink(android::ServiceManager::SocketPath(kSsiName).c_str());
-    err = RunShell(Ctl(root) + " dump 2>&1", &status);
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(err, "tarnisctl: service " + kSsiName + " is not running below root " + root.path() +
-                       " (is tarnisd running?)\n");
-    platform::SetRoot("/");
-}
-
-// A capture ordered from a shell: the daemon runs the tools, packs the text
-// into a zip beside it and removes the text; refused requests leave nothing.
-TEST(DaemonTest, ACaptureOrderedFromAShellEndsAsAZip) {
-    TempDir root;
-    const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
-    ASSERT_EQ(system(("TARNIS_BUILD_DIR=" + std::string(TARNIS_BUILD_DIR) + " " + prepare + " >/dev/null").c_str()),
-              0);
+// Captures ordered from a shell, through the binder service and through the
+// capture socket, end as zip archives; refused requests leave nothing.
+TEST_F(DaemonTest, CapturesOrderedFromAShellEndAsZips) {
     // The caller policy the sandbox starts with is the daemon's built-in one, for the user to edit.
     EXPECT_EQ(ReadFile(root.Sub("system/etc/tarnis/caller_policy.conf")), android::CallerPolicy::kDefaultRules);
-    pid_t daemon = StartDaemon(root, "/dev/null", root.Sub("err"));
-    ASSERT_GE(daemon, 0);
-    ASSERT_TRUE(WaitServing(root));
     int status = -1;
     const std::string archive =
-        RunShell(Ctl(root) + " capture demo 'a/b:c' --action getprop --param ro.product.device 2>&1", &status);
+        daemon.Run("capture demo 'a/b:c' --action getprop --param ro.product.device", &status);
     ASSERT_EQ(status, 0) << archive;
+    // The text went into the archive and is gone from the directory.
     const std::string dir = root.Sub("data/dorva/demo/online/");
     ASSERT_EQ(archive.compare(0, dir.size(), dir), 0) << archive;
     const std::string zip = archive.substr(0, archive.size() - 1);
     ASSERT_EQ(zip.compare(zip.size() - 4, 4, ".zip"), 0) << archive;
-    // The text went into the archive and is gone from the directory.
     EXPECT_EQ(RunShell("ls " + dir), zip.substr(dir.size()) + "\n");
     const std::string name = zip.substr(dir.size(), zip.size() - dir.size() - 4);
     EXPECT_EQ(name.compare(0, 20, "null_demo_aXbXc_host"), 0) << name;
     EXPECT_EQ(RunShell("unzip -Z1 " + zip), name + "\n");
     const std::string text = RunShell("unzip -p " + zip);
     EXPECT_EQ(text.compare(0, 57, std::string(56, '=') + "\n"), 0) << text;
-    EXPECT_NE(text.find("\n== headline: aXbXc\n== debuggable: 1\n== hwlevel: host\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("------ (getprop ro.product.device) in "), std::string::npos) << text;
-    EXPECT_NE(text.find("s ------\nhost\n[getprop: "), std::string::npos) << text;
-
+    EXPECT_TRUE(Holds(text, "\n== headline: aXbXc\n== debuggable: 1\n== hwlevel: host\n"));
+    EXPECT_TRUE(Holds(text, "------ (getprop ro.product.device) in "));
+    EXPECT_TRUE(Holds(text, "s ------\nhost\n[getprop: "));
     // A type that is not a plain name is refused and nothing is made.
-    const std::string refused = RunShell(Ctl(root) + " capture ../x h --action getprop 2>&1", &status);
-    EXPECT_EQ(status, 1) << refused;
+    daemon.Run("capture ../x h --action getprop", &status);
+    EXPECT_EQ(status, 1);
     EXPECT_NE(access(root.Sub("data/x").c_str(), F_OK), 0);
     EXPECT_NE(access(root.Sub("data/dorva/x").c_str(), F_OK), 0);
 
-    StopDaemon(daemon);
-    const std::string log = ReadFile(root.Sub("err"));
-    EXPECT_NE(log.find(" I tarnisd : Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager..."),
-              std::string::npos)
-        << log;
-    EXPECT_NE(log.find(" E dorvad  : Refusing capture: type '../x' is not a plain directory name"), std::string::npos)
-        << log;
+    // The stale socket file was replaced by one anybody may connect to.
+    struct stat st;
+    ASSERT_EQ(lstat(root.Sub("dev/socket/dorvad").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    const std::string kept = daemon.Run("capture-request BootFailure --timeout 60", &status);
+    EXPECT_EQ(status, 0);
+    // This sandbox is an A/B device: the archive is kept on the rescue partition.
+    const std::string prefix = root.Sub("mnt/rescue/dorva/BootFailure/BootFailure_");
+    ASSERT_EQ(kept.compare(0, prefix.size(), prefix), 0) << kept;
+    EXPECT_EQ(RunShell("unzip -tq '" + kept.substr(0, kept.size() - 1) + "' >/dev/null && echo ok"), "ok\n");
+    // A name that would leave the base is answered, and nothing is made.
+    EXPECT_TRUE(Holds(daemon.Run("capture-request ../x", &status), "finished but left no archive"));
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(access(root.Sub("mnt/rescue/x").c_str(), F_OK), 0);
+
+    daemon.Stop();
+    const std::string log = daemon.Log();
+    EXPECT_TRUE(Holds(log, " I tarnisd : Velmar DorvaNativeDaemon common Impl System Service is added in "
+                           "ServiceManager..."));
+    EXPECT_TRUE(Holds(log, " E dorvad  : Refusing capture: type '../x' is not a plain directory name"));
+    EXPECT_TRUE(Holds(log, "CaptureServerThread: refusing dump request ../x: not a plain name"));
+}
+
+TEST(DaemonAlone, AFileThatIsNotASocketIsLeftAlone) {
+    TempDir root;
+    RunShell("mkdir -p " + root.Sub("dev/socket"));
+    ASSERT_TRUE(WriteFile(root.Sub("dev/socket/dorvad"), "precious"));
+    tarnis_test::Daemon daemon(root);
+    ASSERT_TRUE(daemon.Start());
+    // The capture server starts on its own thread, after the service answers.
+    ASSERT_TRUE(WaitFor([&] { return Holds(daemon.Log(), "Failed to get socket from environment"); }));
+    daemon.Stop();
+    EXPECT_EQ(ReadFile(root.Sub("dev/socket/dorvad")), "precious");
+    EXPECT_TRUE(Holds(daemon.Log(), "tarnisd: no capture socket: " + root.Sub("dev/socket/dorvad") +
+                                        " exists and is not a socket: File exists"));
+    EXPECT_TRUE(Holds(daemon.Log(), "Failed to get socket from environment: No such file or directory"));
+    EXPECT_EQ(RunShell("ls -A " + root.Sub("dev/socket")), "dorvad\n");  // no temporary left behind
+}
+
+// A service manager that refuses the registration is fatal: the success line
+// is logged first, then the check aborts, and nothing after it happens.
+TEST(DaemonAlone, AbortsWhenItsServiceIsRefused) {
+    TempDir root;
+    platform::SetRoot(root.path());
+    const tarnis_test::Daemon daemon(root);
+    // This process already serves the name on that root: the system service,
+    // registered first, then the native daemon service, registered last.
+    auto squatter = ndk::SharedRefBase::make<TarnisSsiImpl>();
+    android::sp<android::DorvaNativeDaemon> dorva = new android::DorvaNativeDaemon();
+    const std::string dorvaName = platform::ToUtf8(dorva->getInterfaceDescriptor());
+    const struct {
+        std::function<bool()> squat;
+        std::string name, added, check, never;
+    } cases[] = {
+        {[&] { return AServiceManager_addService(squatter->asBinder().get(), kSsiName.c_str()) == STATUS_OK; },
+         kSsiName, "Velmar Tarnis-System Service is added in ServiceManager...",
+         "Check failed: status == STATUS_OK (status=", "Internal Service is added"},
+        {[&] {
+             return android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva) == android::OK;
+         },
+         dorvaName, "Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...",
+         "Check failed: err == android::OK (err=", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(c.squat());
+        int status = -1;
+        const std::string err = RunShell(daemon.Command() + " 2>&1 >/dev/null", &status);
+        EXPECT_NE(status, 0);
+        const size_t added = err.find(c.added);
+        EXPECT_TRUE(Holds(err, c.check));
+        EXPECT_LT(added, err.find(c.check)) << err;
+        EXPECT_TRUE(c.never.empty() || err.find(c.never) == std::string::npos) << err;
+        android::ServiceManager::instance().removeService(c.name);
+    }
+    platform::SetRoot("/");
+}
+
+// The tool never waits for ever: a service that accepts and never answers
+// costs it its --timeout, and the user reads why.
+TEST(DaemonAlone, TheToolGivesUpOnASilentServiceWithASentence) {
+    TempDir root;
+    platform::SetRoot(root.path());
+    const tarnis_test::Daemon tool(root);
+    ASSERT_EQ(system(("mkdir -p " + root.Sub("dev/binder")).c_str()), 0);
+    android::base::unique_fd silent = android::WireIo::Bind(android::ServiceManager::SocketPath(kSsiName));
+    ASSERT_TRUE(silent.ok());
+    ASSERT_EQ(listen(silent.get(), 8), 0);
+    int status = -1;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tool.Run("--timeout 0.5 dump ModuleManager dump", &status),
+              "tarnisctl: no reply from service " + kSsiName + " within 500 ms\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(RunShell(tool.Ctl() + " --timeout soon dump 2>&1 | head -1"),
+              "tarnisctl: --timeout needs a number of seconds between 0 and 86400, not 'soon'\n");
+    // With nobody there at all, it says that instead.
+    silent.reset();
+    unlink(android::ServiceManager::SocketPath(kSsiName).c_str());
+    EXPECT_EQ(tool.Run("dump", &status), "tarnisctl: service " + kSsiName + " is not running below root " +
+                                             root.path() + " (is tarnisd running?)\n");
+    EXPECT_EQ(status, 1);
+    platform::SetRoot("/");
 }

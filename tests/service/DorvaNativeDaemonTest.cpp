@@ -32,10 +32,12 @@
 #include "platform/LogCapture.h"
 #include "platform/binder/ServiceManager.h"
 #include "service/DorvaNativeDaemon.h"
+#include "tests/support/FwDaemon.h"
 #include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
 
 using android::DorvaNativeDaemon;
+using tarnis_test::Holds;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
@@ -43,13 +45,12 @@ using tarnis_test::WriteFile;
 
 namespace {
 
-
 class DorvaNativeDaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::SetRoot(root_.path());
         RunShell("mkdir -p " + root_.Sub("data") + " " + root_.Sub("mnt/vendor/persist") + " " + root_.Sub("cache"));
-        ctl_ = std::string(TARNIS_BUILD_DIR) + "/tarnisctl --root " + root_.path();
+        ctl_ = tarnis_test::BuiltTool("tarnisctl") + " --root " + root_.path();
         daemon_ = new DorvaNativeDaemon();
         ASSERT_EQ(android::defaultServiceManager()->addService(daemon_->getInterfaceDescriptor(), daemon_, false, 8),
                   android::OK);
@@ -75,41 +76,37 @@ std::vector<android::String16> U16(std::initializer_list<const char*> list) {
 
 }  // namespace
 
-TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientWithTheirMessages) {
+// Refusals reach the client with their messages; only the whitelisted half of
+// a batch runs, and a whitelisted tool that fails still counts as run.
+TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientAndOnlyAcceptedToolsRun) {
     platform::LogCapture log;
-    int status = -1;
-    EXPECT_EQ(Ctl("run-command rm -rf,/ 5", &status), "runCommand:152: Command not allowed\n");
-    EXPECT_EQ(status, 1);
-    EXPECT_TRUE(log.HasLine("runCommand: action 'rm' not in SUPPORT_ACTION whitelist", "dorvad", 6));
-
-    // A whitelisted tool that fails still counts as run: its exit is only logged.
-    EXPECT_EQ(Ctl("run-command logcat -d,-t,10 5", &status), "result: 0\n");
-    EXPECT_EQ(status, 0);
-
-    // Only the whitelisted half of a batch runs; a batch with none is refused.
-    EXPECT_EQ(Ctl("run-batch /data/batch.txt 5 --action rm --param -rf,/ --action cat --param /data/in.txt", &status),
-              root_.Sub("data/batch.txt") + "\n");
-    EXPECT_TRUE(log.HasLine("captureLogByRunCommand: action 'rm' not in SUPPORT_ACTION whitelist, skipping", "dorvad",
-                            6));
-    EXPECT_EQ(Ctl("run-batch /data/none.txt 5 --action rm", &status),
-              "captureLogByRunCommand:266: No valid commands found\n");
-    EXPECT_EQ(status, 1);
-    EXPECT_TRUE(log.HasLine("captureLogByRunCommand: no valid actions found in the batch", "dorvad", 6));
+    const struct {
+        const char* args;
+        std::string out;
+        int status;
+        const char* logged;
+    } cases[] = {
+        {"run-command rm -rf,/ 5", "runCommand:152: Command not allowed\n", 1,
+         "runCommand: action 'rm' not in SUPPORT_ACTION whitelist"},
+        {"run-command logcat -d,-t,10 5", "result: 0\n", 0, nullptr},
+        {"run-batch /data/batch.txt 5 --action rm --param -rf,/ --action cat --param /data/in.txt",
+         root_.Sub("data/batch.txt") + "\n", 0,
+         "captureLogByRunCommand: action 'rm' not in SUPPORT_ACTION whitelist, skipping"},
+        {"run-batch /data/none.txt 5 --action rm", "captureLogByRunCommand:266: No valid commands found\n", 1,
+         "captureLogByRunCommand: no valid actions found in the batch"},
+        // Negative filter numbers are refused before any socket is made.
+        {"sock-filter lo --protocol 17 --extra -1", "attachSockFilter:182: illegal argument!\n", 1, nullptr},
+    };
+    for (const auto& c : cases) {
+        int status = -1;
+        EXPECT_EQ(Ctl(c.args, &status), c.out) << c.args;
+        EXPECT_EQ(status, c.status) << c.args;
+        EXPECT_TRUE(c.logged == nullptr || log.HasLine(c.logged, "dorvad", ANDROID_LOG_ERROR)) << c.args;
+    }
+    const std::string batch = ReadFile(root_.Sub("data/batch.txt"));
+    EXPECT_EQ(batch.find("(rm"), std::string::npos) << batch;
+    EXPECT_TRUE(Holds(batch, "------ (cat /data/in.txt) in 5s ------\n"));
     EXPECT_NE(access(root_.Sub("data/none.txt").c_str(), F_OK), 0);
-
-    // Negative filter numbers are refused before any socket is made.
-    EXPECT_EQ(Ctl("sock-filter lo --protocol 17 --extra -1", &status), "attachSockFilter:182: illegal argument!\n");
-    EXPECT_EQ(status, 1);
-}
-
-TEST_F(DorvaNativeDaemonTest, BatchRunsTheAcceptedToolsIntoTheFile) {
-    ASSERT_TRUE(WriteFile(root_.Sub("data/in.txt"), "batch input\n"));
-    android::binder::Status st = daemon_->captureLogByRunCommand(U16({"rm", "cat"}), U16({"-rf,/", "/in.txt"}),
-                                                                 platform::ToUtf16("/data/batch.txt"), 5);
-    ASSERT_TRUE(st.isOk()) << st.toString8().string();
-    const std::string out = ReadFile(root_.Sub("data/batch.txt"));
-    EXPECT_EQ(out.find("(rm"), std::string::npos) << out;
-    EXPECT_NE(out.find("------ (cat /in.txt) in 5s ------\n"), std::string::npos) << out;
 }
 
 // The shell user is told apart by the uid the kernel reports for the caller,
@@ -119,13 +116,15 @@ TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
     {
         android::IPCThreadState::ScopedIdentity shell(DorvaNativeDaemon::kShellUid, getpid());
         int32_t result = 7;
-        android::binder::Status st = daemon_->runCommand(platform::ToUtf16("cat"), platform::ToUtf16("/dev/null"), 5, &result);
+        android::binder::Status st =
+            daemon_->runCommand(platform::ToUtf16("cat"), platform::ToUtf16("/dev/null"), 5, &result);
         EXPECT_EQ(st.exceptionCode(), EX_SERVICE_SPECIFIC);
         EXPECT_EQ(st.serviceSpecificErrorCode(), -1);
         EXPECT_STREQ(st.exceptionMessage().string(), "runCommand:145: Command not allowed for shell user");
         EXPECT_EQ(result, 7);
         st = daemon_->captureLogByRunCommand(U16({"cat"}), U16({"/dev/null"}), platform::ToUtf16("/data/x"), 5);
-        EXPECT_STREQ(st.exceptionMessage().string(), "captureLogByRunCommand:244: Command not allowed for shell user");
+        EXPECT_STREQ(st.exceptionMessage().string(),
+                     "captureLogByRunCommand:244: Command not allowed for shell user");
     }
     EXPECT_TRUE(log.HasLine("runCommand: Shell user (UID 2000) access denied", "dorvad", 6));
     EXPECT_TRUE(log.HasLine("captureLogByRunCommand: Shell user (UID 2000) access denied", "dorvad", 6));
@@ -313,8 +312,8 @@ TEST_F(DorvaNativeDaemonTest, TheFilteredSocketReachesTheClient) {
     sender.join();
     EXPECT_EQ(status, 0) << out;
     // Each packet cut to the link, IP and UDP headers plus three payload bytes.
-    EXPECT_NE(out.find("packet 1: 45 bytes\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("packet 2: 45 bytes\n"), std::string::npos) << out;
-    EXPECT_NE(out.find(" 54 52 4e\n"), std::string::npos) << out;
+    EXPECT_TRUE(Holds(out, "packet 1: 45 bytes\n"));
+    EXPECT_TRUE(Holds(out, "packet 2: 45 bytes\n"));
+    EXPECT_TRUE(Holds(out, " 54 52 4e\n"));
     EXPECT_EQ(out.find("packet 3"), std::string::npos) << out;
 }

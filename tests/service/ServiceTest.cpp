@@ -1,16 +1,9 @@
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <fstream>
-#include <mutex>
-#include <thread>
+#include <string>
 
 #include <gtest/gtest.h>
 
-#include <android-base/properties.h>
 #include <dorva/DorvaServiceManager.h>
 #include <host/Host.h>
 #include <log/log.h>
@@ -19,13 +12,15 @@
 #include "framework/ModuleBase.h"
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
-#include "framework/TarnisHandler.h"
 #include "framework/TarnisUtil.h"
+#include "platform/LogCapture.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
-#include "platform/LogCapture.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
+#include "tests/support/FwDaemon.h"
+#include "tests/support/FwRecording.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/ManagerThread.h"
 #include "tests/support/RecordingPeer.h"
 #include "tests/support/TempDir.h"
@@ -33,7 +28,7 @@
 using aidl::velmar::system::tarnis::common::TarnisInternal;
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
 using namespace velmar::kolto;
-using tarnis_test::ReadFile;
+using tarnis_test::BuiltTool;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
 
@@ -55,103 +50,108 @@ public:
 TARNIS_MODULE_REGISTER(EchoModuleRegister, EchoModule, "Echo", 0);
 TARNIS_MODULE_REGISTER(RefusingModuleRegister, RefusingModule, "Refusing", 0);
 
-std::string Ctl() { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl"; }
+const std::string kSsiName = std::string(TarnisSsiImpl::descriptor) + "/default";
+const std::string kInternalName = std::string(TarnisInternal::descriptor) + "/default";
 
-using tarnis_test::DrainManagerThread;
-
-// The daemon's two services, served from this process below a fresh root.
+// The daemon's two services, served from this process below a fresh root,
+// and called by tarnisctl from another.
 class ServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::SetRoot(root_.path());
-        ctl_ = Ctl() + " --root " + root_.path();
-        ssi_ = ndk::SharedRefBase::make<TarnisSsiImpl>();
-        internal_ = ndk::SharedRefBase::make<TarnisInternal>();
-        ASSERT_EQ(AServiceManager_addService(ssi_->asBinder().get(),
-                                             (std::string(TarnisSsiImpl::descriptor) + "/default").c_str()),
-                  STATUS_OK);
-        ASSERT_EQ(AServiceManager_addService(internal_->asBinder().get(),
-                                             (std::string(TarnisInternal::descriptor) + "/default").c_str()),
-                  STATUS_OK);
+        ASSERT_EQ(AServiceManager_addService(ssi_->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+        ASSERT_EQ(AServiceManager_addService(internal_->asBinder().get(), kInternalName.c_str()), STATUS_OK);
         ABinderProcess_startThreadPool();
     }
     void TearDown() override {
-        android::ServiceManager::instance().removeService(std::string(TarnisSsiImpl::descriptor) + "/default");
-        android::ServiceManager::instance().removeService(std::string(TarnisInternal::descriptor) + "/default");
+        android::ServiceManager::instance().removeService(kSsiName);
+        android::ServiceManager::instance().removeService(kInternalName);
         TarnisUtil::SetTarnisSsiAidl(nullptr);
         TarnisUtil::SetTarnisSsiIntl(nullptr);
         android::DorvaServiceManager::getInstance().setResultForTesting(0);
         platform::SetRoot("/");
     }
+    // tarnisctl with `args`, its standard output alone.
+    std::string Ctl(const std::string& args, int* status = nullptr) {
+        return RunShell(BuiltTool("tarnisctl") + " --root " + root_.path() + " " + args, status);
+    }
 
     TempDir root_;
-    std::string ctl_;
-    std::shared_ptr<TarnisSsiImpl> ssi_;
-    std::shared_ptr<TarnisInternal> internal_;
+    std::shared_ptr<TarnisSsiImpl> ssi_ = ndk::SharedRefBase::make<TarnisSsiImpl>();
+    std::shared_ptr<TarnisInternal> internal_ = ndk::SharedRefBase::make<TarnisInternal>();
 };
 
 }  // namespace
 
 TEST_F(ServiceTest, DumpFromAnotherProcessIsExactToTheByte) {
     ModuleManager::loadModules();
-    DrainManagerThread();  // loading
-    DrainManagerThread();  // the removal of the module whose OnInit failed
-    int status = -1;
-    EXPECT_EQ(RunShell(ctl_ + " dump ModuleManager dump", &status),
-              "Current Modules:\n-------------------------\nName \t\t Status\n"
-              "Echo\t\tRunning\nRefusing\t\tStopped\n");
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(RunShell(ctl_ + " dump", &status),
-              "Dumping module Echo: \necho\n\n-------------------------------------\n");
-    EXPECT_EQ(RunShell(ctl_ + " dump Echo x", &status),
-              "Dumping module Echo: \necho Echo x\n\n-------------------------------------\n");
-    EXPECT_EQ(RunShell(ctl_ + " dump ModuleManager", &status),
-              "Tarnis ModuleManager:\nload <module name> \t\t Load a module that is not running\n"
-              "dump \t\t Get Current Modules Status.\n");
-    EXPECT_EQ(RunShell(ctl_ + " dump Nope", &status), "Module Nope not found!!\n");
-    EXPECT_EQ(RunShell(ctl_ + " dump Refusing", &status), "Module Refusing is not running\n");
+    tarnis_test::DrainManagerThread();  // loading
+    tarnis_test::DrainManagerThread();  // the removal of the module whose OnInit failed
+    const std::string sep = "\n-------------------------------------\n";
+    const std::pair<const char*, std::string> cases[] = {
+        {"dump ModuleManager dump",
+         "Current Modules:\n-------------------------\nName \t\t Status\nEcho\t\tRunning\nRefusing\t\tStopped\n"},
+        {"dump", "Dumping module Echo: \necho\n" + sep},
+        {"dump Echo x", "Dumping module Echo: \necho Echo x\n" + sep},
+        {"dump ModuleManager", "Tarnis ModuleManager:\nload <module name> \t\t Load a module that is not running\n"
+                               "dump \t\t Get Current Modules Status.\n"},
+        {"dump Nope", "Module Nope not found!!\n"},
+        {"dump Refusing", "Module Refusing is not running\n"},
+    };
+    for (const auto& [args, out] : cases) {
+        int status = -1;
+        EXPECT_EQ(Ctl(args, &status), out) << args;
+        EXPECT_EQ(status, 0) << args;
+    }
 }
 
 TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
-    struct Receiver : BroadcastReceiver {
-        mutable std::mutex lock;
-        mutable std::condition_variable cond;
-        mutable std::vector<Intent> got;
-        void onReceive(Intent intent) const override {
-            std::lock_guard<std::mutex> guard(lock);
-            got.push_back(std::move(intent));
-            cond.notify_all();
-        }
-    } receiver;
-    InternalBroadcastManager::registerReceiver(&receiver, IntentFilter({"tarnis.test.TOOL"}));
+    tarnis_test::InternalReceiver receiver("tarnis.test.TOOL");
     int status = -1;
-    RunShell(ctl_ +
-                 " intent tarnis.test.TOOL "
-                 "'{\"extras\":[{\"key\":\"dir\",\"value_type\":2,\"value\":\"/data/x\"},"
-                 "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'",
-             &status);
+    Ctl("intent tarnis.test.TOOL '{\"extras\":[{\"key\":\"dir\",\"value_type\":2,\"value\":\"/data/x\"},"
+        "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'",
+        &status);
     EXPECT_EQ(status, 0);
-    std::unique_lock<std::mutex> guard(receiver.lock);
-    ASSERT_TRUE(receiver.cond.wait_for(guard, std::chrono::seconds(10), [&] { return !receiver.got.empty(); }));
-    EXPECT_EQ(receiver.got[0].getStringExtra("dir"), "/data/x");
-    EXPECT_EQ(receiver.got[0].getExtra<int32_t>("n", 0), 12);
-    guard.unlock();
-    InternalBroadcastManager::unregisterReceiver(&receiver);
+    ASSERT_TRUE(receiver.Wait(1));
+    EXPECT_EQ(receiver.Received()[0].getStringExtra("dir"), "/data/x");
+    EXPECT_EQ(receiver.Received()[0].getExtra<int32_t>("n", 0), 12);
+}
+
+// What a broken or hostile peer can send through the internal service: a
+// document deep enough to make the JSON reader give up, and an action that
+// would forge a second log line. The daemon answers OK, logs one bounded,
+// printable line and still delivers the action as it came.
+TEST_F(ServiceTest, HostileMessageFromThePeerIsLoggedPrintablyAndStillDelivered) {
+    const std::string action = "tarnis.test.HOSTILE\n11-23 00:00:00.000 1 1 E Tarnis: forged\xff";
+    tarnis_test::InternalReceiver receiver(action);
+    platform::LogCapture capture;
+    EXPECT_TRUE(internal_->transferMessage(action, std::string(1001, '[') + std::string(1001, ']')).isOk());
+    ASSERT_TRUE(receiver.Wait(1));
+    EXPECT_EQ(receiver.Received()[0].action, action);
+    EXPECT_TRUE(receiver.Received()[0].extras.empty());
+    EXPECT_EQ(capture.Count("SSI received message"), 1u);
+    EXPECT_EQ(tarnis_test::CountExact(capture,
+                                      "SSI received message: action tarnis.test.HOSTILE\\x0a11-23 00:00:00.000 1 1 E "
+                                      "Tarnis: forged\\xff json " +
+                                          std::string(1001, '[') + std::string(23, ']') + "...[978 more bytes]",
+                                      "", ANDROID_LOG_INFO),
+              1u);
+    EXPECT_TRUE(capture.HasLine("[jsonStrToIntent] ConvertStringToJson failed!", "Tarnis-InternalBroadcastManager",
+                                ANDROID_LOG_ERROR));
 }
 
 TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) {
     int status = -1;
-    RunShell(ctl_ + " event reportEventV2 a b c true", &status);
-    EXPECT_EQ(status, 0);
-    RunShell(ctl_ + " event reportEventsV2 a '[\"x\",\"y\"]' c false", &status);
-    EXPECT_EQ(status, 0);
-    RunShell(ctl_ + " event reportSimpleEvent 99 only-text", &status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(ReadFile(root_.path() + "/data/misc/tarnis/events.jsonl"),
+    for (const char* args : {"event reportEventV2 a b c true", "event reportEventsV2 a '[\"x\",\"y\"]' c false",
+                             "event reportSimpleEvent 99 only-text"}) {
+        Ctl(args, &status);
+        EXPECT_EQ(status, 0) << args;
+    }
+    EXPECT_EQ(tarnis_test::ReadFile(root_.Sub("data/misc/tarnis/events.jsonl")),
               "{\"call\":\"reportEventV2\",\"args\":[\"a\",\"b\",\"c\",true]}\n"
               "{\"call\":\"reportEventsV2\",\"args\":[\"a\",[\"x\",\"y\"],\"c\",false]}\n"
               "{\"call\":\"reportSensorException\",\"args\":[\"only-text\"]}\n");
-    RunShell(ctl_ + " event reportEventsV2 a not-a-list c false 2>/dev/null", &status);
+    Ctl("event reportEventsV2 a not-a-list c false 2>/dev/null", &status);
     EXPECT_EQ(status, 2);
 
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
@@ -160,9 +160,8 @@ TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) 
     EXPECT_EQ(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).getStatus(), STATUS_UNKNOWN_ERROR);
     EXPECT_EQ(ssi_->reportTrelvoEvents("app", "pkg", {"{}"}, 0).getStatus(), STATUS_UNKNOWN_ERROR);
     // A client in another process sees the failure and says so.
-    std::string err = RunShell(ctl_ + " event reportTrelvoEvent app pkg '{}' 0 2>&1", &status);
+    EXPECT_TRUE(tarnis_test::Holds(Ctl("event reportTrelvoEvent app pkg '{}' 0 2>&1", &status), "reportTrelvoEvent: "));
     EXPECT_EQ(status, 1);
-    EXPECT_NE(err.find("reportTrelvoEvent: "), std::string::npos) << err;
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
     EXPECT_TRUE(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
 }
@@ -171,22 +170,22 @@ TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) 
 // bring it back) and hands the JSON commands to tarnisctl-json beside it; one
 // copied away alone says what it is missing instead of failing obscurely.
 TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
+    const std::string tool = BuiltTool("tarnisctl");
     int status = -1;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    const std::string needed = RunShell("readelf -d " + Ctl() + " | grep NEEDED", &status);
+    const std::string needed = RunShell("readelf -d " + tool + " | grep NEEDED", &status);
     ASSERT_EQ(status, 0) << needed;
     EXPECT_EQ(needed.find("libjsoncpp"), std::string::npos) << needed;
 #endif
     // The transport and the layout, none of the daemon's own code.
-    const std::string core = RunShell("nm -C " + Ctl() + " | grep -cE 'ModuleManager|CaptureFile::|LogManager'", &status);
-    EXPECT_EQ(core, "0\n");
+    EXPECT_EQ(RunShell("nm -C " + tool + " | grep -cE 'ModuleManager|CaptureFile::|LogManager'"), "0\n");
     TempDir lone;
-    ASSERT_EQ(system(("cp " + Ctl() + " " + lone.path() + "/").c_str()), 0);
-    const std::string err =
-        RunShell(lone.path() + "/tarnisctl --root " + root_.path() + " event reportEventV2 a b c true 2>&1", &status);
+    ASSERT_EQ(system(("cp " + tool + " " + lone.path() + "/").c_str()), 0);
+    EXPECT_EQ(RunShell(lone.Sub("tarnisctl") + " --root " + root_.path() + " event reportEventV2 a b c true 2>&1",
+                       &status),
+              "tarnisctl: event is run by " + lone.path() +
+                  "/tarnisctl-json, which could not be started: No such file or directory\n");
     EXPECT_EQ(status, 1);
-    EXPECT_EQ(err, "tarnisctl: event is run by " + lone.path() +
-                       "/tarnisctl-json, which could not be started: No such file or directory\n");
 }
 
 TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
@@ -199,7 +198,7 @@ TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
     TarnisUtil::SetTarnisSsiIntl(internal_);
     InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.PEER"), true);
     EXPECT_TRUE(capture.HasLine("[sendBroadcast] Failed to get Tarnis Vendor instance!",
-                                 "Tarnis-InternalBroadcastManager", ANDROID_LOG_WARN));
+                                "Tarnis-InternalBroadcastManager", ANDROID_LOG_WARN));
 
     ASSERT_EQ(AServiceManager_addService(peer->asBinder().get(), peerName.c_str()), STATUS_OK);
     Intent intent("tarnis.test.PEER");
