@@ -101,11 +101,6 @@ protected:
         }
     }
 
-    int64_t UsedPercentOfData() {
-        struct statfs st {};
-        EXPECT_EQ(statfs(Device("/data").c_str(), &st), 0);
-        return static_cast<int64_t>((st.f_blocks - st.f_bfree) * 100 / st.f_blocks);
-    }
 };
 
 TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageEvent) {
@@ -137,7 +132,9 @@ TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageE
     EXPECT_EQ(event["mount_point"].asString(), "/data");
     EXPECT_EQ(event["idlemaint_record"].asString(), "idle 3 runs last 2026-01-01");
     EXPECT_EQ(event["gcimprove_record"].asString(), "gc improved 5%");
-    EXPECT_NEAR(event["statfs_Util"].asInt64(), UsedPercentOfData(), 1);
+    struct statfs data {};
+    ASSERT_EQ(statfs(Device("/data").c_str(), &data), 0);
+    EXPECT_NEAR(event["statfs_Util"].asInt64(), (data.f_blocks - data.f_bfree) * 100.0 / data.f_blocks, 1);
     ExpectMembers(event, {
         {"avg_vblocks", 12}, {"free_segments", 300}, {"dirty_segments", 100}, {"freeSegRatio", 75},
         {"lifetime_write_GB", 2}, {"atgc_enabled", 1}, {"gc_background_calls", 3}, {"gc_foreground_calls", 4},
@@ -187,13 +184,11 @@ TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageE
     }
 }
 
-TEST_F(F2fsTrackModuleTest, DisabledByDefault) {
+TEST_F(F2fsTrackModuleTest, DisabledByDefaultAndMissingOrMalformedSourcesStillSendTheEvent) {
     LoadModules();
     EXPECT_TRUE(log_.HasLine("[OnInit] F2fsTrack not enabled", "Tarnis-F2fsTrack", ANDROID_LOG_INFO));
     EXPECT_EQ(Dump({"F2fsTrack"}), "Module F2fsTrack is not running\n");
-}
 
-TEST_F(F2fsTrackModuleTest, MissingAndMalformedSourcesStillSendTheEvent) {
     PlantF2fsTree("100\n", "0\n", "0\n");
     Plant("/sys/fs/f2fs/sda32/avg_vblocks", "12abc\n");
     f2fs::doTrack();
