@@ -4,7 +4,12 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,6 +17,7 @@
 
 #include "tests/support/ModuleTest.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WaitFor.h"
 
 namespace tarnis_test {
 
@@ -26,6 +32,31 @@ inline unsigned ModeOf(const std::string& path) {
     struct stat st {};
     return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0u;
 }
+
+// A thread running a loop that the test stops. Join() waits ten seconds for
+// it: a loop that does not heed its stop ends the test program then, failed,
+// instead of holding it until ctest's limit.
+class StoppedThread {
+public:
+    explicit StoppedThread(std::function<void()> body)
+        : thread_([this, body = std::move(body)] {
+              body();
+              done_ = true;
+          }) {}
+    ~StoppedThread() { Join(); }
+    void Join() {
+        if (!thread_.joinable()) return;
+        if (!WaitFor([this] { return done_.load(); })) {
+            fprintf(stderr, "FAILED: a loop told to stop still ran ten seconds later\n");
+            abort();
+        }
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
 
 // A module suite whose module names files or schedules by local time: the
 // zone is UTC for the test and the host's is put back after it.

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -122,9 +121,9 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
 
 TEST_F(BootLogDumperModuleTest, AStopEndsTheWaitForBootCompletion) {
     BootLogDumper dumper;
-    std::thread waiter([&dumper] { dumper.dump_boot_logs(); });
+    tarnis_test::StoppedThread waiter([&dumper] { dumper.dump_boot_logs(); });
     dumper.Stop();
-    waiter.join();
+    waiter.Join();
     EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
     EXPECT_FALSE(Exists(staging_));
 }

@@ -276,10 +276,10 @@ TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
 TEST_F(BootMonitorTest, TrapModeCapturesEveryIntervalUntilStopped) {
     WriteFile(Device("/cache/recovery/last_trap"), "true 30\n");
     WriteFile(count_, "2");
-    std::thread loop([this] { EXPECT_EQ(monitor_.threadLoop(), 0); });
+    tarnis_test::StoppedThread loop([this] { EXPECT_EQ(monitor_.threadLoop(), 0); });
     EXPECT_TRUE(tarnis_test::WaitFor([this] { return log_.Count("(trap mode) boot time: ") >= 3; }));
     monitor_.Stop();
-    loop.join();
+    loop.Join();
     EXPECT_TRUE(log_.HasLine("(trap mode) boot time: 60 seconds\n", kBm, kI));
     const std::vector<std::string> captures = Captures();
     ASSERT_GE(captures.size(), 3u);
@@ -485,10 +485,10 @@ TEST_F(BootFailReportTest, ListenerActsOnBootStageTimeoutsOnly) {
     kernel.reset(pair[1]);
     struct timeval timeout = {0, 20 * 1000};
     setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    std::thread loop([&] { EXPECT_EQ(report_.ReceiveLoop(unique_fd(pair[0])), 0); });
+    tarnis_test::StoppedThread loop([&] { EXPECT_EQ(report_.ReceiveLoop(unique_fd(pair[0])), 0); });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     report_.Stop();
-    loop.join();
+    loop.Join();
     EXPECT_EQ(log_.Count("Connection closed"), 1u);
 }
 

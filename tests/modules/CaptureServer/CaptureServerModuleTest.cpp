@@ -150,10 +150,9 @@ protected:
         }
         return reply;
     }
-    static std::string Framed(const std::string& name) {
-        return std::string{0, 0, 0, static_cast<char>(name.size())} + name;
+    std::string Request(const std::string& name) {
+        return Exchange(std::string{0, 0, 0, static_cast<char>(name.size())} + name);
     }
-    std::string Request(const std::string& name) { return Exchange(Framed(name)); }
 
     // The capture path the last "dorvad dump to" line named.
     std::string LastCapturePath() {
