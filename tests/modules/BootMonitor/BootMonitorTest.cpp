@@ -455,17 +455,14 @@ TEST_F(BootFailReportTest, ListenerActsOnBootStageTimeoutsOnly) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair), 0);
     unique_fd kernel(pair[1]);
-    auto send = [&](const std::string& text, uint32_t length = 1040, size_t bytes = 1040) {
-        SendBootMessage(kernel.get(), text, length, bytes);
-    };
     Plant(901005303, 0);
-    send("boot-timeout[901005349], time[2]");
-    send("boot-timeout[901005350], time[2]");
-    send("boot-timeout:901005301");
-    send("hello kernel", 28, 28);
-    send("boot-timeout[901005301], time[1]", 16);
-    send("boot-timeout[901005302], time[1]", 1041, 1041);
-    ASSERT_EQ(::send(kernel.get(), "", 0, 0), 0);
+    SendBootMessage(kernel.get(), "boot-timeout[901005349], time[2]");
+    SendBootMessage(kernel.get(), "boot-timeout[901005350], time[2]");
+    SendBootMessage(kernel.get(), "boot-timeout:901005301");
+    SendBootMessage(kernel.get(), "hello kernel", 28, 28);
+    SendBootMessage(kernel.get(), "boot-timeout[901005301], time[1]", 16);
+    SendBootMessage(kernel.get(), "boot-timeout[901005302], time[1]", 1041, 1041);
+    ASSERT_EQ(send(kernel.get(), "", 0, 0), 0);
     EXPECT_EQ(report_.ReceiveLoop(unique_fd(pair[0])), 0);
 
     EXPECT_TRUE(log_.HasLine("NetlinkInit--550: recv_msg: boot-timeout[901005349], time[2]", kBfr, kI));

@@ -231,7 +231,7 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteAndLandInTheir
     EXPECT_FALSE(log_.Contains("dorvad dump begin"));
 }
 
-TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacingOlderOfItsKindWithTheFailedPackageLast) {
+TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacesItsKindAndEndsWithTheFailedPackage) {
     const std::string dir = Device("/mnt/rescue/dorva/BootFailure");
     RunShell("mkdir -p '" + dir + "'");
     for (const char* old : {"BootFailure_host_7_2025-01-01_00-00-00.zip", "RescuePartyLog_x.zip", "VoldFailed",
