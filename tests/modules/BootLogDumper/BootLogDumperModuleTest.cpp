@@ -1,69 +1,54 @@
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
 #include <log/log.h>
 
 #include "modules/BootLogDumper/BootLogDumper.h"
 #include "modules/BootLogDumper/BootLogDumperModule.h"
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
 #include "utils/Paths.h"
 
 namespace {
 
+using tarnis_test::Exists;
+using tarnis_test::ModeOf;
+using tarnis_test::ReadFile;
+using tarnis_test::RunShell;
+using tarnis_test::WriteFile;
 using velmar::tarnis::BootLogDumper;
 namespace paths = velmar::kolto::paths;
 
 constexpr char kTag[] = "BootLogDumper";
 constexpr char kModuleTag[] = "Tarnis-BootLogDumperModule";
 
-std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return out;
-    char buffer[512];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-    pclose(pipe);
-    return out;
-}
-
-class BootLogDumperModuleTest : public tarnis_test::ModuleTest {
+// Archive names carry local time, which the fixture pins to UTC.
+class BootLogDumperModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        // Archive names carry local time: the test fixes what local means.
-        setenv("TZ", "UTC", 1);
-        tzset();
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         aee_ = Device(paths::kAeeExpDir);
         staging_ = Device(paths::kBootLogDir);
-        ASSERT_EQ(system(("mkdir -p '" + aee_ + "' '" + Device("/system/bin") + "' '" + Device("/proc") + "'").c_str()),
-                  0);
+        RunShell("mkdir -p '" + aee_ + "'");
         // The system's tools: stand-in dmesg and logcat, the host's tar and rm.
         Tool(paths::kSystemDmesg, "#!/bin/sh\necho 'kernel: booted'\n");
         Tool(paths::kSystemLogcat, "#!/bin/sh\necho \"logcat $*\"\n");
-        ASSERT_EQ(symlink(Shell("command -v tar | tr -d '\\n'").c_str(), Device(paths::kSystemTar).c_str()), 0);
-        ASSERT_EQ(symlink(Shell("command -v rm | tr -d '\\n'").c_str(), Device(paths::kSystemRm).c_str()), 0);
-        ASSERT_TRUE(android::base::WriteStringToFile("preloader and lk\n", Device(paths::kProcPlLk)));
-        ASSERT_TRUE(android::base::WriteStringToFile("boot profile\n", Device(paths::kProcBootprof)));
+        ASSERT_EQ(symlink(RunShell("command -v tar | tr -d '\\n'").c_str(), Device(paths::kSystemTar).c_str()), 0);
+        ASSERT_EQ(symlink(RunShell("command -v rm | tr -d '\\n'").c_str(), Device(paths::kSystemRm).c_str()), 0);
+        ASSERT_TRUE(tarnis_test::PlantFile(Device(paths::kProcPlLk), "preloader and lk\n"));
+        ASSERT_TRUE(WriteFile(Device(paths::kProcBootprof), "boot profile\n"));
     }
     void Tool(const char* devicePath, const std::string& script) {
-        ASSERT_TRUE(android::base::WriteStringToFile(script, Device(devicePath)));
+        ASSERT_TRUE(tarnis_test::PlantFile(Device(devicePath), script));
         ASSERT_EQ(chmod(Device(devicePath).c_str(), 0755), 0);
     }
-    std::vector<std::string> Archives() { return tarnis_test::ListDir(aee_); }
-    static bool Exists(const std::string& path) { return tarnis_test::Exists(path); }
 
     std::string aee_;
     std::string staging_;
@@ -73,10 +58,10 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
     std::vector<std::string> old;
     for (int day = 1; day <= 12; ++day) {
         old.push_back(android::base::StringPrintf("boot_log_2025_03%02d_101500.gz", day));
-        ASSERT_TRUE(android::base::WriteStringToFile("old", aee_ + "/" + old.back()));
+        ASSERT_TRUE(WriteFile(aee_ + "/" + old.back(), "old"));
     }
-    ASSERT_TRUE(android::base::WriteStringToFile("?", aee_ + "/boot_log_x"));
-    ASSERT_TRUE(android::base::WriteStringToFile("db", aee_ + "/db.fatal"));
+    ASSERT_TRUE(WriteFile(aee_ + "/boot_log_x", "?"));
+    ASSERT_TRUE(WriteFile(aee_ + "/db.fatal", "db"));
     clock_.SetWallMs(tarnis_test::TestClock::kStartWallMs + ((7 * 60 + 5) * 60 + 9) * 1000);  // 07:05:09
     ASSERT_TRUE(android::base::SetProperty("sys.boot_completed", "1"));
 
@@ -94,30 +79,27 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
     expected.push_back(archive);
     expected.push_back("db.fatal");
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(Archives(), expected);  // no staging directory, no partial archive left
+    EXPECT_EQ(tarnis_test::ListDir(aee_), expected);  // no staging directory, no partial archive left
     EXPECT_FALSE(Exists(staging_));
 
-    const std::string path = aee_ + "/" + archive;
-    const std::string listing = Shell("tar -tzf '" + path + "' | sort");
-    EXPECT_EQ(listing, "./\n./bootproof\n./kernel_log\n./main_log\n./pl_lk\n");
-    EXPECT_EQ(Shell("tar -xOzf '" + path + "' ./kernel_log"), "kernel: booted\n");
-    EXPECT_EQ(Shell("tar -xOzf '" + path + "' ./main_log"), "logcat -d -v threadtime *:V\n");
-    EXPECT_EQ(Shell("tar -xOzf '" + path + "' ./pl_lk"), "preloader and lk\n");
-    EXPECT_EQ(Shell("tar -xOzf '" + path + "' ./bootproof"), "boot profile\n");
-
-    // Its work done, the module has removed itself.
-    EXPECT_NE(Dump({"ModuleManager", "dump"}).find("BootLogDumper\t\tStopped\n"), std::string::npos);
+    const std::string tar = "tar -xOzf '" + aee_ + "/" + archive + "' ";
+    EXPECT_EQ(RunShell("tar -tzf '" + aee_ + "/" + archive + "' | sort"),
+              "./\n./bootproof\n./kernel_log\n./main_log\n./pl_lk\n");
+    EXPECT_EQ(RunShell(tar + "./kernel_log"), "kernel: booted\n");
+    EXPECT_EQ(RunShell(tar + "./main_log"), "logcat -d -v threadtime *:V\n");
+    EXPECT_EQ(RunShell(tar + "./pl_lk"), "preloader and lk\n");
+    EXPECT_EQ(RunShell(tar + "./bootproof"), "boot profile\n");
+    EXPECT_TRUE(Stopped("BootLogDumper"));  // its work done, the module removed itself
 }
 
 TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     ASSERT_EQ(unlink(Device(paths::kProcPlLk).c_str()), 0);
     // A link planted as the staging directory is replaced, not written through.
-    const std::string outside = root_.path() + "/outside";
+    const std::string outside = root_.Sub("outside");
     ASSERT_EQ(mkdir(outside.c_str(), 0755), 0);
     ASSERT_EQ(symlink(outside.c_str(), staging_.c_str()), 0);
 
     LoadModules();
-    EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
     AdvanceAndSettle(60 * 60 * 1000);  // an hour without boot completion
     EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
 
@@ -131,51 +113,39 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     EXPECT_FALSE(log_.Contains("current_time", kTag));
 
     // The staging directory stays, with what was gathered; no archive.
-    struct stat st {};
-    ASSERT_EQ(lstat(staging_.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0775u);
-    std::string kernel;
-    EXPECT_TRUE(android::base::ReadFileToString(Device(paths::kBootLogKernelLog), &kernel));
-    EXPECT_EQ(kernel, "kernel: booted\n");
-    EXPECT_EQ(Archives(), std::vector<std::string>{"bootlog"});
-    EXPECT_EQ(Shell("ls -A '" + outside + "'"), "");
+    EXPECT_EQ(ModeOf(staging_), S_IFDIR | 0775u);
+    EXPECT_EQ(ReadFile(Device(paths::kBootLogKernelLog)), "kernel: booted\n");
+    EXPECT_EQ(tarnis_test::ListDir(aee_), std::vector<std::string>{"bootlog"});
+    EXPECT_TRUE(tarnis_test::ListDir(outside).empty());
 }
 
 TEST_F(BootLogDumperModuleTest, AStopEndsTheWaitForBootCompletion) {
     BootLogDumper dumper;
-    std::thread waiter([&dumper] { dumper.dump_boot_logs(); });
+    tarnis_test::StoppedThread waiter([&dumper] { dumper.dump_boot_logs(); });
     dumper.Stop();
-    waiter.join();
+    waiter.Join();
     EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
     EXPECT_FALSE(Exists(staging_));
 }
 
 TEST_F(BootLogDumperModuleTest, CopyFileHonoursOffsetsAndRefusesALinkAsTarget) {
-    const std::string src = root_.path() + "/src";
-    const std::string dst = root_.path() + "/dst";
-    ASSERT_TRUE(android::base::WriteStringToFile("0123456789", src));
-    ASSERT_TRUE(android::base::WriteStringToFile("abcdef", dst));
+    const std::string src = root_.Sub("src"), dst = root_.Sub("dst"), fresh = root_.Sub("fresh");
+    ASSERT_TRUE(WriteFile(src, "0123456789"));
+    ASSERT_TRUE(WriteFile(dst, "abcdef"));
     EXPECT_EQ(BootLogDumper::copy_file(src.c_str(), 4, dst.c_str(), 2), 0);
-    std::string copied;
-    ASSERT_TRUE(android::base::ReadFileToString(dst, &copied));
-    EXPECT_EQ(copied, "ab456789");
+    EXPECT_EQ(ReadFile(dst), "ab456789");
 
-    const std::string fresh = root_.path() + "/fresh";
     EXPECT_EQ(BootLogDumper::copy_file(src.c_str(), 0, fresh.c_str(), 0), 0);
     EXPECT_TRUE(log_.HasLine("tgt file " + fresh + " is not exist, need to create it!", kTag, ANDROID_LOG_INFO));
-    struct stat st {};
-    ASSERT_EQ(stat(fresh.c_str(), &st), 0);
     const mode_t mask = umask(0);
     umask(mask);
-    EXPECT_EQ(st.st_mode & 0777, 0660u & ~mask);
+    EXPECT_EQ(ModeOf(fresh), S_IFREG | (0660u & ~mask));
 
-    const std::string link = root_.path() + "/link";
+    const std::string link = root_.Sub("link");
     ASSERT_EQ(symlink(dst.c_str(), link.c_str()), 0);
     EXPECT_LT(BootLogDumper::copy_file(src.c_str(), 0, link.c_str(), 0), 0);
     EXPECT_TRUE(log_.Contains("open tgt file " + link + " failed, error: ", kTag, ANDROID_LOG_ERROR));
-    ASSERT_TRUE(android::base::ReadFileToString(dst, &copied));
-    EXPECT_EQ(copied, "ab456789");
+    EXPECT_EQ(ReadFile(dst), "ab456789");
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -28,7 +27,8 @@
 #include <log/log.h>
 
 #include "modules/CaptureServer/CaptureServerThread.h"
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
+#include "tests/support/WaitFor.h"
 
 extern char** environ;
 
@@ -38,8 +38,10 @@ using aidl::vendor::velmar::hardware::kolto::common::Ashmem;
 using aidl::vendor::velmar::hardware::kolto::common::BnKoltoImpl;
 using android::CaptureServerThread;
 using android::base::unique_fd;
+using tarnis_test::ModeOf;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
+using tarnis_test::WaitFor;
 using tarnis_test::WriteFile;
 
 constexpr char kTag[] = "CaptureServerThread";
@@ -85,10 +87,10 @@ TEST(KoltoStandIn, DISABLED_Serve) {
     ABinderProcess_joinThreadPool();
 }
 
-class CaptureServerModuleTest : public tarnis_test::ModuleTest {
+class CaptureServerModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         for (const char* dir : {"/mnt/rescue", "/cache", "/data/nuvilog/stability/reboot", "/data/vendor/zeltee",
                                 "/bin"}) {
             RunShell("mkdir -p '" + Device(dir) + "'");
@@ -108,7 +110,7 @@ protected:
         CaptureServerThread::SetIoTimeoutMsForTesting(0);
     }
     void TearDown() override {
-        ModuleTest::TearDown();
+        ModBModuleTest::TearDown();
         if (standIn_ > 0) {
             kill(standIn_, SIGKILL);
             waitpid(standIn_, nullptr, 0);
@@ -148,10 +150,9 @@ protected:
         }
         return reply;
     }
-    static std::string Framed(const std::string& name) {
-        return std::string{0, 0, 0, static_cast<char>(name.size())} + name;
+    std::string Request(const std::string& name) {
+        return Exchange(std::string{0, 0, 0, static_cast<char>(name.size())} + name);
     }
-    std::string Request(const std::string& name) { return Exchange(Framed(name)); }
 
     // The capture path the last "dorvad dump to" line named.
     std::string LastCapturePath() {
@@ -170,25 +171,18 @@ protected:
 
     // Runs this test program again as the stand-in HAL on this test's root.
     void StartKoltoStandIn() {
-        std::vector<std::string> env;
-        for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-        env.push_back(std::string(kStandInVariable) + "=" + root_.path());
-        std::vector<char*> envp;
-        for (std::string& e : env) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        std::string exe = "/proc/self/exe";
-        std::string filter = "--gtest_filter=KoltoStandIn.DISABLED_Serve";
+        std::string exe = "/proc/self/exe", filter = "--gtest_filter=KoltoStandIn.DISABLED_Serve";
         std::string disabled = "--gtest_also_run_disabled_tests";
         char* argv[] = {exe.data(), filter.data(), disabled.data(), nullptr};
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        ASSERT_EQ(posix_spawn(&standIn_, exe.c_str(), &actions, nullptr, argv, envp.data()), 0);
+        setenv(kStandInVariable, root_.path().c_str(), 1);
+        const int spawned = posix_spawn(&standIn_, exe.c_str(), &actions, nullptr, argv, environ);
+        unsetenv(kStandInVariable);
         posix_spawn_file_actions_destroy(&actions);
-        for (int i = 0; i < 500 && !AServiceManager_isDeclared(CaptureServerThread::kKoltoInstance); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        ASSERT_TRUE(AServiceManager_isDeclared(CaptureServerThread::kKoltoInstance));
+        ASSERT_EQ(spawned, 0);
+        ASSERT_TRUE(WaitFor([] { return AServiceManager_isDeclared(CaptureServerThread::kKoltoInstance); }));
     }
 
     std::string oldPath_;
@@ -218,22 +212,33 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteAndLandInTheir
     const std::string boot = Device("/mnt/rescue/dorva/") + "/BootFailure/BootFailure_host_7_";
     EXPECT_EQ(LastCapturePath().substr(0, boot.size()), boot);
     EXPECT_TRUE(log_.HasLine("dorvad dump to: " + LastCapturePath() + "\n", kTag, ANDROID_LOG_INFO));
-    struct stat st;
-    ASSERT_EQ(stat(Device("/mnt/rescue/dorva/BootFailure").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0775u);
+    EXPECT_EQ(ModeOf(Device("/mnt/rescue/dorva/BootFailure")), S_IFDIR | 0775u);
     // The secure-world logs are missing here, so they cannot be made readable.
     EXPECT_TRUE(log_.HasLine("chmod failed: No such file or directory\n", kTag, ANDROID_LOG_ERROR));
+
+    // Names that are not plain are refused, yet answered, and nothing is made.
+    log_.Clear();
+    const std::string before = RunShell("cd '" + root_.path() + "' && find mnt cache data | sort");
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {".", "."}, {"../x", "../x"}, {"", ""}, {"a/b", "a/b"}, {"..", ".."}, {std::string("ab\0c", 4), "ab\\x00c"},
+        {"new\nline", "new\\x0aline"}};
+    for (const auto& [name, shown] : refused) {
+        EXPECT_EQ(Request(name), "finish") << shown;
+        EXPECT_TRUE(log_.HasLine("refusing dump request " + shown + ": not a plain name", kTag, ANDROID_LOG_ERROR))
+            << shown;
+    }
+    EXPECT_EQ(RunShell("cd '" + root_.path() + "' && find mnt cache data | sort"), before);
+    EXPECT_FALSE(log_.Contains("dorvad dump begin"));
 }
 
-TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacingOlderCapturesOfItsKind) {
+TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacesItsKindAndEndsWithTheFailedPackage) {
     const std::string dir = Device("/mnt/rescue/dorva/BootFailure");
     RunShell("mkdir -p '" + dir + "'");
-    const std::string planted = "BootFailure_host_7_2025-01-01_00-00-00.zip\nRescuePartyLog_x.zip\nVoldFailed\n"
-                                "VoldFailed_1.zip\nnotes.txt\n";
     for (const char* old : {"BootFailure_host_7_2025-01-01_00-00-00.zip", "RescuePartyLog_x.zip", "VoldFailed",
                             "notes.txt", "VoldFailed_1.zip"}) {
         ASSERT_TRUE(WriteFile(dir + "/" + old, "old"));
     }
+    const std::string planted = RunShell("cd '" + dir + "' && ls");
     LoadModules();
     // Under 1,024 bytes (only the tools' names) the archive goes, and so does
     // nothing else.
@@ -245,32 +250,25 @@ TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacingOlderCaptures
 
     log_.Clear();
     MakeCaptureLarge();
+    android::base::SetProperty("sys.rescue_party_failed_package", "com.example.app");
     ASSERT_EQ(Request("BootFailure"), "finish");
     const std::string kept = LastCapturePath() + ".zip";
     EXPECT_GE(SizeOf(kept), 1024);
     EXPECT_FALSE(log_.Contains("log too small"));
     EXPECT_EQ(RunShell("cd '" + dir + "' && ls"),
               kept.substr(kept.rfind('/') + 1) + "\nVoldFailed_1.zip\nnotes.txt\n");
-    EXPECT_EQ(RunShell("unzip -tq '" + kept + "' >/dev/null && echo ok"), "ok\n");
-}
-
-TEST_F(CaptureServerModuleTest, FailedPackageIsDumpedLastAndSecureLogsFollowTheirDaemon) {
-    android::base::SetProperty("sys.rescue_party_failed_package", "com.example.app");
-    MakeCaptureLarge();
-    LoadModules();
-    ASSERT_EQ(Request("RescuePartyLog"), "finish");
-    const std::string archive = LastCapturePath() + ".zip";
-    ASSERT_GE(SizeOf(archive), 1024);
-    const std::string text = RunShell("unzip -p '" + archive + "' '*RescuePartyLog_host_7_*'");
+    // The failed package's state is dumped last.
+    const std::string text = RunShell("unzip -p '" + kept + "' '*BootFailure_host_7_*'");
     const size_t package = text.find("DUMPSYS PACKAGE\n");
     ASSERT_NE(package, std::string::npos) << text;
     EXPECT_LT(text.find("SPRD SECURITY LOG\n"), package);
     EXPECT_NE(text.find("dumpsys package com.example.app\n", package), std::string::npos) << text;
-    // Nothing of the twelve steps follows it.
-    EXPECT_EQ(text.find("SECURITY LOG\n", package), std::string::npos);
+    EXPECT_EQ(text.find("SECURITY LOG\n", package), std::string::npos);  // nothing of the twelve steps follows it
+}
 
-    // The steps, without the package when none failed; the log daemon's
-    // copies of the secure-world logs while it runs, the kernel's otherwise.
+// The steps, without the package when none failed; the log daemon's copies of
+// the secure-world logs while it runs, the kernel's otherwise.
+TEST_F(CaptureServerModuleTest, SecureLogsFollowTheirDaemon) {
     android::base::SetProperty("sys.rescue_party_failed_package", "");
     android::base::SetProperty("init.svc.qseelogd", "running");
     CaptureServerThread worker;
@@ -287,23 +285,6 @@ TEST_F(CaptureServerModuleTest, FailedPackageIsDumpedLastAndSecureLogsFollowThei
     steps = worker.CaptureSteps();
     EXPECT_EQ(steps[8].command[1], Device("/proc/tzdbg/qsee_log"));
     EXPECT_EQ(steps[9].command[1], Device("/proc/tzdbg/log"));
-}
-
-TEST_F(CaptureServerModuleTest, NamesThatAreNotPlainAreRefusedButAnswered) {
-    LoadModules();
-    EXPECT_EQ(Request("."), "finish");  // answered after the server has made its base
-    const std::string before = RunShell("cd '" + root_.path() + "' && find mnt cache data | sort");
-    const std::vector<std::pair<std::string, std::string>> refused = {
-        {"../x", "../x"}, {"", ""}, {"a/b", "a/b"}, {"..", ".."}, {std::string("ab\0c", 4), "ab\\x00c"},
-        {"new\nline", "new\\x0aline"}};
-    for (const auto& [name, shown] : refused) {
-        EXPECT_EQ(Request(name), "finish") << shown;
-        EXPECT_TRUE(log_.HasLine("refusing dump request " + shown + ": not a plain name", kTag, ANDROID_LOG_ERROR))
-            << shown;
-    }
-    EXPECT_TRUE(log_.HasLine("refusing dump request .: not a plain name", kTag, ANDROID_LOG_ERROR));
-    EXPECT_EQ(RunShell("cd '" + root_.path() + "' && find mnt cache data | sort"), before);
-    EXPECT_FALSE(log_.Contains("dorvad dump begin"));
 }
 
 TEST_F(CaptureServerModuleTest, ClientsThatStallOrLeaveDoNotHoldTheServer) {
@@ -332,15 +313,13 @@ TEST_F(CaptureServerModuleTest, WithoutItsSocketTheServerEndsAndRemovesItsModule
     if (const char* fd = getenv("ANDROID_SOCKET_dorvad")) close(atoi(fd));
     unsetenv("ANDROID_SOCKET_dorvad");
     LoadModules();
-    for (int i = 0; i < 500 && !log_.Contains("quited!!"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    ASSERT_TRUE(WaitFor([this] { return log_.Contains("quited!!"); }));
     WaitIdle();
     EXPECT_TRUE(log_.HasLine("Failed to get socket from environment: No such file or directory\n", kTag,
                              ANDROID_LOG_ERROR));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] CaptureServer done~", "Tarnis-CaptureServerModule"));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", "Tarnis-CaptureServerModule"));
-    EXPECT_NE(Dump({"ModuleManager", "dump"}).find("CaptureServer\t\tStopped\n"), std::string::npos);
+    EXPECT_TRUE(Stopped("CaptureServer"));
 }
 
 TEST_F(CaptureServerModuleTest, SecureWorldLogComesThroughTheVendorServiceInSharedMemory) {
@@ -371,9 +350,7 @@ TEST_F(CaptureServerModuleTest, SecureWorldLogComesThroughTheVendorServiceInShar
                              kTag, ANDROID_LOG_INFO));
     EXPECT_EQ(ReadFile(copy), bytes);
     EXPECT_EQ(ReadFile(outside), "untouched");
-    struct stat st;
-    ASSERT_EQ(lstat(copy.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_TRUE(S_ISREG(ModeOf(copy)));
 }
 
 TEST(SharedMemoryTest, RegionsAreSealedToTheirSize) {

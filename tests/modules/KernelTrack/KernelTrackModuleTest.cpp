@@ -1,15 +1,13 @@
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <dorva/DorvaServiceManager.h>
 #include <log/log.h>
@@ -17,17 +15,17 @@
 #include "modules/KernelTrack/KernelStatsTrack.h"
 #include "platform/binder/IPCThreadState.h"
 #include "modules/KernelTrack/KernelTrackUtils.h"
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
 #include "utils/Paths.h"
 
 namespace {
 
-using velmar::kolto::KernelTrack::KernelStatsTable;
 using velmar::kolto::KernelTrack::KernelStatsTrack;
 namespace paths = velmar::kolto::paths;
 
 constexpr char kStatsTag[] = "Tarnis-KernelStatsTrack";
 constexpr char kModuleTag[] = "Tarnis-KernelTrackModule";
+constexpr int kI = ANDROID_LOG_INFO;
 constexpr int64_t kMinuteMs = 60 * 1000;
 
 // Field names as the kernel writes them and the report carries them, a few of
@@ -42,56 +40,35 @@ const std::map<std::string, std::vector<std::string>> kUserNames = {
     {"dstate_stat_info", {"dstate_min_thresh_ms", "dstate_ux_total_ms", "dstate_top_app_low_cnt"}},
 };
 
-class KernelTrackModuleTest : public tarnis_test::ModuleTest {
+// Midnight is local midnight, which the fixture pins to UTC.
+class KernelTrackModuleTest : public tarnis_test::ModBModuleTest {
 protected:
-    void SetUp() override {
-        // Midnight is local midnight: the test fixes what local means.
-        setenv("TZ", "UTC", 1);
-        tzset();
-        ModuleTest::SetUp();
-    }
-
-    const KernelStatsTable& Table(const std::string& event) {
-        for (const auto& table : KernelStatsTrack::tables()) {
-            if (table.eventName == event) return table;
-        }
-        ADD_FAILURE() << event;
-        return KernelStatsTrack::tables().front();
-    }
     void Write(const char* devicePath, const std::string& text) {
-        const std::string path = Device(devicePath);
-        ASSERT_EQ(system(("mkdir -p \"$(dirname '" + path + "')\"").c_str()), 0);
-        ASSERT_TRUE(android::base::WriteStringToFile(text, path));
+        ASSERT_TRUE(tarnis_test::PlantFile(Device(devicePath), text));
     }
-    std::string Read(const char* devicePath) {
-        std::string text;
-        android::base::ReadFileToString(Device(devicePath), &text);
-        return text;
-    }
+    std::string Read(const char* devicePath) { return tarnis_test::ReadFile(Device(devicePath)); }
     // The names users see of that table, with value index + 1 (or 0 when `zero`).
     void WriteTable(const std::string& event, bool zero) {
+        const auto& tables = KernelStatsTrack::tables();
+        const auto table = std::find_if(tables.begin(), tables.end(), [&](auto& t) { return t.eventName == event; });
+        ASSERT_NE(table, tables.end()) << event;
         const std::vector<std::string>& names = kUserNames.at(event);
         std::string text;
         for (size_t i = 0; i < names.size(); ++i) text += names[i] + ":\t" + std::to_string(zero ? 0 : i + 1) + " \n";
-        Write(Table(event).statsFile, text);
+        Write(table->statsFile, text);
     }
-    // The kernel-stats events of the journal, payloads parsed.
     std::vector<Json::Value> Events() {
-        std::vector<Json::Value> events;
-        for (const Json::Value& call : JournalEvents()) {
-            EXPECT_EQ(call["call"].asString(), "reportTrelvoEvent");
-            EXPECT_EQ(call["args"][0].asString(), "52000178316");
-            EXPECT_EQ(call["args"][1].asString(), "Tarnis.Kernel_stats");
-            EXPECT_EQ(call["args"][3].asInt(), 0);
-            Json::Value payload;
-            Json::Reader reader;
-            EXPECT_TRUE(reader.parse(call["args"][2].asString(), payload)) << call["args"][2].asString();
-            EXPECT_EQ(call["args"][2].asString().back(), '\n');  // the compact writer's text, whole
-            events.push_back(payload);
-        }
+        std::vector<std::string> texts;
+        std::vector<Json::Value> events = TrelvoPayloads("52000178316", "Tarnis.Kernel_stats", &texts);
+        EXPECT_EQ(events.size(), JournalEvents().size()) << "every call a kernel-stats report";
+        // The compact writer's text, whole.
+        for (const std::string& text : texts) EXPECT_TRUE(!text.empty() && text.back() == '\n') << text;
         return events;
     }
-    std::string Line(const std::string& func, const std::string& text) { return "[" + func + "] " + text; }
+    // Whether "[func] text" was logged, by the statistics reader unless `tag` says otherwise.
+    bool Logged(const std::string& func, const std::string& text, int prio = 0, const char* tag = kStatsTag) {
+        return log_.HasLine("[" + func + "] " + text, tag, prio);
+    }
 };
 
 TEST_F(KernelTrackModuleTest, EveryTableReportsTheNamesUsersSee) {
@@ -111,13 +88,17 @@ TEST_F(KernelTrackModuleTest, EveryTableReportsTheNamesUsersSee) {
     for (const Json::Value& event : events) {
         const std::vector<std::string>& names = kUserNames.at(event["EVENT_NAME"].asString());
         EXPECT_EQ(event.size(), names.size() + 1) << event;
-        for (size_t i = 0; i < names.size(); ++i) EXPECT_EQ(event[names[i]].asInt(), static_cast<int>(i + 1)) << names[i];
+        for (size_t i = 0; i < names.size(); ++i) {
+            EXPECT_EQ(event[names[i]].asInt(), static_cast<int>(i + 1)) << names[i];
+        }
     }
 }
 
 TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
-    LoadModules();  // disabled: only the dump reports
-    EXPECT_TRUE(log_.HasLine(Line("OnAllModulesLoaded", "KernelTrack enable error"), kModuleTag, ANDROID_LOG_ERROR));
+    // Scheduling needs the property exactly "true": here only the dump reports.
+    ASSERT_TRUE(android::base::SetProperty("persist.sys.stability.kernel_track_enable", "1"));
+    LoadModules();
+    EXPECT_TRUE(Logged("OnAllModulesLoaded", "KernelTrack enable error", ANDROID_LOG_ERROR, kModuleTag));
 
     WriteTable("sched_lat_info", false);
     Write(paths::kSchedLatReset, "");
@@ -132,9 +113,11 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     Write(paths::kLockingLatInfo, "vip_mutex_wait_min_cnt: x\n");
     Write(paths::kLockingLatReset, "untouched");
     Write(paths::kIowaitStatInfo, "");
+    AdvanceAndSettle(48 * 60 * kMinuteMs);
+    EXPECT_TRUE(Events().empty());
 
     EXPECT_EQ(Dump({"KernelTrack"}), "Dumping module KernelTrack: \n\n-------------------------------------\n");
-    EXPECT_TRUE(log_.HasLine(Line("dump", "test kernel stats"), kModuleTag, ANDROID_LOG_INFO));
+    EXPECT_TRUE(Logged("dump", "test kernel stats", ANDROID_LOG_INFO, kModuleTag));
 
     const std::vector<Json::Value> events = Events();
     ASSERT_EQ(events.size(), 2u);
@@ -142,46 +125,39 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     EXPECT_EQ(mem["EVENT_NAME"].asString(), "mem_lat_info");
     EXPECT_EQ(mem.size(), 2u) << mem;
     EXPECT_EQ(mem["kswapd_cnt"].asInt(), 9);  // a repeated name keeps its last value
-    EXPECT_TRUE(log_.HasLine(Line("parseKernelInfo", "Invalid argument: page_alloc_cnt: 12abc"), kStatsTag));
-    EXPECT_TRUE(log_.HasLine(Line("parseKernelInfo", "Out of range: slowpath_cnt: 2147483648"), kStatsTag));
+    EXPECT_TRUE(Logged("parseKernelInfo", "Invalid argument: page_alloc_cnt: 12abc"));
+    EXPECT_TRUE(Logged("parseKernelInfo", "Out of range: slowpath_cnt: 2147483648"));
     // Binary is escaped and cut.
     EXPECT_TRUE(log_.Contains("Invalid argument: junk: \\x01\\x01", kStatsTag));
     EXPECT_TRUE(log_.Contains("\\x01...[3938 more bytes]", kStatsTag));
-    EXPECT_TRUE(log_.HasLine(Line("convertFieldsToJSON", "kcompactd_cnt not found in jsonNode."), kStatsTag));
-    EXPECT_TRUE(log_.HasLine(Line("kernelStatsReport", "clear mem_lat_info node failed"), kStatsTag,
-                             ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged("convertFieldsToJSON", "kcompactd_cnt not found in jsonNode."));
+    EXPECT_TRUE(Logged("kernelStatsReport", "clear mem_lat_info node failed", ANDROID_LOG_ERROR));
     EXPECT_EQ(log_.Count("node failed", kStatsTag), 1u);
 
     const Json::Value& sched = events[1];
     EXPECT_EQ(sched["EVENT_NAME"].asString(), "sched_lat_info");
     EXPECT_EQ(sched.size(), 5u);
     EXPECT_EQ(sched["irqoff_latency_cnt"].asInt(), 3);
-    EXPECT_TRUE(log_.HasLine(Line("reportKernelStatsEvent", "Successfully report event sched_lat_info, which kernel "
-                                                            "info from " + Device(paths::kSchedLatInfo)),
-                             kStatsTag, ANDROID_LOG_INFO));
+    const std::string fromSched = ", which kernel info from " + Device(paths::kSchedLatInfo);
+    EXPECT_TRUE(Logged("reportKernelStatsEvent", "Successfully report event sched_lat_info" + fromSched, kI));
     EXPECT_EQ(Read(paths::kSchedLatReset), "1\n");
 
-    EXPECT_TRUE(log_.HasLine(Line("reportKernelStatsEvent", "All values are empty or 0, no report"), kStatsTag));
+    EXPECT_TRUE(Logged("reportKernelStatsEvent", "All values are empty or 0, no report"));
     EXPECT_EQ(Read(paths::kBinderLatReset), "untouched");
     EXPECT_EQ(Read(paths::kLockingLatReset), "untouched");
-    EXPECT_TRUE(log_.HasLine(Line("reportKernelStatsEvent", "Failed to parse event locking_lat_info, which kernel "
-                                                            "info from " + Device(paths::kLockingLatInfo)),
-                             kStatsTag));
-    EXPECT_TRUE(log_.HasLine(Line("parseKernelInfo", "File content is empty: " + Device(paths::kIowaitStatInfo)),
-                             kStatsTag));
-    EXPECT_TRUE(log_.HasLine(Line("parseKernelInfo", "Failed to open " + Device(paths::kDstateStatInfo) +
-                                                             ", err No such file or directory"),
-                             kStatsTag));
+    EXPECT_TRUE(Logged("reportKernelStatsEvent", "Failed to parse event locking_lat_info, which kernel info from " +
+                                                     Device(paths::kLockingLatInfo)));
+    EXPECT_TRUE(Logged("parseKernelInfo", "File content is empty: " + Device(paths::kIowaitStatInfo)));
+    EXPECT_TRUE(Logged("parseKernelInfo",
+                       "Failed to open " + Device(paths::kDstateStatInfo) + ", err No such file or directory"));
 
     // A report the service refuses keeps the counters for the next day.
     Write(paths::kSchedLatReset, "");
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     Dump({"KernelTrack"});
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
-    EXPECT_TRUE(log_.HasLine(Line("trelvoReport", "Failed to connect Trelvo Binder!!"), kStatsTag));
-    EXPECT_TRUE(log_.HasLine(Line("reportKernelStatsEvent", "Failed to report event sched_lat_info, which kernel "
-                                                            "info from " + Device(paths::kSchedLatInfo)),
-                             kStatsTag));
+    EXPECT_TRUE(Logged("trelvoReport", "Failed to connect Trelvo Binder!!"));
+    EXPECT_TRUE(Logged("reportKernelStatsEvent", "Failed to report event sched_lat_info" + fromSched));
     EXPECT_EQ(Read(paths::kSchedLatReset), "");
 }
 
@@ -208,18 +184,14 @@ TEST_F(KernelTrackModuleTest, AnOrdinaryCallersDumpReportsOnceAMinuteAndResetsNo
     };
     for (const Step& step : steps) {
         clock_.Advance(step.advanceMs);
-        std::string out;
-        if (step.shell) {
-            android::IPCThreadState::ScopedIdentity shell(2000, getpid());
-            out = Dump({"KernelTrack"});
-        } else {
-            out = Dump({"KernelTrack"});
-        }
+        std::optional<android::IPCThreadState::ScopedIdentity> shell;
+        if (step.shell) shell.emplace(2000, getpid());
+        const std::string out = Dump({"KernelTrack"});
         EXPECT_EQ(out, "Dumping module KernelTrack: \n" + step.out + "\n-------------------------------------\n");
         EXPECT_EQ(Events().size(), step.events);
         EXPECT_EQ(Read(paths::kSchedLatReset), step.reset);
     }
-    EXPECT_EQ(log_.Count(Line("dump", "test kernel stats"), kModuleTag), 3u);
+    EXPECT_EQ(log_.Count("[dump] test kernel stats", kModuleTag), 3u);
 }
 
 TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDaily) {
@@ -227,14 +199,14 @@ TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDaily) {
     clock_.SetWallMs(tarnis_test::TestClock::kStartWallMs + (23 * 60 + 30) * kMinuteMs);  // 23:30
     WriteTable("binder_lat_info", false);
     LoadModules();
-    EXPECT_TRUE(log_.HasLine(Line("OnAllModulesLoaded", "KernelTrack enable"), kModuleTag, ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log_.HasLine(Line("OnAllModulesLoaded", "DayMidnight: 0 h"), kModuleTag));
-    EXPECT_TRUE(log_.HasLine(Line("OnAllModulesLoaded", "KernelTrack done~"), kModuleTag));
+    EXPECT_TRUE(Logged("OnAllModulesLoaded", "KernelTrack enable", ANDROID_LOG_ERROR, kModuleTag));
+    EXPECT_TRUE(Logged("OnAllModulesLoaded", "DayMidnight: 0 h", 0, kModuleTag));
+    EXPECT_TRUE(Logged("OnAllModulesLoaded", "KernelTrack done~", 0, kModuleTag));
 
     AdvanceAndSettle(30 * kMinuteMs - 1);
     EXPECT_TRUE(Events().empty());
     AdvanceAndSettle(1);
-    EXPECT_EQ(log_.Count(Line("scheduleTrackTask", "scheduleTrackTask"), kModuleTag), 1u);
+    EXPECT_EQ(log_.Count("[scheduleTrackTask] scheduleTrackTask", kModuleTag), 1u);
     ASSERT_EQ(Events().size(), 1u);
     EXPECT_EQ(Read(paths::kBinderLatReset), "");  // no node: nothing made in its place
 
@@ -242,15 +214,6 @@ TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDaily) {
     EXPECT_EQ(Events().size(), 1u);
     AdvanceAndSettle(1);
     EXPECT_EQ(Events().size(), 2u);
-}
-
-TEST_F(KernelTrackModuleTest, ScheduleNeedsThePropertyExactlyTrue) {
-    ASSERT_TRUE(android::base::SetProperty("persist.sys.stability.kernel_track_enable", "1"));
-    WriteTable("binder_lat_info", false);
-    LoadModules();
-    EXPECT_TRUE(log_.HasLine(Line("OnAllModulesLoaded", "KernelTrack enable error"), kModuleTag, ANDROID_LOG_ERROR));
-    AdvanceAndSettle(48 * 60 * kMinuteMs);
-    EXPECT_TRUE(Events().empty());
 }
 
 }  // namespace
