@@ -49,11 +49,6 @@ protected:
     }
     // Names in a device directory, one a line, sorted.
     std::string Names(const std::string& deviceDir) { return RunShell("ls -1 '" + Path(deviceDir) + "' 2>/dev/null"); }
-    // The path of the one file in a device directory.
-    std::string OnlyFile(const std::string& deviceDir) {
-        const std::string name = Names(deviceDir);
-        return Path(deviceDir) + "/" + name.substr(0, name.find('\n'));
-    }
 };
 
 }  // namespace tarnis_test

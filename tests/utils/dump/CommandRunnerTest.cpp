@@ -22,7 +22,7 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/support/DumpSandbox.h"
+#include "tests/support/DumpCases.h"
 #include "tests/support/WaitFor.h"
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/ChildWait.h"
@@ -34,6 +34,7 @@ using android::CmdTool;
 using tarnis_test::Exists;
 using tarnis_test::LineMatching;
 using tarnis_test::Literal;
+using tarnis_test::Logged;
 using tarnis_test::ReadFile;
 using tarnis_test::SandboxTest;
 using tarnis_test::StderrToFile;
@@ -56,7 +57,8 @@ bool CmdToolLogged(const platform::LogCapture& log, const std::string& text, int
 // What a forked child logged: it reaches only standard error, as
 // "... E TAG: text".
 bool ChildLogged(const std::string& err, const std::string& text) {
-    return err.find(std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + text + "\n") != std::string::npos;
+    const std::string line = std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + text + "\n";
+    return err.find(line) != std::string::npos;
 }
 
 using ChildWaitTest = SandboxTest;
@@ -132,11 +134,11 @@ TEST_F(CommandRunnerTest, DefaultTimeoutFollowsTestModeAndKeepsIt) {
     const std::string file = Capture("cap");
     platform::LogCapture log;
     CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
-    const std::string killed = LineMatching(
-        log, "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n", "dorvad", ANDROID_LOG_ERROR);
+    const std::string timedOut = "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n";
+    const std::string killed = LineMatching(log, timedOut, "dorvad", ANDROID_LOG_ERROR);
     ASSERT_NE(killed, "");
     EXPECT_EQ(kill(std::stoi(killed.substr(killed.rfind(' ') + 1)), 0), -1);  // reaped: no zombie left behind
-    EXPECT_TRUE(log.HasLine("run_command: sleep 10\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged(log, "run_command: sleep 10\n"));
     EXPECT_FALSE(CaptureLogUtil::isTestMode());
     ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "true"));
     CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), -1);
@@ -172,14 +174,11 @@ TEST_F(CommandRunnerTest, SynchronousWritesOnlyForPowerCaptures) {
     // A capture file the child cannot open: the reason on its standard error.
     platform::LogCapture log;
     StderrToFile err(root_.Sub("stderr"));
-    CaptureLogUtil::run_command({"true"}, root_.Sub("missing/dir/cap").c_str(), 5);
-    EXPECT_NE(err.Take().find("failed to open " + root_.Sub("missing/dir/cap") +
-                              ": No such file or directory\n"),
-              std::string::npos);
+    const std::string missing = root_.Sub("missing/dir/cap");
+    CaptureLogUtil::run_command({"true"}, missing.c_str(), 5);
+    EXPECT_NE(err.Take().find("failed to open " + missing + ": No such file or directory\n"), std::string::npos);
     // Nor can the runner append its result line: it says so instead.
-    EXPECT_TRUE(log.HasLine("Open log file failed. err: No such file or directory. log path: " +
-                                root_.Sub("missing/dir/cap") + "\n",
-                            "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged(log, "Open log file failed. err: No such file or directory. log path: " + missing + "\n"));
 }
 
 // Captures run on several threads at once: children ending on one thread
@@ -221,7 +220,8 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     EXPECT_EQ(liteFailures.load(), 0);
     const std::string text = ReadFile(slow);
-    EXPECT_TRUE(std::regex_search(text, std::regex("done\n\\*\\*\\* sh: Exit code 4, [0-9]+\n\\[sh: [1-9][0-9]*\\.[0-9]{3}s elapsed\\]\n\n$")))
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex("done\n\\*\\*\\* sh: Exit code 4, [0-9]+\n\\[sh: [1-9][0-9]*\\.[0-9]{3}s elapsed\\]\n\n$")))
         << text;
     const std::string fast = ReadFile(Capture("fast"));
     EXPECT_EQ(std::count(fast.begin(), fast.end(), '['), fastRuns.load()) << fast;
@@ -229,21 +229,6 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     EXPECT_FALSE(log.Contains("Waiting for pid"));
     EXPECT_FALSE(log.Contains("Timed out"));
     EXPECT_FALSE(log.Contains("killing pid"));
-}
-
-// On the host, captures run our getprop from the sandbox's PATH; it lists the
-// sandbox's properties, as the daemon's environment names them.
-TEST_F(CommandRunnerTest, CapturesListTheSandboxProperties) {
-    ASSERT_TRUE(android::base::SetProperty("ro.product.device", "sandboxed"));
-    const std::string oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "";
-    setenv("PATH", (std::string(TARNIS_BUILD_DIR) + ":" + oldPath).c_str(), 1);
-    setenv("TARNIS_ROOT", root_.path().c_str(), 1);
-    CaptureLogUtil::run_command({"getprop"}, Capture("cap").c_str(), 5);
-    setenv("PATH", oldPath.c_str(), 1);
-    unsetenv("TARNIS_ROOT");
-    const std::string text = ReadFile(Capture("cap"));
-    EXPECT_NE(text.find("------ (getprop) in 5s ------\n[ro.product.device]: [sandboxed]\n"), std::string::npos)
-        << text;
 }
 
 TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
@@ -361,7 +346,7 @@ TEST_F(ChildWaitTest, ReportsAFailedWaitInTheRunnersWords) {
     platform::LogCapture log;
     EXPECT_FALSE(child.WaitAndLog(1, nullptr, "dorvad", ""));
     EXPECT_EQ(errno, ECHILD);
-    EXPECT_TRUE(log.HasLine("*** waitpid failed: No child processes\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged(log, "*** waitpid failed: No child processes\n"));
     // The runners' own wait: a time-out is no error (errno says so, and
     // nothing is logged); a negative time is.
     const pid_t running = Sleeper();
@@ -372,7 +357,7 @@ TEST_F(ChildWaitTest, ReportsAFailedWaitInTheRunnersWords) {
     EXPECT_EQ(log.Count("***"), 0u);
     EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(running, -1, &status));
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(log.HasLine("*** sigtimedwait failed: Invalid argument\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged(log, "*** sigtimedwait failed: Invalid argument\n"));
     kill(running, SIGKILL);
     EXPECT_TRUE(CaptureLogUtil::waitpid_with_timeout(running, 5, &status));
     EXPECT_TRUE(WIFSIGNALED(status));
