@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <android-base/properties.h>
-#include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
 #include <log/log.h>
 

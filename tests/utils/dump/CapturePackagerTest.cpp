@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <regex>
 #include <thread>
