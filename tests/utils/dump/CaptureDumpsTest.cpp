@@ -243,8 +243,9 @@ TEST_F(CaptureDumpsTest, BugreportFromTheDumpstateService) {
     });
     platform::LogCapture log;
     DumpAll("anr", "bug", List({"tarnbugreport", "do_dumpheap"}), List({"full", ""}), false);
+    // Request() waits for the fake's thread: only once the daemon was there.
+    ASSERT_TRUE(Logged(log, "recv response from dumpstate: " + report, ANDROID_LOG_INFO));
     EXPECT_EQ(server.Request(), logDir + "|full");
-    EXPECT_TRUE(Logged(log, "recv response from dumpstate: " + report, ANDROID_LOG_INFO));
     // The report went into the archive, then was removed with its leftovers.
     ASSERT_EQ(files_.size(), 1u);
     EXPECT_EQ(platform::ToUtf8(files_[0]), report);
@@ -507,7 +508,6 @@ TEST_F(CaptureDumpsTest, LogDirectorySwappedForALinkMidCapture) {
     });
     platform::LogCapture log;
     DumpAll("anr", "h", List({"tarnbugreport", "ps"}), List({"full", "-o,pid"}), false);
-    server.Request();
     const std::string path = LineMatching(log, "dump_all path = (.*)").substr(strlen("dump_all path = "));
     const std::string name = path.substr(path.find_last_of('/') + 1);
     EXPECT_TRUE(Logged(log, "Refusing to pack " + path + ": its directory was moved"));

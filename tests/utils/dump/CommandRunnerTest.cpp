@@ -208,13 +208,14 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
             ++fastRuns;
         }
     });
-    // And children that are not the runners' own end meanwhile too.
-    while (!slowDone) {
+    // And children that are not the runners' own end meanwhile too. A runner
+    // that never returns fails the test here (its thread ends the process).
+    ASSERT_TRUE(tarnis_test::WaitFor([&] {
         const pid_t other = fork();
         if (other == 0) _exit(0);
         waitpid(other, nullptr, 0);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+        return slowDone.load();
+    }));
     busy.join();
     slowRunner.join();
     pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
