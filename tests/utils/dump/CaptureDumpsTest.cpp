@@ -145,10 +145,8 @@ TEST_F(CaptureDumpsTest, RefusesMismatchedListsBadTypesAndOverlongPaths) {
     EXPECT_EQ(log.Count("type 'a\\x0aforged' is not a plain directory name"), 1u);
     for (const std::string type : {"../x", "", ".", "..", "a/b"}) {
         DumpAll(type, "h", List({"ps"}), List({""}), false);
-        EXPECT_EQ(CountExact(log, "Refusing capture: type '" + type + "' is not a plain directory name", "dorvad",
-                             ANDROID_LOG_ERROR),
-                  1u)
-            << type;
+        const std::string refusal = "Refusing capture: type '" + type + "' is not a plain directory name";
+        EXPECT_EQ(CountExact(log, refusal, "dorvad", ANDROID_LOG_ERROR), 1u) << type;
     }
     EXPECT_EQ(Names("/data"), "anr\ndorva\nsystem\n");  // no "x", no "a"
     // "/data/dorva/" and the type: 100 bytes are too many, 99 are not.
@@ -178,7 +176,6 @@ TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlotsAndNoCaptureIsLost) {
     WriteFile(Path(dir + "/anr_hX1_3"), "still being written");
     Quick("anr", "h/1", true);
     EXPECT_EQ(ReadFile(Path(dir + "/anr_hX1_3")), "still being written");
-    EXPECT_GT(ModeOf(Path(dir + "/anr_hX1_0.zip")), 0u);
     age("anr_hX1_3", 1000);
     age("anr_hX1_0.zip", 2000000);
     Quick("anr", "h/1", true);
@@ -195,13 +192,15 @@ TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlotsAndNoCaptureIsLost) {
 // at the next start, and a headline's commas reach no tool as options.
 TEST_F(CaptureDumpsTest, NothingIsLostWhenPackingFailsOrWasKilled) {
     const std::string online = Path("/data/dorva/anr/online");
-    CaptureLogUtil::SetCompressHooksForTesting(nullptr, [&] {
+    std::vector<int> timeouts;
+    const auto noteTimeout = [&](int timeout) { timeouts.push_back(timeout); };
+    CaptureLogUtil::SetCompressHooksForTesting(noteTimeout, [&] {
         // A directory where the archive goes: the archive cannot be made.
         const std::string text = RunShell("ls '" + online + "' | grep -v zip | head -1");
         mkdir((online + "/" + text.substr(0, text.size() - 1) + ".zip").c_str(), 0700);
     });
     DumpAll("anr", "full", List({"ps"}), List({""}), false);
-    CaptureLogUtil::SetCompressHooksForTesting(nullptr, nullptr);
+    CaptureLogUtil::SetCompressHooksForTesting(noteTimeout, nullptr);
     const std::string kept = RunShell("ls '" + online + "' | grep -v zip");
     ASSERT_FALSE(kept.empty());
     EXPECT_NE(ReadFile(online + "/" + kept.substr(0, kept.size() - 1)).find("== headline: full"), std::string::npos);
@@ -216,15 +215,8 @@ TEST_F(CaptureDumpsTest, NothingIsLostWhenPackingFailsOrWasKilled) {
     // A local record's copy goes by cp; the headline's commas stay in its name.
     DumpAll("anr", "h,-r,-toutside,x", List({"do_dumpheap"}), List({""}), false, 7, true, {}, "", true);
     EXPECT_EQ(RunShell("ls '" + reboot + "' | grep -c '_h,-r,-t.*,x_'"), "1\n");
-}
-
-// Heap dumps are large: their captures get ten minutes to pack, others two.
-TEST_F(CaptureDumpsTest, PackingTimeOutFollowsTheActions) {
-    std::vector<int> timeouts;
-    CaptureLogUtil::SetCompressHooksForTesting([&](int timeout) { timeouts.push_back(timeout); }, nullptr);
-    Quick("anr", "one", false);
-    DumpAll("anr", "two", List({"ps"}), List({"-o,pid"}), false);
-    EXPECT_EQ(timeouts, (std::vector<int>{600, 120}));
+    // Heap dumps are large: their captures get ten minutes to pack, others two.
+    EXPECT_EQ(timeouts, (std::vector<int>{120, 600}));
 }
 
 TEST_F(CaptureDumpsTest, BugreportFromTheDumpstateService) {
@@ -427,12 +419,9 @@ TEST_F(CaptureDumpsTest, WhereMustBeAnExistingDirectoryOnTheCapturePartitions) {
         {"RescuePartyLog", "/data/out"}};
     for (const auto& [type, where] : refused) {
         Quick(type, "h", false, where);
-        EXPECT_EQ(CountExact(log,
-                             "Refusing capture: where '" + where +
-                                 "' is not a directory on the data, rescue or cache partition",
-                             "dorvad", ANDROID_LOG_ERROR),
-                  1u)
-            << type << " " << where;
+        const std::string refusal =
+            "Refusing capture: where '" + where + "' is not a directory on the data, rescue or cache partition";
+        EXPECT_EQ(CountExact(log, refusal, "dorvad", ANDROID_LOG_ERROR), 1u) << type << " " << where;
     }
     EXPECT_EQ(Names("/data/dorva"), "");
     EXPECT_EQ(Names("/etc"), "");
