@@ -1,3 +1,4 @@
+// The capture runner, the light runner (CmdTool) and the child wait both use.
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
