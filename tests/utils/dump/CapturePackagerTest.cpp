@@ -4,10 +4,11 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/stat.h>
-#include <host/Utf8.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -18,69 +19,58 @@
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/support/DumpSandbox.h"
+#include "tests/support/DumpCases.h"
+#include "tests/support/WaitFor.h"
 #include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/DirectoryHelpers.h"
 
 using android::CaptureLogUtil;
 using android::String16;
+using android::base::SetProperty;
 using tarnis_test::CountExact;
+using tarnis_test::Entries;
 using tarnis_test::Exists;
-using tarnis_test::SandboxTest;
+using tarnis_test::Logged;
+using tarnis_test::ModeOf;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::WriteFile;
 
 namespace {
 
-class CapturePackagerTest : public SandboxTest {
-protected:
-    // Creates a device file (and its directories) with some content.
-    std::string Make(const std::string& devicePath, const std::string& content = "content\n") {
-        const std::string path = Path(devicePath);
-        RunShell("mkdir -p \"$(dirname '" + path + "')\"");
-        WriteFile(path, content);
-        return path;
-    }
-    void MakeDir(const std::string& devicePath) { RunShell("mkdir -p '" + Path(devicePath) + "'"); }
-    // Entry names of an archive, one a line, sorted.
-    static std::string Entries(const std::string& zip) { return RunShell("unzip -Z1 '" + zip + "' | sort"); }
-    static std::vector<String16> List(std::initializer_list<const char*> paths) {
-        std::vector<String16> list;
-        for (const char* path : paths) list.push_back(platform::ToUtf16(path));
-        return list;
-    }
-};
+using CapturePackagerTest = tarnis_test::CaptureSandboxTest;
+using DirectoryHelpersTest = tarnis_test::SandboxTest;
+
+int Compress(const char* capture, const char* where, std::vector<String16>* files = nullptr, int seconds = 5,
+             bool recordInLocal = false) {
+    return CaptureLogUtil::do_compress(capture, where, files, seconds, recordInLocal);
+}
 
 }  // namespace
 
 TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
     Make("/data/dorva/ne/online/cap", "capture text\n");
     Make("/data/anr/trace_1", "trace\n");
-    MakeDir("/data/x");
+    MakeDirs({"/data/x", "/etc"});
     std::vector<String16> files = List({"/data/anr/trace_1"});
     // A writable directory written with its final slash receives the archive.
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x/", &files, 5, false), 0);
+    EXPECT_EQ(Compress("/data/dorva/ne/online/cap", "/data/x/", &files), 0);
     const std::string zip = Path("/data/x/cap.zip");
-    ASSERT_TRUE(Exists(zip));
     // The capture file's entry is its bare name; attachments keep their parent.
     EXPECT_EQ(Entries(zip), "anr/trace_1\ncap\n");
     EXPECT_EQ(RunShell("unzip -p '" + zip + "' cap"), "capture text\n");
-    struct stat st;
-    ASSERT_EQ(stat(zip.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0774u);
+    EXPECT_EQ(ModeOf(zip), 0774u);
 
-    // Without the final slash (or a directory that is missing), the archive
-    // goes beside the capture.
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x", &files, 5, false), 0);
-    EXPECT_TRUE(Exists(Path("/data/dorva/ne/online/cap.zip")));
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/none/", nullptr, 5, false), 0);
-    EXPECT_EQ(Entries(Path("/data/dorva/ne/online/cap.zip")), "cap\n");
-    // So does one off the capture partitions, writable or not.
-    RunShell("mkdir -p '" + Path("/etc") + "'");
-    unlink(Path("/data/dorva/ne/online/cap.zip").c_str());
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/../etc/", nullptr, 5, false), 0);
-    EXPECT_TRUE(Exists(Path("/data/dorva/ne/online/cap.zip")));
-    EXPECT_EQ(RunShell("ls -A '" + Path("/etc") + "'"), "");
+    // Without the final slash, to a missing directory, or to one off the
+    // capture partitions, the archive goes beside the capture.
+    const std::string beside = Path("/data/dorva/ne/online/cap.zip");
+    for (const char* where : {"/data/x", "/data/none/", "/data/../etc/"}) {
+        SCOPED_TRACE(where);
+        unlink(beside.c_str());
+        EXPECT_EQ(Compress("/data/dorva/ne/online/cap", where), 0);
+        EXPECT_EQ(Entries(beside), "cap\n");
+    }
+    EXPECT_EQ(Names("/etc"), "");
 
     // A `where` swapped for a link while the archive is packed: the archive
     // still goes into the directory that was checked, not where the link leads.
@@ -89,43 +79,59 @@ TEST_F(CapturePackagerTest, ArchivePathAndEntryNames) {
         rename(Path("/data/x").c_str(), Path("/data/x.moved").c_str());
         symlink(outside.path().c_str(), Path("/data/x").c_str());
     });
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/cap", "/data/x/", &files, 5, false), 0);
+    EXPECT_EQ(Compress("/data/dorva/ne/online/cap", "/data/x/", &files), 0);
     CaptureLogUtil::SetCompressHooksForTesting(nullptr, nullptr);
     EXPECT_EQ(RunShell("ls -A '" + outside.path() + "'"), "");
     EXPECT_EQ(Entries(Path("/data/x.moved/cap.zip")), "anr/trace_1\ncap\n");
 
     // Outside the online directories the capture keeps its parent as well.
     Make("/data/other/cap2");
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, nullptr, 5, false), 0);
+    EXPECT_EQ(Compress("/data/other/cap2", nullptr), 0);
     EXPECT_EQ(Entries(Path("/data/other/cap2.zip")), "other/cap2\n");
-
-    // A "gbg" attachment renames the archive.
-    Make("/data/gbg/dump.bin");
-    std::vector<String16> gbg = List({"/data/gbg/dump.bin"});
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/other/cap2", nullptr, &gbg, 5, false), 0);
-    EXPECT_TRUE(Exists(Path("/data/other/cap2.zip.mtk")));
-    EXPECT_EQ(Entries(Path("/data/other/cap2.zip.mtk")), "gbg/dump.bin\nother/cap2\n");
-    EXPECT_FALSE(Exists(Path("/data/other/cap2.zip")));
 }
 
-// After the ".mtk" rename every later step works on the renamed archive.
-TEST_F(CapturePackagerTest, StepsAfterTheRenameUseTheRenamedArchive) {
-    ASSERT_TRUE(android::base::SetProperty("persist.sys.nuviofflinedb", "true"));
-    MakeDir("/data/nuvilog/stability");
+// A "gbg" attachment renames the archive, and every later step (mode,
+// offline database, local record) works on the renamed one.
+TEST_F(CapturePackagerTest, OfflineDatabaseAndLocalRecordCopiesOfTheRenamedArchive) {
+    ASSERT_TRUE(SetProperty("persist.sys.nuviofflinedb", "true"));
+    MakeDirs({"/data/nuvilog/stability"});
     Make("/data/gbg/dump.bin");
     const std::string capture = "/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789";
     Make(capture);
     std::vector<String16> gbg = List({"/data/gbg/dump.bin"});
-    EXPECT_EQ(CaptureLogUtil::do_compress(capture.c_str(), nullptr, &gbg, 5, true), 0);
+    platform::LogCapture log;
+    EXPECT_EQ(Compress(capture.c_str(), nullptr, &gbg, 5, true), 0);
     const std::string renamed = Path(capture + ".zip.mtk");
-    struct stat st;
-    ASSERT_EQ(stat(renamed.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0774u);
-    EXPECT_EQ(RunShell("ls '" + Path("/data/nuvilog/stability/reboot") + "'"),
-              "7_ne_head_dev_inc_123_456_789.zip.mtk\n");
+    EXPECT_EQ(Entries(renamed), "7_ne_head_dev_inc_123_456_789\ngbg/dump.bin\n");
+    EXPECT_FALSE(Exists(Path(capture + ".zip")));
+    EXPECT_EQ(ModeOf(renamed), 0774u);
+    // Fields 1, 5, 6, 7 and 3 of "/7_ne_head_dev_inc_123_456_789.zip.mtk".
     const std::string copies = RunShell("cd '" + Path("/data/nuvilog") + "' && ls *.zip");
     EXPECT_TRUE(std::regex_match(copies, std::regex("ne_[0-9]{4}(-[0-9]{2}){5}_123_456_789\\.zip\\.mtk_dev\\.zip\n")))
         << copies;
+    // The local record copy keeps the archive's name.
+    EXPECT_EQ(Names("/data/nuvilog/stability/reboot"), "7_ne_head_dev_inc_123_456_789.zip.mtk\n");
+    EXPECT_TRUE(Logged(log, "start copy log which ruleid is not -1"));
+    EXPECT_TRUE(Logged(log, "copy " + renamed));
+
+    // A link planted at the local record's name is replaced, not written
+    // through.
+    const std::string victim = root_.Sub("victim");
+    WriteFile(victim, "precious");
+    const std::string record = Path("/data/nuvilog/stability/reboot/7_ne_head_dev_inc_123_456_789.zip.mtk");
+    ASSERT_EQ(unlink(record.c_str()), 0);
+    ASSERT_EQ(symlink(victim.c_str(), record.c_str()), 0);
+    EXPECT_EQ(Compress(capture.c_str(), nullptr, &gbg, 5, true), 0);
+    EXPECT_EQ(ReadFile(victim), "precious");
+    struct stat st;
+    ASSERT_EQ(lstat(record.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+
+    // A name with too few fields is skipped, never read past its end.
+    Make("/data/dorva/ne/online/short_name");
+    EXPECT_EQ(Compress("/data/dorva/ne/online/short_name", nullptr), 0);
+    EXPECT_TRUE(Logged(log, "skip offline db copy of " + Path("/data/dorva/ne/online/short_name.zip") +
+                                ": 2 name fields, 8 needed"));
 }
 
 TEST_F(CapturePackagerTest, SlowWorkerTimesOutButFinishesItsArchive) {
@@ -143,16 +149,15 @@ TEST_F(CapturePackagerTest, SlowWorkerTimesOutButFinishesItsArchive) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2000));
     });
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/t/online/cap", nullptr, nullptr, 1, false), -1);
+    EXPECT_EQ(Compress("/data/dorva/t/online/cap", nullptr, nullptr, 1), -1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
     // The detached worker still completes the archive.
     const std::string zip = Path("/data/dorva/t/online/cap.zip");
-    int status = -1;
-    for (int i = 0; i < 100 && status != 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(tarnis_test::WaitFor([&] {
+        int status = -1;
         RunShell("unzip -tq '" + zip + "' >/dev/null 2>&1", &status);
-    }
-    EXPECT_EQ(status, 0);
+        return status == 0;
+    }));
     EXPECT_EQ(RunShell("unzip -p '" + zip + "' cap"), "slow\n");
     std::lock_guard<std::mutex> guard(lock);
     EXPECT_EQ(workerName, "CaptureLog_Comp");
@@ -167,37 +172,33 @@ TEST_F(CapturePackagerTest, NativeCrashFilesDeletedOrKeptPerProperties) {
     std::atomic<int> seenTimeout{0};
     CaptureLogUtil::SetCompressHooksForTesting([&](int timeout) { seenTimeout = timeout; }, nullptr);
     std::vector<String16> files = List({"/data/nuvilog/stability/nativecrash/core_1",
-                                   "/data/nuvilog/stability/nativecrash/tombstones/tomb_1"});
+                                        "/data/nuvilog/stability/nativecrash/tombstones/tomb_1"});
 
-    ASSERT_TRUE(android::base::SetProperty("persist.reboot.coredump", "true"));
-    {
-        platform::LogCapture log;
-        EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
-        EXPECT_TRUE(log.HasLine("skip delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
-        EXPECT_TRUE(log.HasLine("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_ERROR));
-        EXPECT_EQ(log.Count("delete file("), 2u);
-    }
+    ASSERT_TRUE(SetProperty("persist.reboot.coredump", "true"));
+    platform::LogCapture log;
+    EXPECT_EQ(Compress("/data/dorva/ne/online/1_ne_x", nullptr, &files), 0);
+    EXPECT_TRUE(Logged(log, "skip delete file(" + core + ") \n"));
+    EXPECT_TRUE(Logged(log, "skip delete file(" + tomb + ") \n"));
+    EXPECT_EQ(log.Count("delete file("), 2u);
     // Each native crash adds four minutes for its core dump.
     EXPECT_EQ(seenTimeout.load(), 5 + 2 * 240);
     EXPECT_TRUE(Exists(core));
-    EXPECT_TRUE(Exists(tomb));
-    EXPECT_EQ(Entries(Path("/data/dorva/ne/online/1_ne_x.zip")),
-              "1_ne_x\nnativecrash/core_1\ntombstones/tomb_1\n");
+    EXPECT_EQ(Entries(Path("/data/dorva/ne/online/1_ne_x.zip")), "1_ne_x\nnativecrash/core_1\ntombstones/tomb_1\n");
 
-    ASSERT_TRUE(android::base::SetProperty("persist.reboot.coredump", "false"));
-    platform::LogCapture log;
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
+    ASSERT_TRUE(SetProperty("persist.reboot.coredump", "false"));
+    log.Clear();
+    EXPECT_EQ(Compress("/data/dorva/ne/online/1_ne_x", nullptr, &files), 0);
     EXPECT_FALSE(Exists(core));
     EXPECT_TRUE(Exists(tomb));  // the tombstone monitor's own copies stay
-    EXPECT_TRUE(log.HasLine("delete file(" + core + ") \n", "dorvad", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log.HasLine("skip delete file(" + tomb + ") \n", "dorvad", ANDROID_LOG_WARN));
+    EXPECT_TRUE(Logged(log, "delete file(" + core + ") \n"));
+    EXPECT_TRUE(Logged(log, "skip delete file(" + tomb + ") \n", ANDROID_LOG_WARN));
     EXPECT_EQ(CountExact(log, "delete file(" + tomb + ") \n"), 0u);
 
     // Only captures of native crashes ("_ne_") clean up.
     Make("/data/nuvilog/stability/nativecrash/core_2");
     Make("/data/dorva/je/online/1_je_x");
     std::vector<String16> other = List({"/data/nuvilog/stability/nativecrash/core_2"});
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/je/online/1_je_x", nullptr, &other, 5, false), 0);
+    EXPECT_EQ(Compress("/data/dorva/je/online/1_je_x", nullptr, &other), 0);
     EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/nativecrash/core_2")));
 }
 
@@ -216,87 +217,114 @@ TEST_F(CapturePackagerTest, HostileAttachmentsTouchNothingOutsideTheirTree) {
     std::vector<String16> files =
         List({climb.c_str(), "/data/nuvilog/stability/nativecrash/planted/secret.txt", up.c_str()});
     platform::LogCapture log;
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/1_ne_x", nullptr, &files, 5, false), 0);
+    EXPECT_EQ(Compress("/data/dorva/ne/online/1_ne_x", nullptr, &files), 0);
     EXPECT_EQ(ReadFile(secret), "secret");
-    struct stat st;
-    ASSERT_EQ(stat(secret.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(ModeOf(secret), 0600u);
     EXPECT_EQ(Entries(Path("/data/dorva/ne/online/1_ne_x.zip")), "1_ne_x\n");
     EXPECT_EQ(log.Count("attachment refused"), 3u);
     EXPECT_EQ(log.Count("delete file("), 0u);
 }
 
-TEST_F(CapturePackagerTest, OfflineDatabaseAndLocalRecordCopies) {
-    ASSERT_TRUE(android::base::SetProperty("persist.sys.nuviofflinedb", "true"));
-    MakeDir("/data/nuvilog/stability");
-    Make("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789");
-    platform::LogCapture log;
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789", nullptr, nullptr,
-                                          5, true),
-              0);
-    // Fields 1, 5, 6, 7 and 3 of "/7_ne_head_dev_inc_123_456_789.zip".
-    const std::string copies = RunShell("cd '" + Path("/data/nuvilog") + "' && ls *.zip");
-    EXPECT_TRUE(std::regex_match(copies, std::regex("ne_[0-9]{4}(-[0-9]{2}){5}_123_456_789\\.zip_dev\\.zip\n")))
-        << copies;
-    // The local record copy keeps the archive's name.
-    EXPECT_TRUE(Exists(Path("/data/nuvilog/stability/reboot/7_ne_head_dev_inc_123_456_789.zip")));
-    EXPECT_TRUE(log.HasLine("start copy log which ruleid is not -1", "dorvad", ANDROID_LOG_ERROR));
-    EXPECT_TRUE(log.HasLine("copy " + Path("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789.zip"), "dorvad",
-                            ANDROID_LOG_ERROR));
-
-    // A link planted at the local record's name is replaced, not written
-    // through.
-    const std::string victim = root_.Sub("victim");
-    WriteFile(victim, "precious");
-    const std::string record = Path("/data/nuvilog/stability/reboot/7_ne_head_dev_inc_123_456_789.zip");
-    ASSERT_EQ(unlink(record.c_str()), 0);
-    ASSERT_EQ(symlink(victim.c_str(), record.c_str()), 0);
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/7_ne_head_dev_inc_123_456_789", nullptr, nullptr,
-                                          5, true),
-              0);
-    EXPECT_EQ(ReadFile(victim), "precious");
-    struct stat st;
-    ASSERT_EQ(lstat(record.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
-
-    // A name with too few fields is skipped, never read past its end.
-    Make("/data/dorva/ne/online/short_name");
-    EXPECT_EQ(CaptureLogUtil::do_compress("/data/dorva/ne/online/short_name", nullptr, nullptr, 5, false), 0);
-    EXPECT_TRUE(log.HasLine("skip offline db copy of " + Path("/data/dorva/ne/online/short_name.zip") +
-                                ": 2 name fields, 8 needed",
-                            "dorvad", ANDROID_LOG_ERROR));
-}
-
 TEST_F(CapturePackagerTest, AtMostSixteenFilesOpenedUpPerAttachment) {
-    MakeDir("/data/many");
-    for (int i = 0; i < 40; ++i) {
-        const std::string file = Path("/data/many/f" + std::to_string(i));
-        WriteFile(file, "x");
-        chmod(file.c_str(), 0600);
-    }
+    MakeDirs({"/data/many", "/data/linked"});
+    for (int i = 0; i < 40; ++i) chmod(Make("/data/many/f" + std::to_string(i), "x").c_str(), 0600);
     int count = 0;
     CaptureLogUtil::include_zip_files(Path("/data/many").c_str(), &count);
     EXPECT_EQ(count, 16);
     EXPECT_EQ(RunShell("find '" + Path("/data/many") + "' -type f -perm 0777 | wc -l"), "16\n");
 
-    // A link among the attachments is counted, but its target is not opened up.
+    // A link among the attachments is counted, but its target is not opened
+    // up; the uid errors file keeps its mode.
     const std::string outside = root_.Sub("outside");
     WriteFile(outside, "private");
     chmod(outside.c_str(), 0600);
-    MakeDir("/data/linked");
     symlink(outside.c_str(), Path("/data/linked/link").c_str());
-    count = 0;
-    CaptureLogUtil::include_zip_files(Path("/data/linked").c_str(), &count);
-    EXPECT_EQ(count, 1);
-    struct stat st;
-    ASSERT_EQ(stat(outside.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
-    // The uid errors file keeps its mode.
     const std::string uidErrors = Make("/data/system/uiderrors.txt");
     chmod(uidErrors.c_str(), 0640);
-    count = 0;
-    CaptureLogUtil::include_zip_files(uidErrors.c_str(), &count);
-    EXPECT_EQ(count, 1);
-    ASSERT_EQ(stat(uidErrors.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    for (const std::string& attachment : {Path("/data/linked"), uidErrors}) {
+        count = 0;
+        CaptureLogUtil::include_zip_files(attachment.c_str(), &count);
+        EXPECT_EQ(count, 1) << attachment;
+    }
+    EXPECT_EQ(ModeOf(outside), 0600u);
+    EXPECT_EQ(ModeOf(uidErrors), 0640u);
+}
+
+TEST_F(DirectoryHelpersTest, DeleteDirContentsKeepsExclusionsAndNeverFollowsLinks) {
+    const std::string dir = root_.Sub("tree");
+    RunShell("mkdir -p '" + dir + "/keep' '" + dir + "/sub/deeper' '" + root_.Sub("outside") + "'");
+    WriteFile(dir + "/a", "a");
+    WriteFile(dir + "/keep/k", "k");
+    WriteFile(dir + "/sub/deeper/d", "d");
+    WriteFile(root_.Sub("outside/precious"), "p");
+    symlink(root_.Sub("outside").c_str(), (dir + "/link").c_str());
+    const auto keep = [](const char* name, bool isDir) { return isDir && strcmp(name, "keep") == 0; };
+    EXPECT_EQ(android::delete_dir_contents(dir.c_str(), false, keep), 0);
+    EXPECT_EQ(RunShell("cd '" + dir + "' && find . | sort"), ".\n./keep\n./keep/k\n");
+    EXPECT_EQ(android::delete_dir_contents(dir.c_str(), true, nullptr), 0);
+    EXPECT_FALSE(Exists(dir));
+
+    // A link in the directory's own place: neither emptied through nor removed.
+    const std::string linked = root_.Sub("linked") + "/";
+    symlink(root_.Sub("outside").c_str(), root_.Sub("linked").c_str());
+    platform::LogCapture log;
+    EXPECT_EQ(android::delete_dir_contents(linked.c_str(), true, nullptr), -1);
+    EXPECT_EQ(ReadFile(root_.Sub("outside/precious")), "p");
+    EXPECT_TRUE(Logged(log, "Couldn't opendir " + linked + ": Not a directory\n"));
+    EXPECT_EQ(android::delete_dir_contents(root_.Sub("none").c_str(), false, nullptr), -1);
+    EXPECT_TRUE(Logged(log, "Couldn't opendir " + root_.Sub("none") + ": No such file or directory\n"));
+}
+
+TEST_F(DirectoryHelpersTest, CreateDirIfNeededMakesOrCorrectsOnlyRealDirectories) {
+    const std::string made = root_.Sub("made");
+    umask(022);
+    EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
+    EXPECT_EQ(ModeOf(made), 0750u);
+    chmod(made.c_str(), 0700);
+    platform::LogCapture log;
+    EXPECT_EQ(android::create_dir_if_needed((made + "/").c_str(), 0750), 0);
+    EXPECT_EQ(ModeOf(made), 0750u);
+    EXPECT_TRUE(Logged(log, made + "/perm 700 expected 750", ANDROID_LOG_WARN));
+    // Already right: nothing to say.
+    log.Clear();
+    EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
+    EXPECT_EQ(log.Count("perm", "dorvad"), 0u);
+
+    // A file, or a link planted in the directory's place: refused, the
+    // link's target's mode untouched.
+    WriteFile(root_.Sub("file"), "12345");
+    RunShell("mkdir -p '" + root_.Sub("outside") + "' && chmod 0700 '" + root_.Sub("outside") + "'");
+    symlink(root_.Sub("outside").c_str(), root_.Sub("planted").c_str());
+    for (const std::string& path : {root_.Sub("file"), root_.Sub("planted") + "/"}) {
+        EXPECT_EQ(android::create_dir_if_needed(path.c_str(), 0777), -1);
+        EXPECT_TRUE(Logged(log, path + " is not a dir.")) << path;
+    }
+    EXPECT_EQ(ModeOf(root_.Sub("outside")), 0700u);
+    // A missing parent: mkdir's failure, nothing made.
+    EXPECT_EQ(android::create_dir_if_needed(root_.Sub("no/such").c_str(), 0750), -1);
+    EXPECT_FALSE(Exists(root_.Sub("no")));
+}
+
+TEST_F(DirectoryHelpersTest, CopyFileCopiesWholeFilesAndRefusesALinkedTarget) {
+    const std::string from = root_.Sub("file");
+    const std::string to = root_.Sub("copy");
+    const std::string big(300 * 1024, 'b');
+    WriteFile(from, big);
+    EXPECT_EQ(android::copy_file(from.c_str(), to.c_str()), 0);
+    EXPECT_EQ(ReadFile(to), big);
+    EXPECT_EQ(ModeOf(to), 0664u & ~022u);
+    // A shorter source replaces the whole of an existing copy.
+    WriteFile(from, "12345");
+    EXPECT_EQ(android::copy_file(from.c_str(), to.c_str()), 0);
+    EXPECT_EQ(ReadFile(to), "12345");
+
+    platform::LogCapture log;
+    EXPECT_EQ(android::copy_file(root_.Sub("none").c_str(), to.c_str()), -1);
+    EXPECT_TRUE(Logged(log, "Failed to open copy from " + root_.Sub("none") + "  reason: No such file or directory"));
+    WriteFile(root_.Sub("precious"), "p");
+    symlink(root_.Sub("precious").c_str(), root_.Sub("planted").c_str());
+    EXPECT_EQ(android::copy_file(from.c_str(), root_.Sub("planted").c_str()), -1);
+    EXPECT_EQ(ReadFile(root_.Sub("precious")), "p");
+    EXPECT_TRUE(Logged(log, "Failed to open copy to " + root_.Sub("planted") +
+                                "  reason: Too many levels of symbolic links"));
 }

@@ -1,11 +1,17 @@
+// The capture runner, the light runner (CmdTool) and the child wait both use.
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
+#include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
+#include <host/Utf8.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <regex>
 #include <thread>
@@ -13,19 +19,26 @@
 #include <gtest/gtest.h>
 
 #include <android-base/properties.h>
+#include <host/Host.h>
 #include <log/log.h>
 
 #include "platform/LogCapture.h"
-#include "tests/support/DumpSandbox.h"
+#include "tests/support/DumpCases.h"
+#include "tests/support/WaitFor.h"
 #include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/ChildWait.h"
 #include "utils/dump/CmdTool.h"
 
 using android::CaptureLogUtil;
+using android::ChildWait;
 using android::CmdTool;
+using tarnis_test::Exists;
 using tarnis_test::LineMatching;
+using tarnis_test::Literal;
+using tarnis_test::Logged;
+using tarnis_test::ReadFile;
 using tarnis_test::SandboxTest;
 using tarnis_test::StderrToFile;
-using tarnis_test::ReadFile;
 using tarnis_test::WriteFile;
 
 namespace {
@@ -34,6 +47,61 @@ class CommandRunnerTest : public SandboxTest {
 protected:
     std::string Capture(const std::string& name) { return root_.Sub(name); }
 };
+
+using CmdToolTest = SandboxTest;
+
+// This runner has no tag of its own: its lines carry the log's default one.
+bool CmdToolLogged(const platform::LogCapture& log, const std::string& text, int prio = ANDROID_LOG_ERROR) {
+    return log.HasLine("dorvad cmdtool " + text, platform::DefaultLogTag(), prio);
+}
+
+// What a forked child logged: it reaches only standard error, as
+// "... E TAG: text".
+bool ChildLogged(const std::string& err, const std::string& text) {
+    const std::string line = std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + text + "\n";
+    return err.find(line) != std::string::npos;
+}
+
+using ChildWaitTest = SandboxTest;
+
+// Forks a child that sleeps until it is killed.
+pid_t Sleeper() {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        for (;;) pause();
+    }
+    return pid;
+}
+
+// Runs in a pid namespace of its own, as its init, where no other process
+// hands out numbers: a child is reaped behind the ChildWait's back and a new
+// child is given the very same pid. Returns 0 when the ChildWait never
+// touched the newcomer, else the number of the check that failed.
+int SignalAfterThePidWasReused() {
+    const pid_t first = Sleeper();
+    ChildWait wait(first);
+    kill(first, SIGKILL);
+    waitpid(first, nullptr, 0);  // someone else reaps it
+    // The next child gets the number just freed.
+    const std::string last = std::to_string(first - 1);
+    const int sysctl = open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
+    if (sysctl < 0 || write(sysctl, last.data(), last.size()) != static_cast<ssize_t>(last.size())) return 2;
+    close(sysctl);
+    const pid_t second = Sleeper();
+    int failed = 0;
+    if (second != first) {
+        failed = 3;
+    } else if (wait.Signal(SIGKILL) == 0 || errno != ESRCH) {
+        failed = 4;
+    } else if (wait.Stop("dorvad", "")) {
+        failed = 5;  // reported as stopped: it reaped or signalled the newcomer
+    } else if (waitpid(second, nullptr, WNOHANG) != 0) {
+        failed = 6;  // the newcomer was hit
+    }
+    kill(second, SIGKILL);
+    waitpid(second, nullptr, 0);
+    return failed;
+}
 
 }  // namespace
 
@@ -67,11 +135,11 @@ TEST_F(CommandRunnerTest, DefaultTimeoutFollowsTestModeAndKeepsIt) {
     const std::string file = Capture("cap");
     platform::LogCapture log;
     CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
-    const std::string killed = LineMatching(
-        log, "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n", "dorvad", ANDROID_LOG_ERROR);
+    const std::string timedOut = "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n";
+    const std::string killed = LineMatching(log, timedOut, "dorvad", ANDROID_LOG_ERROR);
     ASSERT_NE(killed, "");
     EXPECT_EQ(kill(std::stoi(killed.substr(killed.rfind(' ') + 1)), 0), -1);  // reaped: no zombie left behind
-    EXPECT_TRUE(log.HasLine("run_command: sleep 10\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged(log, "run_command: sleep 10\n"));
     EXPECT_FALSE(CaptureLogUtil::isTestMode());
     ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "true"));
     CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), -1);
@@ -107,14 +175,11 @@ TEST_F(CommandRunnerTest, SynchronousWritesOnlyForPowerCaptures) {
     // A capture file the child cannot open: the reason on its standard error.
     platform::LogCapture log;
     StderrToFile err(root_.Sub("stderr"));
-    CaptureLogUtil::run_command({"true"}, root_.Sub("missing/dir/cap").c_str(), 5);
-    EXPECT_NE(err.Take().find("failed to open " + root_.Sub("missing/dir/cap") +
-                              ": No such file or directory\n"),
-              std::string::npos);
+    const std::string missing = root_.Sub("missing/dir/cap");
+    CaptureLogUtil::run_command({"true"}, missing.c_str(), 5);
+    EXPECT_NE(err.Take().find("failed to open " + missing + ": No such file or directory\n"), std::string::npos);
     // Nor can the runner append its result line: it says so instead.
-    EXPECT_TRUE(log.HasLine("Open log file failed. err: No such file or directory. log path: " +
-                                root_.Sub("missing/dir/cap") + "\n",
-                            "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(Logged(log, "Open log file failed. err: No such file or directory. log path: " + missing + "\n"));
 }
 
 // Captures run on several threads at once: children ending on one thread
@@ -144,19 +209,21 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
             ++fastRuns;
         }
     });
-    // And children that are not the runners' own end meanwhile too.
-    while (!slowDone) {
+    // And children that are not the runners' own end meanwhile too. A runner
+    // that never returns fails the test here (its thread ends the process).
+    ASSERT_TRUE(tarnis_test::WaitFor([&] {
         const pid_t other = fork();
         if (other == 0) _exit(0);
         waitpid(other, nullptr, 0);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+        return slowDone.load();
+    }));
     busy.join();
     slowRunner.join();
     pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
     EXPECT_EQ(liteFailures.load(), 0);
     const std::string text = ReadFile(slow);
-    EXPECT_TRUE(std::regex_search(text, std::regex("done\n\\*\\*\\* sh: Exit code 4, [0-9]+\n\\[sh: [1-9][0-9]*\\.[0-9]{3}s elapsed\\]\n\n$")))
+    EXPECT_TRUE(std::regex_search(
+        text, std::regex("done\n\\*\\*\\* sh: Exit code 4, [0-9]+\n\\[sh: [1-9][0-9]*\\.[0-9]{3}s elapsed\\]\n\n$")))
         << text;
     const std::string fast = ReadFile(Capture("fast"));
     EXPECT_EQ(std::count(fast.begin(), fast.end(), '['), fastRuns.load()) << fast;
@@ -166,41 +233,160 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     EXPECT_FALSE(log.Contains("killing pid"));
 }
 
-// On the host, captures run our getprop from the sandbox's PATH; it lists the
-// sandbox's properties, as the daemon's environment names them.
-TEST_F(CommandRunnerTest, CapturesListTheSandboxProperties) {
-    ASSERT_TRUE(android::base::SetProperty("ro.product.device", "sandboxed"));
-    const std::string oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "";
-    setenv("PATH", (std::string(TARNIS_BUILD_DIR) + ":" + oldPath).c_str(), 1);
-    setenv("TARNIS_ROOT", root_.path().c_str(), 1);
-    const std::string file = Capture("cap");
-    CaptureLogUtil::run_command({"getprop"}, file.c_str(), 5);
-    CaptureLogUtil::run_command({"getprop", "ro.product.device"}, file.c_str(), 5);
-    setenv("PATH", oldPath.c_str(), 1);
-    unsetenv("TARNIS_ROOT");
-    const std::string text = ReadFile(file);
-    EXPECT_NE(text.find("------ (getprop) in 5s ------\n[ro.product.device]: [sandboxed]\n"), std::string::npos)
-        << text;
-    EXPECT_NE(text.find("------ (getprop ro.product.device) in 5s ------\nsandboxed\n[getprop: "), std::string::npos)
-        << text;
+TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
+    // A script that records its argument count and arguments, then exits 3.
+    const std::string out = root_.Sub("args");
+    const std::string script = root_.Sub("record.sh");
+    WriteFile(script, "#!/bin/sh\nprintf '%s\\n' \"$#\" \"$@\" > '" + out + "'\nexit 3\n");
+    chmod(script.c_str(), 0755);
+    platform::LogCapture log;
+    EXPECT_EQ(CmdTool::run_command_lite(script.c_str(), "-a,,-b", 5), 0);
+    EXPECT_EQ(ReadFile(out), "2\n-a\n-b\n");
+    EXPECT_TRUE(CmdToolLogged(log, "*** " + script + ": Exit code 3\n"));
+    const std::string tag = platform::DefaultLogTag();
+    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\[" + Literal(script) + ": 0\\.[0-9]{3}s elapsed57\\]\n\n", tag,
+                           ANDROID_LOG_DEBUG),
+              "");
+    // 1023 bytes still pass as one parameter.
+    const std::string longest(1023, 'p');
+    EXPECT_EQ(CmdTool::run_command_lite(platform::ToUtf16(script), platform::ToUtf16(longest), 5), 0);
+    EXPECT_EQ(ReadFile(out), "1\n" + longest + "\n");
+    unlink(out.c_str());
+
+    // The child refuses 1024 bytes; a missing tool, and an empty name (no
+    // refusal of its own), fail at exec.
+    const struct {
+        std::string program, params, childLine;
+    } failures[] = {
+        {script, std::string(1024, 'p'), "*** param too long: 1024 bytes"},
+        {"tarnis-no-such-tool", "", "*** exec(tarnis-no-such-tool): No such file or directory"},
+        {"", "x", "*** exec(): No such file or directory"},
+    };
+    for (const auto& f : failures) {
+        SCOPED_TRACE(f.program);
+        StderrToFile err(root_.Sub("stderr"));
+        log.Clear();
+        EXPECT_EQ(CmdTool::run_command_lite(f.program.c_str(), f.params.c_str(), 5), 0);
+        EXPECT_TRUE(ChildLogged(err.Take(), f.childLine));
+        EXPECT_TRUE(CmdToolLogged(log, "*** " + f.program + ": Exit code 255\n"));
+    }
+    EXPECT_FALSE(Exists(out));  // the script never ran
+    EXPECT_EQ(CmdTool::run_command_lite(static_cast<const char*>(nullptr), "", 5), -1);
+    // A clean exit adds no line of its own, only the elapsed one.
+    log.Clear();
+    EXPECT_EQ(CmdTool::run_command_lite("true", "", 5), 0);
+    EXPECT_EQ(log.Count("***"), 0u);
+    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\[true: 0\\.[0-9]{3}s elapsed57\\]\n\n", tag, ANDROID_LOG_DEBUG), "");
 }
 
-TEST_F(CommandRunnerTest, NegativeTimeoutOfTheWaitIsAnError) {
+// The time-out's and the failed wait's lines; how a stubborn child is ended
+// (SIGTERM, then SIGKILL after the grace) is ChildWaitTest's. A negative
+// time-out fails as a failed wait does and still ends the child; 0 is a
+// time-out that comes at once.
+TEST_F(CmdToolTest, TimeoutsAndFailedWaitsEndTheChildAndSaySo) {
+    const struct {
+        int timeout;
+        std::string line;
+        const char* absent;
+    } cases[] = {
+        {1, "Timed out after 1\\.[0-9]{3}s", "sigtimedwait"},
+        {0, "Timed out after 0\\.[0-9]{3}s", "sigtimedwait"},
+        {-1, "Error after 0\\.[0-9]{4}s", "Timed out"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.timeout);
+        platform::LogCapture log;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", c.timeout), -1);
+        // The child went at SIGTERM: no grace was waited out.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
+        EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: " + c.line + " \\(killing pid [0-9]+\\)\n",
+                               platform::DefaultLogTag(), ANDROID_LOG_ERROR),
+                  "");
+        EXPECT_EQ(CmdToolLogged(log, "*** sigtimedwait failed: Invalid argument\n"), c.timeout < 0);
+        EXPECT_EQ(log.Count(c.absent), 0u);
+        EXPECT_EQ(log.Count("Cannot kill"), 0u);
+        EXPECT_EQ(log.Count("elapsed57"), 0u);
+    }
+}
+
+TEST_F(ChildWaitTest, StopsAChildThatIgnoresSigtermWithSigkillAfterTheGrace) {
+    const std::string record = root_.Sub("signals");
+    const std::string ready = root_.Sub("ready");
     const pid_t pid = fork();
     if (pid == 0) {
-        for (;;) pause();
+        const std::string script = "trap 'echo TERM >> " + record + "' TERM; : > " + ready +
+                                   "; while :; do sleep 0.05; done";
+        execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
     }
     ASSERT_GT(pid, 0);
-    platform::LogCapture log;
-    int status = 0;
-    errno = 0;
-    EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(pid, -1, &status));
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(log.HasLine("*** sigtimedwait failed: Invalid argument\n", "dorvad", ANDROID_LOG_ERROR));
-    errno = 0;
-    EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(pid, 0, &status));
-    EXPECT_EQ(errno, ETIMEDOUT);
+    ChildWait child(pid);
+    ASSERT_TRUE(tarnis_test::WaitFor([&] { return access(ready.c_str(), F_OK) == 0; }));
+    // Still running: a look that does not wait says so.
+    EXPECT_EQ(child.Wait(0, nullptr, nullptr), ChildWait::kTimedOut);
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(child.Stop("dorvad", ""));
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    // SIGTERM first: the child noted it and carried on; SIGKILL only once the
+    // one-second grace had passed.
+    EXPECT_EQ(ReadFile(record), "TERM\n");
+    EXPECT_GE(took, 0.95);
+    EXPECT_LT(took, 2.5);
+    // Reaped by Stop: nothing left to wait for, and nothing to signal.
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
+    EXPECT_EQ(child.Signal(SIGKILL), -1);
+    EXPECT_EQ(errno, ESRCH);
+}
+
+TEST_F(ChildWaitTest, ReportsAFailedWaitInTheRunnersWords) {
+    const pid_t pid = Sleeper();
+    ChildWait child(pid);
     kill(pid, SIGKILL);
-    EXPECT_TRUE(CaptureLogUtil::waitpid_with_timeout(pid, 5, &status));
-    EXPECT_EQ(log.Count("sigtimedwait"), 1u);
+    waitpid(pid, nullptr, 0);  // someone else reaps it
+    platform::LogCapture log;
+    EXPECT_FALSE(child.WaitAndLog(1, nullptr, "dorvad", ""));
+    EXPECT_EQ(errno, ECHILD);
+    EXPECT_TRUE(Logged(log, "*** waitpid failed: No child processes\n"));
+    // The runners' own wait: a time-out is no error (errno says so, and
+    // nothing is logged); a negative time is.
+    const pid_t running = Sleeper();
+    log.Clear();
+    int status = 0;
+    EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(running, 0, &status));
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(log.Count("***"), 0u);
+    EXPECT_FALSE(CaptureLogUtil::waitpid_with_timeout(running, -1, &status));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(Logged(log, "*** sigtimedwait failed: Invalid argument\n"));
+    kill(running, SIGKILL);
+    EXPECT_TRUE(CaptureLogUtil::waitpid_with_timeout(running, 5, &status));
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+}
+
+// The pid of a child that was reaped elsewhere may already belong to a new
+// process; only the pidfd still names the child that ended.
+TEST_F(ChildWaitTest, NeverSignalsAProcessThatReusedThePid) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "skipped: needs root (a pid namespace of its own, where a pid can be handed out again)";
+    }
+    const pid_t lab = fork();
+    ASSERT_GE(lab, 0);
+    if (lab == 0) {
+        if (unshare(CLONE_NEWPID) != 0) _exit(77);
+        const pid_t init = fork();  // pid 1 of the new namespace
+        if (init == 0) _exit(SignalAfterThePidWasReused());
+        int status = 0;
+        waitpid(init, &status, 0);
+        _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 99);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(lab, &status, 0), lab);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "skipped: needs root with CAP_SYS_ADMIN (unshare(CLONE_NEWPID) was refused)";
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "check " << WEXITSTATUS(status) << " failed";
 }

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include <host/Utf8.h>
+#include <log/log.h>
+#include <utils/String16.h>
+
+#include "tests/support/DumpSandbox.h"
+#include "tests/support/TempDir.h"
+
+namespace tarnis_test {
+
+// Permission bits of what is at `path` itself, a link not followed (0: nothing there).
+inline mode_t ModeOf(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// Whether the daemon logged the whole line `text` under its tag at `prio`.
+inline bool Logged(const platform::LogCapture& log, const std::string& text, int prio = ANDROID_LOG_ERROR) {
+    return log.HasLine(text, "dorvad", prio);
+}
+
+// Entry names of an archive, one a line, sorted.
+inline std::string Entries(const std::string& zip) { return RunShell("unzip -Z1 '" + zip + "' | sort"); }
+
+// A sandbox for the capture calls, which take device paths in UTF-16 lists.
+class CaptureSandboxTest : public SandboxTest {
+protected:
+    static std::vector<android::String16> List(std::initializer_list<const char*> items) {
+        std::vector<android::String16> list;
+        for (const char* item : items) list.push_back(platform::ToUtf16(item));
+        return list;
+    }
+    void MakeDirs(std::initializer_list<std::string> devicePaths) {
+        for (const std::string& dir : devicePaths) RunShell("mkdir -p '" + Path(dir) + "'");
+    }
+    // Creates a device file, and its directory; returns its path.
+    std::string Make(const std::string& devicePath, const std::string& content = "content\n") {
+        const std::string path = Path(devicePath);
+        RunShell("mkdir -p \"$(dirname '" + path + "')\"");
+        WriteFile(path, content);
+        return path;
+    }
+    // Names in a device directory, one a line, sorted.
+    std::string Names(const std::string& deviceDir) { return RunShell("ls -1 '" + Path(deviceDir) + "' 2>/dev/null"); }
+};
+
+}  // namespace tarnis_test
