@@ -474,34 +474,22 @@ TEST_F(AndroidCrashMonitorTest, ToolCommandLineAndAnImageWithoutLogTable) {
     EXPECT_NE(out.find("\"initialised\" : false,"), std::string::npos) << out;
     EXPECT_EQ(out.find("\"firmware_databases\""), std::string::npos) << out;
 
-    // The boot and OTA monitors may fill their zones before any crash lays
-    // down the log table: they show all the same.
+    // The boot monitor may record a failure before any crash lays down the
+    // log table (the OTA suite shows its records so): shown all the same.
     bb::BootMonitorHeader boot{};
     boot.identifier = bb::kBootFailIdentifier;
     boot.bootIndex = 3;
     boot.currentError = 901005303;
     WriteRecordAt(partition_, bb::kBootMonitorHeaderOffset, boot);
+    out = Tool(partition_, &status);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_EQ(out, head + "boot monitor: failure 901005303 in boot 3, not reported\nOTA records: not initialised\n");
+
     bb::OtaRecordZone zone{};
     zone.magic = bb::kOtaMagic;
     zone.versionCode = 8192;
     zone.nextIndex = 1;
     zone.updateCount = 1;
-    zone.isDebuggable[0] = 1;
-    strcpy(zone.packageName[0], "ota-2.zip");
-    strcpy(zone.srcBuild[0], "100");
-    strcpy(zone.tgtBuild[0], "200");
-    strcpy(zone.srcSlot[0], "_a");
-    strcpy(zone.tgtSlot[0], "_b");
-    strcpy(zone.startTime[0], "2026-01-01 10:00:00");
-    strcpy(zone.endTime[0], "2026-01-01 10:20:00");
-    strcpy(zone.mergedTime[0], "2026-01-01 10:30:00");
-    WriteRecordAt(partition_, bb::kOtaZoneOffset, zone);
-    out = Tool(partition_, &status);
-    EXPECT_EQ(status, 0) << out;
-    EXPECT_EQ(out, head + "boot monitor: failure 901005303 in boot 3, not reported\nOTA records: 1 of 10, next index 1\n"
-                          "  record 0: ota-2.zip, 100 (_a) -> 200 (_b), debuggable 1, start 2026-01-01 10:00:00, "
-                          "end 2026-01-01 10:20:00, merged 2026-01-01 10:30:00\n");
-
     memset(zone.tgtSlot[0], 'b', sizeof(zone.tgtSlot[0]));
     WriteRecordAt(partition_, bb::kOtaZoneOffset, zone);
     ExpectRefused("OTA record 0: a text field is not terminated");
