@@ -339,7 +339,6 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
                        "BSP-Android-Stability\n"),
               std::string::npos)
             << out;
-    EXPECT_NE(out.find("boot monitor: no failure recorded\nOTA records: not initialised\n"), std::string::npos) << out;
 
     Json::Value json;
     ASSERT_TRUE(Json::Reader().parse(Tool("--json " + partition_, &status), json));
@@ -429,8 +428,8 @@ TEST_F(AndroidCrashMonitorTest, HostileDatabasePathsAreRefusedAndNothingOutsideI
     AndroidCrashMonitorThread worker;
     SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/../../../etc/db.fatal.00.NE");
     EXPECT_EQ(worker.write_fw_db_to_blackbox(true), 0);
-    EXPECT_TRUE(HasError("get_db_path: db path refused: \"/data/aee_exp/../../../etc/db.fatal.00.NE/db.fatal.00.NE.dbg\" "
-                         "climbs out of \"/data/aee_exp\""));
+    EXPECT_TRUE(HasError("get_db_path: db path refused: \"/data/aee_exp/../../../etc/db.fatal.00.NE/"
+                         "db.fatal.00.NE.dbg\" climbs out of \"/data/aee_exp\""));
     EXPECT_TRUE(HasError("write_fw_db_to_blackbox: Get db filepath fail"));
 
     // A link in place of the database's directory.
@@ -447,7 +446,7 @@ TEST_F(AndroidCrashMonitorTest, HostileDatabasePathsAreRefusedAndNothingOutsideI
     EXPECT_EQ(ReadFile(outside + "/old.enc"), "old");
     EXPECT_EQ(ReadFile(outside + "/db.fatal.01.NE.dbg"), "plain");
     EXPECT_EQ(RunShell("ls '" + outside + "'"), "db.fatal.01.NE.dbg\nold.enc\n");
-    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+    const auto fw = Fw();
     EXPECT_EQ(fw.filled, 0u);
     EXPECT_EQ(fw.position[0], 0u);
 }
@@ -510,7 +509,8 @@ TEST_F(AndroidCrashMonitorTest, ToolRefusesDamagedImagesWithTheirReason) {
     fw.position[1] = bb::kFwAreaEnd - 200;
     fw.size[1] = 16;
     PutFw(fw);
-    ExpectRefused("firmware-database slot 1: container at 0x97ffb38 of 16 bytes lies outside the area 0x5c00c00..0x97ffc00");
+    ExpectRefused("firmware-database slot 1: container at 0x97ffb38 of 16 bytes lies outside the area "
+                  "0x5c00c00..0x97ffc00");
 
     fw = good;
     memset(fw.name[0], 'x', sizeof(fw.name[0]));

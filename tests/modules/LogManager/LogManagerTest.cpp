@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <functional>
 #include <algorithm>
 #include <memory>
 #include <mutex>
@@ -18,7 +17,6 @@
 
 #include <gtest/gtest.h>
 
-#include <aidl/velmar/system/tarnis/common/BnTarnisSsiIntl.h>
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
@@ -32,7 +30,6 @@
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
-#include "framework/TarnisUtil.h"
 #include "modules/LogManager/LogManager.h"
 #include "platform/binder/ServiceManager.h"
 #include "tests/support/Bytes.h"
@@ -215,10 +212,11 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
     ASSERT_EQ(left.size(), 5 - firstKept);
     EXPECT_EQ(left.front(), Dated(static_cast<int>(firstKept) + 1));
 
-    EXPECT_EQ(Reports(), std::vector<std::string>{"{\"EVENT_NAME\":\"logManage\",\"folderPath\":\"" + std::string(kBsp) +
-                                                  "/demo_size\",\"reuseClearSize\":0,\"reuseMoveSize\":0,"
-                                                  "\"reuseOpen\":false,\"totalSize\":" + std::to_string(after) +
-                                                  ",\"totalSizeBefore\":" + std::to_string(before) + "}\n"});
+    EXPECT_EQ(Reports(), std::vector<std::string>{"{\"EVENT_NAME\":\"logManage\",\"folderPath\":\"" +
+                                                  std::string(kBsp) + "/demo_size\",\"reuseClearSize\":0,"
+                                                  "\"reuseMoveSize\":0,\"reuseOpen\":false,\"totalSize\":" +
+                                                  std::to_string(after) + ",\"totalSizeBefore\":" +
+                                                  std::to_string(before) + "}\n"});
 
     // A report the service refuses is logged under the reporting operation.
     const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
@@ -233,7 +231,8 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
 
 TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) {
     // The clock reads 2026-01-01; ten days back is 2025-12-22.
-    for (const char* name : {"2025-11-01_00-00-00", "2025-11-05_undated", "2025-11-10-00-00-00", "2025-12-25_00-00-00"}) {
+    for (const char* name :
+         {"2025-11-01_00-00-00", "2025-11-05_undated", "2025-11-10-00-00-00", "2025-12-25_00-00-00"}) {
         Write(Staged(std::string("demo_age/") + name), "x");
     }
     Start("[" + Record("demo_age", "\"maxValidDay\":10") + "]");
@@ -275,7 +274,8 @@ TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
     for (const char* link : {"demo_link/2025-01-01_link", "demo_link/2025-06-01_link"}) {
         ASSERT_EQ(symlink(outside.Sub("secret").c_str(), Staged(link).c_str()), 0);
     }
-    const std::string children = "[" + Record("a", "\"maxLogNumber\":1") + "," + Record("b", "\"maxLogNumber\":2") + "]";
+    const std::string children =
+            "[" + Record("a", "\"maxLogNumber\":1") + "," + Record("b", "\"maxLogNumber\":2") + "]";
     Start("[" + Record("demo_ramdump", "\"maxLogNumber\":1,\"watchSSRRamdumpHack\":true") + "," +
           Record("demo_parent", "\"maxLogNumber\":1,\"children\":" + children) + "," +
           Record("demo_push", "\"pushEventOnly\":true,\"maxSize\":4,\"maxLogNumber\":1") + "," +
@@ -584,18 +584,12 @@ TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
 
 TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
     ConfigChangedReceiver changed;
-    // This end holds the system internal service, so the vendor peer hears
-    // the announcement too.
+    // This end holds the system internal service (as the fixture sets up),
+    // so the vendor peer hears the announcement too.
     using Peer = tarnis_test::RecordingPeer;
-    struct Internal : aidl::velmar::system::tarnis::common::BnTarnisSsiIntl {
-        ndk::ScopedAStatus transferMessage(const std::string&, const std::string&) override {
-            return ndk::ScopedAStatus::ok();
-        }
-    };
     auto peer = ndk::SharedRefBase::make<Peer>();
     const std::string peerName = std::string(Peer::descriptor) + "/default";
     ASSERT_EQ(AServiceManager_addService(peer->asBinder().get(), peerName.c_str()), STATUS_OK);
-    velmar::kolto::TarnisUtil::SetTarnisSsiIntl(ndk::SharedRefBase::make<Internal>());
     Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
     EXPECT_TRUE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
     ASSERT_EQ(changed.Got().size(), 1u);
@@ -608,14 +602,13 @@ TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
             EXPECT_NE(json.find("demo_first"), std::string::npos) << json;
         }
     }
-    velmar::kolto::TarnisUtil::SetTarnisSsiIntl(nullptr);
     android::ServiceManager::instance().removeService(peerName);
 
     Write(Device("/system_ext/etc/tarnsys/log_config.json"),
           "[" + Record("demo_first", "\"maxLogNumber\":1") + "," + Record("demo_second", "\"maxLogNumber\":1") + "]");
     log_.Clear();
-    velmar::kolto::InternalBroadcastManager::sendBroadcast(velmar::kolto::Intent("velmar.tarnis.logmgr.vendor_is_ready"),
-                                                           false);
+    velmar::kolto::InternalBroadcastManager::sendBroadcast(
+            velmar::kolto::Intent("velmar.tarnis.logmgr.vendor_is_ready"), false);
     Settle();
     EXPECT_TRUE(log_.HasLine("[onReceive] action velmar.tarnis.logmgr.vendor_is_ready", "Tarnis-onReceive",
                              ANDROID_LOG_INFO));

@@ -72,6 +72,8 @@ protected:
                  "[2026-11-20 10:40:00.456] snapshot: Merge finished with state MergeCompleted\n", 0);
     }
 
+    bool Stopped() { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }
+
     std::string partition_, logDir_;
 };
 
@@ -150,7 +152,8 @@ TEST_F(OTAMonitorModuleTest, MissingLogsAndLinesLeaveTheirFieldsEmpty) {
     Report("ota_start", "ota_complete", 1);
     Report("ota_complete", "ota_start", 2);
     EXPECT_TRUE(log_.HasLine("No update_engine_log files found!", kTag, ANDROID_LOG_INFO));
-    WriteLog("update_engine.20261120-104000", "[2026-11-20 10:40:00.456] Merge finished with state MergeCompleted\n", 0);
+    WriteLog("update_engine.20261120-104000", "[2026-11-20 10:40:00.456] Merge finished with state MergeCompleted\n",
+             0);
     Report("ota_start", "ota_complete", 2);
     Report("ota_complete", "ota_start", 3);
     EXPECT_TRUE(log_.HasLine("Only one update_engine_log file found!", kTag, ANDROID_LOG_INFO));
@@ -185,7 +188,7 @@ TEST_F(OTAMonitorModuleTest, MissingLogsAndLinesLeaveTheirFieldsEmpty) {
 
 TEST_F(OTAMonitorModuleTest, WithoutAUsablePartitionTheModuleEnds) {
     LoadModules();
-    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }));
+    ASSERT_TRUE(WaitFor([&] { return Stopped(); }));
     EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox partition is not existed, return directly!", kTag,
                              ANDROID_LOG_ERROR));
 
@@ -195,7 +198,7 @@ TEST_F(OTAMonitorModuleTest, WithoutAUsablePartitionTheModuleEnds) {
         [&] { return log_.HasLine("[~ModuleBase] Bye~ OTAMonitor", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG); }));
     MakePartition(160 << 20);
     ASSERT_EQ(Dump({"ModuleManager", "load", "OTAMonitor"}), "Load module OTAMonitor succeed!\n");
-    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }));
+    ASSERT_TRUE(WaitFor([&] { return Stopped(); }));
     EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox v1 is not support ota record zone, return directly!", kTag,
                              ANDROID_LOG_ERROR));
 }

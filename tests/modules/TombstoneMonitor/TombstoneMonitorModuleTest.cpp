@@ -132,14 +132,16 @@ TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror)
     EXPECT_FALSE(Exists(leftover));
 
     ASSERT_EQ(mkfifo((in_ + "tombstone_fifo").c_str(), 0600), 0);
-    ASSERT_TRUE(WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
+    ASSERT_TRUE(
+            WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
 
     // Data at 0 and at 32 MiB of a 256 MiB sparse file: the mirror stops at
     // 64 MiB and keeps the holes.
     const std::string big = in_ + "tombstone_10", mirror = out_ + "tombstone_10";
     tarnis_test::RunShell("printf head >" + big + "; truncate -s 256M " + big + "; printf tail | dd of=" + big +
                           " bs=1M seek=32 conv=notrunc status=none");
-    ASSERT_TRUE(WaitFor([&] { return tarnis_test::RunShell("tail -c +33554433 " + mirror + " | head -c 4") == "tail"; }));
+    ASSERT_TRUE(
+            WaitFor([&] { return tarnis_test::RunShell("tail -c +33554433 " + mirror + " | head -c 4") == "tail"; }));
     struct stat st;
     ASSERT_EQ(stat(mirror.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 64 << 20);
@@ -184,7 +186,8 @@ TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNev
     // 62 checks, each failed one followed by a second's sleep.
     EXPECT_GE(waited, 62 * 1000);
     EXPECT_LE(waited, 63 * 1000);
-    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
+    ASSERT_TRUE(WaitFor(
+            [&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
     const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load TombstoneMonitor", moduleTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] TombstoneMonitor done~", moduleTag, ANDROID_LOG_INFO));
