@@ -86,8 +86,9 @@ protected:
 
     bb::FwMinidumpHeader Fw() { return ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset); }
     void PutFw(const bb::FwMinidumpHeader& fw) { WriteRecordAt(partition_, bb::kFwMinidumpHeaderOffset, fw); }
-    // The database ring's header whole, positions counted from the area's
-    // start ("none" for 0): "index I, filled F, next N | [name] position size" per slot.
+    // Every field of the ring's header in one line, so that one comparison
+    // holds all a failed or overlapping write must keep: "index I, filled F,
+    // next N | [name] position size" per slot, positions from the area's start.
     std::string Ring() {
         const bb::FwMinidumpHeader fw = Fw();
         const auto at = [](uint64_t position) {
