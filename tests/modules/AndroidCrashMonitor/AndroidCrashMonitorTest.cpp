@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
 #include <thread>
 
@@ -20,21 +19,29 @@
 #include <log/log.h>
 
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
-#include "utils/Cryptography.h"
-#include "tests/modules/AndroidCrashMonitor/BlackBoxTestHelpers.h"
+#include "tests/support/ModABlackBox.h"
 #include "tests/support/ModuleTest.h"
+#include "tests/support/WaitFor.h"
+#include "utils/BlackBoxLayout.h"
+#include "utils/Cryptography.h"
 
 namespace {
 
 namespace bb = velmar::kolto::blackbox;
 using android::base::GetProperty;
 using android::base::SetProperty;
+using tarnis_test::RandomBytes;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
+using tarnis_test::WaitFor;
 using velmar::tarnis::AndroidCrashMonitorThread;
-using namespace blackbox_test;
+using namespace moda_blackbox;
 
 constexpr char kTag[] = "AndroidCrashMonitor";
+constexpr char kStatus[] = "vendor.blackbox.write.status";
+constexpr off_t kPartitionBytes = 190 << 20;
+
+bool StatusIs(const std::string& value) { return GetProperty(kStatus, "") == value; }
 
 class AndroidCrashMonitorTest : public tarnis_test::ModuleTest {
 protected:
@@ -45,17 +52,12 @@ protected:
                           Device("/proc") + "'")
                                  .c_str()),
                   0);
-        ASSERT_EQ(truncate(CreateEmpty(partition_).c_str(), kPartitionBytes), 0);
+        MakeImage(partition_, kPartitionBytes);
         SetProperty("ro.build.version.incremental", "eng.1234");
     }
     void TearDown() override {
         AndroidCrashMonitorThread::SetWriteHookForTesting(nullptr);
         ModuleTest::TearDown();
-    }
-
-    static std::string CreateEmpty(const std::string& path) {
-        android::base::WriteStringToFile("", path);
-        return path;
     }
 
     // A database as the collector leaves it, announced through its property.
@@ -66,6 +68,13 @@ protected:
         EXPECT_TRUE(SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/" + name));
         return dir + "/" + name + ".dbg";
     }
+    // MakeDb, then what the monitor's thread does on the collector's event.
+    std::string Handle(AndroidCrashMonitorThread& worker, const std::string& name, const std::string& content) {
+        const std::string path = MakeDb(name, content);
+        bool encrypt = false;
+        worker.HandleFatalDb(&encrypt);
+        return path;
+    }
     void AppendHistory(const std::string& line) {
         std::string text;
         android::base::ReadFileToString(Device("/data/aee_exp/db_history"), &text);
@@ -75,8 +84,34 @@ protected:
     bool HasInfo(const std::string& text) { return log_.HasLine(text, kTag, ANDROID_LOG_INFO); }
     bool HasError(const std::string& text) { return log_.HasLine(text, kTag, ANDROID_LOG_ERROR); }
 
-    std::string Tool(const std::string& args, int* status) {
-        return RunShell(std::string(TARNIS_BUILD_DIR) + "/tarnis-blackbox " + args + " 2>&1", status);
+    bb::FwMinidumpHeader Fw() { return ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset); }
+    void PutFw(const bb::FwMinidumpHeader& fw) { WriteRecordAt(partition_, bb::kFwMinidumpHeaderOffset, fw); }
+    // Every field of the ring's header in one line, so that one comparison
+    // holds all a failed or overlapping write must keep: "index I, filled F,
+    // next N | [name] position size" per slot, positions from the area's start.
+    std::string Ring() {
+        const bb::FwMinidumpHeader fw = Fw();
+        const auto at = [](uint64_t position) {
+            return position == 0 ? std::string("none") : "+" + std::to_string(position - bb::kFwAreaStart);
+        };
+        std::string out = "index " + std::to_string(fw.index) + ", filled " + std::to_string(fw.filled) + ", next " +
+                          at(fw.nextPosition);
+        for (int i = 0; i < bb::kFwSlots; ++i) {
+            out += " | [" + std::string(fw.name[i], strnlen(fw.name[i], bb::kFwNameBytes)) + "] " +
+                   at(fw.position[i]) + " " + std::to_string(fw.size[i]);
+        }
+        return out;
+    }
+
+    // The tool's verdict on the partition: exit status 1 and exactly this reason.
+    void ExpectRefused(const std::string& reason) {
+        int status = -1;
+        const std::string out = Tool(partition_, &status);
+        EXPECT_EQ(status, 1) << out;
+        EXPECT_EQ(out, "tarnis-blackbox: " + partition_ + ": damaged image: " + reason + "\n");
+    }
+    std::string Extract(const std::string& outDir, int* status, const std::string& key = kTestKey) {
+        return Tool(partition_ + " extract --key " + key + " --out " + outDir, status);
     }
 
     std::string partition_;
@@ -85,11 +120,9 @@ protected:
 TEST_F(AndroidCrashMonitorTest, FreshPartitionIsVersionTwoAndEachDatabaseTakesTheNextSlot) {
     AndroidCrashMonitorThread worker;
     const std::string first = RandomBytes(1000, 1);
-    const std::string firstPath = MakeDb("db.fatal.00.NE", first);
     AppendHistory("/data/aee_exp/db.fatal.00.JE, Java (JE), Sun Jan  4 09:00:00 CST 2026");
     AppendHistory("/data/aee_exp/db.fatal.00.NE, Native (NE), Mon Jan  5 10:00:00 CST 2026");
-    bool encrypt = false;
-    worker.HandleFatalDb(&encrypt);
+    const std::string firstPath = Handle(worker, "db.fatal.00.NE", first);
 
     EXPECT_TRUE(HasError("write_fw_db_to_blackbox: black_box_log_table_header.magic is bad,should init"));
     EXPECT_TRUE(HasError("write_fw_db_to_blackbox: black_box_fw_minidump_header.magic is bad, should init"));
@@ -108,14 +141,8 @@ TEST_F(AndroidCrashMonitorTest, FreshPartitionIsVersionTwoAndEachDatabaseTakesTh
     EXPECT_EQ(table.crashHistoryBase4k, 0x9800000u);
     EXPECT_EQ(table.zones[0], 0xA400000u);
     EXPECT_EQ(table.zones[2], 0xA440000u);
-    auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-    EXPECT_EQ(fw.index, 1u);
-    EXPECT_EQ(fw.filled, 1u);
-    EXPECT_EQ(fw.position[0], 0x5C00C00u);
-    EXPECT_EQ(fw.size[0], 1008u);
-    EXPECT_STREQ(fw.name[0], "db.fatal.00.NE");
-    EXPECT_EQ(fw.nextPosition, 0x5C00C00u + 1008 + 288);
-    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, 0x5C00C00, 1008 + 288)), first);
+    EXPECT_EQ(Ring(), "index 1, filled 1, next +1296 | [db.fatal.00.NE] +0 1008 | [] none 0 | [] none 0");
+    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, bb::kFwAreaStart, 1008 + 288)), first);
     // Not to be encrypted: the plain database stays, the container goes.
     EXPECT_EQ(ReadFile(firstPath), first);
     EXPECT_EQ(RunShell("ls '" + Device("/data/aee_exp/db.fatal.00.NE") + "'"), "db.fatal.00.NE.dbg\n");
@@ -137,7 +164,7 @@ TEST_F(AndroidCrashMonitorTest, FreshPartitionIsVersionTwoAndEachDatabaseTakesTh
     EXPECT_EQ(item.textLength, text.size());
     EXPECT_EQ(ReadFile(Device("/proc/crash_module")),
               std::string("eng.1234 | NE | BSP-Android-Stability | ") + kTime + " | " + line);
-    EXPECT_EQ(GetProperty("vendor.blackbox.write.status", ""), "done");
+    EXPECT_TRUE(StatusIs("done"));
     EXPECT_EQ(GetProperty("vendor.debug.mtk.aee.db", ""), "null");
     EXPECT_EQ(GetProperty("persist.mtk.fw.minidump.existed", ""), "true");
 
@@ -147,74 +174,47 @@ TEST_F(AndroidCrashMonitorTest, FreshPartitionIsVersionTwoAndEachDatabaseTakesTh
     const std::string second = RandomBytes(4096 + 7, 2);
     const std::string secondPath = MakeDb("db.fatal.01.SWT", second);
     android::base::WriteStringToFile("stale", Device("/data/aee_exp/db.fatal.01.SWT/old.enc"));
+    bool encrypt = false;
     worker.HandleFatalDb(&encrypt);
     EXPECT_TRUE(encrypt);
     EXPECT_TRUE(HasInfo("threadLoop: db encrypt flag is set to 1, need to enable fw db encrypt"));
     EXPECT_TRUE(HasInfo("delete enc file: " + Device("/data/aee_exp/db.fatal.01.SWT/old.enc") + "\n"));
-    fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-    EXPECT_EQ(fw.index, 2u);
-    EXPECT_EQ(fw.filled, 2u);
-    EXPECT_EQ(fw.position[1], 0x5C00C00u + 1296);
-    EXPECT_EQ(fw.size[1], 4112u);
-    EXPECT_STREQ(fw.name[1], "db.fatal.01.SWT");
+    EXPECT_EQ(Ring(), "index 2, filled 2, next +5696 | [db.fatal.00.NE] +0 1008 | [db.fatal.01.SWT] +1296 4112 | "
+                      "[] none 0");
     EXPECT_EQ(RunShell("ls '" + Device("/data/aee_exp/db.fatal.01.SWT") + "'"), "db.fatal.01.SWT.dbg.enc\n");
-    EXPECT_EQ(ReadFile(secondPath + ".enc"), ReadBytes(partition_, fw.position[1], 4112 + 288));
+    EXPECT_EQ(ReadFile(secondPath + ".enc"), ReadBytes(partition_, bb::kFwAreaStart + 1296, 4112 + 288));
     EXPECT_EQ(DecryptWithOpenssl(ReadFile(secondPath + ".enc")), second);
 }
 
 TEST_F(AndroidCrashMonitorTest, RingRestartsAtTheAreaStartAndDropsTheSlotsItOverwrites) {
     AndroidCrashMonitorThread worker;
-    MakeDb("db.fatal.00.NE", RandomBytes(16, 3));
-    bool encrypt = false;
-    worker.HandleFatalDb(&encrypt);  // initialises the headers
+    Handle(worker, "db.fatal.00.NE", RandomBytes(16, 3));  // initialises the headers
     // Slot 0 at the area start (304 bytes), slot 1 right behind it, slot 2
     // far away, and no room left at the end of the area.
-    auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+    auto fw = Fw();
     fw.index = 0;
     fw.filled = 3;
-    fw.position[1] = 0x5C00C00 + 304;
+    fw.position[1] = bb::kFwAreaStart + 304;
     fw.size[1] = 16;
-    fw.position[2] = 0x5C00C00 + 100000;
+    fw.position[2] = bb::kFwAreaStart + 100000;
     fw.size[2] = 16;
     fw.nextPosition = bb::kFwAreaEnd - 100;
-    WriteRecordAt(partition_, bb::kFwMinidumpHeaderOffset, fw);
+    PutFw(fw);
 
     const std::string content = RandomBytes(100, 4);
-    MakeDb("db.fatal.01.JE", content);
-    worker.HandleFatalDb(&encrypt);
+    Handle(worker, "db.fatal.01.JE", content);
     EXPECT_TRUE(HasInfo("write_fw_db_to_blackbox: current fw_db_size is too large and needs to be rewritten from "
                         "the partition header"));
-    fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-    EXPECT_EQ(fw.index, 1u);
-    EXPECT_EQ(fw.position[0], 0x5C00C00u);
-    EXPECT_EQ(fw.size[0], 112u);
-    EXPECT_STREQ(fw.name[0], "db.fatal.01.JE");
-    EXPECT_EQ(fw.position[1], 0u);  // its bytes were under the new container
-    EXPECT_EQ(fw.size[1], 16u);      // only its position goes
-    EXPECT_EQ(fw.position[2], 0x5C00C00u + 100000);
-    EXPECT_EQ(fw.filled, 2u);
-    EXPECT_EQ(fw.nextPosition, 0x5C00C00u + 400);
-    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, 0x5C00C00, 400)), content);
-}
+    // Slot 1's bytes were under the new container: only its position goes.
+    EXPECT_EQ(Ring(), "index 1, filled 2, next +400 | [db.fatal.01.JE] +0 112 | [] none 16 | [] +100000 16");
+    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, bb::kFwAreaStart, 400)), content);
 
-TEST_F(AndroidCrashMonitorTest, FourthDatabaseDropsTheSlotsAfterItThatLieBelowItsEnd) {
-    // The ring's listing rule once the index wraps without a restart: the
-    // slots after the new one start below its end, so they leave the header
-    // and the count, although their bytes are still intact.
-    AndroidCrashMonitorThread worker;
-    bool encrypt = false;
-    for (int i = 0; i < 4; ++i) {
-        MakeDb("db.fatal.0" + std::to_string(i) + ".NE", RandomBytes(32, 20 + i));
-        worker.HandleFatalDb(&encrypt);
-    }
-    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-    EXPECT_EQ(fw.index, 1u);
-    EXPECT_EQ(fw.position[0], 0x5C00C00u + 3 * 320);
-    EXPECT_STREQ(fw.name[0], "db.fatal.03.NE");
-    EXPECT_EQ(fw.position[1], 0u);
-    EXPECT_EQ(fw.position[2], 0u);
-    EXPECT_EQ(fw.filled, 2u);
-    EXPECT_EQ(fw.nextPosition, 0x5C00C00u + 4 * 320);
+    // Once the index wraps without a restart, the slots after the new one
+    // that start below its end leave the header and the count, although
+    // their bytes are still intact.
+    for (int i = 2; i <= 4; ++i) Handle(worker, "db.fatal.0" + std::to_string(i) + ".NE", RandomBytes(32, 20 + i));
+    EXPECT_EQ(Ring(), "index 1, filled 2, next +1360 | [db.fatal.04.NE] +1040 32 | [db.fatal.02.NE] none 32 | "
+                      "[db.fatal.03.NE] none 32");
 }
 
 TEST_F(AndroidCrashMonitorTest, HistoryWrapsAtSlot509AndCountsOnlyKnownTypes) {
@@ -262,30 +262,34 @@ TEST_F(AndroidCrashMonitorTest, HistoryWrapsAtSlot509AndCountsOnlyKnownTypes) {
 }
 
 TEST_F(AndroidCrashMonitorTest, WaitsUpToTwentySecondsOnTheClockForTheCollector) {
+    // The worker waits while the clock moves a second at a time, `seconds`
+    // times, the status turning "done" before move `doneAt`. One still held
+    // after that is stopped, so that the test fails rather than hangs.
     AndroidCrashMonitorThread worker;
-    SetProperty("vendor.blackbox.write.status", "writing");
-    std::thread waiter([&worker] { worker.WaitForWriteStatusDone(); });
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(clock_.WaitForWaiters(1));
-        clock_.Advance(1000);
-    }
-    ASSERT_TRUE(clock_.WaitForWaiters(1));
-    SetProperty("vendor.blackbox.write.status", "done");
-    clock_.Advance(1000);
-    waiter.join();
+    const auto waitedFor = [&](int seconds, int doneAt) {
+        SetProperty(kStatus, "writing");
+        std::atomic<bool> returned{false};
+        std::thread waiter([&] {
+            worker.WaitForWriteStatusDone();
+            returned = true;
+        });
+        for (int i = 0; i < seconds && clock_.WaitForWaiters(1); ++i) {
+            if (i == doneAt) SetProperty(kStatus, "done");
+            clock_.Advance(1000);
+        }
+        const bool inTime = WaitFor([&] { return returned.load(); }, std::chrono::seconds(2));
+        if (!inTime) worker.RequestStop();
+        waiter.join();
+        return inTime;
+    };
+    ASSERT_TRUE(waitedFor(3, 2));
     EXPECT_EQ(log_.Count("wait_blackbox_write_status: propbuf = writing", kTag), 3u);
     EXPECT_TRUE(HasInfo("wait_blackbox_write_status: i = 2"));
     EXPECT_TRUE(HasInfo("wait_blackbox_write_status: propbuf = done"));
 
     // A collector that never finishes holds the worker 20 seconds, no more.
     log_.Clear();
-    SetProperty("vendor.blackbox.write.status", "writing");
-    std::thread stuck([&worker] { worker.WaitForWriteStatusDone(); });
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(clock_.WaitForWaiters(1));
-        clock_.Advance(1000);
-    }
-    stuck.join();
+    ASSERT_TRUE(waitedFor(20, -1));
     EXPECT_EQ(log_.Count("wait_blackbox_write_status: propbuf = writing", kTag), 20u);
     EXPECT_TRUE(HasInfo("wait_blackbox_write_status: i = 19"));
 }
@@ -306,7 +310,7 @@ TEST_F(AndroidCrashMonitorTest, ModuleWaitsForTheCollectorDirectoryThenGivesUp) 
 
 TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartitionAndTheTool) {
     LoadModules();
-    ASSERT_TRUE(WaitFor([] { return GetProperty("vendor.blackbox.write.status", "") == "done"; }));
+    ASSERT_TRUE(WaitFor([] { return StatusIs("done"); }));
 
     // Files closed while no fatal database is announced are not the monitor's.
     AppendHistory("unrelated");
@@ -316,8 +320,7 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
     ASSERT_TRUE(WaitFor([&] { return log_.Count("threadLoop: not fatal db, skip to handle it!", kTag) == 2; }));
 
     // As the collector does: the database, its property, then its history line.
-    const std::string content = RandomBytes(300000, 5);
-    const std::string path = MakeDb("db.fatal.03.NE", content);
+    MakeDb("db.fatal.03.NE", RandomBytes(300000, 5));
     AppendHistory("/data/aee_exp/db.fatal.03.NE, Native (NE), Wed Jan  7 12:00:00 CST 2026");
     ASSERT_TRUE(WaitFor([] { return GetProperty("vendor.debug.mtk.aee.db", "") == "null"; }));
     ASSERT_TRUE(WaitFor([&] { return log_.HasLine("begin update_proc_crash_module", kTag); }));
@@ -337,37 +340,45 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
                        "BSP-Android-Stability\n"),
               std::string::npos)
             << out;
-    EXPECT_NE(out.find("boot monitor: no failure recorded\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("OTA records: not initialised\n"), std::string::npos) << out;
 
     Json::Value json;
     ASSERT_TRUE(Json::Reader().parse(Tool("--json " + partition_, &status), json));
     EXPECT_EQ(json["firmware_databases"]["slots"][0]["name"].asString(), "db.fatal.03.NE");
     EXPECT_EQ(json["crash_history"]["main_type_counts"]["22"].asInt(), 1);
-
-    const std::string outDir = root_.Sub("extracted");
-    ASSERT_EQ(mkdir(outDir.c_str(), 0700), 0);
-    out = Tool(partition_ + " extract --key " TARNIS_SOURCE_DIR "/keys/blackbox_test_priv.pem --out " + outDir,
-               &status);
-    EXPECT_EQ(status, 0) << out;
-    EXPECT_EQ(ReadFile(outDir + "/db.fatal.03.NE"), content);
-    EXPECT_EQ(ReadFile(path), content);  // not encrypted: the database stays
 }
 
 TEST_F(AndroidCrashMonitorTest, MpDeviceWaitsForBootCompletionThenFollowsTheCloudSwitch) {
     SetProperty("ro.boot.hwlevel", "mp");
     SetProperty("ro.boot.db_encrypt", "1");  // not what an MP device goes by
     SetProperty("persist.sys.stability.db_encrypt.enable", "true");
+    bool encrypt = false;
+    {
+        // Stopped while it waits: nothing written, and the collector let go.
+        MakeDb("db.fatal.06.NE", RandomBytes(64, 11));
+        AndroidCrashMonitorThread stopped;
+        std::thread handler([&] { stopped.HandleFatalDb(&encrypt); });
+        EXPECT_TRUE(WaitFor([] { return StatusIs("writing"); }));
+        stopped.RequestStop();
+        handler.join();
+        EXPECT_TRUE(StatusIs("done"));
+        EXPECT_FALSE(log_.Contains("write_fw_db_to_blackbox", kTag));
+    }
     const std::string path = MakeDb("db.fatal.04.NE", RandomBytes(64, 9));
     AndroidCrashMonitorThread worker;
-    bool encrypt = false;
-    std::thread handler([&] { worker.HandleFatalDb(&encrypt); });
-    EXPECT_TRUE(WaitFor([] { return GetProperty("vendor.blackbox.write.status", "") == "writing"; }));
+    std::atomic<bool> handled{false};
+    std::thread handler([&] {
+        worker.HandleFatalDb(&encrypt);
+        handled = true;
+    });
+    EXPECT_TRUE(WaitFor([] { return StatusIs("writing"); }));
     // Still waiting for the boot to complete: nothing written yet.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(log_.Contains("write_fw_db_to_blackbox", kTag));
     SetProperty("sys.boot_completed", "1");
+    const bool inTime = WaitFor([&] { return handled.load(); });
+    if (!inTime) worker.RequestStop();  // so that the test fails rather than hangs
     handler.join();
+    ASSERT_TRUE(inTime);
     EXPECT_TRUE(encrypt);
     EXPECT_TRUE(HasInfo("threadLoop: MP device, cloud control property is true, need to enable fw db encrypt"));
     EXPECT_FALSE(log_.Contains("db encrypt flag is set to 1", kTag));
@@ -378,19 +389,6 @@ TEST_F(AndroidCrashMonitorTest, MpDeviceWaitsForBootCompletionThenFollowsTheClou
     worker.HandleFatalDb(&encrypt);
     EXPECT_FALSE(encrypt);
     EXPECT_TRUE(HasInfo("threadLoop: MP device, cloud control property is not true, need to disable fw db encrypt"));
-}
-
-TEST_F(AndroidCrashMonitorTest, StopEndsTheWaitForBootCompletion) {
-    SetProperty("ro.boot.hwlevel", "MP");
-    MakeDb("db.fatal.06.NE", RandomBytes(64, 11));
-    AndroidCrashMonitorThread worker;
-    bool encrypt = false;
-    std::thread handler([&] { worker.HandleFatalDb(&encrypt); });
-    ASSERT_TRUE(WaitFor([] { return GetProperty("vendor.blackbox.write.status", "") == "writing"; }));
-    worker.RequestStop();
-    handler.join();
-    EXPECT_EQ(GetProperty("vendor.blackbox.write.status", ""), "done");
-    EXPECT_FALSE(log_.Contains("write_fw_db_to_blackbox", kTag));
 }
 
 TEST_F(AndroidCrashMonitorTest, FifosWhereTheMonitorReadsAndWritesAreSkippedAndItGoesOn) {
@@ -431,8 +429,8 @@ TEST_F(AndroidCrashMonitorTest, HostileDatabasePathsAreRefusedAndNothingOutsideI
     AndroidCrashMonitorThread worker;
     SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/../../../etc/db.fatal.00.NE");
     EXPECT_EQ(worker.write_fw_db_to_blackbox(true), 0);
-    EXPECT_TRUE(HasError("get_db_path: db path refused: \"/data/aee_exp/../../../etc/db.fatal.00.NE/db.fatal.00.NE.dbg\" "
-                         "climbs out of \"/data/aee_exp\""));
+    EXPECT_TRUE(HasError("get_db_path: db path refused: \"/data/aee_exp/../../../etc/db.fatal.00.NE/"
+                         "db.fatal.00.NE.dbg\" climbs out of \"/data/aee_exp\""));
     EXPECT_TRUE(HasError("write_fw_db_to_blackbox: Get db filepath fail"));
 
     // A link in place of the database's directory.
@@ -449,9 +447,148 @@ TEST_F(AndroidCrashMonitorTest, HostileDatabasePathsAreRefusedAndNothingOutsideI
     EXPECT_EQ(ReadFile(outside + "/old.enc"), "old");
     EXPECT_EQ(ReadFile(outside + "/db.fatal.01.NE.dbg"), "plain");
     EXPECT_EQ(RunShell("ls '" + outside + "'"), "db.fatal.01.NE.dbg\nold.enc\n");
-    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+    const auto fw = Fw();
     EXPECT_EQ(fw.filled, 0u);
     EXPECT_EQ(fw.position[0], 0u);
+}
+
+TEST_F(AndroidCrashMonitorTest, ToolCommandLineAndAnImageWithoutLogTable) {
+    int status = -1;
+    EXPECT_EQ(Tool("--help", &status).rfind("usage: tarnis-blackbox [--json] IMAGE\n", 0), 0u);
+    EXPECT_EQ(status, 0);
+    std::string out = Tool("--verbose " + partition_, &status);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(out.rfind("tarnis-blackbox: unknown option --verbose\nusage:", 0), 0u) << out;
+    out = Tool(partition_ + " extract --out " + root_.path(), &status);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(out.rfind("tarnis-blackbox: extract needs --key and --out\n", 0), 0u) << out;
+    EXPECT_EQ(Tool("", &status).rfind("tarnis-blackbox: no image given\n", 0), 0u);
+    EXPECT_EQ(status, 2);
+
+    const std::string head = "image: " + partition_ +
+                             " (199229440 bytes, partition version 2)\nnot initialised: no log table header yet\n";
+    out = Tool(partition_, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(out, head + "boot monitor: no failure recorded\nOTA records: not initialised\n");
+    out = Tool("--json " + partition_, &status);
+    EXPECT_NE(out.find("\"initialised\" : false,"), std::string::npos) << out;
+    EXPECT_EQ(out.find("\"firmware_databases\""), std::string::npos) << out;
+
+    // The boot monitor may record a failure before any crash lays down the
+    // log table (the OTA suite shows its records so): shown all the same.
+    bb::BootMonitorHeader boot{};
+    boot.identifier = bb::kBootFailIdentifier;
+    boot.bootIndex = 3;
+    boot.currentError = 901005303;
+    WriteRecordAt(partition_, bb::kBootMonitorHeaderOffset, boot);
+    out = Tool(partition_, &status);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_EQ(out, head + "boot monitor: failure 901005303 in boot 3, not reported\nOTA records: not initialised\n");
+
+    bb::OtaRecordZone zone{};
+    zone.magic = bb::kOtaMagic;
+    zone.versionCode = 8192;
+    zone.nextIndex = 1;
+    zone.updateCount = 1;
+    memset(zone.tgtSlot[0], 'b', sizeof(zone.tgtSlot[0]));
+    WriteRecordAt(partition_, bb::kOtaZoneOffset, zone);
+    ExpectRefused("OTA record 0: a text field is not terminated");
+}
+
+TEST_F(AndroidCrashMonitorTest, ToolRefusesDamagedImagesWithTheirReason) {
+    AndroidCrashMonitorThread worker;
+    Handle(worker, "db.fatal.00.NE", RandomBytes(100, 1));
+    WriteRecordAt(partition_, bb::kCrashHistoryDefaultBase, bb::CrashHistoryHeader{});
+    int status = -1;
+    const std::string out = Tool(partition_, &status);
+    ASSERT_EQ(status, 0) << out;
+    EXPECT_NE(out.find("  slot 0: db.fatal.00.NE at 0x5c00c00, 100 bytes (112 encrypted)\n"), std::string::npos);
+    EXPECT_NE(out.find("crash history: not initialised\n"), std::string::npos) << out;
+
+    const bb::FwMinidumpHeader good = Fw();
+    bb::FwMinidumpHeader fw = good;
+    fw.position[1] = bb::kFwAreaEnd - 200;
+    fw.size[1] = 16;
+    PutFw(fw);
+    ExpectRefused("firmware-database slot 1: container at 0x97ffb38 of 16 bytes lies outside the area "
+                  "0x5c00c00..0x97ffc00");
+
+    fw = good;
+    memset(fw.name[0], 'x', sizeof(fw.name[0]));
+    PutFw(fw);
+    ExpectRefused("firmware-database slot 0: the database name is not terminated");
+
+    fw = good;
+    fw.position[1] = bb::kFwAreaStart + 100;
+    fw.size[1] = 16;
+    PutFw(fw);
+    // The bytes at 0x5c00c64 are ciphertext, not size fields.
+    ExpectRefused("firmware-database slot 1: container at 0x5c00c64: size field 0 is not a decimal number");
+    PutFw(good);
+
+    WriteBytes(partition_, bb::kFwAreaStart + 3, "x", 1);
+    ExpectRefused("firmware-database slot 0: container at 0x5c00c00: size field 0 is not a decimal number");
+    WriteBytes(partition_, bb::kFwAreaStart, "90\0\0", 4);
+    ExpectRefused("firmware-database slot 0: container at 0x5c00c00: plain size 90 does not round up to 112");
+    WriteBytes(partition_, bb::kFwAreaStart, "100\0", 4);
+
+    const auto table = ReadRecordAt<bb::LogTableHeader>(partition_, bb::kLogTableHeaderOffset);
+    bb::LogTableHeader bad = table;
+    bad.crashHistoryBase4k = 0xBF00000;
+    WriteRecordAt(partition_, bb::kLogTableHeaderOffset, bad);
+    ExpectRefused("image is truncated: the crash history at 0xbf01000 ends beyond its 199229440 bytes");
+    bad.magic = 0x1234;
+    WriteRecordAt(partition_, bb::kLogTableHeaderOffset, bad);
+    ExpectRefused("log table header: wrong magic 0x1234");
+    WriteRecordAt(partition_, bb::kLogTableHeaderOffset, table);
+
+    ASSERT_EQ(truncate(partition_.c_str(), bb::kFwAreaStart + 100), 0);
+    ExpectRefused("image is truncated: firmware-database slot 0 ends beyond its 96472164 bytes");
+    ASSERT_EQ(truncate(partition_.c_str(), 0x420), 0);
+    ExpectRefused("image is truncated: the log table header at 0x400 does not fit in its 1056 bytes");
+}
+
+TEST_F(AndroidCrashMonitorTest, ToolExtractionNeverFollowsALinkAndRefusesNamesThatAreNotFileNames) {
+    const std::string plain = RandomBytes(5000, 2);
+    AndroidCrashMonitorThread worker;
+    Handle(worker, "db.fatal.00.JE", plain);
+    const std::string out = root_.Sub("out");
+    ASSERT_EQ(mkdir(out.c_str(), 0700), 0);
+    const std::string outside = root_.Sub("outside");
+    tarnis_test::WriteFile(outside, "keep");
+    ASSERT_EQ(symlink(outside.c_str(), (out + "/db.fatal.00.JE").c_str()), 0);
+    int status = -1;
+    std::string text = Extract(out, &status);
+    EXPECT_EQ(status, 0) << text;
+    EXPECT_EQ(text, "slot 0: db.fatal.00.JE -> " + out + "/db.fatal.00.JE (5000 bytes)\n");
+    struct stat st;
+    ASSERT_EQ(lstat((out + "/db.fatal.00.JE").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(ReadFile(out + "/db.fatal.00.JE"), plain);
+    EXPECT_EQ(ReadFile(outside), "keep");
+
+    // An output directory that is a link is refused, as is a slot name with a path in it.
+    ASSERT_EQ(symlink(out.c_str(), root_.Sub("linked").c_str()), 0);
+    text = Extract(root_.Sub("linked"), &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(text.rfind("tarnis-blackbox: cannot open the output directory " + root_.Sub("linked"), 0), 0u) << text;
+    const bb::FwMinidumpHeader good = Fw();
+    bb::FwMinidumpHeader fw = good;
+    strcpy(fw.name[0], "../escape");
+    PutFw(fw);
+    text = Tool("--json " + partition_ + " extract --key " + kTestKey + " --out " + out, &status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(text.find("slot 0 (../escape): the slot's name is not a plain file name\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"ok\" : false"), std::string::npos) << text;
+    EXPECT_NE(access(root_.Sub("escape").c_str(), F_OK), 0);
+
+    // The wrong private key unwraps nothing.
+    RunShell("openssl genrsa -out " + root_.Sub("other.pem") + " 2048 2>/dev/null");
+    PutFw(good);
+    text = Extract(out, &status, root_.Sub("other.pem"));
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(text.find("slot 0 (db.fatal.00.JE): the key does not unwrap with this private key\n"), std::string::npos)
+            << text;
 }
 
 // The partition as a fault finds it: A in slot 0 at the area start, B in
@@ -461,18 +598,15 @@ class AndroidCrashMonitorFaultTest : public AndroidCrashMonitorTest {
 protected:
     void SetUp() override {
         AndroidCrashMonitorTest::SetUp();
-        bool encrypt = false;
-        MakeDb("db.fatal.0A.NE", RandomBytes(100, 6));
-        worker_.HandleFatalDb(&encrypt);
-        auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-        fw.nextPosition = 0x5C00C00 + (1 << 20);
-        WriteRecordAt(partition_, bb::kFwMinidumpHeaderOffset, fw);
+        Handle(worker_, "db.fatal.0A.NE", RandomBytes(100, 6));
+        auto fw = Fw();
+        fw.nextPosition = bb::kFwAreaStart + (1 << 20);
+        PutFw(fw);
         b_ = RandomBytes(200, 7);
-        MakeDb("db.fatal.0B.NE", b_);
-        worker_.HandleFatalDb(&encrypt);
-        fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
+        Handle(worker_, "db.fatal.0B.NE", b_);
+        fw = Fw();
         fw.nextPosition = bb::kFwAreaEnd - 100;
-        WriteRecordAt(partition_, bb::kFwMinidumpHeaderOffset, fw);
+        PutFw(fw);
         c_ = RandomBytes(1000, 8);
         cPath_ = MakeDb("db.fatal.0C.NE", c_);
         struct stat st;
@@ -510,7 +644,6 @@ protected:
 };
 
 TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOverwritesNothingListed) {
-    const uint32_t bAt = 0x5C00C00 + (1 << 20);
     for (const bool keyFails : {false, true}) {
         // The random source fails, or the disk fills while the wrapped key
         // is appended to the staged container.
@@ -531,15 +664,8 @@ TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOve
         EXPECT_TRUE(HasInfo("update_black_box_fw_minidump_header: write blackbox failed"));
         // The restart took slot 0 and gave up A's listing; the failure empties
         // the slot (its name stays) and rewinds the ring to where it began.
-        const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-        EXPECT_EQ(fw.index, 0u);
-        EXPECT_EQ(fw.filled, 1u);
-        EXPECT_EQ(fw.nextPosition, 0x5C00C00u);
-        EXPECT_EQ(fw.position[0], 0u);
-        EXPECT_EQ(fw.size[0], 0u);
-        EXPECT_STREQ(fw.name[0], "db.fatal.0C.NE");
-        EXPECT_EQ(fw.position[1], bAt);
-        EXPECT_EQ(fw.size[1], 208u);
+        EXPECT_EQ(Ring(), "index 0, filled 1, next +0 | [db.fatal.0C.NE] none 0 | [db.fatal.0B.NE] +1048576 208 | "
+                          "[] none 0");
         EXPECT_EQ(ReadFile(cPath_), c_);
         EXPECT_EQ(RunShell("ls -A '" + Device("/data/aee_exp/db.fatal.0C.NE") + "'"), "db.fatal.0C.NE.dbg\n");
     }
@@ -551,14 +677,13 @@ TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOve
     SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/db.fatal.0D.NE");  // no such database
     bool encrypt = false;
     worker_.HandleFatalDb(&encrypt);
-    EXPECT_EQ(ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset).nextPosition, 0u);
+    EXPECT_EQ(Fw().nextPosition, 0u);
     SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/db.fatal.0C.NE");
     worker_.HandleFatalDb(&encrypt);
-    const auto fw = ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset);
-    EXPECT_EQ(fw.position[0], 0x5C00C00u);
-    EXPECT_EQ(fw.position[1], bAt);
-    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, 0x5C00C00, 1008 + 288)), c_);
-    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, bAt, 208 + 288)), b_);
+    EXPECT_EQ(Ring(), "index 1, filled 2, next +1296 | [db.fatal.0C.NE] +0 1008 | [db.fatal.0B.NE] +1048576 208 | "
+                      "[] none 0");
+    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, bb::kFwAreaStart, 1008 + 288)), c_);
+    EXPECT_EQ(DecryptWithOpenssl(ReadBytes(partition_, bb::kFwAreaStart + (1 << 20), 208 + 288)), b_);
 }
 
 TEST_F(AndroidCrashMonitorFaultTest, PartitionWriteCutShortListsOnlyIntactContainers) {
@@ -587,6 +712,7 @@ TEST_F(AndroidCrashMonitorFaultTest, DaemonKilledMidContainerLeavesAConsistentIm
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
+        alarm(30);
         size_t written = 0;
         HookPartitionWrites([&written](int fd, const void* buf, size_t len, off_t offset) -> ssize_t {
             const ssize_t n = pwrite(fd, buf, std::min<size_t>(len, 500), offset);
@@ -616,9 +742,7 @@ TEST_F(AndroidCrashMonitorFaultTest, DaemonKilledMidContainerLeavesAConsistentIm
     const std::string outDir = root_.Sub("out");
     ASSERT_EQ(mkdir(outDir.c_str(), 0700), 0);
     int toolStatus = -1;
-    const std::string out =
-            Tool(partition_ + " extract --key " TARNIS_SOURCE_DIR "/keys/blackbox_test_priv.pem --out " + outDir,
-                 &toolStatus);
+    const std::string out = Extract(outDir, &toolStatus);
     EXPECT_EQ(toolStatus, 0) << out;
     EXPECT_EQ(ReadFile(outDir + "/db.fatal.0C.NE"), c_);
     EXPECT_EQ(ReadFile(outDir + "/db.fatal.0B.NE"), b_);

@@ -66,62 +66,50 @@ TEST(LogConfigTest, EveryKeyReachesItsOwnMember) {
     EXPECT_EQ(record.maxLogNumber, 6u);
 }
 
-TEST(LogConfigTest, NullRecordAndAbsentMembersKeepDefaults) {
-    LogConfig record;
-    EXPECT_TRUE(ReadRecord("null", record));
-    EXPECT_TRUE(ReadRecord(R"({"folderName":null,"other":"x"})", record));
-    EXPECT_EQ(record.folderName, "");
-    EXPECT_TRUE(record.children.empty());
-    EXPECT_FALSE(record.compress);
-    EXPECT_EQ(record.maxSize, 0u);
-    EXPECT_EQ(record.maxLogNumber, 0u);
-    std::string why;
-    EXPECT_FALSE(ReadRecord("[1]", record, &why));
-    EXPECT_NE(why.find("not a JSON object"), std::string::npos) << why;
-}
-
-TEST(LogConfigTest, StringMembersTakeNumbersAndObjectsAsCompactText) {
-    LogConfig record;
-    ASSERT_TRUE(ReadRecord(R"({"folderName":12})", record));
-    EXPECT_EQ(record.folderName, "12\n");
-    ASSERT_TRUE(ReadRecord(R"({"folderName":{ "x" : 1, "y":[true] }})", record));
-    EXPECT_EQ(record.folderName, "{\"x\":1,\"y\":[true]}\n");
-    ASSERT_TRUE(ReadRecord(R"({"folderPath":-2.5})", record));
-    EXPECT_EQ(record.folderPath, "-2.5\n");
-    for (const char* bad : {R"({"folderName":true})", R"({"folderPath":["a"]})"}) {
-        EXPECT_FALSE(ReadRecord(bad, record)) << bad;
-    }
-}
-
-TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecord) {
+TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText) {
+    // `strings`: folderName then folderPath as read, when the record is.
     struct Case {
         const char* text;
         bool ok;
+        const char* strings;
     };
     const Case cases[] = {
-        {R"({"maxSize":-1})", false},
-        {R"({"maxSize":1.5})", false},
-        {R"({"maxSize":"1"})", false},
-        {R"({"maxSize":null})", false},
-        {R"({"maxSize":2.0})", true},
-        {R"({"reuseMaxSize":18446744073709551616})", false},
-        {R"({"maxValidDay":4294967296})", false},
-        {R"({"maxLogNumber":4294967295})", true},
-        {R"({"compressLatestAfterSec":-1})", false},
-        {R"({"compress":1})", false},
-        {R"({"inVendor":null})", false},
-        {R"({"delayCompress":"true"})", false},
-        {R"({"children":null})", false},
-        {R"({"children":{"folderName":"a"}})", false},
-        {R"({"children":[{"maxSize":-1}]})", false},
-        {R"({"children":[]})", true},
+        {"null", true, ""},
+        {R"({"folderName":null,"other":"x"})", true, ""},
+        {R"({"folderName":12})", true, "12\n"},
+        {R"({"folderName":{ "x" : 1, "y":[true] }})", true, "{\"x\":1,\"y\":[true]}\n"},
+        {R"({"folderPath":-2.5})", true, "-2.5\n"},
+        {R"({"folderName":true})", false, ""},
+        {R"({"folderPath":["a"]})", false, ""},
+        {R"({"maxSize":-1})", false, ""},
+        {R"({"maxSize":1.5})", false, ""},
+        {R"({"maxSize":"1"})", false, ""},
+        {R"({"maxSize":null})", false, ""},
+        {R"({"maxSize":2.0})", true, ""},
+        {R"({"reuseMaxSize":18446744073709551616})", false, ""},
+        {R"({"maxValidDay":4294967296})", false, ""},
+        {R"({"maxLogNumber":4294967295})", true, ""},
+        {R"({"compressLatestAfterSec":-1})", false, ""},
+        {R"({"compress":1})", false, ""},
+        {R"({"inVendor":null})", false, ""},
+        {R"({"delayCompress":"true"})", false, ""},
+        {R"({"children":null})", false, ""},
+        {R"({"children":{"folderName":"a"}})", false, ""},
+        {R"({"children":[{"maxSize":-1}]})", false, ""},
+        {R"({"children":[]})", true, ""},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
         LogConfig record;
-        EXPECT_EQ(ReadRecord(c.text, record), c.ok) << c.text;
+        EXPECT_EQ(ReadRecord(c.text, record), c.ok);
+        if (c.ok) {
+            EXPECT_EQ(record.folderName + record.folderPath, c.strings);
+        }
     }
     LogConfig record;
     std::string why;
+    EXPECT_FALSE(ReadRecord("[1]", record, &why));
+    EXPECT_NE(why.find("not a JSON object"), std::string::npos) << why;
     EXPECT_FALSE(ReadRecord(R"({"maxSize":-1})", record, &why));
     EXPECT_NE(why.find("\"maxSize\""), std::string::npos) << why;
     EXPECT_NE(why.find("maxSize must be a whole number from 0 to 18446744073709551615, not -1"), std::string::npos)

@@ -1,24 +1,23 @@
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
-#include <android-base/file.h>
 #include <android-base/properties.h>
 #include <log/log.h>
 
 #include "tests/support/ModuleTest.h"
 #include "tests/support/WaitFor.h"
 
-using tarnis_test::WaitFor;
-
 namespace {
+
+using tarnis_test::Exists;
+using tarnis_test::WaitFor;
+using tarnis_test::ReadFile;
 
 constexpr char kTag[] = "TombstoneMonitor";
 
@@ -29,7 +28,7 @@ protected:
         in_ = Device("/data/tombstones/");
         out_ = Device("/data/nuvilog/stability/nativecrash/tombstones/");
         outside_ = elsewhere_.Sub("secret");
-        ASSERT_EQ(system(("mkdir -p '" + in_ + "'").c_str()), 0);
+        MakeDir(in_);
         ASSERT_TRUE(tarnis_test::WriteFile(outside_, "keep"));
     }
 
@@ -47,19 +46,11 @@ protected:
         return clock_.SteadyNowMs() - start;
     }
     void StartWatching() {
-        ASSERT_EQ(system(("mkdir -p '" + out_ + "'").c_str()), 0);
+        MakeDir(out_);
         LoadModules();
         AdvanceUntil([this] { return Dump({"TombstoneMonitor"}).find("watching: yes") != std::string::npos; });
     }
-    static std::string Content(const std::string& path) {
-        std::string text;
-        return android::base::ReadFileToString(path, &text) ? text : "<missing>";
-    }
-    static bool IsLink(const std::string& path) {
-        struct stat st;
-        return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-    }
-    static bool Exists(const std::string& path) { return tarnis_test::Exists(path); }
+    void MakeDir(const std::string& dir) { ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0); }
 
     tarnis_test::TempDir elsewhere_;
     std::string in_, out_, outside_;
@@ -70,9 +61,9 @@ TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly)
     ASSERT_TRUE(log_.HasLine("Tombstone Monitor is Start!", kTag, ANDROID_LOG_INFO));
 
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_00", "first"));
-    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_00") == "first"; }));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_00") == "first"; }));
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_00", "second, longer"));
-    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_00") == "second, longer"; }));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_00") == "second, longer"; }));
     EXPECT_TRUE(log_.HasLine("Detected creat or modify file: tombstone_00", kTag, ANDROID_LOG_WARN));
     struct stat st;
     ASSERT_EQ(stat((out_ + "tombstone_00").c_str(), &st), 0);
@@ -86,7 +77,7 @@ TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly)
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "trace_01", "not a tombstone"));
     ASSERT_EQ(mkdir((in_ + "tombstone_x").c_str(), 0755), 0);
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_03.pb", "proto"));
-    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_03.pb") == "proto"; }));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_03.pb") == "proto"; }));
     EXPECT_FALSE(Exists(out_ + "trace_01"));
     EXPECT_FALSE(Exists(out_ + "tombstone_x"));
     EXPECT_FALSE(log_.Contains("trace_01"));
@@ -104,7 +95,7 @@ TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly)
 TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
     // Mirrored before the daemon ran; its mirror is now a link out of the tree.
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_06", "old"));
-    ASSERT_EQ(system(("mkdir -p '" + out_ + "'").c_str()), 0);
+    MakeDir(out_);
     ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_06").c_str()), 0);
     ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_05").c_str()), 0);
     StartWatching();
@@ -122,31 +113,35 @@ TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
     // A link planted at the mirror's name is replaced, not written through.
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_05", "crash"));
     // Created, then written: the mirror may be copied empty first.
-    ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_05") == "crash"; }));
-    EXPECT_FALSE(IsLink(out_ + "tombstone_05"));
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_05") == "crash"; }));
+    struct stat st;
+    ASSERT_EQ(lstat((out_ + "tombstone_05").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
 
     // Deleting removes the link itself.
     ASSERT_EQ(unlink((in_ + "tombstone_06").c_str()), 0);
     ASSERT_TRUE(WaitFor([&] { return !Exists(out_ + "tombstone_06"); }));
-    EXPECT_EQ(Content(outside_), "keep");
+    EXPECT_EQ(ReadFile(outside_), "keep");
 }
 
 TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror) {
-    ASSERT_EQ(system(("mkdir -p '" + out_ + "'").c_str()), 0);
+    MakeDir(out_);
     const std::string leftover = out_ + ".tarnis-tmp.tombstone_09.k3v9";
     ASSERT_TRUE(tarnis_test::WriteFile(leftover, "half"));
     StartWatching();
     EXPECT_FALSE(Exists(leftover));
 
     ASSERT_EQ(mkfifo((in_ + "tombstone_fifo").c_str(), 0600), 0);
-    ASSERT_TRUE(WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
+    ASSERT_TRUE(
+            WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
 
     // Data at 0 and at 32 MiB of a 256 MiB sparse file: the mirror stops at
     // 64 MiB and keeps the holes.
     const std::string big = in_ + "tombstone_10", mirror = out_ + "tombstone_10";
     tarnis_test::RunShell("printf head >" + big + "; truncate -s 256M " + big + "; printf tail | dd of=" + big +
                           " bs=1M seek=32 conv=notrunc status=none");
-    ASSERT_TRUE(WaitFor([&] { return tarnis_test::RunShell("tail -c +33554433 " + mirror + " | head -c 4") == "tail"; }));
+    ASSERT_TRUE(
+            WaitFor([&] { return tarnis_test::RunShell("tail -c +33554433 " + mirror + " | head -c 4") == "tail"; }));
     struct stat st;
     ASSERT_EQ(stat(mirror.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 64 << 20);
@@ -159,7 +154,8 @@ TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror)
 class TombstonePropertyDirTest : public TombstoneMonitorModuleTest {
 protected:
     void ExpectRefused(const std::string& dir, const std::string& reason) {
-        ASSERT_EQ(system(("mkdir -p '" + elsewhere_.Sub("in") + "' '" + elsewhere_.Sub("out") + "'").c_str()), 0);
+        MakeDir(elsewhere_.Sub("in"));
+        MakeDir(elsewhere_.Sub("out"));
         ASSERT_TRUE(tarnis_test::WriteFile(elsewhere_.Sub("out/tombstone_07"), "keep"));
         android::base::SetProperty("sys.tombstone.monitor.in.dir", dir + "/in/");
         android::base::SetProperty("sys.tombstone.monitor.out.dir", dir + "/out/");
@@ -167,8 +163,8 @@ protected:
         EXPECT_EQ(log_.Count(reason + "; using the default /data/", kTag, ANDROID_LOG_ERROR), 2u);
         ASSERT_TRUE(tarnis_test::WriteFile(elsewhere_.Sub("in/tombstone_07"), "outside"));
         ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_07", "crash"));
-        ASSERT_TRUE(WaitFor([&] { return Content(out_ + "tombstone_07") == "crash"; }));
-        EXPECT_EQ(Content(elsewhere_.Sub("out/tombstone_07")), "keep");
+        ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_07") == "crash"; }));
+        EXPECT_EQ(ReadFile(elsewhere_.Sub("out/tombstone_07")), "keep");
     }
 };
 
@@ -190,7 +186,8 @@ TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNev
     // 62 checks, each failed one followed by a second's sleep.
     EXPECT_GE(waited, 62 * 1000);
     EXPECT_LE(waited, 63 * 1000);
-    ASSERT_TRUE(WaitFor([&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
+    ASSERT_TRUE(WaitFor(
+            [&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
     const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load TombstoneMonitor", moduleTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] TombstoneMonitor done~", moduleTag, ANDROID_LOG_INFO));
