@@ -3,10 +3,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <regex>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 
-#include <memory>
 #include <cstdio>
 #include <set>
 #include <sstream>

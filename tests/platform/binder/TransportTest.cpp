@@ -2,14 +2,12 @@
 // finds, what crosses the socket, and what the server refuses.
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -150,8 +148,6 @@ TEST_F(TransportTest, RemoteCallsCarryIdentityStatusAndDescriptor) {
     EXPECT_EQ(st.getServiceSpecificError(), 7);
     EXPECT_EQ(st.getMessage(), "-5" + who);
     EXPECT_EQ(ssi->reportTrelvoEvent("app", "pkg", "{}", 1).getStatus(), STATUS_UNKNOWN_ERROR);
-    std::string big(256 * 1024, 'b');  // large (UTF-16 doubles it) but within the transaction limit
-    EXPECT_EQ(ssi->reportNativeFeatureEvent(big, "", "").getMessage().size(), big.size() + who.size());
 
     // The dump's descriptor crosses over; output arrives through our pipe.
     int fds[2];
@@ -288,20 +284,12 @@ TEST_F(TransportTest, DescriptorsComeBackInReplies) {
     EXPECT_STREQ(buf, "from the service");
 }
 
-TEST_F(TransportTest, GarbageStallsAndOversizeDoNotDisturbOtherCallers) {
+// (Stalled clients, silent or half-way through a transaction, are
+// HostileClientTest's: there another uid is served while they hang on.)
+TEST_F(TransportTest, GarbageAndOversizeAreRefusedWithoutDisturbingOtherCallers) {
     platform::LogCapture capture;
     Serve();
     const std::string path = ServiceManager::SocketPath(kSsiName);
-    // More stalled clients than the pool has threads: silent ones and ones
-    // that sent half a transaction.
-    std::vector<unique_fd> stalled;
-    const WireHeader half{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 100, 0};
-    for (uint32_t i = 0; i < 2 * (android::BinderProcess::self().maxThreads() + 1); ++i) {
-        stalled.push_back(WireIo::Connect(path));
-        if (i % 2 == 1) continue;
-        ASSERT_EQ(write(stalled.back().get(), &half, sizeof(half)), static_cast<ssize_t>(sizeof(half)));
-        ASSERT_EQ(write(stalled.back().get(), "abc", 3), 3);
-    }
     unique_fd garbage = WireIo::Connect(path);
     const char junk[] = "GET / HTTP/1.0\r\n\r\n";
     ASSERT_EQ(write(garbage.get(), junk, sizeof(junk)), static_cast<ssize_t>(sizeof(junk)));
@@ -309,7 +297,7 @@ TEST_F(TransportTest, GarbageStallsAndOversizeDoNotDisturbOtherCallers) {
     const WireHeader huge{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 2 * 1024 * 1024, 0};
     ASSERT_EQ(write(oversized.get(), &huge, sizeof(huge)), static_cast<ssize_t>(sizeof(huge)));
 
-    // A proxy (not the local object) calls through while the others hang on.
+    // A proxy (not the local object) calls through meanwhile.
     auto proxy = ITarnisSsi::fromBinder(Remote(kSsiName));
     ASSERT_NE(proxy, nullptr);
     ASSERT_TRUE(proxy->isRemote());
@@ -344,10 +332,9 @@ TEST_F(TransportTest, ConcurrentCallersAreServedInParallel) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 100; ++i) {
-                const std::string mine = "t" + std::to_string(t) + "[" + std::to_string(i) + "]1";
-                auto st = proxy->reportEventsV2("t" + std::to_string(t), {std::to_string(i)}, "", true);
-                failures += st.getMessage().rfind(mine, 0) != 0;
+            for (int call = t * 1000; call < t * 1000 + 100; ++call) {
+                const std::string told = proxy->reportSimpleEvent(call, "echo").getMessage();
+                failures += told.rfind(std::to_string(call) + "|", 0) != 0;
             }
         });
     }
