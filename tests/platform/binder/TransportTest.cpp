@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +24,7 @@
 #include "platform/binder/WireIo.h"
 #include "platform/LogCapture.h"
 #include "tests/platform/binder/EchoSsi.h"
+#include "tests/support/PlatChild.h"
 #include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
 
@@ -35,6 +35,7 @@ using android::ServiceManager;
 using android::WireHeader;
 using android::WireIo;
 using android::base::unique_fd;
+using tarnis_test::PlatChild;
 
 namespace {
 
@@ -118,16 +119,13 @@ TEST_F(TransportTest, SocketNamesEncodeEveryByteReversibly) {
 // what only another process shows: its identity, the descriptor, its death.
 TEST_F(TransportTest, RemoteCallsCarryIdentityStatusAndDescriptor) {
     Write("vendor/etc/vintf/manifest.txt", "# instances\n  " + kSsiName + "  \n");
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // The server appears only after the client has started waiting.
-        usleep(100 * 1000);
+    PlatChild server(PlatChild::kSameUid, [&](PlatChild&) {
+        usleep(100 * 1000);  // the server appears only after the client has started waiting
         auto impl = ndk::SharedRefBase::make<EchoSsi>();
-        if (AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()) != STATUS_OK) _exit(3);
+        if (AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()) != STATUS_OK) return 3;
         ABinderProcess_joinThreadPool();
-        _exit(4);
-    }
+        return 4;
+    });
     ndk::SpAIBinder binder = ServiceManager::instance().waitForService(kSsiName, 5000);
     ASSERT_NE(binder, nullptr);
     EXPECT_TRUE(AIBinder_isRemote(binder.get()));
@@ -161,8 +159,8 @@ TEST_F(TransportTest, RemoteCallsCarryIdentityStatusAndDescriptor) {
     EXPECT_STREQ(buf, "dump list \xc3\xa9\n");
 
     // A dead server is a transport failure, not a hang.
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    kill(server.pid(), SIGKILL);
+    EXPECT_EQ(server.Exit(), -1);
     EXPECT_EQ(ssi->reportSimpleEvent(1, "quiet").getStatus(), STATUS_DEAD_OBJECT);
     // Its socket stays behind: a new server replaces it.
     auto impl = ndk::SharedRefBase::make<EchoSsi>();
@@ -184,16 +182,11 @@ TEST_F(TransportTest, InProcessCallersGetTheLocalObject) {
     impl->reportSimpleEvent(0, "quiet");
     EXPECT_EQ(impl->lastUid.load(), getuid());
     // A second process may not take over the name while we serve it.
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    PlatChild rival(PlatChild::kSameUid, [&](PlatChild&) {
         auto other = ndk::SharedRefBase::make<EchoSsi>();
-        _exit(AServiceManager_addService(other->asBinder().get(), kSsiName.c_str()) == STATUS_ALREADY_EXISTS
-                  ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return AServiceManager_addService(other->asBinder().get(), kSsiName.c_str()) == STATUS_ALREADY_EXISTS ? 0 : 1;
+    });
+    EXPECT_EQ(rival.Exit(), 0);
     // The classic manager sees the same registry under UTF-16 names.
     auto sm = android::defaultServiceManager();
     EXPECT_EQ(sm->checkService(android::String16(u"velmar.system.tarnis.common.ITarnisSsi/default")),
