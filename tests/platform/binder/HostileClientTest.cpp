@@ -61,6 +61,11 @@ bool Ended(const unique_fd& fd, int timeoutMs) {
     return n == 0;
 }
 
+// The server logs after it has acted: a line may come just after what it tells of.
+bool AwaitLine(const platform::LogCapture& capture, const std::string& text, int prio = 0) {
+    return WaitFor([&] { return capture.Contains(text, "", prio); }, kDeadline);
+}
+
 bool Served(const std::string& path) {
     auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path));
     return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk();
@@ -236,21 +241,22 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
                                        "", ANDROID_LOG_INFO);
     EXPECT_TRUE(lines >= 1 && lines <= 5 * windows) << lines << " in " << windows;
     EXPECT_TRUE(capture.Contains(" ms) from " + kName + " to admit a newcomer of uid 2000"));
-    EXPECT_TRUE(capture.Contains("binder: refused a connection from pid " + std::to_string(holder.pid()) +
-                                     ": too many connections from uid 2000",
-                                 "", ANDROID_LOG_WARN));
+    EXPECT_TRUE(AwaitLine(capture,
+                          "binder: refused a connection from pid " + std::to_string(holder.pid()) +
+                              ": too many connections from uid 2000",
+                          ANDROID_LOG_WARN));
 
     // Stalled half-way, the busy ones are closed in time (before the holder goes).
     ShortenTimeouts(60000, 200);
     EXPECT_TRUE(AwaitConnections(1)) << Connections();
-    EXPECT_TRUE(capture.Contains("stalled mid-transaction for more than 200 ms", "", ANDROID_LOG_WARN));
+    EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(holder.Say('x'));
     EXPECT_EQ(holder.Exit(), 0);
     // Idle connections are closed too; a proxy whose pooled connection went
     // that way reconnects without its caller noticing.
     ShortenTimeouts(200, 200);
     EXPECT_TRUE(AwaitConnections(0)) << Connections();
-    EXPECT_TRUE(capture.Contains("idle for more than 200 ms", "", ANDROID_LOG_INFO));
+    EXPECT_TRUE(AwaitLine(capture, "idle for more than 200 ms", ANDROID_LOG_INFO));
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
 }
 
@@ -289,8 +295,8 @@ TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
         EXPECT_EQ(holder->Exit(), 0);
     }
     EXPECT_EQ(ends, "ekkkkk");  // only uid 2000 lost a connection
-    EXPECT_TRUE(capture.Contains("binder: evicted the oldest idle connection of uid 2000 (pid " +
-                                 std::to_string(holders[0]->pid()) + ", idle for "));
+    EXPECT_TRUE(AwaitLine(capture, "binder: evicted the oldest idle connection of uid 2000 (pid " +
+                                       std::to_string(holders[0]->pid()) + ", idle for "));
     EXPECT_TRUE(capture.Contains(" ms) from " + kName + " to admit a newcomer of uid 2009"));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
@@ -318,7 +324,7 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     });
     ASSERT_EQ(hog.Hear(), 'y');
     const std::string exceeded = "unfinished transactions of uid 2000 exceed " + std::to_string(uidBudget) + " bytes";
-    EXPECT_TRUE(WaitFor([&] { return capture.Contains(exceeded, "", ANDROID_LOG_ERROR); }, kDeadline));
+    EXPECT_TRUE(AwaitLine(capture, exceeded, ANDROID_LOG_ERROR));
     EXPECT_LE(Buffered(), uidBudget);
     // Another uid's call, large itself, is served meanwhile.
     std::string big(256 * 1024, 'q');  // 512 KiB as UTF-16
@@ -327,7 +333,7 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     // Stalled half-way, they are closed in time and their memory given back.
     ShortenTimeouts(60000, 200);
     EXPECT_TRUE(WaitFor([&] { return Buffered() == 0; }, kDeadline)) << Buffered();
-    EXPECT_TRUE(capture.Contains("stalled mid-transaction for more than 200 ms", "", ANDROID_LOG_WARN));
+    EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(hog.Say('x'));
     EXPECT_EQ(hog.Exit(), 0);
 }
