@@ -166,31 +166,31 @@ std::string Frame(uint32_t code, const std::string& body, uint32_t fds) {
 unique_fd NullFd() { return unique_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
 TEST(WireDecoderTest, MessagesComeOutWholeWhateverTheSplit) {
-    WireDecoder decoder({WireIo::kRequestMagic});
-    const std::string stream = Frame(7, "first", 1) + Frame(8, "", 0) + Frame(9, "third!", 2);
-    WireMessage message;
-    std::string error;
-    std::vector<WireMessage> got;
-    for (size_t i = 0; i < stream.size(); ++i) {
-        // Descriptors ride on the first byte of their message.
-        if (i == 0) decoder.fds()->push_back(NullFd());
-        if (i == Frame(7, "first", 1).size() + Frame(8, "", 0).size()) {
-            decoder.fds()->push_back(NullFd());
-            decoder.fds()->push_back(NullFd());
+    const std::string first = Frame(7, "first", 1), second = Frame(8, "", 0);
+    const std::string stream = first + second + Frame(9, "third!", 2);
+    // Byte by byte, and all three at once.
+    for (size_t chunk : {size_t{1}, stream.size()}) {
+        SCOPED_TRACE(chunk);
+        WireDecoder decoder({WireIo::kRequestMagic});
+        WireMessage message;
+        std::string error;
+        std::string said;  // code, data and descriptor count of each
+        for (size_t at = 0; at < stream.size(); at += chunk) {
+            // Descriptors ride on the first byte of their message.
+            for (size_t fdAt : {size_t{0}, first.size() + second.size(), first.size() + second.size()}) {
+                if (fdAt >= at && fdAt < at + chunk) decoder.fds()->push_back(NullFd());
+            }
+            decoder.buffer()->append(stream, at, chunk);
+            WireDecoder::Result result;
+            while ((result = decoder.next(&message, &error)) == WireDecoder::Result::kMessage) {
+                said += std::to_string(message.codeOrStatus) + ":" + message.data + ":" +
+                        std::to_string(message.fds.size()) + " ";
+            }
+            ASSERT_EQ(result, WireDecoder::Result::kNeedMore) << error;
         }
-        decoder.buffer()->push_back(stream[i]);
-        WireDecoder::Result result;
-        while ((result = decoder.next(&message, &error)) == WireDecoder::Result::kMessage) {
-            got.push_back(std::move(message));
-        }
-        ASSERT_EQ(result, WireDecoder::Result::kNeedMore) << error;
+        EXPECT_EQ(said, "7:first:1 8::0 9:third!:2 ");
+        EXPECT_TRUE(decoder.empty());
     }
-    std::string said;  // code, data and descriptor count of each
-    for (const WireMessage& m : got) {
-        said += std::to_string(m.codeOrStatus) + ":" + m.data + ":" + std::to_string(m.fds.size()) + " ";
-    }
-    EXPECT_EQ(said, "7:first:1 8::0 9:third!:2 ");
-    EXPECT_TRUE(decoder.empty());
 }
 
 TEST(WireDecoderTest, AStreamThatCannotBeValidIsRefusedAtOnce) {
