@@ -159,12 +159,14 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     std::atomic<int> finished{0};
     binder_status_t results[2] = {STATUS_OK, STATUS_OK};
     std::vector<std::thread> dumps;
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(pipe2(pipes[i], O_CLOEXEC | O_NONBLOCK), 0);
+    for (auto& fds : pipes) {
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
         const std::string block(65536, 'x');
-        while (write(pipes[i][1], block.data(), block.size()) > 0) {
+        while (write(fds[1], block.data(), block.size()) > 0) {
         }
-        fcntl(pipes[i][1], F_SETFL, fcntl(pipes[i][1], F_GETFL) & ~O_NONBLOCK);
+        fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) & ~O_NONBLOCK);
+    }
+    for (int i = 0; i < 2; ++i) {
         dumps.emplace_back([&, i] {
             results[i] = Dump(pipes[i][1]);
             ++finished;
