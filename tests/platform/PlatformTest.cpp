@@ -3,9 +3,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
+#include <cstdio>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +15,7 @@
 #include <android-base/properties.h>
 #include <host/WaitForProperty.h>
 #include <cutils/properties.h>
+#include <dorva/DorvaServiceManager.h>
 #include <host/Host.h>
 #include <log/log.h>
 
@@ -20,6 +23,7 @@
 #include <host/LogRateLimiter.h>
 #include "tests/support/TempDir.h"
 
+using android::DorvaServiceManager;
 using namespace std::chrono_literals;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
@@ -31,6 +35,21 @@ protected:
     void SetUp() override { platform::SetRoot(dir_.path()); }
     void TearDown() override { platform::SetRoot("/"); }
     TempDir dir_;
+};
+
+// The journal the dorva stand-in keeps of the calls it is given.
+class JournalTest : public PlatformTest {
+protected:
+    void TearDown() override {
+        DorvaServiceManager::getInstance().setResultForTesting(0);
+        PlatformTest::TearDown();
+    }
+    std::vector<std::string> Lines() {
+        std::istringstream in(tarnis_test::ReadFile(dir_.Sub("data/misc/tarnis/events.jsonl")));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
 };
 
 std::string Ctl() { return std::string(TARNIS_BUILD_DIR) + "/tarnisctl"; }
@@ -51,34 +70,14 @@ TEST_F(PlatformTest, LogLinesReachCapturesAndStderrInThreadtimeLayout) {
     EXPECT_EQ(lines[1].text, "stream 42");
     EXPECT_EQ(lines[1].tag, platform::DefaultLogTag());
     EXPECT_EQ(lines[2].text, "opening: No such file or directory");
-    EXPECT_TRUE(capture.Contains("value 7", "Tarnis-Test", ANDROID_LOG_WARN));
-    EXPECT_FALSE(capture.Contains("value 7", "Other"));
 
-    // The printed layout, read back from a child's standard error.
+    // The printed layout: MM-DD HH:MM:SS.mmm  PID  TID L TAG: message, one line each.
     testing::internal::CaptureStderr();
     __android_log_print(ANDROID_LOG_INFO, "Tarnis-Layout", "first\nsecond\n");
-    std::string printed = testing::internal::GetCapturedStderr();
-    // MM-DD HH:MM:SS.mmm  PID  TID L TAG: message, one line each.
-    std::vector<std::string> printedLines;
-    for (size_t at = 0, nl; (nl = printed.find('\n', at)) != std::string::npos; at = nl + 1) {
-        printedLines.push_back(printed.substr(at, nl - at));
-    }
-    ASSERT_EQ(printedLines.size(), 2u) << printed;
-    const char* messages[] = {"first", "second"};
-    for (size_t i = 0; i < printedLines.size(); ++i) {
-        const std::string& l = printedLines[i];
-        ASSERT_GT(l.size(), 19u) << l;
-        EXPECT_TRUE(l[2] == '-' && l[5] == ' ' && l[8] == ':' && l[11] == ':' && l[14] == '.' && l[18] == ' ')
-            << l;
-        int pid = 0, tid = 0;
-        char level = 0;
-        char tag[64] = {0};
-        ASSERT_EQ(sscanf(l.c_str() + 18, "%d %d %c %63[^:]", &pid, &tid, &level, tag), 4) << l;
-        EXPECT_EQ(pid, getpid());
-        EXPECT_EQ(level, 'I');
-        EXPECT_STREQ(tag, "Tarnis-Layout");
-        EXPECT_EQ(l.substr(l.size() - strlen(messages[i]) - 2), std::string(": ") + messages[i]) << l;
-    }
+    const std::string printed = testing::internal::GetCapturedStderr();
+    const std::string head =
+        R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d\d\d +)" + std::to_string(getpid()) + R"( +\d+ I Tarnis-Layout: )";
+    EXPECT_TRUE(std::regex_match(printed, std::regex(head + "first\n" + head + "second\n"))) << printed;
 }
 
 // Lines a caller can cause pass at most `burst` per window; the next line
@@ -140,10 +139,9 @@ TEST_F(PlatformTest, PropertiesStoreAndParse) {
 }
 
 TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly) {
-    EXPECT_FALSE(android::base::SetProperty("", "x"));
-    EXPECT_FALSE(android::base::SetProperty("../escape", "x"));
-    EXPECT_FALSE(android::base::SetProperty("a/b", "x"));
-    EXPECT_FALSE(android::base::SetProperty(".hidden", "x"));
+    for (const char* name : {"", "../escape", "a/b", ".hidden"}) {
+        EXPECT_FALSE(android::base::SetProperty(name, "x")) << name;
+    }
     EXPECT_EQ(android::base::GetProperty("../escape", "none"), "none");
     EXPECT_FALSE(android::base::SetProperty("tarnis.test.long", std::string(PROPERTY_VALUE_MAX, 'v')));
     EXPECT_TRUE(android::base::SetProperty("tarnis.test.long", std::string(PROPERTY_VALUE_MAX - 1, 'v')));
@@ -154,42 +152,150 @@ TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly)
     EXPECT_EQ(platform::ListProperties().count("ro.tarnis.fp"), 1u);
 }
 
-TEST_F(PlatformTest, WaitForPropertyIsWokenByAnotherProcess) {
+// Another process, the tool, sets what a waiter here waits for.
+TEST_F(PlatformTest, TarnisctlSetsAndGetsPropertiesAndWakesWaiters) {
+    const std::string ctl = Ctl() + " --root " + dir_.path();
     EXPECT_FALSE(android::base::WaitForProperty("tarnis.test.wait", "go", 50ms));
-    auto start = std::chrono::steady_clock::now();
-    // Another value first: the wait must not end on it.
     std::atomic<bool> goSet{false};
-    std::thread setter([this, &goSet] {
+    std::thread setter([&] {
         std::this_thread::sleep_for(100ms);
         int status = -1;
-        RunShell(Ctl() + " --root " + dir_.path() + " setprop tarnis.test.wait nope", &status);
+        RunShell(ctl + " setprop tarnis.test.wait nope", &status);  // the wait must not end on another value
         EXPECT_EQ(status, 0);
         std::this_thread::sleep_for(200ms);
         goSet = true;
-        RunShell(Ctl() + " --root " + dir_.path() + " setprop tarnis.test.wait go", &status);
+        RunShell(ctl + " setprop tarnis.test.wait go", &status);
         EXPECT_EQ(status, 0);
     });
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(android::base::WaitForProperty("tarnis.test.wait", "go", 20s));
-    EXPECT_TRUE(goSet.load());
-    EXPECT_EQ(android::base::GetProperty("tarnis.test.wait", ""), "go");
-    auto waited = std::chrono::steady_clock::now() - start;
+    const auto waited = std::chrono::steady_clock::now() - start;
     setter.join();
+    EXPECT_TRUE(goSet.load());
     EXPECT_LT(waited, 10s);
     EXPECT_TRUE(android::base::WaitForPropertyCreation("tarnis.test.wait", 10ms));
-}
 
-TEST_F(PlatformTest, TarnisctlGetpropAndSetprop) {
-    const std::string ctl = Ctl() + " --root " + dir_.path();
     int status = -1;
-    RunShell(ctl + " setprop persist.tarnis.a 1", &status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(RunShell(ctl + " getprop persist.tarnis.a", &status), "1\n");
-    EXPECT_EQ(RunShell(ctl + " getprop persist.tarnis.none dflt", &status), "dflt\n");
-    EXPECT_EQ(RunShell(ctl + " getprop", &status), "[persist.tarnis.a]: [1]\n");
+    EXPECT_EQ(RunShell(ctl + " getprop tarnis.test.wait", &status), "go\n");
+    EXPECT_EQ(RunShell(ctl + " getprop tarnis.test.none dflt", &status), "dflt\n");
+    EXPECT_EQ(RunShell(ctl + " getprop", &status), "[tarnis.test.wait]: [go]\n");
     RunShell(ctl + " setprop bad/name 1 2>/dev/null", &status);
     EXPECT_NE(status, 0);
-    RunShell(ctl + " --bogus getprop 2>/dev/null", &status);
-    EXPECT_EQ(status, 2);
-    RunShell(ctl + " nosuchcommand 2>/dev/null", &status);
-    EXPECT_EQ(status, 2);
+    for (const char* misuse : {" --bogus getprop", " nosuchcommand"}) {
+        RunShell(ctl + misuse + " 2>/dev/null", &status);
+        EXPECT_EQ(status, 2) << misuse;
+    }
+}
+
+TEST_F(JournalTest, EachCallIsOneLineWithItsArgumentsInOrder) {
+    auto& dsm = DorvaServiceManager::getInstance();
+    EXPECT_EQ(DorvaServiceManager::JournalPath(), dir_.Sub("data/misc/tarnis/events.jsonl"));
+    EXPECT_EQ(dsm.reportSensorException("sensor \"x\"\n"), 0);
+    EXPECT_EQ(dsm.reportEventV2("a", "b", "c", true), 0);
+    EXPECT_EQ(dsm.reportNativeFeatureEvent("n1", "n2", "n3"), 0);
+    EXPECT_EQ(dsm.appCaptureLog("1", "2", "3", "4"), 0);
+    EXPECT_EQ(dsm.reportEventsV2("h", {android::String16(u"e\u00e9"), android::String16()}, "t", false), 0);
+    EXPECT_EQ(dsm.reportTrelvoEvent("app", "pkg", "{\"k\":1}", 0), 0);
+    EXPECT_EQ(dsm.reportTrelvoEvents("app", "pkg", {android::String16(u"{}"), android::String16(u"[]")}, -2), 0);
+    std::vector<std::string> expected = {
+        R"({"call":"reportSensorException","args":["sensor \"x\"\n"]})",
+        R"({"call":"reportEventV2","args":["a","b","c",true]})",
+        R"({"call":"reportNativeFeatureEvent","args":["n1","n2","n3"]})",
+        R"({"call":"appCaptureLog","args":["1","2","3","4"]})",
+        "{\"call\":\"reportEventsV2\",\"args\":[\"h\",[\"e\xc3\xa9\",\"\"],\"t\",false]}",
+        R"({"call":"reportTrelvoEvent","args":["app","pkg","{\"k\":1}",0]})",
+        R"({"call":"reportTrelvoEvents","args":["app","pkg",["{}","[]"],-2]})",
+    };
+    EXPECT_EQ(Lines(), expected);
+}
+
+TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
+    const std::string payload(20000, 'p');
+    std::multiset<std::string> expected;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        for (int i = 0; i < 50; ++i) {
+            expected.insert(R"({"call":"reportTrelvoEvent","args":[")" + std::to_string(t) + R"(",")" +
+                            std::to_string(i) + R"(",")" + payload + R"(",0]})");
+        }
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                DorvaServiceManager::getInstance().reportTrelvoEvent(std::to_string(t), std::to_string(i), payload,
+                                                                     0);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    const std::vector<std::string> lines = Lines();
+    EXPECT_TRUE(std::multiset<std::string>(lines.begin(), lines.end()) == expected) << lines.size() << " lines";
+}
+
+// Callers pass bytes, not always text. Whatever they pass, each call stays
+// one line of valid JSON in valid UTF-8, and Python's surrogateescape gives
+// the bytes back exactly.
+TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
+    std::string all;
+    for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
+    const std::vector<std::vector<std::string>> calls = {
+        {"reportEventV2", all,
+         // overlong '/', an encoded surrogate, beyond U+10FFFF, cut short
+         "\xc0\xaf|\xed\xa0\x80|\xf4\x90\x80\x80|\xe2\x82",
+         "valid \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"reportNativeFeatureEvent", std::string("nul\0in\nside", 11),
+         // text that looks like the escape must not be taken for it
+         "\\udcff \"q\" \x7f \xed\xb3\xbf", "\x80\xff\xfe{\"k\":\"\x80\"}"},
+    };
+    auto& dsm = DorvaServiceManager::getInstance();
+    ASSERT_EQ(dsm.reportEventV2(calls[0][1], calls[0][2], calls[0][3], true), 0);
+    ASSERT_EQ(dsm.reportNativeFeatureEvent(calls[1][1], calls[1][2], calls[1][3]), 0);
+
+    // Python decodes each line as strict UTF-8 and strict JSON, and restores
+    // the bytes.
+    const std::string script = dir_.Sub("decode.py");
+    ASSERT_TRUE(tarnis_test::WriteFile(
+        script,
+        "import json, sys\n"
+        "for raw in open(sys.argv[1], 'rb').read().split(b'\\n')[:-1]:\n"
+        "    obj = json.loads(raw.decode('utf-8'))\n"
+        "    args = [a.encode('utf-8', 'surrogateescape').hex() for a in obj['args'] if isinstance(a, str)]\n"
+        "    print(obj['call'], *args)\n"));
+    int status = -1;
+    const std::string decoded = tarnis_test::RunShell(
+        "python3 " + script + " " + DorvaServiceManager::JournalPath() + " 2>&1", &status);
+    std::string expected;
+    for (const auto& call : calls) {
+        expected += call[0];
+        for (size_t a = 1; a < call.size(); ++a) {
+            expected += ' ';
+            for (unsigned char c : call[a]) {
+                char hex[3];
+                snprintf(hex, sizeof(hex), "%02x", c);
+                expected += hex;
+            }
+        }
+        expected += '\n';
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(decoded, expected);
+}
+
+TEST_F(JournalTest, FailureSwitchAndUnwritableJournal) {
+    auto& dsm = DorvaServiceManager::getInstance();
+    dsm.setResultForTesting(3);
+    EXPECT_EQ(dsm.reportTrelvoEvent("a", "b", "c", 0), 3);
+    dsm.setResultForTesting(0);
+    ASSERT_TRUE(android::base::SetProperty(DorvaServiceManager::kResultProperty, "-5"));
+    EXPECT_EQ(dsm.reportEventV2("a", "b", "c", false), -5);
+    ASSERT_TRUE(android::base::SetProperty(DorvaServiceManager::kResultProperty, "0"));
+    EXPECT_TRUE(Lines().empty());  // failed calls record nothing
+    EXPECT_EQ(dsm.reportSensorException("ok"), 0);
+    EXPECT_EQ(Lines().size(), 1u);
+
+    // A journal that cannot be opened: -1 and a clear line, nothing else lost.
+    ASSERT_EQ(unlink(dir_.Sub("data/misc/tarnis/events.jsonl").c_str()), 0);
+    ASSERT_EQ(mkdir(dir_.Sub("data/misc/tarnis/events.jsonl").c_str(), 0755), 0);
+    platform::LogCapture capture;
+    EXPECT_EQ(dsm.reportSensorException("lost"), -1);
+    EXPECT_TRUE(capture.Contains("cannot open " + dir_.Sub("data/misc/tarnis/events.jsonl"), "DorvaServiceManager",
+                                 ANDROID_LOG_ERROR));
 }

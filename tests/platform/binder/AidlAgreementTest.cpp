@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,9 +23,7 @@
 #include <vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
 #include <vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
 
-#include <binder/IServiceManager.h>
 #include <host/Host.h>
-#include <host/Utf8.h>
 
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/NdkBinder.h"
@@ -145,39 +144,20 @@ std::vector<std::string> Drive(const Ssi& ssi, const SsiIntl& ssiIntl, const Kol
     return said;
 }
 
+// A region of 4096 bytes: its holder keeps `memory` to read what the service wrote.
 template <typename Region>
-Region MakeRegion(int fd) {
+Region MakeRegion(android::base::unique_fd* memory) {
+    memory->reset(memfd_create("region", MFD_CLOEXEC));
+    EXPECT_EQ(ftruncate(memory->get(), 4096), 0);
     Region region;
-    region.fd.reset(android::base::unique_fd(dup(fd)));
+    region.fd.reset(android::base::unique_fd(dup(memory->get())));
     region.size = 4096;
     return region;
 }
 
 template <size_t N>
-std::vector<std::string> HandWrittenNames(const char* const (&names)[N]) {
+std::vector<std::string> Names(const char* const (&names)[N]) {
     return std::vector<std::string>(names, names + N);
-}
-
-// The method of each code as the generated stubs number them.
-std::vector<std::string> GeneratedNames(const std::string& descriptor) {
-    struct Method {
-        const char* descriptor;
-        uint32_t code;
-        const char* name;
-    };
-    static const Method kMethods[] = {
-#define AIDL_METHOD(descriptor, code, name) {descriptor, code, name},
-#include "velmar/system/tarnis/common/aidl_methods.inc"
-#include "vendor/velmar/hardware/kolto/common/aidl_methods.inc"
-#undef AIDL_METHOD
-    };
-    std::vector<std::string> names;
-    for (const Method& m : kMethods) {
-        if (descriptor != m.descriptor) continue;
-        if (names.size() < m.code) names.resize(m.code);
-        names[m.code - FIRST_CALL_TRANSACTION] = m.name;
-    }
-    return names;
 }
 
 class AidlAgreementTest : public ::testing::Test {
@@ -204,83 +184,94 @@ protected:
     tarnis_test::TempDir root_;
 };
 
-TEST_F(AidlAgreementTest, HandWrittenNdkClassesAgreeWithTheGeneratedOnes) {
-    EXPECT_EQ(HandWrittenNames(ndk_ssi::ITarnisSsi::kTransactionNames),
-              GeneratedNames(ndk_ssi::ITarnisSsi::descriptor));
-    EXPECT_EQ(HandWrittenNames(ndk_ssi::ITarnisSsiIntl::kTransactionNames),
-              GeneratedNames(ndk_ssi::ITarnisSsiIntl::descriptor));
-    EXPECT_EQ(HandWrittenNames(ndk_kolto::IKoltoImpl::kTransactionNames),
-              GeneratedNames(ndk_kolto::IKoltoImpl::descriptor));
-    EXPECT_EQ(HandWrittenNames(ndk_kolto::ITarnisIntl::kTransactionNames),
-              GeneratedNames(ndk_kolto::ITarnisIntl::descriptor));
-
-    // The hand-written services, called through generated proxies.
-    const std::string names[] = {"ssi", "ssi.intl", "kolto", "intl"};
-    using ndk::ScopedAStatus;
-    const ndk::SpAIBinder ndkServices[] = {
-        ndk::SharedRefBase::make<Ssi<ndk_ssi::BnTarnisSsi, ScopedAStatus>>()->asBinder(),
-        ndk::SharedRefBase::make<Messages<ndk_ssi::BnTarnisSsiIntl, ScopedAStatus>>()->asBinder(),
-        ndk::SharedRefBase::make<Kolto<ndk_kolto::BnKoltoImpl, ScopedAStatus, ndk_kolto::Ashmem>>()->asBinder(),
-        ndk::SharedRefBase::make<Messages<ndk_kolto::BnTarnisIntl, ScopedAStatus>>()->asBinder()};
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_EQ(AServiceManager_addService(ndkServices[i].get(), ("ndk." + names[i]).c_str()), STATUS_OK);
+// The method of each code, by interface: the hand-written tables name them
+// in binder's lines and the caller policy.
+TEST_F(AidlAgreementTest, HandWrittenMethodNamesAreTheGeneratedStubsCodes) {
+    struct Method {
+        const char* descriptor;
+        uint32_t code;
+        const char* name;
+    };
+    static const Method kGenerated[] = {
+#define AIDL_METHOD(descriptor, code, name) {descriptor, code, name},
+#include "velmar/system/tarnis/common/aidl_methods.inc"
+#include "vendor/velmar/hardware/kolto/common/aidl_methods.inc"
+#undef AIDL_METHOD
+    };
+    std::map<std::string, std::vector<std::string>> generated;
+    for (const Method& m : kGenerated) {
+        auto& names = generated[m.descriptor];
+        names.resize(std::max<size_t>(names.size(), m.code - FIRST_CALL_TRANSACTION + 1));
+        names[m.code - FIRST_CALL_TRANSACTION] = m.name;
     }
-    android::base::unique_fd cppMemory(memfd_create("region", MFD_CLOEXEC));
-    ASSERT_EQ(ftruncate(cppMemory.get(), 4096), 0);
+    EXPECT_EQ(generated, (std::map<std::string, std::vector<std::string>>{
+                             {ndk_ssi::ITarnisSsi::descriptor, Names(ndk_ssi::ITarnisSsi::kTransactionNames)},
+                             {ndk_ssi::ITarnisSsiIntl::descriptor, Names(ndk_ssi::ITarnisSsiIntl::kTransactionNames)},
+                             {ndk_kolto::IKoltoImpl::descriptor, Names(ndk_kolto::IKoltoImpl::kTransactionNames)},
+                             {ndk_kolto::ITarnisIntl::descriptor, Names(ndk_kolto::ITarnisIntl::kTransactionNames)},
+                         }));
+}
+
+TEST_F(AidlAgreementTest, EachBackendsServicesAnswerTheOthersProxies) {
+    using ndk::ScopedAStatus;
+    const std::pair<const char*, android::sp<android::IBinder>> services[] = {
+        {"ndk.ssi", ndk::SharedRefBase::make<Ssi<ndk_ssi::BnTarnisSsi, ScopedAStatus>>()->asBinder()},
+        {"ndk.ssi.intl", ndk::SharedRefBase::make<Messages<ndk_ssi::BnTarnisSsiIntl, ScopedAStatus>>()->asBinder()},
+        {"ndk.kolto",
+         ndk::SharedRefBase::make<Kolto<ndk_kolto::BnKoltoImpl, ScopedAStatus, ndk_kolto::Ashmem>>()->asBinder()},
+        {"ndk.intl", ndk::SharedRefBase::make<Messages<ndk_kolto::BnTarnisIntl, ScopedAStatus>>()->asBinder()},
+        {"cpp.ssi", new Ssi<cpp_ssi::BnTarnisSsi, Status>()},
+        {"cpp.ssi.intl", new Messages<cpp_ssi::BnTarnisSsiIntl, Status>()},
+        {"cpp.kolto", new Kolto<cpp_kolto::BnKoltoImpl, Status, cpp_kolto::Ashmem>()},
+        {"cpp.intl", new Messages<cpp_kolto::BnTarnisIntl, Status>()},
+    };
+    for (const auto& [name, binder] : services) {
+        ASSERT_EQ(AServiceManager_addService(binder.get(), name), STATUS_OK) << name;
+    }
+    android::base::unique_fd memory[2];
+    // The hand-written services, called through generated proxies, and the
+    // generated ones through hand-written proxies.
     const std::vector<std::string> throughGenerated =
         Drive(cpp_ssi::ITarnisSsi::asInterface(Remote("ndk.ssi")),
               cpp_ssi::ITarnisSsiIntl::asInterface(Remote("ndk.ssi.intl")),
               cpp_kolto::IKoltoImpl::asInterface(Remote("ndk.kolto")),
-              cpp_kolto::ITarnisIntl::asInterface(Remote("ndk.intl")), MakeRegion<cpp_kolto::Ashmem>(cppMemory.get()));
+              cpp_kolto::ITarnisIntl::asInterface(Remote("ndk.intl")), MakeRegion<cpp_kolto::Ashmem>(&memory[0]));
     const std::vector<std::string> ndkCalls = TakeCalls();
-
-    // The generated services, called through the hand-written proxies.
-    const android::sp<android::IBinder> cppServices[] = {
-        new Ssi<cpp_ssi::BnTarnisSsi, Status>(), new Messages<cpp_ssi::BnTarnisSsiIntl, Status>(),
-        new Kolto<cpp_kolto::BnKoltoImpl, Status, cpp_kolto::Ashmem>(), new Messages<cpp_kolto::BnTarnisIntl, Status>()};
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_EQ(android::defaultServiceManager()->addService(platform::ToUtf16("cpp." + names[i]), cppServices[i]),
-                  android::OK);
-    }
-    android::base::unique_fd ndkMemory(memfd_create("region", MFD_CLOEXEC));
-    ASSERT_EQ(ftruncate(ndkMemory.get(), 4096), 0);
     const std::vector<std::string> throughHandWritten =
         Drive(ndk_ssi::ITarnisSsi::fromBinder(Remote("cpp.ssi")),
               ndk_ssi::ITarnisSsiIntl::fromBinder(Remote("cpp.ssi.intl")),
               ndk_kolto::IKoltoImpl::fromBinder(Remote("cpp.kolto")),
-              ndk_kolto::ITarnisIntl::fromBinder(Remote("cpp.intl")), MakeRegion<ndk_kolto::Ashmem>(ndkMemory.get()));
+              ndk_kolto::ITarnisIntl::fromBinder(Remote("cpp.intl")), MakeRegion<ndk_kolto::Ashmem>(&memory[1]));
     const std::vector<std::string> cppCalls = TakeCalls();
 
-    const std::vector<std::string> expectedCalls = {
-        "reportSimpleEvent|-1|caf\xc3\xa9 \xf0\x9f\x98\x80",
-        "reportEventV2|a||c|1",
-        std::string("reportNativeFeatureEvent|x|y|z\0z", 32),
-        "appCaptureLog|1|2|3|4",
-        "reportEventsV2|h|[e1][][e3]|t|0",
-        "reportTrelvoEvent|app|pkg|{}|-2147483648",
-        "reportTrelvoEvents|app|pkg|[{\"k\":1}]|2",
-        "transferMessage|velmar.intent.action.X|{\"k\":\"\xc3\xa9\"}",
-        "transferMessage|refuse|{}",
-        "GetFileSize|/data/vendor/|tee.log",
-        "ReadFromFile|/data/vendor/|tee.log|4096|6|written",
-    };
-    EXPECT_EQ(ndkCalls, expectedCalls);
-    EXPECT_EQ(cppCalls, expectedCalls);
+    // What the service saw of each call of Drive, and what its caller got back.
     const std::string ok = "No error";
-    const std::vector<std::string> expectedAnswers = {
-        ok, ok, ok, ok, ok,
-        "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: reportTrelvoEvent|app|pkg|{}|-2147483648'",
-        "Status(-129, EX_TRANSACTION_FAILED): '-2147483648'",
-        ok,
-        "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: transferMessage|refuse|{}'",
-        ok + " 1099511627776",
-        ok,
+    const std::pair<std::string, std::string> expected[] = {
+        {"reportSimpleEvent|-1|caf\xc3\xa9 \xf0\x9f\x98\x80", ok},
+        {"reportEventV2|a||c|1", ok},
+        {std::string("reportNativeFeatureEvent|x|y|z\0z", 32), ok},
+        {"appCaptureLog|1|2|3|4", ok},
+        {"reportEventsV2|h|[e1][][e3]|t|0", ok},
+        {"reportTrelvoEvent|app|pkg|{}|-2147483648",
+         "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: reportTrelvoEvent|app|pkg|{}|-2147483648'"},
+        {"reportTrelvoEvents|app|pkg|[{\"k\":1}]|2", "Status(-129, EX_TRANSACTION_FAILED): '-2147483648'"},
+        {"transferMessage|velmar.intent.action.X|{\"k\":\"\xc3\xa9\"}", ok},
+        {"transferMessage|refuse|{}", "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: transferMessage|refuse|{}'"},
+        {"GetFileSize|/data/vendor/|tee.log", ok + " 1099511627776"},
+        {"ReadFromFile|/data/vendor/|tee.log|4096|6|written", ok},
     };
-    EXPECT_EQ(throughGenerated, expectedAnswers);
-    EXPECT_EQ(throughHandWritten, expectedAnswers);
-    for (int fd : {cppMemory.get(), ndkMemory.get()}) {
+    std::vector<std::string> calls, answers;
+    for (const auto& [call, answer] : expected) {
+        calls.push_back(call);
+        answers.push_back(answer);
+    }
+    EXPECT_EQ(ndkCalls, calls);
+    EXPECT_EQ(cppCalls, calls);
+    EXPECT_EQ(throughGenerated, answers);
+    EXPECT_EQ(throughHandWritten, answers);
+    for (const auto& fd : memory) {
         char bytes[8] = {};
-        ASSERT_EQ(pread(fd, bytes, 7, 0), 7);
+        ASSERT_EQ(pread(fd.get(), bytes, 7, 0), 7);
         EXPECT_STREQ(bytes, "region");  // the six bytes asked for, no more
     }
 }

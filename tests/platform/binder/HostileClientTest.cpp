@@ -8,13 +8,11 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -30,6 +28,7 @@
 #include "platform/binder/WireIo.h"
 #include "platform/LogCapture.h"
 #include "tests/platform/binder/EchoSsi.h"
+#include "tests/support/PlatChild.h"
 #include "tests/support/ProcessCounts.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitFor.h"
@@ -41,13 +40,36 @@ using android::ServiceManager;
 using android::WireHeader;
 using android::WireIo;
 using android::base::unique_fd;
+using tarnis_test::PlatChild;
 using tarnis_test::ProcessCounts;
-using tarnis_test::RunAsUid;
+using tarnis_test::WaitFor;
 
 namespace {
 
 const std::string kName = std::string(ITarnisSsi::descriptor) + "/default";
 constexpr uid_t kShellUid = 2000;
+// Generous, for a loaded machine: only a failing test waits this long.
+constexpr int kConnectMs = 10000;
+constexpr std::chrono::seconds kDeadline(30);
+
+// Whether the server closed the connection: end of stream within `timeoutMs`.
+bool Ended(const unique_fd& fd, int timeoutMs) {
+    pollfd pfd{fd.get(), POLLIN, 0};
+    char bytes[256];
+    ssize_t n = 1;
+    while (n > 0 && poll(&pfd, 1, timeoutMs) == 1) n = read(fd.get(), bytes, sizeof(bytes));
+    return n == 0;
+}
+
+// The server logs after it has acted: a line may come just after what it tells of.
+bool AwaitLine(const platform::LogCapture& capture, const std::string& text, int prio = 0) {
+    return WaitFor([&] { return capture.Contains(text, "", prio); }, kDeadline);
+}
+
+bool Served(const std::string& path) {
+    auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path));
+    return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk();
+}
 
 class HostileClientTest : public ::testing::Test {
 protected:
@@ -75,32 +97,25 @@ protected:
     }
     void TearDown() override {
         proxy_.reset();
-        EXPECT_TRUE(ProcessCounts::Await(Expected()))
+        // The proxy's pooled connection and the server's end of it go away with it.
+        ProcessCounts expected = before_;
+        expected.fds -= 2;
+        EXPECT_TRUE(ProcessCounts::Await(expected))
             << "before: " << before_.ToString() << ", after: " << ProcessCounts::Of().ToString();
         BinderProcess::self().setTimeouts(BinderProcess::Timeouts());
         ServiceManager::instance().removeService(kName);
         platform::SetRoot("/");
     }
-    // The proxy's pooled connection and the server's end of it go away with
-    // the proxy.
-    ProcessCounts Expected() const {
-        ProcessCounts expected = before_;
-        expected.fds -= 2;
-        return expected;
-    }
-    static bool RequireRoot() { return geteuid() == 0; }
     size_t Connections() { return BinderProcess::self().usage(path_).connections; }
     size_t Buffered() { return BinderProcess::self().usage(path_).bufferedBytes; }
-    // A pipe whose buffer is full and whose reader never reads.
-    static void FullPipe(int fds[2]) {
-        ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-        int flags = fcntl(fds[1], F_GETFL);
-        fcntl(fds[1], F_SETFL, flags | O_NONBLOCK);
-        std::string block(65536, 'x');
-        while (write(fds[1], block.data(), block.size()) > 0) {
-        }
-        fcntl(fds[1], F_SETFL, flags);
+    bool AwaitConnections(size_t n) { return WaitFor([&] { return Connections() == n; }, kDeadline); }
+    void ShortenTimeouts(int idleMs, int stalledMs) {
+        BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
+        timeouts.idleMs = idleMs;
+        timeouts.stalledMs = stalledMs;
+        BinderProcess::self().setTimeouts(timeouts);
     }
+    int CallAs(uid_t uid) { return tarnis_test::RunAsUid(uid, [&] { return Served(path_) ? 0 : 1; }); }
     binder_status_t Dump(int fd) {
         const char* args[] = {"x"};
         return AIBinder_dump(proxy_->asBinder().get(), fd, args, 1);
@@ -123,51 +138,42 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     close(fds[0]);
     EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
     close(fds[1]);
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    close(pair[0]);
-    EXPECT_EQ(Dump(pair[1]), android::DEAD_OBJECT);
-    close(pair[1]);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    close(fds[0]);
+    EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
+    close(fds[1]);
     EXPECT_EQ(capture.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
                                 std::to_string(getpid()) + " uid " + std::to_string(getuid()) +
                                 ": the reader went away after 0 of 7 bytes",
                             "", ANDROID_LOG_ERROR),
               2u);
-    // The thread is back in the pool and the server still answers.
-    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
-    // A reader that stays gets every byte, whatever the descriptor.
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    EXPECT_EQ(Dump(fds[1]), STATUS_OK);
-    close(fds[1]);
-    char buf[32] = {};
-    EXPECT_EQ(read(fds[0], buf, sizeof(buf)), 7);
-    EXPECT_STREQ(buf, "dump x\n");
-    close(fds[0]);
+    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // the thread is back in the pool
 }
 
 TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) {
-    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     platform::LogCapture capture;
-    // Two stuck dumps from this uid: more than its share of the pool.
-    int first[2], second[2];
-    FullPipe(first);
-    FullPipe(second);
+    // Two stuck dumps from this uid, more than its share of the pool, each
+    // into a pipe whose buffer is full and whose reader never reads.
+    int pipes[2][2];
     std::atomic<int> finished{0};
-    std::vector<binder_status_t> results(2, STATUS_OK);
+    binder_status_t results[2] = {STATUS_OK, STATUS_OK};
     std::vector<std::thread> dumps;
+    for (auto& fds : pipes) {
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+        const std::string block(65536, 'x');
+        while (write(fds[1], block.data(), block.size()) > 0) {
+        }
+        fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) & ~O_NONBLOCK);
+    }
     for (int i = 0; i < 2; ++i) {
         dumps.emplace_back([&, i] {
-            results[i] = Dump(i == 0 ? first[1] : second[1]);
+            results[i] = Dump(pipes[i][1]);
             ++finished;
         });
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    // Another uid's call is served while both dumps still wait on their readers.
-    EXPECT_EQ(RunAsUid(kShellUid, [&] {
-                  auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
-                  return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk() ? 0 : 1;
-              }),
-              0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // both dumps under way
+    EXPECT_EQ(CallAs(kShellUid), 0);
     EXPECT_EQ(finished.load(), 0);
     for (auto& t : dumps) t.join();
     EXPECT_EQ(results[0], android::TIMED_OUT);
@@ -175,123 +181,92 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     EXPECT_EQ(capture.Count("the output was not drained within 3000 ms; gave up after 0 of 7 bytes", "",
                             ANDROID_LOG_ERROR),
               2u);
-    for (int fd : {first[0], first[1], second[0], second[1]}) close(fd);
-    // Both threads are back.
-    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
+    for (auto& fds : pipes) {
+        close(fds[0]);
+        close(fds[1]);
+    }
+    EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // both threads are back
 }
 
 // One uid that leaks connections (most callers of a phone share one) makes
 // room for its own newcomers at the cost of its longest-unused idle ones; it
-// is turned away only when every one of its connections is busy, and never
-// locks another uid out.
-TEST_F(HostileClientTest, AUidAtItsShareGivesUpItsOldestIdleConnectionToItsNewcomer) {
-    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+// is turned away only when every one of its connections is busy, never locks
+// another uid out, and what it holds is closed once stalled or idle.
+TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     platform::LogCapture capture;
+    const auto start = std::chrono::steady_clock::now();
     const size_t share = BinderProcess::kMaxConnections / BinderProcess::kUidShareDivisor;
     const size_t total = share + 144;
-    int ready[2], release[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(release), 0);
-    pid_t holder = fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        if (setgid(kShellUid) != 0 || setuid(kShellUid) != 0) _exit(99);
-        auto ended = [](const unique_fd& fd, int timeoutMs) {
-            pollfd pfd{fd.get(), POLLIN, 0};
-            char bytes[256];
-            ssize_t n = 1;
-            while (n > 0 && poll(&pfd, 1, timeoutMs) == 1) n = read(fd.get(), bytes, sizeof(bytes));
-            return n == 0;
-        };
+    PlatChild holder(kShellUid, [&](PlatChild& parent) {
         std::vector<unique_fd> held;
-        for (size_t i = 0; i < total; ++i) held.push_back(WireIo::Connect(path_, 2000));
+        for (size_t i = 0; i < total; ++i) held.push_back(WireIo::Connect(path_, kConnectMs));
         // The first ones made room for the last, which all stay.
-        for (size_t i = 0; i < total - share; ++i) {
-            if (!ended(held[i], 5000)) _exit(2);
-        }
-        for (size_t i = total - share; i < total; ++i) {
-            if (ended(held[i], 0)) _exit(3);
+        for (size_t i = 0; i < total; ++i) {
+            const bool evicted = i < total - share;
+            if (!held[i].ok() || Ended(held[i], evicted ? kConnectMs : 0) != evicted) return 2;
         }
         // A proxy of the same uid is served; the oldest idle one went for it.
-        {
-            auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
-            if (ssi == nullptr || !ssi->reportSimpleEvent(0, "quiet").isOk()) _exit(4);
-            if (!ended(held[total - share], 2000)) _exit(5);
-        }
+        if (!Served(path_)) return 3;
+        if (!Ended(held[total - share], kConnectMs)) return 4;
         // Every connection of the uid busy (half a transaction each): the
         // newcomer is turned away with the reason. The one that takes the
         // proxy's place is made only once the service has let the proxy's
         // go: until a pool thread has closed it, it is neither idle nor gone,
         // and the service would rightly turn that one away instead.
-        char c = 'p';
-        if (write(ready[1], &c, 1) != 1 || read(release[0], &c, 1) != 1) _exit(7);
+        if (!parent.Say('p') || parent.Hear() != 'g') return 5;
+        held.push_back(WireIo::Connect(path_, kConnectMs));
         const WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 64, 0};
         for (size_t i = total - share + 1; i <= total; ++i) {
-            if (i == total) held.push_back(WireIo::Connect(path_, 2000));
-            if (send(held[i].get(), &header, sizeof(header), MSG_NOSIGNAL) != sizeof(header)) _exit(6);
+            if (send(held[i].get(), &header, sizeof(header), MSG_NOSIGNAL) != sizeof(header)) return 6;
         }
-        const std::string told = "too many connections from uid 2000 (limit " + std::to_string(share) +
-                                 " for service " + kName + "), none of them idle";
-        unique_fd refused = WireIo::Connect(path_, 2000);
+        unique_fd refused = WireIo::Connect(path_, kConnectMs);
         uint32_t status = 0;
         android::Parcel reply;
         std::string refusal;
-        WireIo::Receive(refused.get(), &status, &reply, 5000, &refusal);
-        c = refusal == told ? 'y' : 'n';
-        if (write(ready[1], &c, 1) != 1) _exit(7);
-        _exit(read(release[0], &c, 1) == 1 ? 0 : 8);
-    }
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
+        WireIo::Receive(refused.get(), &status, &reply, PlatChild::kDeadlineMs, &refusal);
+        const std::string told = "too many connections from uid 2000 (limit " + std::to_string(share) +
+                                 " for service " + kName + "), none of them idle";
+        return parent.Say(refusal == told ? 'y' : 'n') && parent.Hear() == 'x' ? 0 : 7;
+    });
+    ASSERT_EQ(holder.Hear(), 'p');
     // The holder's share less the connection its proxy took, and our proxy's.
-    EXPECT_TRUE(tarnis_test::WaitFor([&] { return Connections() == share; })) << Connections();
-    ASSERT_EQ(write(release[1], &c, 1), 1);
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    EXPECT_EQ(c, 'y');
-    // The holder's share, and its proxy's connection until the service has
-    // seen that one close.
-    const size_t open = Connections();
-    EXPECT_TRUE(open == share || open == share + 1) << open;
-    // Another uid (ours) is served while the share is held.
-    auto fresh = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
-    ASSERT_NE(fresh, nullptr);
-    EXPECT_TRUE(fresh->reportSimpleEvent(0, "quiet").isOk());
-    fresh.reset();
-    const std::string evicted = "binder: evicted the oldest idle connection of uid 2000 (pid " +
-                                std::to_string(holder) + ", idle for ";
-    // One line each, at a bounded rate: the rest are counted, not logged.
-    const size_t lines = capture.Count(evicted, "", ANDROID_LOG_INFO);
-    EXPECT_TRUE(lines >= 1 && lines <= 10 && capture.Contains(" to admit a newcomer of uid 2000")) << lines;
-    EXPECT_TRUE(capture.Contains("binder: refused a connection from pid " + std::to_string(holder) +
-                                     ": too many connections from uid 2000",
-                                 "", ANDROID_LOG_WARN));
+    ASSERT_TRUE(AwaitConnections(share)) << Connections();
+    ASSERT_TRUE(holder.Say('g'));
+    ASSERT_EQ(holder.Hear(), 'y');
+    EXPECT_EQ(Connections(), share + 1);
+    EXPECT_EQ(CallAs(kShellUid + 1), 0);  // another uid is served while the share is held
+    // One line each, at a bounded rate (five a window of 10 s): the rest are counted, not logged.
+    const size_t windows = (std::chrono::steady_clock::now() - start) / std::chrono::seconds(10) + 1;
+    const size_t lines = capture.Count("binder: evicted the oldest idle connection of uid 2000 (pid " +
+                                           std::to_string(holder.pid()) + ", idle for ",
+                                       "", ANDROID_LOG_INFO);
+    EXPECT_TRUE(lines >= 1 && lines <= 5 * windows) << lines << " in " << windows;
+    EXPECT_TRUE(capture.Contains(" ms) from " + kName + " to admit a newcomer of uid 2000"));
+    EXPECT_TRUE(AwaitLine(capture,
+                          "binder: refused a connection from pid " + std::to_string(holder.pid()) +
+                              ": too many connections from uid 2000",
+                          ANDROID_LOG_WARN));
 
     // Stalled half-way, the busy ones are closed in time (before the holder goes).
-    BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
-    timeouts.stalledMs = 200;
-    BinderProcess::self().setTimeouts(timeouts);
-    for (int i = 0; i < 200 && Connections() > 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(Connections(), 1u);
-    ASSERT_EQ(write(release[1], "x", 1), 1);
-    int status = 0;
-    waitpid(holder, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ShortenTimeouts(60000, 200);
+    EXPECT_TRUE(AwaitConnections(1)) << Connections();
+    EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
+    ASSERT_TRUE(holder.Say('x'));
+    EXPECT_EQ(holder.Exit(), 0);
     // Idle connections are closed too; a proxy whose pooled connection went
     // that way reconnects without its caller noticing.
-    timeouts.idleMs = 200;
-    BinderProcess::self().setTimeouts(timeouts);
-    for (int i = 0; i < 200 && Connections() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(Connections(), 0u);
-    EXPECT_TRUE(capture.Contains("idle for more than 200 ms", "", ANDROID_LOG_INFO));
+    ShortenTimeouts(200, 200);
+    EXPECT_TRUE(AwaitConnections(0)) << Connections();
+    EXPECT_TRUE(AwaitLine(capture, "idle for more than 200 ms", ANDROID_LOG_INFO));
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
-    for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
 }
 
 // Many uids together fill a service whose cap a low descriptor limit made
 // small; a newcomer is let in at the cost of an idle connection of the uid
 // that holds the most, not turned away.
 TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
-    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     rlimit saved{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
     // Room for 8 connections (1 already ours), 2 per uid.
@@ -299,115 +274,70 @@ TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
     low.rlim_cur = BinderProcess::kReservedFds + 8;
     ASSERT_LT(ProcessCounts::Of().fds + 20, low.rlim_cur);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-    std::vector<std::pair<pid_t, int>> holders;  // pid, pipe that says how it ended
+    std::vector<std::unique_ptr<PlatChild>> holders;
     for (uid_t uid = kShellUid; uid < kShellUid + 6; ++uid) {
-        int report[2];
-        ASSERT_EQ(pipe(report), 0);
-        pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            // Copies of the server's accepted sockets would keep them open
-            // in here after the server closes them: keep only the report pipe.
-            if (dup2(report[1], 3) != 3) _exit(98);
-            syscall(SYS_close_range, 4U, ~0U, 0U);
-            report[1] = 3;
-            if (setgid(uid) != 0 || setuid(uid) != 0) _exit(99);
-            unique_fd a = WireIo::Connect(path_, 2000);
-            unique_fd b = uid == kShellUid ? WireIo::Connect(path_, 2000) : unique_fd();
-            if (write(report[1], "r", 1) != 1) _exit(2);
-            // Wait for the end of stream the eviction brings (or the parent's kill).
-            pollfd pfd{a.get(), POLLIN, 0};
-            pollfd pfdB{b.get(), POLLIN, 0};
-            bool first = poll(&pfd, 1, 3000) == 1;
-            bool second = b.ok() && poll(&pfdB, 1, 0) == 1;
-            char c = first || second ? 'e' : 'k';
-            if (write(report[1], &c, 1) != 1) _exit(3);
-            _exit(0);
-        }
-        close(report[1]);
-        char c;
-        ASSERT_EQ(read(report[0], &c, 1), 1);
-        holders.emplace_back(child, report[0]);
+        holders.push_back(std::make_unique<PlatChild>(uid, [&](PlatChild& parent) {
+            unique_fd a = WireIo::Connect(path_, kConnectMs);
+            unique_fd b = uid == kShellUid ? WireIo::Connect(path_, kConnectMs) : unique_fd();
+            if (!a.ok() || !parent.Say('r') || parent.Hear() != 'j') return 2;
+            // An eviction closed it before the newcomer was served.
+            return parent.Say(Ended(a, 0) || Ended(b, 0) ? 'e' : 'k') ? 0 : 3;
+        }));
+        ASSERT_EQ(holders.back()->Hear(), 'r');
     }
     // Full: uid 2000 holds two, five other uids and our proxy one each.
-    for (int i = 0; i < 100 && Connections() < 8; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_EQ(Connections(), 8u);
+    ASSERT_TRUE(AwaitConnections(8)) << Connections();
     platform::LogCapture capture;
     // A ninth caller: uid 2000 holds the most and gives one up.
-    EXPECT_EQ(RunAsUid(kShellUid + 9, [&] {
-                  auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
-                  return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk() ? 0 : 1;
-              }),
-              0);
+    EXPECT_EQ(CallAs(kShellUid + 9), 0);
     std::string ends;
-    for (auto& [pid, report] : holders) {
-        char c = '?';
-        if (read(report, &c, 1) != 1) c = '?';
-        ends += c;
-        waitpid(pid, nullptr, 0);
-        close(report);
+    for (auto& holder : holders) {
+        holder->Say('j');
+        ends += holder->Hear();
+        EXPECT_EQ(holder->Exit(), 0);
     }
     EXPECT_EQ(ends, "ekkkkk");  // only uid 2000 lost a connection
-    EXPECT_TRUE(capture.Contains("binder: evicted the oldest idle connection of uid 2000 (pid " +
-                                 std::to_string(holders[0].first) + ", idle for "));
+    EXPECT_TRUE(AwaitLine(capture, "binder: evicted the oldest idle connection of uid 2000 (pid " +
+                                       std::to_string(holders[0]->pid()) + ", idle for "));
     EXPECT_TRUE(capture.Contains(" ms) from " + kName + " to admit a newcomer of uid 2009"));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
 TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
-    if (!RequireRoot()) GTEST_SKIP() << "skipped: needs root to call as another uid";
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     platform::LogCapture capture;
     const size_t uidBudget = BinderProcess::kMaxBufferedBytes / BinderProcess::kUidShareDivisor;
-    int ready[2], release[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(release), 0);
-    pid_t hog = fork();
-    ASSERT_GE(hog, 0);
-    if (hog == 0) {
-        if (setgid(kShellUid) != 0 || setuid(kShellUid) != 0) _exit(99);
+    PlatChild hog(kShellUid, [&](PlatChild& parent) {
         // Each connection sends all but the last byte of a largest transaction.
         const uint32_t size = WireIo::kMaxDataSize;
-        std::string body(size - 1, 'b');
+        const std::string body(size - 1, 'b');
+        const WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, size, 0};
         std::vector<unique_fd> held;
         for (size_t i = 0; i < uidBudget / size + 2; ++i) {
-            held.push_back(WireIo::Connect(path_, 2000));
-            WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, size, 0};
-            if (send(held.back().get(), &header, sizeof(header), MSG_NOSIGNAL) != sizeof(header)) _exit(2);
-            size_t sent = 0;
-            while (sent < body.size()) {
-                ssize_t n = send(held.back().get(), body.data() + sent, body.size() - sent, MSG_NOSIGNAL);
-                if (n <= 0) break;  // closed by the server: over the budget
-                sent += static_cast<size_t>(n);
+            held.push_back(WireIo::Connect(path_, kConnectMs));
+            if (send(held.back().get(), &header, sizeof(header), MSG_NOSIGNAL) != sizeof(header)) return 2;
+            ssize_t n = 1;
+            // A failed send: the server closed it, over the budget.
+            for (size_t sent = 0; sent < body.size() && n > 0; sent += n) {
+                n = send(held.back().get(), body.data() + sent, body.size() - sent, MSG_NOSIGNAL);
             }
         }
-        char c = 'y';
-        if (write(ready[1], &c, 1) != 1) _exit(3);
-        if (read(release[0], &c, 1) != 1) _exit(4);
-        _exit(0);
-    }
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    for (int i = 0; i < 200 && !capture.Contains("exceed"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_TRUE(capture.Contains("unfinished transactions of uid 2000 exceed " + std::to_string(uidBudget) +
-                                     " bytes",
-                                 "", ANDROID_LOG_ERROR));
+        return parent.Say('y') && parent.Hear() == 'x' ? 0 : 3;
+    });
+    ASSERT_EQ(hog.Hear(), 'y');
+    const std::string exceeded = "unfinished transactions of uid 2000 exceed " + std::to_string(uidBudget) + " bytes";
+    EXPECT_TRUE(AwaitLine(capture, exceeded, ANDROID_LOG_ERROR));
     EXPECT_LE(Buffered(), uidBudget);
     // Another uid's call, large itself, is served meanwhile.
     std::string big(256 * 1024, 'q');  // 512 KiB as UTF-16
     EXPECT_EQ(proxy_->reportNativeFeatureEvent(big, "", "").getMessage().size(),
               big.size() + ("|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid())).size());
     // Stalled half-way, they are closed in time and their memory given back.
-    BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
-    timeouts.stalledMs = 200;
-    BinderProcess::self().setTimeouts(timeouts);
-    for (int i = 0; i < 300 && Buffered() > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(Buffered(), 0u);
-    EXPECT_TRUE(capture.Contains("stalled mid-transaction for more than 200 ms", "", ANDROID_LOG_WARN));
-    ASSERT_EQ(write(release[1], "x", 1), 1);
-    waitpid(hog, nullptr, 0);
-    for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+    ShortenTimeouts(60000, 200);
+    EXPECT_TRUE(WaitFor([&] { return Buffered() == 0; }, kDeadline)) << Buffered();
+    EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
+    ASSERT_TRUE(hog.Say('x'));
+    EXPECT_EQ(hog.Exit(), 0);
 }
 
 // Out of descriptors, the server pauses accepting and says so once per
@@ -415,81 +345,64 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
 TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
     const ProcessCounts before = ProcessCounts::Of();
     {
-    tarnis_test::TempDir root;
-    const std::string errPath = root.Sub("server.err");
-    int ready[2], relieve[2];
-    ASSERT_EQ(pipe(ready), 0);
-    ASSERT_EQ(pipe(relieve), 0);
-    pid_t server = fork();
-    ASSERT_GE(server, 0);
-    if (server == 0) {
+        tarnis_test::TempDir root;
+        const std::string errPath = root.Sub("server.err");
+        PlatChild server(PlatChild::kSameUid, [&](PlatChild& parent) {
+            platform::SetRoot(root.path());
+            int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            dup2(err, STDERR_FILENO);
+            auto impl = ndk::SharedRefBase::make<EchoSsi>();
+            if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) return 2;
+            // Logged while descriptors last and before the pool's threads start:
+            // UBSan opens a pipe the first time it checks a stream's type, and
+            // libbase makes its logging lock on the first line (tests/tsan.supp).
+            LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
+            BinderProcess::self().setMaxThreads(2);
+            ABinderProcess_startThreadPool();
+            rlimit limit{128, 128};
+            if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+            std::vector<int> fillers;
+            for (int fd; (fd = dup(STDIN_FILENO)) >= 0;) fillers.push_back(fd);
+            if (!parent.Say('y') || parent.Hear() != 'r') return 4;
+            for (int fd : fillers) close(fd);
+            return parent.Hear() == 'q' ? 0 : 5;
+        });
+        ASSERT_EQ(server.Hear(), 'y');
+        const long cpuBefore = tarnis_test::CpuTicks(server.pid());
+        std::vector<unique_fd> flood;
         platform::SetRoot(root.path());
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        dup2(err, STDERR_FILENO);
-        auto impl = ndk::SharedRefBase::make<EchoSsi>();
-        if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) _exit(2);
-        // Logged while descriptors last and before the pool's threads start:
-        // UBSan opens a pipe the first time it checks a stream's type, and
-        // libbase makes its logging lock on the first line (tests/tsan.supp).
-        LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
-        BinderProcess::self().setMaxThreads(2);
-        ABinderProcess_startThreadPool();
-        rlimit limit{128, 128};
-        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(3);
-        std::vector<int> fillers;
-        for (int fd; (fd = dup(STDIN_FILENO)) >= 0;) fillers.push_back(fd);
-        char c = 'y';
-        if (write(ready[1], &c, 1) != 1) _exit(4);
-        if (read(relieve[0], &c, 1) != 1) _exit(5);
-        for (int fd : fillers) close(fd);
-        pause();
-        _exit(0);
-    }
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    const long cpuBefore = tarnis_test::CpuTicks(server);
-    std::vector<unique_fd> flood;
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    platform::SetRoot(root.path());
-    const std::string socketPath = ServiceManager::SocketPath(kName);
-    while (std::chrono::steady_clock::now() < end) {
-        unique_fd conn = WireIo::Connect(socketPath, 0);
-        if (conn.ok()) flood.push_back(std::move(conn));
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    const long cpu = tarnis_test::CpuTicks(server) - cpuBefore;
-    const long hz = sysconf(_SC_CLK_TCK);
-    EXPECT_LT(cpu, hz / 4) << "the server spent " << cpu << " ticks in a 1 s flood";
-    // Shed clients were told why.
-    size_t told = 0;
-    for (auto& conn : flood) {
-        uint32_t status = 0;
-        android::Parcel reply;
-        std::string refusal;
-        WireIo::Receive(conn.get(), &status, &reply, 0, &refusal);
-        if (refusal == "the daemon is out of file descriptors; try again later") ++told;
-    }
-    EXPECT_GE(told, 1u);
-    flood.clear();
-    // With descriptors back, the service answers again once its pause is over
-    // (a client that comes too early is turned away with the reason).
-    ASSERT_EQ(write(relieve[1], "x", 1), 1);
-    bool served = false;
-    for (int i = 0; i < 100 && !served; ++i) {
-        auto ssi = ITarnisSsi::fromBinder(BpBinder::Connect(kName, socketPath));
-        served = ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk();
-        if (!served) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_TRUE(served) << BpBinder::LastError();
-    kill(server, SIGKILL);
-    waitpid(server, nullptr, 0);
-    std::string err = tarnis_test::ReadFile(errPath);
-    size_t lines = 0;
-    for (size_t pos = 0; (pos = err.find("cannot accept on", pos)) != std::string::npos; ++pos) ++lines;
-    EXPECT_EQ(lines, 1u) << err.substr(0, 2000);
-    EXPECT_NE(err.find("Too many open files; pausing for 100 ms"), std::string::npos) << err.substr(0, 2000);
-    for (int fd : {ready[0], ready[1], relieve[0], relieve[1]}) close(fd);
-    platform::SetRoot("/");
+        const std::string socketPath = ServiceManager::SocketPath(kName);
+        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+             std::chrono::steady_clock::now() < end;) {
+            unique_fd conn = WireIo::Connect(socketPath, 0);
+            if (conn.ok()) flood.push_back(std::move(conn));
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        const long cpu = tarnis_test::CpuTicks(server.pid()) - cpuBefore;
+        EXPECT_LT(cpu, sysconf(_SC_CLK_TCK) / 4) << "the server spent " << cpu << " ticks in a 1 s flood";
+        // Shed clients were told why.
+        size_t told = 0;
+        for (auto& conn : flood) {
+            uint32_t status = 0;
+            android::Parcel reply;
+            std::string refusal;
+            WireIo::Receive(conn.get(), &status, &reply, 0, &refusal);
+            told += refusal == "the daemon is out of file descriptors; try again later";
+        }
+        EXPECT_GE(told, 1u);
+        flood.clear();
+        // With descriptors back, the service answers again once its pause is over
+        // (a client that comes too early is turned away with the reason).
+        ASSERT_TRUE(server.Say('r'));
+        EXPECT_TRUE(WaitFor([&] { return Served(socketPath); }, kDeadline)) << BpBinder::LastError();
+        ASSERT_TRUE(server.Say('q'));
+        EXPECT_EQ(server.Exit(), 0);
+        const std::string err = tarnis_test::ReadFile(errPath);
+        size_t lines = 0;
+        for (size_t pos = 0; (pos = err.find("cannot accept on", pos)) != std::string::npos; ++pos) ++lines;
+        EXPECT_EQ(lines, 1u) << err.substr(0, 2000);
+        EXPECT_NE(err.find("Too many open files; pausing for 100 ms"), std::string::npos) << err.substr(0, 2000);
+        platform::SetRoot("/");
     }
     EXPECT_TRUE(ProcessCounts::Await(before)) << "before: " << before.ToString()
                                               << ", after: " << ProcessCounts::Of().ToString();

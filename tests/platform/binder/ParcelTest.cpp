@@ -1,76 +1,62 @@
+// The bytes on the wire: parcels, and the frames that carry them.
 #include <fcntl.h>
 #include <unistd.h>
-#include <host/Utf8.h>
 
 #include <gtest/gtest.h>
 
 #include <binder/ParcelFileDescriptor.h>
-#include <utils/Unicode.h>
 
 #include "platform/binder/Parcel.h"
+#include "platform/binder/WireDecoder.h"
 
 using android::Parcel;
 using android::String16;
+using android::WireDecoder;
+using android::WireHeader;
+using android::WireIo;
+using android::WireMessage;
+using android::base::unique_fd;
 
 namespace {
 
 // Received bytes and descriptors, as the transport hands them to a reader.
 void Receive(const Parcel& sent, Parcel* received) {
-    std::vector<android::base::unique_fd> fds;
+    std::vector<unique_fd> fds;
     for (int fd : sent.rawFds()) fds.emplace_back(dup(fd));
     received->setData(sent.data(), std::move(fds));
 }
 
-TEST(ParcelTest, EveryTypeRoundTripsInOrder) {
+// Integers, booleans, UTF-8 strings and their vectors, service-specific
+// statuses and regions cross between both backends in AidlAgreementTest;
+// here the types the generated classes of this daemon's own interfaces use.
+TEST(ParcelTest, EveryOtherTypeRoundTripsInOrder) {
     Parcel p;
     const String16 astral(u"caf\u00e9 \U0001F600");
-    ASSERT_EQ(p.writeInt32(-7), android::OK);
-    p.writeInt64(INT64_MIN + 5);
-    p.writeBool(true);
-    p.writeString16(astral);
-    p.writeUtf8AsUtf16(std::string("\xc3\xa9t\0\xc3\xa9", 6));  // embedded NULs survive
+    ASSERT_EQ(p.writeString16(astral), android::OK);
     p.writeString16Vector({String16(u"one"), astral});
-    p.writeUtf8VectorAsUtf16Vector({"x", "", "yz"});
     p.writeByteVector({0, 255, 10});
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
     ASSERT_EQ(p.writeFileDescriptor(pipeFds[1]), android::OK);
     close(pipeFds[1]);  // the parcel holds its own duplicate
     p.writeFileDescriptor(-1);
-    p.writeParcelable(android::os::ParcelFileDescriptor(android::base::unique_fd(dup(STDOUT_FILENO))));
-    p.writeStatus(ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(-1, "runCommand:152: no"));
+    p.writeParcelable(android::os::ParcelFileDescriptor(unique_fd(dup(STDOUT_FILENO))));
     p.writeStatus(ndk::ScopedAStatus::fromExceptionCodeWithMessage(EX_ILLEGAL_ARGUMENT, "bad"));
     p.writeStatus(ndk::ScopedAStatus::ok());
 
     Parcel q;
     Receive(p, &q);
-    int32_t i32;
-    int64_t i64;
-    bool b;
-    std::string s;
     String16 s16;
     std::vector<String16> vs16;
-    std::vector<std::string> vs;
     std::vector<uint8_t> bytes;
-    ASSERT_EQ(q.readInt32(&i32), android::OK);
-    EXPECT_EQ(i32, -7);
-    q.readInt64(&i64);
-    EXPECT_EQ(i64, INT64_MIN + 5);
-    q.readBool(&b);
-    EXPECT_TRUE(b);
-    q.readString16(&s16);
+    ASSERT_EQ(q.readString16(&s16), android::OK);
     EXPECT_EQ(s16, astral);
-    q.readUtf8FromUtf16(&s);
-    EXPECT_EQ(s, std::string("\xc3\xa9t\0\xc3\xa9", 6));
     q.readString16Vector(&vs16);
     EXPECT_EQ(vs16, (std::vector<String16>{String16(u"one"), astral}));
-    q.readUtf8VectorFromUtf16Vector(&vs);
-    EXPECT_EQ(vs, (std::vector<std::string>{"x", "", "yz"}));
     q.readByteVector(&bytes);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0, 255, 10}));
-    android::base::unique_fd fd, none;
+    unique_fd fd, none;
     ASSERT_EQ(q.readUniqueFileDescriptor(&fd), android::OK);
-    ASSERT_TRUE(fd.ok());
     ASSERT_EQ(write(fd.get(), "ping", 4), 4);
     char buf[4];
     ASSERT_EQ(read(pipeFds[0], buf, 4), 4);
@@ -84,15 +70,12 @@ TEST(ParcelTest, EveryTypeRoundTripsInOrder) {
     EXPECT_GE(fcntl(pfd->get(), F_GETFD), 0);
     ndk::ScopedAStatus status;
     ASSERT_EQ(q.readStatus(&status), android::OK);
-    EXPECT_EQ(status.getExceptionCode(), EX_SERVICE_SPECIFIC);
-    EXPECT_EQ(status.getServiceSpecificError(), -1);
-    EXPECT_EQ(status.getMessage(), "runCommand:152: no");
-    ASSERT_EQ(q.readStatus(&status), android::OK);
     EXPECT_EQ(status.getDescription(), "Status(-3, EX_ILLEGAL_ARGUMENT): 'bad'");
     EXPECT_EQ(status.getStatus(), STATUS_FAILED_TRANSACTION);  // as the NDK reports an exception
     ASSERT_EQ(q.readStatus(&status), android::OK);
     EXPECT_TRUE(status.isOk());
     EXPECT_EQ(q.dataAvail(), 0u);
+    int32_t i32;
     EXPECT_EQ(q.readInt32(&i32), android::NOT_ENOUGH_DATA);
 }
 
@@ -103,7 +86,7 @@ TEST(ParcelTest, TheLayoutIsLibbindersWithAPositionForReadsAndWrites) {
     p.writeInterfaceToken(String16(u"a.I"));
     p.writeUtf8AsUtf16("\xc3\xa9");
     p.writeByteVector({1, 2, 3, 4, 5});
-    p.writeParcelable(android::os::ParcelFileDescriptor(android::base::unique_fd(dup(STDERR_FILENO))));
+    p.writeParcelable(android::os::ParcelFileDescriptor(unique_fd(dup(STDERR_FILENO))));
     p.writeNullableParcelable(std::unique_ptr<android::os::ParcelFileDescriptor>());
     p.writeStatus(ndk::ScopedAStatus::fromServiceSpecificErrorWithMessage(-3, "x"));
     const int32_t words[] = {
@@ -153,7 +136,7 @@ TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
     // A descriptor index with no descriptor, and one taken twice.
     Parcel f;
     Of({3}, &f);
-    android::base::unique_fd fd;
+    unique_fd fd;
     EXPECT_EQ(f.readUniqueFileDescriptor(&fd), android::BAD_VALUE);
     Parcel g;
     g.writeFileDescriptor(STDERR_FILENO);
@@ -173,6 +156,72 @@ TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
     token.writeInterfaceToken(String16(u"velmar.system.tarnis.common.ITarnisSsiIntl"));
     token.setDataPosition(0);
     EXPECT_FALSE(token.enforceInterface(String16(u"velmar.system.tarnis.common.ITarnisSsi")));
+}
+
+std::string Frame(uint32_t code, const std::string& body, uint32_t fds) {
+    WireHeader header{WireIo::kRequestMagic, code, static_cast<uint32_t>(body.size()), fds};
+    return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + body;
+}
+
+unique_fd NullFd() { return unique_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+TEST(WireDecoderTest, MessagesComeOutWholeWhateverTheSplit) {
+    const std::string first = Frame(7, "first", 1), second = Frame(8, "", 0);
+    const std::string stream = first + second + Frame(9, "third!", 2);
+    // Byte by byte, and all three at once.
+    for (size_t chunk : {size_t{1}, stream.size()}) {
+        SCOPED_TRACE(chunk);
+        WireDecoder decoder({WireIo::kRequestMagic});
+        WireMessage message;
+        std::string error;
+        std::string said;  // code, data and descriptor count of each
+        for (size_t at = 0; at < stream.size(); at += chunk) {
+            // Descriptors ride on the first byte of their message.
+            for (size_t fdAt : {size_t{0}, first.size() + second.size(), first.size() + second.size()}) {
+                if (fdAt >= at && fdAt < at + chunk) decoder.fds()->push_back(NullFd());
+            }
+            decoder.buffer()->append(stream, at, chunk);
+            WireDecoder::Result result;
+            while ((result = decoder.next(&message, &error)) == WireDecoder::Result::kMessage) {
+                said += std::to_string(message.codeOrStatus) + ":" + message.data + ":" +
+                        std::to_string(message.fds.size()) + " ";
+            }
+            ASSERT_EQ(result, WireDecoder::Result::kNeedMore) << error;
+        }
+        EXPECT_EQ(said, "7:first:1 8::0 9:third!:2 ");
+        EXPECT_TRUE(decoder.empty());
+    }
+}
+
+TEST(WireDecoderTest, AStreamThatCannotBeValidIsRefusedAtOnce) {
+    struct Case {
+        std::string bytes;
+        size_t fds;
+        std::string error;
+    } cases[] = {
+        {Frame(1, "abcd", 1), 0, "malformed transaction (descriptors missing)"},
+        {"GET / HTTP/1.0\r\n\r\n", 0, "malformed transaction (bad header)"},
+        // Refused from the header alone, before the body would be buffered.
+        {Frame(1, "", 0).substr(0, 8) + std::string("\x01\x00\x20\x00\x00\x00\x00\x00", 8), 0,
+         "transaction of 2097153 bytes exceeds the limit of 1048576 bytes"},
+        {Frame(1, "", 33), 0, "transaction with 33 descriptors exceeds the limit"},
+        {"", WireIo::kMaxFds + 1, "more descriptors than any transaction carries"},
+    };
+    for (auto& c : cases) {
+        WireDecoder decoder({WireIo::kRequestMagic});
+        *decoder.buffer() = c.bytes;
+        for (size_t i = 0; i < c.fds; ++i) decoder.fds()->push_back(NullFd());
+        WireMessage message;
+        std::string error;
+        EXPECT_EQ(decoder.next(&message, &error), WireDecoder::Result::kError) << c.error;
+        EXPECT_EQ(error, c.error);
+    }
+    // A reply decoder takes no requests.
+    WireDecoder replies({WireIo::kReplyMagic, WireIo::kRefuseMagic});
+    *replies.buffer() = Frame(1, "", 0);
+    WireMessage message;
+    std::string error;
+    EXPECT_EQ(replies.next(&message, &error), WireDecoder::Result::kError);
 }
 
 }  // namespace
