@@ -16,6 +16,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
+#include "utils/Paths.h"
 #include "utils/StringUtil.h"
 
 namespace velmar {
@@ -77,7 +78,9 @@ FileEventListener::~FileEventListener() {
 }
 
 int FileEventListener::addWatching(std::string path, uint32_t mask) {
-    return addWatch(path, path, mask | IN_DONT_FOLLOW);
+    // The device path becomes a file-system path only here, for the kernel.
+    const std::string target = paths::Get(path);
+    return addWatch(path, target, mask | IN_DONT_FOLLOW);
 }
 
 int FileEventListener::addWatching(std::string path, int dirFd, uint32_t mask) {

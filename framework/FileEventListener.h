@@ -20,7 +20,9 @@ class TarnisHandler;
 class TarnisHandlerThread;
 
 // Watches paths with inotify on a thread of its own and hands each event to
-// OnFileEvent there, one at a time, in the kernel's order.
+// OnFileEvent there, one at a time, in the kernel's order. Paths are device
+// paths, given and reported as such; below a sandbox root the kernel is
+// given the path below it.
 //
 // The loop starts in this constructor, so an event on a path given to it may
 // be dispatched before the subclass's own constructor has run: a subclass

@@ -49,12 +49,12 @@ public:
     // Broadcast manager thread.
     void OnBroadcast(Intent intent);
 
-    // Packs the entry at `hostPath` into `hostPath`.zip, then removes the
+    // Packs the entry at `devicePath` into `devicePath`.zip, then removes the
     // entry. Needs no running module.
-    static bool Compress(const std::string& hostPath);
+    static bool Compress(const std::string& devicePath);
     // The same for the entry `name` of the directory open as `dirFd`, its
-    // archive entries named as if it stood at `hostPath`.
-    static bool CompressAt(int dirFd, const std::string& name, const std::string& hostPath);
+    // archive entries named by where it stands on the device, `devicePath`.
+    static bool CompressAt(int dirFd, const std::string& name, const std::string& devicePath);
 
     static constexpr char kAlarmEventName[] = "logMonitor";
     static constexpr uint32_t kWatchMask = 0x1000500;  // IN_CREATE | IN_DELETE_SELF | IN_ONLYDIR

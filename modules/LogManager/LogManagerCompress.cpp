@@ -72,7 +72,7 @@ void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const
             ALOGI("[%s] Scheduled delayed compress task for %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
             continue;
         }
-        if (CompressAt(dirFd, names[i], paths::Get(fullPath))) {
+        if (CompressAt(dirFd, names[i], fullPath)) {
             ALOGD("[%s] Compressed: %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         } else {
             ALOGE("[%s] Compress the path: %s returned error!", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
@@ -89,7 +89,7 @@ bool LogManager::CompressEntry(const std::string& deviceFullPath) {
         ALOGE("[%s] %s, %s not compressed", "Compress", why.c_str(), Esc(deviceFullPath).c_str());
         return false;
     }
-    return CompressAt(dirFd.get(), deviceFullPath.substr(slash + 1), paths::Get(deviceFullPath));
+    return CompressAt(dirFd.get(), deviceFullPath.substr(slash + 1), deviceFullPath);
 }
 
 void LogManager::RunDelayedCompress(std::string devicePath) {
@@ -101,18 +101,20 @@ void LogManager::RunDelayedCompress(std::string devicePath) {
     CompressEntry(devicePath);
 }
 
-bool LogManager::Compress(const std::string& hostPath) {
-    const size_t slash = hostPath.find_last_of('/');
-    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : hostPath.substr(0, slash);
-    const unique_fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+bool LogManager::Compress(const std::string& devicePath) {
+    const size_t slash = devicePath.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : devicePath.substr(0, slash);
+    const unique_fd dirFd(open(paths::Get(dir).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dirFd.ok()) {
-        ALOGW("[%s] %s cannot be opened, not compressed", "Compress", Esc(hostPath).c_str());
+        ALOGW("[%s] %s cannot be opened, not compressed", "Compress", Esc(paths::Get(devicePath)).c_str());
         return false;
     }
-    return CompressAt(dirFd.get(), slash == std::string::npos ? hostPath : hostPath.substr(slash + 1), hostPath);
+    return CompressAt(dirFd.get(), slash == std::string::npos ? devicePath : devicePath.substr(slash + 1), devicePath);
 }
 
-bool LogManager::CompressAt(int dirFd, const std::string& name, const std::string& hostPath) {
+bool LogManager::CompressAt(int dirFd, const std::string& name, const std::string& devicePath) {
+    // Where the log lines say the entry is: its place in the file system.
+    const std::string hostPath = paths::Get(devicePath);
     // Pinned before it is read: a link swapped in for the entry afterwards is
     // not packed, and a link's target never is.
     const unique_fd entry(openat(dirFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -128,7 +130,7 @@ bool LogManager::CompressAt(int dirFd, const std::string& name, const std::strin
     const std::string archiveName = name + ".zip";
     const std::string archive = ConfinedPath::Through(dirFd, archiveName);
     ZipFile zip({source}, 0);
-    zip.nameAs(source, hostPath);
+    zip.nameAs(source, devicePath);
     // Written under a temporary name in the same directory, renamed into place.
     if (!zip.create(archive)) {
         ALOGE("[%s] Create new zip failed!!", "Compress");

@@ -12,8 +12,8 @@ namespace kolto {
 
 class LogManager;
 
-// Watches the log directories for the log manager. It speaks device paths
-// to the manager and host paths to inotify.
+// Watches the log directories for the log manager, each by the descriptor
+// the manager opened below its root and reported by its device path.
 class LogMgrFileEventListener : public FileEventListener {
 public:
     // Starts with no watch: the manager adds each directory once it has
@@ -27,9 +27,6 @@ public:
     // reported as `devicePath`; 0 on success, the failure logged otherwise.
     int Watch(const std::string& devicePath, int dirFd, uint32_t mask);
     bool Unwatch(const std::string& devicePath);
-
-    // The device path of a watched host path (the path itself on a device).
-    static std::string DeviceOf(const std::string& hostPath);
 
 private:
     LogManager* manager_;

@@ -446,7 +446,7 @@ TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
         signal(SIGXFSZ, SIG_IGN);
         struct rlimit limit {64 * 1024, 64 * 1024};
         if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(3);
-        _exit(LogManager::Compress(entry) ? 1 : 0);
+        _exit(LogManager::Compress("/full/2025-12-01_00-00-00") ? 1 : 0);
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -457,7 +457,7 @@ TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
     EXPECT_EQ(List(root_.Sub("full")), (std::vector<std::string>{"2025-12-01_00-00-00"}));
 
     // Without the limit the same entry packs and goes.
-    ASSERT_TRUE(LogManager::Compress(entry));
+    ASSERT_TRUE(LogManager::Compress("/full/2025-12-01_00-00-00"));
     EXPECT_EQ(List(root_.Sub("full")), (std::vector<std::string>{"2025-12-01_00-00-00.zip"}));
 }
 
