@@ -20,9 +20,13 @@ ModuleWorker::ModuleWorker(std::string name, TarnisLooper* looper)
 
 ModuleWorker::~ModuleWorker() { Stop(); }
 
-bool ModuleWorker::Start(std::function<void(StopSignal& stop)> body) {
+bool ModuleWorker::Start(std::function<void(StopSignal& stop)> body) { return Start(nullptr, std::move(body)); }
+
+bool ModuleWorker::Start(TarnisLooper* looper, std::function<void(StopSignal& stop)> body) {
     std::lock_guard<std::mutex> guard(lock_);
     if (started_.load() || shared_->stop.Requested()) return false;
+    // Made before the thread starts, which is all the thread reads it after.
+    if (looper != nullptr && handler_ == nullptr) handler_ = std::make_unique<TarnisHandler>(looper, nullptr);
     try {
         // The kernel keeps 15 characters of a thread's name.
         thread_ = std::thread([shared = shared_, name = name_.substr(0, 15), body = std::move(body)] {

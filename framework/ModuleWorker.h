@@ -32,7 +32,10 @@ class ModuleWorker {
 public:
     enum class State { kNotStarted, kRunning, kFinished, kStopped };
 
-    // `looper` is the module's handler thread's looper; results posted go there.
+    // `looper` is the module's handler thread's looper; results posted go
+    // there. It may be null here and given to Start instead: a module makes
+    // its worker in OnInit, before its handler thread exists, so that its
+    // dump, which runs on any thread, never sees the member change.
     ModuleWorker(std::string name, TarnisLooper* looper);
     // Stops and joins the work.
     ~ModuleWorker();
@@ -42,6 +45,7 @@ public:
     // Runs `body` on the worker's thread, once; false when it was started
     // before or no thread could be made (logged).
     bool Start(std::function<void(StopSignal& stop)> body);
+    bool Start(TarnisLooper* looper, std::function<void(StopSignal& stop)> body);
     // Ends every wait of the work on the stop signal and joins the thread.
     // Any thread but the worker's own; safe to call repeatedly.
     void Stop();

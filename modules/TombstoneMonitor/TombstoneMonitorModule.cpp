@@ -11,28 +11,29 @@
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
 
+
 namespace velmar {
 namespace tarnis {
 
 TARNIS_MODULE_REGISTER(TombstoneMonitorModuleRegister, TombstoneMonitorModule, "TombstoneMonitor", 0);
 
 TombstoneMonitorModule::~TombstoneMonitorModule() {
-    if (worker_ != nullptr) worker_->RequestStop();
-    if (thread_.joinable()) thread_.join();
+    // The worker first: it may still be setting the monitor up.
+    worker_.reset();
+    monitor_.reset();
 }
 
 bool TombstoneMonitorModule::OnInit() {
     __android_log_print(ANDROID_LOG_INFO, "Tarnis-TombstoneMonitor", "[%s] tarnis TombstoneMonitor OnInit", __func__);
-    worker_ = std::make_unique<TombstoneMonitorThread>();
+    worker_ = std::make_unique<kolto::ModuleWorker>("TombstoneSetup", nullptr);
+    monitor_ = std::make_unique<TombstoneMonitorThread>(worker_->stopSignal());
     return true;
 }
 
 void TombstoneMonitorModule::OnAllModulesLoaded() {
     ALOGI("[%s] load TombstoneMonitor", __func__);
-    handler_ = std::make_unique<kolto::TarnisHandler>(handlerThread->getLooper(), nullptr);
-    thread_ = std::thread([this] {
-        worker_->threadLoop();
-        if (!worker_->StopRequested()) handler_->post([this] { MonitorFinished(); });
+    worker_->Start(handlerThread->getLooper(), [this](kolto::StopSignal&) {
+        if (!monitor_->threadLoop()) worker_->PostToModule([this] { MonitorFinished(); });
     });
 }
 
@@ -43,9 +44,10 @@ void TombstoneMonitorModule::MonitorFinished() {
 }
 
 void TombstoneMonitorModule::dump(int fd, const char**, unsigned int) {
-    if (worker_ == nullptr) return;
-    std::string text = std::string("watching: ") + (worker_->watching() ? "yes" : "no") + "\n";
-    text += "tombstones copied: " + std::to_string(worker_->copies()) + "\n";
+    if (worker_ == nullptr || monitor_ == nullptr) return;
+    std::string text = worker_->Describe() + "\n";
+    text += std::string("watching: ") + (monitor_->watching() ? "yes" : "no") + "\n";
+    text += "tombstones copied: " + std::to_string(monitor_->copies()) + "\n";
     android::base::WriteStringToFd(text, fd);
 }
 

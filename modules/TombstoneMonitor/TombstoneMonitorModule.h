@@ -1,21 +1,17 @@
 #pragma once
 
 #include <memory>
-#include <thread>
 
 #include "framework/ModuleBase.h"
-#include "framework/TarnisHandler.h"
+#include "framework/ModuleWorker.h"
 #include "modules/TombstoneMonitor/TombstoneMonitorThread.h"
 
 namespace velmar {
 namespace tarnis {
 
-// Mirrors tombstones for the life of the daemon. The monitor blocks for
-// minutes (the wait for the output directory) and then for ever (the event
-// reads), so it runs on a thread the module owns instead of the module's
-// handler thread: removal joins the handler thread before the module is
-// deleted, and only a loop off that thread can be told to stop by the
-// destructor.
+// Mirrors tombstones for the life of the daemon. Waiting for the output
+// directory takes up to a minute, so it is the module worker's; the events
+// are then the framework listener's, on its own thread.
 class TombstoneMonitorModule : public kolto::ModuleBase {
 public:
     ~TombstoneMonitorModule() override;
@@ -26,9 +22,10 @@ public:
 private:
     void MonitorFinished();
 
-    std::unique_ptr<kolto::TarnisHandler> handler_;
-    std::unique_ptr<TombstoneMonitorThread> worker_;
-    std::thread thread_;
+    // The worker, which uses the monitor, is stopped and joined first when
+    // the module goes.
+    std::unique_ptr<TombstoneMonitorThread> monitor_;
+    std::unique_ptr<kolto::ModuleWorker> worker_;
 };
 
 }  // namespace tarnis

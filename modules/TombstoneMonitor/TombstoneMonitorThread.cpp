@@ -3,7 +3,6 @@
 #include "modules/TombstoneMonitor/TombstoneMonitorThread.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <android-base/properties.h>
 #include <log/log.h>
 
+#include "framework/FileEventListener.h"
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/Paths.h"
@@ -74,9 +74,28 @@ bool IsRefusal(int error) { return error == ELOOP || error == EXDEV; }
 
 }  // namespace
 
-TombstoneMonitorThread::TombstoneMonitorThread() = default;
+// The framework's listener, handing each event of the input directory to
+// the monitor on its own thread, in the kernel's order.
+class TombstoneMonitorThread::Listener : public kolto::FileEventListener {
+public:
+    explicit Listener(TombstoneMonitorThread* monitor)
+        : FileEventListener("TombstoneWatch", {}, 0), monitor_(monitor) {}
+    ~Listener() override { stop(); }
 
-void TombstoneMonitorThread::RequestStop() { stop_.Request(); }
+    void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string&) override {
+        if (name && !name->empty()) monitor_->HandleEvent(mask, *name);
+    }
+
+private:
+    TombstoneMonitorThread* monitor_;
+};
+
+TombstoneMonitorThread::TombstoneMonitorThread(kolto::StopSignal& stop) : stop_(stop) {}
+
+TombstoneMonitorThread::~TombstoneMonitorThread() {
+    watching_.store(false);
+    listener_.reset();
+}
 
 std::string TombstoneMonitorThread::ChooseDir(const char* property, const char* fallback) {
     const std::string value = android::base::GetProperty(property, fallback);
@@ -112,66 +131,38 @@ unique_fd TombstoneMonitorThread::WaitOutputDir(const std::string& dir) {
     return fd;
 }
 
-void TombstoneMonitorThread::threadLoop() {
+bool TombstoneMonitorThread::threadLoop() {
     ALOGI("Tombstone Monitor is Start!");
     const std::string inDevice = ChooseDir(kInDirProperty, paths::kTombstoneDir);
     const std::string outDevice = ChooseDir(kOutDirProperty, paths::kNativeCrashTombstoneDir);
-    const std::string inDir = paths::Get(inDevice);
-    const std::string outDir = paths::Get(outDevice);
+    inDir_ = paths::Get(inDevice);
+    outDir_ = paths::Get(outDevice);
     outDirFd_ = WaitOutputDir(outDevice);
-    if (!outDirFd_.ok()) return;
+    if (!outDirFd_.ok()) return false;
     // Copies a killed daemon left half-written.
-    kolto::TempName::RemoveLeftovers(outDirFd_.get(), outDir);
+    kolto::TempName::RemoveLeftovers(outDirFd_.get(), outDir_);
 
-    unique_fd inotify(TEMP_FAILURE_RETRY(inotify_init1(IN_CLOEXEC)));
-    if (!inotify.ok()) {
-        ALOGE("inotify_init error: %s", strerror(errno));
-        return;
-    }
     std::string why;
     inDirFd_ = kolto::ConfinedPath::Open(inDevice, kDirTree, O_RDONLY | O_DIRECTORY, 0, &why);
     if (!inDirFd_.ok()) {
         ALOGE("inotify_add_watch error: %s", why.c_str());
-        return;
+        return false;
     }
     // Watched through the descriptor just resolved, so the watch is on that
     // directory whatever its path now leads to.
-    const std::string watched = "/proc/self/fd/" + std::to_string(inDirFd_.get());
-    if (inotify_add_watch(inotify.get(), watched.c_str(), kAllEvents) < 0) {
+    listener_ = std::make_unique<Listener>(this);
+    if (listener_->addWatching(inDevice, inDirFd_.get(), kAllEvents) != 0) {
         ALOGE("inotify_add_watch error: %s", strerror(errno));
-        return;
+        listener_.reset();
+        return false;
     }
     watching_.store(true);
-    ReadEvents(inotify.get(), inDir, outDir);
-    watching_.store(false);
+    return true;
 }
 
-void TombstoneMonitorThread::ReadEvents(int inotifyFd, const std::string& inDir, const std::string& outDir) {
-    // Whole events only: the kernel never splits one across reads.
-    alignas(struct inotify_event) char buf[sizeof(struct inotify_event) * 16 + NAME_MAX + 1];
-    for (;;) {
-        struct pollfd fds[2] = {{inotifyFd, POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
-        const int ready = TEMP_FAILURE_RETRY(poll(fds, 2, -1));
-        if (stop_.Requested()) return;
-        ssize_t len = ready > 0 ? TEMP_FAILURE_RETRY(read(inotifyFd, buf, sizeof(buf))) : -1;
-        if (len <= 0) {
-            if (len == 0) errno = EIO;
-            ALOGE("read error %d:%s\n", errno, strerror(errno));
-            ALOGI("Listening for events stopped.");
-            return;
-        }
-        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(struct inotify_event)) <= len;) {
-            const auto* event = reinterpret_cast<const struct inotify_event*>(buf + at);
-            at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
-            if (at > len) break;
-            if (event->len == 0 || event->name[event->len - 1] != '\0') continue;
-            HandleEvent(event->mask, event->name, inDir, outDir);
-        }
-    }
-}
-
-void TombstoneMonitorThread::HandleEvent(uint32_t mask, const std::string& name, const std::string& inDir,
-                                         const std::string& outDir) {
+void TombstoneMonitorThread::HandleEvent(uint32_t mask, const std::string& name) {
+    const std::string& inDir = inDir_;
+    const std::string& outDir = outDir_;
     if (name.find(kTombstoneMarker) == std::string::npos) return;
     if (mask & IN_DELETE) {
         ALOGI("Detected deletd file: %s", Shown(name).c_str());

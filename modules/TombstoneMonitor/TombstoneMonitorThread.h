@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include <android-base/unique_fd.h>
@@ -35,17 +36,18 @@ public:
     // where the backtrace is, is kept.
     static constexpr off_t kMaxMirrorBytes = off_t{64} << 20;
 
-    TombstoneMonitorThread();
+    // Its waits end on `stop`, the module worker's signal.
+    explicit TombstoneMonitorThread(kolto::StopSignal& stop);
+    // Ends the watch: no event is handled once this returns.
+    ~TombstoneMonitorThread();
     TombstoneMonitorThread(const TombstoneMonitorThread&) = delete;
     TombstoneMonitorThread& operator=(const TombstoneMonitorThread&) = delete;
 
-    // Waits for the output directory, then mirrors events until the watch
-    // fails or a stop is requested.
-    void threadLoop();
-    // Ends threadLoop and its waits, from any thread.
-    void RequestStop();
-    bool StopRequested() const { return stop_.Requested(); }
-    // True while events of the input directory are being read.
+    // Waits for the output directory, then watches the input directory; the
+    // events are handled on the listener's thread, in the kernel's order,
+    // until this object goes. False when it gave up or was stopped first.
+    bool threadLoop();
+    // True while events of the input directory are being handled.
     bool watching() const { return watching_.load(); }
     int copies() const { return copies_.load(); }
 
@@ -57,15 +59,19 @@ private:
     // The directory a property names when it resolves below /data, else
     // (with one line saying why) the default.
     static std::string ChooseDir(const char* property, const char* fallback);
-    android::base::unique_fd WaitOutputDir(const std::string& dir);
-    void ReadEvents(int inotifyFd, const std::string& inDir, const std::string& outDir);
-    void HandleEvent(uint32_t mask, const std::string& name, const std::string& inDir, const std::string& outDir);
+    class Listener;
 
-    // Held while threadLoop runs; copy() and deletions work relative to them.
+    android::base::unique_fd WaitOutputDir(const std::string& dir);
+    void HandleEvent(uint32_t mask, const std::string& name);
+
+    // Held while the watch runs; copy() and deletions work relative to them.
     android::base::unique_fd inDirFd_;
     android::base::unique_fd outDirFd_;
+    std::string inDir_;
+    std::string outDir_;
+    std::unique_ptr<Listener> listener_;
 
-    kolto::StopSignal stop_;
+    kolto::StopSignal& stop_;
     std::atomic<bool> watching_{false};
     std::atomic<int> copies_{0};
 };

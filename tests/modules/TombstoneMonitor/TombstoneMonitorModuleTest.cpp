@@ -59,6 +59,8 @@ protected:
 TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly) {
     StartWatching();
     ASSERT_TRUE(log_.HasLine("Tombstone Monitor is Start!", kTag, ANDROID_LOG_INFO));
+    // The wait for the output directory is over; the listener has the events.
+    EXPECT_NE(Dump({"TombstoneMonitor"}).find("TombstoneSetup: finished\nwatching: yes\n"), std::string::npos);
 
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_00", "first"));
     ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_00") == "first"; }));
