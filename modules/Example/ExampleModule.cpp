@@ -11,6 +11,7 @@
 #include "framework/ModuleRegister.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisUtil.h"
+#include "utils/PropertyWait.h"
 
 namespace velmar {
 namespace tarnis {
@@ -18,14 +19,28 @@ namespace tarnis {
 TARNIS_MODULE_REGISTER(ExampleModuleRegister, ExampleModule, "Example", 0);
 
 bool ExampleModule::OnInit() {
-    // Runs on the manager thread: decide only whether the module is wanted.
-    return android::base::GetBoolProperty("persist.tarnis.example.enable", true);
+    // Runs on the manager thread: decide whether the module is wanted, and
+    // make what the dump reads, which may run on any thread from now on.
+    if (!android::base::GetBoolProperty("persist.tarnis.example.enable", true)) return false;
+    worker_ = std::make_unique<kolto::ModuleWorker>("ExampleWorker", nullptr);
+    return true;
 }
 
 void ExampleModule::OnAllModulesLoaded() {
     // Now on the module's own thread, which the handler is bound to.
     handler_ = std::make_unique<kolto::TarnisHandler>(handlerThread->getLooper(), nullptr);
     handler_->postDelayed([this] { Tick(); }, kPeriodMs);
+    worker_->Start(handlerThread->getLooper(), [this](kolto::StopSignal& stop) {
+        // Blocks for as long as the boot takes; the module's removal ends it.
+        if (kolto::WaitForPropertyUnlessStopped("sys.boot_completed", "1", stop.flag())) {
+            worker_->PostToModule([this] { OnBootCompleted(); });
+        }
+    });
+}
+
+void ExampleModule::OnBootCompleted() {
+    booted_ = true;
+    ALOGI("[%s] boot completed", "OnBootCompleted");
 }
 
 void ExampleModule::Tick() {
@@ -38,7 +53,9 @@ void ExampleModule::Tick() {
 }
 
 void ExampleModule::dump(int fd, const char**, unsigned int) {
-    android::base::WriteStringToFd("ticks: " + std::to_string(ticks_.load()) + "\n", fd);
+    android::base::WriteStringToFd("ticks: " + std::to_string(ticks_.load()) + "\n" + worker_->Describe() +
+                                           "\nboot completed: " + (booted_ ? "yes" : "no") + "\n",
+                                   fd);
 }
 
 }  // namespace tarnis

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <android-base/properties.h>
 #include <log/log.h>
 
 #include "modules/Example/ExampleModule.h"
 #include "tests/support/ModuleTest.h"
+#include "tests/support/WaitFor.h"
 
 namespace {
 
@@ -13,7 +15,8 @@ class ExampleModuleTest : public tarnis_test::ModuleTest {};
 
 TEST_F(ExampleModuleTest, TicksOnceADayAndReportsEachTick) {
     LoadModules();
-    EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 0\n\n-------------------------------------\n");
+    EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 0\nExampleWorker: running\nboot completed: no\n\n"
+                                 "-------------------------------------\n");
     // A minute short of a day: nothing yet.
     AdvanceAndSettle(ExampleModule::kPeriodMs - 60 * 1000);
     EXPECT_TRUE(JournalEvents().empty());
@@ -25,7 +28,12 @@ TEST_F(ExampleModuleTest, TicksOnceADayAndReportsEachTick) {
     EXPECT_EQ(events[0]["args"][2].asString(), "1");
     EXPECT_EQ(events[1]["args"][2].asString(), "2");
     EXPECT_TRUE(log_.HasLine("[Tick] tick 2", "ExampleModule", ANDROID_LOG_INFO));
-    EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 2\n\n-------------------------------------\n");
+    // The worker's wait ends with the boot and hands the news to the handler.
+    android::base::SetProperty("sys.boot_completed", "1");
+    const std::string booted = "Dumping module Example: \nticks: 2\nExampleWorker: finished\nboot completed: yes\n\n"
+                               "-------------------------------------\n";
+    EXPECT_TRUE(tarnis_test::WaitFor([&] { return Dump({"Example"}) == booted; })) << Dump({"Example"});
+    EXPECT_TRUE(log_.HasLine("[OnBootCompleted] boot completed", "ExampleModule", ANDROID_LOG_INFO));
 }
 
 }  // namespace
