@@ -121,7 +121,15 @@ bool WriteCopy(const std::string& path, const void* data, size_t size) {
 
 void CaptureServerThread::SetIoTimeoutMsForTesting(int ms) { gIoTimeoutMs.store(ms > 0 ? ms : 10 * 1000); }
 
-CaptureServerThread::CaptureServerThread(int stopFd) : stopFd_(stopFd) {
+CaptureServerThread::CaptureServerThread(velmar::kolto::StopSignal& stop, Tally& tally)
+    : CaptureServerThread(&stop, &tally) {}
+
+CaptureServerThread::CaptureServerThread() : CaptureServerThread(nullptr, nullptr) {}
+
+CaptureServerThread::CaptureServerThread(velmar::kolto::StopSignal* stop, Tally* tally)
+    : ownStop_(stop == nullptr ? std::make_unique<velmar::kolto::StopSignal>() : nullptr),
+      stop_(stop != nullptr ? *stop : *ownStop_),
+      tally_(tally != nullptr ? *tally : ownTally_) {
     abUpdate_ = base::GetBoolProperty("ro.build.ab_update", false);
     baseDir_ = paths::Get(paths::kCaptureServerDir, abUpdate_);
     zelteeCopyPath_ = baseDir_ + "/" + kZelteeLogName;
@@ -196,14 +204,16 @@ int CaptureServerThread::threadLoop() {
         ALOGE("Listen on socket failed: %s\n", strerror(errno));
         return 0;
     }
-    for (;;) {
-        struct pollfd fds[2] = {{listener, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-        const int ready = TEMP_FAILURE_RETRY(poll(fds, stopFd_ >= 0 ? 2 : 1, -1));
+    // The stop's descriptor is always there when a worker runs the server
+    // (its module makes sure); poll skips a -1.
+    while (!stop_.Requested()) {
+        struct pollfd fds[2] = {{listener, POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
+        const int ready = TEMP_FAILURE_RETRY(poll(fds, 2, -1));
         if (ready < 0) {
             ALOGE("Accept failed: %s\n", strerror(errno));
             return 0;
         }
-        if (stopFd_ >= 0 && fds[1].revents != 0) return 0;
+        if (fds[1].revents != 0) return 0;
         if ((fds[0].revents & (POLLERR | POLLNVAL)) != 0) {
             ALOGE("Accept failed: %s\n", strerror(EBADF));
             return 0;
@@ -217,6 +227,7 @@ int CaptureServerThread::threadLoop() {
         }
         Serve(connection.get());
     }
+    return 0;
 }
 
 bool CaptureServerThread::ReadRequestBytes(int connection, char* out, size_t size) {
@@ -229,11 +240,11 @@ bool CaptureServerThread::ReadRequestBytes(int connection, char* out, size_t siz
             errno = ETIMEDOUT;
             return false;
         }
-        struct pollfd fds[2] = {{connection, POLLIN, 0}, {stopFd_, POLLIN, 0}};
-        const int ready = poll(fds, stopFd_ >= 0 ? 2 : 1, static_cast<int>(left.count()));
+        struct pollfd fds[2] = {{connection, POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
+        const int ready = poll(fds, 2, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) return false;
-        if (stopFd_ >= 0 && fds[1].revents != 0) {
+        if (fds[1].revents != 0 || stop_.Requested()) {
             errno = ECANCELED;
             return false;
         }
@@ -266,6 +277,7 @@ void CaptureServerThread::Serve(int connection) {
     unsigned char framed[kMaxRequestBytes];
     if (!ReadRequestBytes(connection, reinterpret_cast<char*>(framed), kHeaderSize)) {
         ALOGE("read header failed: %s\n", strerror(errno));
+        ++tally_.dropped;
         return;
     }
     size_t needed = 0;
@@ -275,15 +287,19 @@ void CaptureServerThread::Serve(int connection) {
     if (status == RequestStatus::kIncomplete) {
         if (!ReadRequestBytes(connection, reinterpret_cast<char*>(framed) + kHeaderSize, needed - kHeaderSize)) {
             ALOGE("read json failed: %s\n", strerror(errno));
+            ++tally_.dropped;
             return;
         }
         status = ParseRequest(framed, needed, &needed, &request);
     }
     if (status != RequestStatus::kAccepted) {
         ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
+        ++tally_.refused;
     } else {
         ALOGD("dorvad dump begin for dump request: %s\n", StringUtil::ForLog(request).c_str());
         runCaptureLog(request.c_str());
+        // Counted before the answer goes, so that whoever has the answer finds it in the dump.
+        ++tally_.served;
     }
     // Never waits: a client that does not read its answer does not hold the server.
     const ssize_t n = TEMP_FAILURE_RETRY(send(connection, kResponse, strlen(kResponse), MSG_DONTWAIT | MSG_NOSIGNAL));

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "utils/StopSignal.h"
 #include "utils/dump/DumpAction.h"
 
 namespace android {
@@ -22,12 +25,21 @@ class CaptureServerThread {
 public:
     static constexpr char kKoltoInstance[] = "vendor.velmar.hardware.kolto.common.IKoltoImpl/default";
 
-    // Makes the capture base and copies the secure world's log through the
-    // vendor HAL when it runs. `stopFd` (-1: none) ends threadLoop and any
-    // read of a request once it becomes readable (an eventfd).
-    explicit CaptureServerThread(int stopFd = -1);
+    // What became of the connections, for the module's dump; read from any thread.
+    struct Tally {
+        std::atomic<uint64_t> served{0};   // captured and answered
+        std::atomic<uint64_t> refused{0};  // answered without a capture: not a plain name
+        std::atomic<uint64_t> dropped{0};  // no whole request in time, the client gone, or a stop
+    };
 
-    // Serves the socket until it fails or `stopFd` fires; returns 0.
+    // Makes the capture base and copies the secure world's log through the
+    // vendor HAL when it runs. `stop` (its worker's) ends threadLoop and any
+    // read of a request; `tally` counts the connections.
+    CaptureServerThread(velmar::kolto::StopSignal& stop, Tally& tally);
+    // With a stop and a tally of its own, for a server no worker runs.
+    CaptureServerThread();
+
+    // Serves the socket until it fails or the stop comes; returns 0.
     int threadLoop();
     // One capture for `request`.
     void runCaptureLog(const char* request);
@@ -53,6 +65,7 @@ public:
     static void SetIoTimeoutMsForTesting(int ms);
 
 private:
+    CaptureServerThread(velmar::kolto::StopSignal* stop, Tally* tally);
     void FetchSecurityLog();
     void Serve(int connection);
     // Reads exactly `size` bytes within the time-out; false with errno set.
@@ -61,7 +74,11 @@ private:
     std::string baseDir_;
     bool abUpdate_ = false;
     std::string zelteeCopyPath_;
-    int stopFd_;
+    // Declared before the references that may name them.
+    std::unique_ptr<velmar::kolto::StopSignal> ownStop_;
+    Tally ownTally_;
+    velmar::kolto::StopSignal& stop_;
+    Tally& tally_;
 };
 
 }  // namespace android

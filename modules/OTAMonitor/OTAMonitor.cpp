@@ -337,7 +337,7 @@ void dump_ota_record_zone() {
 }
 
 bool OtaMonitorControl::WaitForProperty(const std::string& key, const std::string& value) const {
-    return kolto::WaitForPropertyUnlessStopped(key, value, stop_);
+    return kolto::WaitForPropertyUnlessStopped(key, value, stop_.flag());
 }
 
 void ota_monitor_func(OtaMonitorControl* control) {

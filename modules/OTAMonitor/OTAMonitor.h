@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "utils/BlackBoxLayout.h"
+#include "utils/StopSignal.h"
 
 // The history of system updates in the black-box partition's OTA record
 // zone: a record is begun when the update client reports "ota_start" and
@@ -56,11 +57,11 @@ void save_update_metrics_to_black_box_on_start();
 void save_update_metrics_to_black_box_after_merged();
 void dump_ota_record_zone();
 
-// Stops the monitor's waits from any thread.
+// What the monitor's waits end on (its worker's stop) and what it has done.
 class OtaMonitorControl {
 public:
-    void RequestStop() { stop_.store(true); }
-    bool StopRequested() const { return stop_.load(); }
+    explicit OtaMonitorControl(kolto::StopSignal& stop) : stop_(stop) {}
+    bool StopRequested() const { return stop_.Requested(); }
     // Waits without limit for property `key` to hold `value`; false once
     // stopped.
     bool WaitForProperty(const std::string& key, const std::string& value) const;
@@ -68,7 +69,7 @@ public:
     void CountPass() { ++passes_; }
 
 private:
-    std::atomic<bool> stop_{false};
+    kolto::StopSignal& stop_;
     std::atomic<int> passes_{0};
 };
 

@@ -9,17 +9,14 @@
 
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
-#include "framework/TarnisHandlerThread.h"
 
 namespace velmar {
 namespace tarnis {
 
 TARNIS_MODULE_REGISTER(OTAMonitorModuleRegister, OTAMonitorModule, "OTAMonitor", 0);
 
-OTAMonitorModule::~OTAMonitorModule() {
-    control_.RequestStop();
-    if (thread_.joinable()) thread_.join();
-}
+// The monitor's thread uses control_, which goes before the worker would.
+OTAMonitorModule::~OTAMonitorModule() { worker_.Stop(); }
 
 bool OTAMonitorModule::OnInit() {
     ALOGI("tarnis OTAMonitorModule OnInit");
@@ -27,15 +24,17 @@ bool OTAMonitorModule::OnInit() {
 }
 
 void OTAMonitorModule::OnAllModulesLoaded() {
-    handler_ = std::make_unique<kolto::TarnisHandler>(handlerThread->getLooper(), nullptr);
-    thread_ = std::thread([this] {
+    const bool started = worker_.Start([this](kolto::StopSignal& stop) {
         ota_monitor_func(&control_);
-        if (!control_.StopRequested()) handler_->post([this] { kolto::removeModule(name, true); });
+        // Stopped: the module is being removed already.
+        if (!stop.Requested()) kolto::removeModule(name, true);
     });
+    if (!started) kolto::removeModule(name, true);
 }
 
 void OTAMonitorModule::dump(int fd, const char**, unsigned int) {
-    android::base::WriteStringToFd("ota passes: " + std::to_string(control_.passes()) + "\n", fd);
+    android::base::WriteStringToFd(worker_.Describe() + "\nota passes: " + std::to_string(control_.passes()) + "\n",
+                                   fd);
 }
 
 }  // namespace tarnis

@@ -307,6 +307,8 @@ TEST_F(CaptureServerModuleTest, ClientsThatStallOrLeaveDoNotHoldTheServer) {
     EXPECT_TRUE(log_.HasLine("dorvad dump begin for dump request: Crash\n", kTag));
     // The silent client was dropped without an answer.
     EXPECT_EQ(ReadReply(silent.get()), "");
+    EXPECT_NE(Dump({"CaptureServer"}).find("dorvad: running\nrequests: 1 served, 0 refused, 2 dropped\n"),
+              std::string::npos);
 }
 
 TEST_F(CaptureServerModuleTest, WithoutItsSocketTheServerEndsAndRemovesItsModule) {

@@ -125,6 +125,7 @@ TEST_F(OTAMonitorModuleTest, StartAlreadyReportedCompletesTheSlotFromTheLogs) {
     LoadModules();
     ASSERT_TRUE(WaitFor([&] { return log_.Count(std::string(kWaiting) + "ota_complete") == 1; }));
     Report("ota_complete", "ota_start", 1);
+    EXPECT_NE(Dump({"OTAMonitor"}).find("OTAMonitor: running\nota passes: 1\n"), std::string::npos);
 
     EXPECT_FALSE(log_.Contains("ota status is start"));
     EXPECT_TRUE(log_.HasLine("ota status is merged, save ota info to blackbox", kTag, ANDROID_LOG_INFO));
