@@ -81,6 +81,17 @@ protected:
         ASSERT_TRUE(android::base::WriteStringToFile(text + line + "\n", Device("/data/aee_exp/db_history")));
     }
 
+    // The collector's directory appears only once the module waits for it:
+    // the watch's listener thread never idles, so LoadModules' own wait for
+    // idle threads must come before the watch.
+    void LoadModulesThenCollectorDir() {
+        const std::string dir = Device("/data/aee_exp");
+        ASSERT_EQ(rename(dir.c_str(), (dir + ".stage").c_str()), 0);
+        LoadModules();
+        ASSERT_EQ(rename((dir + ".stage").c_str(), dir.c_str()), 0);
+        clock_.Advance(1000);
+    }
+
     bool HasInfo(const std::string& text) { return log_.HasLine(text, kTag, ANDROID_LOG_INFO); }
     bool HasError(const std::string& text) { return log_.HasLine(text, kTag, ANDROID_LOG_ERROR); }
 
@@ -309,7 +320,7 @@ TEST_F(AndroidCrashMonitorTest, ModuleWaitsForTheCollectorDirectoryThenGivesUp) 
 }
 
 TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartitionAndTheTool) {
-    LoadModules();
+    LoadModulesThenCollectorDir();
     ASSERT_TRUE(WaitFor([] { return StatusIs("done"); }));
 
     // Files closed while no fatal database is announced are not the monitor's.
@@ -328,6 +339,7 @@ TEST_F(AndroidCrashMonitorTest, FatalDatabaseFromTheCollectorReachesThePartition
     // Counted once the database is wholly handled, just after its properties.
     EXPECT_TRUE(WaitFor(
         [&] { return Dump({"AndroidCrashMonitor"}).find("fatal dbs handled: 1\n") != std::string::npos; }));
+    EXPECT_NE(Dump({"AndroidCrashMonitor"}).find("aee dir waits: 1\nCrashMonitor: running\n"), std::string::npos);
 
     int status = -1;
     std::string out = Tool(partition_, &status);
@@ -399,7 +411,7 @@ TEST_F(AndroidCrashMonitorTest, FifosWhereTheMonitorReadsAndWritesAreSkippedAndI
     for (const std::string& fifo : {crashModule, Device("/data/aee_exp/db_history"), db + "db.fatal.08.NE.dbg"}) {
         ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0) << fifo;
     }
-    LoadModules();
+    LoadModulesThenCollectorDir();
     ASSERT_TRUE(WaitFor([] { return GetProperty("vendor.blackbox.write.status", "") == "done"; }));
     EXPECT_NE(access(leftover.c_str(), F_OK), 0);  // swept at start
 
