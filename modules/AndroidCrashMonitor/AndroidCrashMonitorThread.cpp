@@ -24,7 +24,6 @@
 #include <memory>
 #include <optional>
 #include <utility>
-#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
@@ -96,8 +95,8 @@ bool ContainsNoCase(const std::string& text, const char* needle) {
 }
 
 // The directory's events, from the listener's thread to the worker's, in
-// the kernel's order. The worker takes what has gathered at once, as it
-// took one read of the inotify descriptor before.
+// the kernel's order. The worker takes all that gathered at once: one batch
+// between two waits for the collector's status.
 class EventQueue {
 public:
     EventQueue() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
