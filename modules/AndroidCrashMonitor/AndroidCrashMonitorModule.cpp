@@ -19,21 +19,20 @@ namespace tarnis {
 
 TARNIS_MODULE_REGISTER(AndroidCrashMonitorModuleRegister, AndroidCrashMonitorModule, "AndroidCrashMonitor", 0);
 
-AndroidCrashMonitorModule::~AndroidCrashMonitorModule() {
-    if (worker_ != nullptr) worker_->RequestStop();
-    if (thread_.joinable()) thread_.join();
-}
-
 bool AndroidCrashMonitorModule::OnInit() {
     __android_log_print(ANDROID_LOG_INFO, "Tarnis-AndroidCrashMonitorModule", "[%s] tarnis AndroidCrashMonitor OnInit",
                         __func__);
-    worker_ = std::make_unique<AndroidCrashMonitorThread>();
     return true;
 }
 
 void AndroidCrashMonitorModule::OnAllModulesLoaded() {
     ALOGI("[%s] begin wait for mtk aee dir ready", __func__);
     handler_ = std::make_unique<kolto::TarnisHandler>(handlerThread->getLooper(), nullptr);
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        worker_ = std::make_unique<kolto::ModuleWorker>("CrashMonitor", handlerThread->getLooper());
+        monitor_ = std::make_unique<AndroidCrashMonitorThread>(worker_->stopSignal());
+    }
     WaitAeeDirReady();
 }
 
@@ -54,9 +53,13 @@ void AndroidCrashMonitorModule::WaitAeeDirReady() {
 
 void AndroidCrashMonitorModule::StartMonitor() {
     ALOGI("[%s] load Mtk AndroidCrashMonitor module", "OnAllModulesLoaded");
-    thread_ = std::thread([this] {
-        worker_->threadLoop();
-        if (!worker_->StopRequested()) handler_->post([this] { MonitorFinished(); });
+    kolto::ModuleWorker* worker = worker_.get();
+    AndroidCrashMonitorThread* monitor = monitor_.get();
+    // threadLoop returns by itself only when the directory cannot be
+    // watched; after a stop the module is going away and gets nothing.
+    worker->Start([this, worker, monitor](kolto::StopSignal&) {
+        monitor->threadLoop();
+        worker->PostToModule([this] { MonitorFinished(); });
     });
 }
 
@@ -68,7 +71,13 @@ void AndroidCrashMonitorModule::MonitorFinished() {
 
 void AndroidCrashMonitorModule::dump(int fd, const char**, unsigned int) {
     std::string text = "aee dir waits: " + std::to_string(waits_) + "\n";
-    if (worker_ != nullptr) text += "fatal dbs handled: " + std::to_string(worker_->handled()) + "\n";
+    {
+        // Not held over the write: a reader that never drains must not stall
+        // the handler thread at the lock.
+        std::lock_guard<std::mutex> guard(lock_);
+        if (worker_ != nullptr) text += worker_->Describe() + "\n";
+        if (monitor_ != nullptr) text += "fatal dbs handled: " + std::to_string(monitor_->handled()) + "\n";
+    }
     android::base::WriteStringToFd(text, fd);
 }
 

@@ -2,9 +2,10 @@
 
 #include <atomic>
 #include <memory>
-#include <thread>
+#include <mutex>
 
 #include "framework/ModuleBase.h"
+#include "framework/ModuleWorker.h"
 #include "framework/TarnisHandler.h"
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
 
@@ -15,16 +16,15 @@ namespace tarnis {
 // crash databases for the life of the daemon.
 //
 // The wait for the directory is a chain of one-second delayed steps on the
-// module's handler, and the watch runs on a worker thread that the module
-// owns rather than on the handler thread: the module's own thread stays free,
-// and removing the module (its object goes only after its handler thread has
-// been joined) can still stop the watch, which it does from the destructor.
+// module's handler, and the watch runs on the module's worker rather than on
+// the handler thread: the module's own thread stays free for its dump, and
+// removing the module (its object goes only after its handler thread has
+// been joined) stops and joins the worker with it.
 class AndroidCrashMonitorModule : public kolto::ModuleBase {
 public:
     static constexpr int kAeeDirWaits = 120;
     static constexpr long kAeeDirWaitMs = 1000;
 
-    ~AndroidCrashMonitorModule() override;
     bool OnInit() override;
     void OnAllModulesLoaded() override;
     void dump(int fd, const char** args, unsigned int argc) override;
@@ -35,8 +35,13 @@ private:
     void MonitorFinished();
 
     std::unique_ptr<kolto::TarnisHandler> handler_;
-    std::unique_ptr<AndroidCrashMonitorThread> worker_;
-    std::thread thread_;
+    // Made on the handler thread once its looper is there, read by dumps
+    // from any thread: under lock_.
+    std::mutex lock_;
+    // monitor_ waits on worker_'s stop signal; declared first, it goes after
+    // the worker has been stopped and joined.
+    std::unique_ptr<AndroidCrashMonitorThread> monitor_;
+    std::unique_ptr<kolto::ModuleWorker> worker_;
     std::atomic<int> waits_{0};
 };
 

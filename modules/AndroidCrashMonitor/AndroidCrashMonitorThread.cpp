@@ -12,6 +12,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,8 +20,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <memory>
-#include <thread>
+#include <optional>
 #include <utility>
 
 #include <android-base/file.h>
@@ -32,6 +34,7 @@
 #include <log/log.h>
 #include <openssl/crypto.h>
 
+#include "framework/FileEventListener.h"
 #include "utils/Clock.h"
 #include "utils/ConfinedPath.h"
 #include "utils/Cryptography.h"
@@ -60,7 +63,12 @@ constexpr char kStatusProperty[] = "vendor.blackbox.write.status";
 constexpr char kDbProperty[] = "vendor.debug.mtk.aee.db";
 constexpr int kStatusPolls = 20;
 constexpr int64_t kSecondMs = 1000;
-constexpr size_t kEventBuffer = 1024;
+// Events waiting while a database is handled; the kernel's own queue is of
+// the same order. Beyond that a burst of unrelated writes is dropped rather
+// than held without bound.
+constexpr size_t kMaxQueuedEvents = 1024;
+// Without an eventfd on either side, how often the worker looks again.
+constexpr int kQueueCheckMs = 100;
 
 std::mutex& HookLock() {
     static std::mutex lock;
@@ -86,6 +94,67 @@ bool ContainsNoCase(const std::string& text, const char* needle) {
     return strcasestr(text.c_str(), needle) != nullptr;
 }
 
+// The directory's events, from the listener's thread to the worker's, in
+// the kernel's order. The worker takes all that gathered at once: one batch
+// between two waits for the collector's status.
+class EventQueue {
+public:
+    EventQueue() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+    void Push(uint32_t mask) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (masks_.size() >= kMaxQueuedEvents) {
+            if (!overflowed_) ALOGW("%s: too many events waiting, dropping some", "threadLoop");
+            overflowed_ = true;
+            return;
+        }
+        masks_.push_back(mask);
+        const uint64_t one = 1;
+        if (wake_.ok() && write(wake_.get(), &one, sizeof(one)) < 0) {
+            // Only fails when the counter is already non-zero: woken anyway.
+        }
+    }
+
+    // What gathered, once there is something; empty once `stop` is requested.
+    std::deque<uint32_t> Take(kolto::StopSignal& stop) {
+        while (!stop.Requested()) {
+            {
+                std::lock_guard<std::mutex> guard(lock_);
+                if (!masks_.empty()) {
+                    uint64_t count;
+                    if (wake_.ok() && read(wake_.get(), &count, sizeof(count)) < 0) {
+                        // Nothing counted: the events were pushed all the same.
+                    }
+                    overflowed_ = false;
+                    return std::exchange(masks_, {});
+                }
+            }
+            struct pollfd fds[2] = {{wake_.get(), POLLIN, 0}, {stop.fd(), POLLIN, 0}};
+            const bool canWake = wake_.ok() && stop.fd() >= 0;
+            poll(fds, 2, canWake ? -1 : kQueueCheckMs);
+        }
+        return {};
+    }
+
+private:
+    unique_fd wake_;
+    std::mutex lock_;
+    std::deque<uint32_t> masks_;
+    bool overflowed_ = false;
+};
+
+// Only queues: the listener's thread never waits on a database.
+class DirListener : public kolto::FileEventListener {
+public:
+    explicit DirListener(EventQueue* queue) : FileEventListener("CrashMonitorDir", {}, 0), queue_(queue) {}
+    ~DirListener() override { stop(); }
+
+    void OnFileEvent(uint32_t mask, std::optional<std::string>, const std::string&) override { queue_->Push(mask); }
+
+private:
+    EventQueue* const queue_;
+};
+
 }  // namespace
 
 bool crash_monitor::WriteAll(int fd, const void* data, size_t len) {
@@ -96,7 +165,10 @@ bool crash_monitor::WriteAll(int fd, const void* data, size_t len) {
     return false;
 }
 
-AndroidCrashMonitorThread::AndroidCrashMonitorThread() = default;
+AndroidCrashMonitorThread::AndroidCrashMonitorThread()
+    : ownStop_(std::make_unique<kolto::StopSignal>()), stop_(*ownStop_) {}
+
+AndroidCrashMonitorThread::AndroidCrashMonitorThread(kolto::StopSignal& stop) : stop_(stop) {}
 
 AndroidCrashMonitorThread::~AndroidCrashMonitorThread() = default;
 
@@ -233,16 +305,13 @@ void AndroidCrashMonitorThread::update_proc_crash_module() {
 }
 
 void AndroidCrashMonitorThread::WaitForWriteStatusDone() {
-    std::thread helper([this] {
-        for (int i = 0; i < kStatusPolls; ++i) {
-            const std::string status = GetProperty(kStatusProperty, "unknown");
-            ALOGI("%s: propbuf = %s", "wait_blackbox_write_status", Shown(status).c_str());
-            if (status == "done") break;
-            if (!stop_.Sleep(kSecondMs)) break;
-            ALOGI("%s: i = %d", "wait_blackbox_write_status", i);
-        }
-    });
-    helper.join();
+    for (int i = 0; i < kStatusPolls; ++i) {
+        const std::string status = GetProperty(kStatusProperty, "unknown");
+        ALOGI("%s: propbuf = %s", "wait_blackbox_write_status", Shown(status).c_str());
+        if (status == "done") break;
+        if (!stop_.Sleep(kSecondMs)) break;
+        ALOGI("%s: i = %d", "wait_blackbox_write_status", i);
+    }
 }
 
 bool AndroidCrashMonitorThread::WaitBootCompleted() {
@@ -293,44 +362,40 @@ void AndroidCrashMonitorThread::HandleFatalDb(bool* encrypt) {
 }
 
 int AndroidCrashMonitorThread::threadLoop() {
-    unique_fd inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!inotify.ok()) {
-        ALOGE("%s: Failed to initialize inotify", __func__);
-        return 0;
-    }
+    EventQueue events;
+    DirListener listener(&events);
     const std::string dir = paths::Get(paths::kAeeExpDir);
-    if (inotify_add_watch(inotify.get(), dir.c_str(), IN_CLOSE_WRITE) < 0) {
+    // The directory the kernel watches is the one opened here, not whatever
+    // its name leads to by the time the watch is added.
+    std::string why;
+    unique_fd dirFd = ConfinedPath::Open(paths::kAeeExpDir, paths::kAeeExpDir, O_RDONLY | O_DIRECTORY, 0, &why);
+    if (!dirFd.ok() || listener.addWatching(paths::kAeeExpDir, dirFd.get(), IN_CLOSE_WRITE) != 0) {
         const int error = errno;
+        // EBADF: the listener has no inotify descriptor at all.
+        if (dirFd.ok() && error == EBADF) {
+            ALOGE("%s: Failed to initialize inotify", __func__);
+            return 0;
+        }
         ALOGE("%s: Failed to add watch for directory %s, error = %d(%s)\n", __func__, Shown(dir).c_str(), error,
               strerror(error));
         return 0;
     }
+    dirFd.reset();
     RemoveLeftoverContainers();
     SetProperty(kStatusProperty, "done");
     bool encrypt = false;
-    alignas(struct inotify_event) char buf[kEventBuffer];
     while (!stop_.Requested()) {
         ALOGI("%s: Start to wait the completion of writing android db to blackbox", __func__);
         WaitForWriteStatusDone();
         ALOGI("%s: Finished to wait the writing of android db to blackbox", __func__);
 
-        struct pollfd fds[2] = {{inotify.get(), POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
-        int ready = TEMP_FAILURE_RETRY(poll(fds, 2, -1));
-        if (stop_.Requested()) break;
-        ssize_t len = ready > 0 ? TEMP_FAILURE_RETRY(read(inotify.get(), buf, sizeof(buf))) : -1;
-        if (len <= 0) {
-            ALOGE("%s: Failed to read events", __func__);
-            continue;
-        }
-        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(struct inotify_event)) <= len;) {
-            const auto* event = reinterpret_cast<const struct inotify_event*>(buf + at);
-            at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
+        for (const uint32_t mask : events.Take(stop_)) {
             const std::string db = GetProperty(kDbProperty, "null");
             if (db == "null" || !ContainsNoCase(db, "fatal")) {
                 ALOGE("%s: not fatal db, skip to handle it!", __func__);
                 continue;
             }
-            if ((event->mask & IN_CLOSE_WRITE) == 0) continue;
+            if ((mask & IN_CLOSE_WRITE) == 0) continue;
             HandleFatalDb(&encrypt);
             if (stop_.Requested()) break;
         }

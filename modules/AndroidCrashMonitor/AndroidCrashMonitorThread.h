@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -47,20 +48,23 @@ public:
         std::string line;  // the history line of this database
     };
 
+    // With a stop signal of its own, for a caller that drives the steps itself.
     AndroidCrashMonitorThread();
+    // Every wait ends on `stop`: the module's worker's signal.
+    explicit AndroidCrashMonitorThread(kolto::StopSignal& stop);
     ~AndroidCrashMonitorThread();
     AndroidCrashMonitorThread(const AndroidCrashMonitorThread&) = delete;
     AndroidCrashMonitorThread& operator=(const AndroidCrashMonitorThread&) = delete;
 
-    // Watches the collector's directory and handles each fatal database.
-    // Returns 0 when inotify cannot be used, 1 once stopped.
+    // Watches the collector's directory and handles each fatal database, on
+    // the calling thread (the module's worker), until the stop signal.
+    // Returns 0 when the directory cannot be watched, 1 once stopped.
     int threadLoop();
-    // Ends threadLoop and every wait of this worker, from any thread.
+    // Requests the stop signal this object waits on, from any thread.
     void RequestStop();
-    bool StopRequested() const { return stop_.Requested(); }
 
-    // Waits, on a helper thread, up to 20 s for the collector to report its
-    // own partition writes done.
+    // Waits up to 20 s for the collector to report its own partition writes
+    // done; a stop ends the wait.
     void WaitForWriteStatusDone();
     // One fatal database announced by the collector: the encrypt choice
     // (kept in `encrypt` across databases), the write, the headers, the
@@ -126,7 +130,10 @@ private:
     std::string summary_;
     std::atomic<int> handled_{0};
 
-    kolto::StopSignal stop_;
+    // Set only when no signal was given; declared before stop_, which may
+    // refer to it.
+    std::unique_ptr<kolto::StopSignal> ownStop_;
+    kolto::StopSignal& stop_;
 };
 
 }  // namespace tarnis
