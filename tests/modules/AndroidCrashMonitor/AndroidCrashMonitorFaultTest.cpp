@@ -1,4 +1,4 @@
-#include "tests/modules/AndroidCrashMonitor/AndroidCrashMonitorTest.h"
+#include "tests/support/CrashMonitorFixture.h"
 
 namespace {
 
