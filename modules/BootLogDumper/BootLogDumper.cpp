@@ -5,9 +5,12 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -53,9 +56,31 @@ std::string ShellQuote(const std::string& text) {
     return quoted + "'";
 }
 
-// Runs `argv` and returns its wait status (-1 when it could not be started).
-// Its standard output goes to /dev/null when `quiet`: tar lists every file.
-int RunProgram(const std::vector<std::string>& argv, bool quiet) {
+// Waits for child `pid` and returns its wait status (-1 when it could not be
+// reaped). A stop kills it first: a tool that hangs must not hold the
+// module's removal. Without a process descriptor, the wait is a plain one.
+int WaitChild(pid_t pid, const kolto::StopSignal& stop) {
+    unique_fd child(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    if (child.ok() && stop.fd() >= 0) {
+        struct pollfd waits[2] = {{child.get(), POLLIN, 0}, {stop.fd(), POLLIN, 0}};
+        while (TEMP_FAILURE_RETRY(poll(waits, 2, -1)) >= 0 && waits[0].revents == 0) {
+            if (waits[1].revents != 0) {
+                ALOGW("stopped: killing pid %d", static_cast<int>(pid));
+                kill(pid, SIGKILL);
+                break;
+            }
+        }
+    }
+    int status = 0;
+    if (TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) != pid) return -1;
+    return status;
+}
+
+// Runs `argv` and returns its wait status (-1 when it could not be started,
+// or when stopped). Its standard output goes to /dev/null when `quiet`: tar
+// lists every file.
+int RunProgram(const std::vector<std::string>& argv, bool quiet, const kolto::StopSignal& stop) {
+    if (stop.Requested()) return -1;
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
@@ -69,13 +94,15 @@ int RunProgram(const std::vector<std::string>& argv, bool quiet) {
         ALOGE("cannot run %s: %s", args[0], strerror(err));
         return -1;
     }
-    int status = 0;
-    if (TEMP_FAILURE_RETRY(waitpid(pid, &status, 0)) != pid) return -1;
+    const int status = WaitChild(pid, stop);
+    if (status < 0) return -1;
     if (status != 0) ALOGW("%s ended with status %d", args[0], status);
     return status;
 }
 
-int RunShell(const std::string& command) { return RunProgram({"/bin/sh", "-c", command}, false); }
+int RunShell(const std::string& command, const kolto::StopSignal& stop) {
+    return RunProgram({"/bin/sh", "-c", command}, false, stop);
+}
 
 // "boot_log_%lu_%lu_%lu": three unsigned numbers after the prefix.
 bool ParseArchiveName(const char* name) {
@@ -105,8 +132,23 @@ bool IsDirectoryNoFollow(const std::string& path, bool* exists) {
 
 }  // namespace
 
+BootLogDumper::BootLogDumper() : ownStop_(std::make_unique<kolto::StopSignal>()), stop_(*ownStop_) {}
+
+BootLogDumper::BootLogDumper(kolto::StopSignal& stop) : stop_(stop) {}
+
 bool BootLogDumper::WaitBootCompleted() {
-    return kolto::WaitForPropertyUnlessStopped("sys.boot_completed", "1", stop_);
+    return kolto::WaitForPropertyUnlessStopped("sys.boot_completed", "1", stop_.flag());
+}
+
+void BootLogDumper::Gathered(const char* what) {
+    std::lock_guard<std::mutex> guard(progressLock_);
+    gathered_ += gathered_.empty() ? what : std::string(", ") + what;
+}
+
+std::string BootLogDumper::Progress() const {
+    std::lock_guard<std::mutex> guard(progressLock_);
+    return "gathered: " + (gathered_.empty() ? std::string("nothing yet") : gathered_) +
+           "\narchive: " + (archive_.empty() ? std::string("none") : archive_) + "\n";
 }
 
 void BootLogDumper::dump_boot_logs() {
@@ -136,20 +178,27 @@ void BootLogDumper::dump_boot_logs() {
     for (const std::string* path : {&kernelLog, &mainLog, &plLk, &bootprof}) unlink(path->c_str());
 
     ALOGI("begin dump boot kernel log");
-    RunShell(ShellQuote(paths::Get(paths::kSystemDmesg)) + " > " + ShellQuote(kernelLog));
+    RunShell(ShellQuote(paths::Get(paths::kSystemDmesg)) + " > " + ShellQuote(kernelLog), stop_);
+    if (stop_.Requested()) return;
+    Gathered("kernel log");
     ALOGI("begin dump boot main log");
-    RunShell(ShellQuote(paths::Get(paths::kSystemLogcat)) + " -d -v threadtime '*:V' > " + ShellQuote(mainLog));
+    RunShell(ShellQuote(paths::Get(paths::kSystemLogcat)) + " -d -v threadtime '*:V' > " + ShellQuote(mainLog),
+             stop_);
+    if (stop_.Requested()) return;
+    Gathered("main log");
 
     ALOGI("begin dump boot pl_lk log");
     if (copy_file(paths::Get(paths::kProcPlLk).c_str(), 0, plLk.c_str(), 0) < 0) {
         ALOGE("%s: Copy boot pl_lk log failed!", __func__);
         return;
     }
+    Gathered("pl_lk log");
     ALOGI("begin dump boot proof log");
     if (copy_file(paths::Get(paths::kProcBootprof).c_str(), 0, bootprof.c_str(), 0) < 0) {
         ALOGE("%s: Copy boot proof log failed!", __func__);
         return;
     }
+    Gathered("boot profile");
     PruneArchives(paths::Get(paths::kAeeExpDir));
     MakeArchive();
 }
@@ -162,17 +211,25 @@ void BootLogDumper::MakeArchive() {
     const std::string archive = StringPrintf("%s/boot_log_%s.gz", dir.c_str(), now.c_str());
     const std::string temp = dir + "/" + kArchiveTemp;
     unlink(temp.c_str());
-    const int tarStatus = RunProgram({paths::Get(paths::kSystemTar), "zcvf", temp, "-C", staging, "."}, true);
+    const int tarStatus =
+        RunProgram({paths::Get(paths::kSystemTar), "zcvf", temp, "-C", staging, "."}, true, stop_);
+    if (stop_.Requested()) {
+        unlink(temp.c_str());
+        return;
+    }
     if (tarStatus == 0) {
         if (rename(temp.c_str(), archive.c_str()) != 0) {
             ALOGE("cannot put %s in place: %s", archive.c_str(), strerror(errno));
             unlink(temp.c_str());
+        } else {
+            std::lock_guard<std::mutex> guard(progressLock_);
+            archive_ = archive.substr(dir.size() + 1);
         }
     } else {
         ALOGE("tar failed for %s, no archive made", archive.c_str());
         unlink(temp.c_str());
     }
-    RunProgram({paths::Get(paths::kSystemRm), "-rf", staging}, false);
+    RunProgram({paths::Get(paths::kSystemRm), "-rf", staging}, false, stop_);
 
     unique_fd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() < 0) {

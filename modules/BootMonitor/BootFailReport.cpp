@@ -4,14 +4,15 @@
 
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstddef>
@@ -51,7 +52,8 @@ namespace {
 constexpr int kNetlinkBootMonitor = 23;
 constexpr uint16_t kConnectFlags = 0x5A5A;
 constexpr char kConnectText[] = "tarn bootmonitor nl connect";
-constexpr int kReceiveTimeoutSeconds = 5;
+// A stop without a descriptor to wake the wait is seen this often.
+constexpr int kStopLookMs = 5000;
 // The time-out events that the boot stage reports and this daemon acts on.
 constexpr long kFirstBootStageEvent = 901005300;
 constexpr long kLastBootStageEvent = 901005349;
@@ -256,16 +258,13 @@ std::atomic<int> gTestSocket{-1};
 
 void BootFailReport::SetListenerSocketForTesting(int fd) { gTestSocket.store(fd); }
 
-int BootFailReport::NetlinkInit() {
-    if (const int given = gTestSocket.exchange(-1); given >= 0) return ReceiveLoop(unique_fd(given));
+int BootFailReport::NetlinkInit(kolto::StopSignal& stop) {
+    if (const int given = gTestSocket.exchange(-1); given >= 0) return ReceiveLoop(unique_fd(given), stop);
     unique_fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, kNetlinkBootMonitor));
     if (!fd.ok()) {
         ALOGE("create netlink socket error: %s", strerror(errno));
         return -1;
     }
-    struct timeval timeout {};
-    timeout.tv_sec = kReceiveTimeoutSeconds;
-    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
     const pid_t pid = getpid();
     ALOGI("pid=[0x%x]", static_cast<unsigned>(pid));
     struct sockaddr_nl local {};
@@ -295,21 +294,31 @@ int BootFailReport::NetlinkInit() {
         ALOGE("sendto error: %s", strerror(errno));
     }
     ALOGI("sendto success");
-    return ReceiveLoop(std::move(fd));
+    return ReceiveLoop(std::move(fd), stop);
 }
 
-int BootFailReport::ReceiveLoop(unique_fd fd) {
-    if (stopFlag.load()) return 0;
+int BootFailReport::ReceiveLoop(unique_fd fd, kolto::StopSignal& stop) {
+    if (stop.Requested()) return 0;
     static_assert(NLMSG_HDRLEN == 16, "the protocol's header is 16 bytes");
     std::vector<char> message(kMessageBytes, 0);
     char text[kPayloadBytes + 1];
     const uint32_t pid = static_cast<uint32_t>(getpid());
     for (;;) {
+        struct pollfd waits[2] = {{fd.get(), POLLIN, 0}, {stop.fd(), POLLIN, 0}};
+        const bool stopWakes = stop.fd() >= 0;
+        const int ready = TEMP_FAILURE_RETRY(poll(waits, stopWakes ? 2 : 1, stopWakes ? -1 : kStopLookMs));
+        if (stop.Requested()) return 0;
+        if (ready < 0) {
+            ALOGE("poll error: %s", strerror(errno));
+            return 0;
+        }
+        if (waits[0].revents == 0) continue;
         std::fill(message.begin(), message.end(), 0);
         auto* header = reinterpret_cast<struct nlmsghdr*>(message.data());
         header->nlmsg_len = kMessageBytes;
         header->nlmsg_pid = pid;
-        const ssize_t got = recvfrom(fd.get(), message.data(), message.size(), 0, nullptr, nullptr);
+        // Never blocks: the poll said what is there.
+        const ssize_t got = recvfrom(fd.get(), message.data(), message.size(), MSG_DONTWAIT, nullptr, nullptr);
         if (got < 0) {
             if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
                 ALOGE("recvfrom error: %s", strerror(errno));
@@ -328,7 +337,7 @@ int BootFailReport::ReceiveLoop(unique_fd fd) {
             }
         }
         memset(text, 0, sizeof(text));
-        if (stopFlag.load()) return 0;
+        if (stop.Requested()) return 0;
     }
 }
 

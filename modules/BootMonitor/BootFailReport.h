@@ -1,11 +1,13 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include <android-base/unique_fd.h>
+
+#include "utils/StopSignal.h"
 
 namespace velmar {
 namespace tarnis {
@@ -33,12 +35,14 @@ public:
     void check_ablxbl_fail_report();
 
     // The listener: sets the socket up, says hello to the kernel and serves
-    // it until stopped. 0 when stopped or closed, -1 when the socket cannot
+    // it until `stop`. 0 when stopped or closed, -1 when the socket cannot
     // be set up.
-    int NetlinkInit();
-    // The listener's receive loop over a socket already set up. Its receive
-    // time-out bounds how long a stop takes to be noticed.
-    int ReceiveLoop(android::base::unique_fd fd);
+    int NetlinkInit(kolto::StopSignal& stop);
+    // The listener's receive loop over a socket already set up; `stop` ends
+    // its wait for the next message.
+    int ReceiveLoop(android::base::unique_fd fd, kolto::StopSignal& stop);
+    // The same, ended by Stop().
+    int ReceiveLoop(android::base::unique_fd fd) { return ReceiveLoop(std::move(fd), ownStop_); }
 
     // The text payload of one received message, `message` being the whole
     // kMessageBytes receive buffer, header first, copied into `text`
@@ -56,21 +60,22 @@ public:
     // listener a socket set up already, its peer playing the kernel.
     static void SetListenerSocketForTesting(int fd);
 
-    void Stop() { stopFlag.store(true); }
-    bool Stopped() const { return stopFlag.load(); }
+    // Ends a ReceiveLoop(fd) that was not given a stop signal.
+    void Stop() { ownStop_.Request(); }
 
     std::unordered_map<uint32_t, std::string> abl_xbl_event_map;
     std::string kmsgPath;
     std::string pmsgPath;
     std::string uefiPath;
     std::string recordPath;
-    std::atomic<bool> stopFlag{false};
 
 private:
     void HandleMessage(const char* text);
     bool ExtractLog(uint64_t offset, size_t bufferBytes, size_t readBytes, const std::string& path,
                     const char* mallocError, const char* readError, const char* openError);
     void Report(int64_t code, const std::string& summary, int32_t bootIndex);
+
+    kolto::StopSignal ownStop_;
 };
 
 }  // namespace tarnis

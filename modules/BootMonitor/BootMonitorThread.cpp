@@ -5,12 +5,14 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
@@ -54,6 +56,8 @@ constexpr int64_t kRetryMs = 1000;
 // A peer that accepted the command but never answers must not hold the
 // reboot into recovery back for ever.
 constexpr int kStatusTimeoutSeconds = 60;
+// How long a sleep or a property wait runs before it looks at the stop again.
+constexpr int64_t kStopLookMs = 250;
 
 // The first whitespace-separated words of a small file; false when it does
 // not open or is not a regular file (the rescue and cache partitions are
@@ -144,6 +148,19 @@ int64_t NowSteadyMs() { return velmar::kolto::GetClock().SteadyNowMs(); }
 long NowEpochSeconds() { return static_cast<long>(velmar::kolto::GetClock().WallNowMs() / 1000); }
 void SleepMs(int64_t ms) { velmar::kolto::GetClock().SleepMs(ms); }
 
+// A property wait that a stop ends: a wait for a property cannot be woken, so
+// it goes in slices with the stop looked at between them.
+bool WaitForPropertyWithin(const velmar::kolto::StopSignal& stop, const std::string& key, const std::string& value,
+                           std::chrono::milliseconds timeout) {
+    const std::chrono::milliseconds slice(kStopLookMs);
+    while (!stop.Requested() && timeout.count() > 0) {
+        const std::chrono::milliseconds wait = std::min(timeout, slice);
+        if (android::base::WaitForProperty(key, value, wait)) return true;
+        timeout -= wait;
+    }
+    return false;
+}
+
 bool SendAll(int fd, const void* data, size_t size) {
     const char* p = static_cast<const char*>(data);
     while (size > 0) {
@@ -158,9 +175,39 @@ bool SendAll(int fd, const void* data, size_t size) {
 }  // namespace
 
 BootMonitorThread::BootMonitorThread()
-    : waitForProperty_([](const std::string& key, const std::string& value, std::chrono::milliseconds timeout) {
-          return android::base::WaitForProperty(key, value, timeout);
-      }) {}
+    : ownStop_(std::make_unique<velmar::kolto::StopSignal>()), stop_(*ownStop_) {}
+
+BootMonitorThread::BootMonitorThread(velmar::kolto::StopSignal& stop) : stop_(stop) {}
+
+bool BootMonitorThread::WaitForProperty(const std::string& key, const std::string& value,
+                                        std::chrono::milliseconds timeout) {
+    return WaitForPropertyWithin(stop_, key, value, timeout);
+}
+
+bool BootMonitorThread::Pause(int64_t ms) {
+    // In slices on the process clock: a test clock that moves on each sleep
+    // still sees the whole time pass.
+    while (ms > 0 && !stop_.Requested()) {
+        const int64_t slice = std::min(ms, kStopLookMs);
+        SleepMs(slice);
+        ms -= slice;
+    }
+    return !stop_.Requested();
+}
+
+std::string BootMonitorThread::Describe() const {
+    static const char* const kStages[] = {"preparing",
+                                          "trap mode",
+                                          "disabled",
+                                          "waiting for boot completion",
+                                          "boot completed",
+                                          "boot loop, to recovery",
+                                          "boot timed out, rebooting",
+                                          "stopped"};
+    const int count = bootCount_.load();
+    return StringPrintf("stage: %s\nboot count: %s\ncaptures: %d\n", kStages[static_cast<int>(stage_.load())],
+                        count < 0 ? "not counted" : std::to_string(count).c_str(), captures_.load());
+}
 
 bool BootMonitorThread::BootCompleted() {
     if (!waitForProperty_("sys.boot_completed", "1", kPropertyWaitTimeout)) return false;
@@ -171,12 +218,14 @@ bool BootMonitorThread::BootCompleted() {
 
 void BootMonitorThread::TrapLoop(std::string& directory, int intervalSeconds) {
     const int64_t start = NowSteadyMs();
-    while (!stop_.load()) {
+    stage_.store(Stage::kTrap);
+    while (!stop_.Requested()) {
         const long long seconds = (NowSteadyMs() - start) / 1000;
         ALOGI("(trap mode) boot time: %lld seconds\n", seconds);
         captureBugreport(directory, kCaptureModeTrap, seconds);
-        SleepMs(static_cast<int64_t>(intervalSeconds) * 1000);
+        Pause(static_cast<int64_t>(intervalSeconds) * 1000);
     }
+    stage_.store(Stage::kStopped);
 }
 
 int BootMonitorThread::threadLoop() {
@@ -226,16 +275,19 @@ int BootMonitorThread::threadLoop() {
     }
     if (count < 0) {
         ALOGE("exit for invalid boot count.");
+        stage_.store(Stage::kDisabled);
         return 0;
     }
 
     ALOGI("note boot count: %d", count);
+    bootCount_.store(count);
     const std::string next = StringPrintf("%d", count + 1);
     RemoveBootCount(countPath, "resetBootCount");
     CaptureLogUtil::create_file_write(countPath.c_str(), next.c_str());
 
     if (count >= kBootLoopCount) {
         ALOGW("stuck in boot loop, capture bugreport...");
+        stage_.store(Stage::kBootLoop);
         RemoveBootCount(countPath, "clearBootCount");
         captureBugreport(dir, count, 0);
         ALOGE("reboot to recovery");
@@ -250,14 +302,21 @@ int BootMonitorThread::threadLoop() {
     bool firstCaptureDone = false;
     bool periodDone[4] = {true, false, false, false};
     long long seconds = 0;
+    stage_.store(Stage::kWaiting);
     for (;;) {
         const int64_t elapsed = NowSteadyMs() - start;
         seconds = elapsed / 1000;
         if (elapsed >= kBootTimeoutMs) break;
         if (BootCompleted()) {
+            stage_.store(Stage::kCompleted);
             property_set("sys.boot_monitor_completed", "1");
             ALOGW("Boot successfully, so BootMonitor exiting.");
             RemoveBootCount(countPath, "clearBootCount");
+            return 0;
+        }
+        if (stop_.Requested()) {
+            // No verdict: the count stays raised, as for a daemon that died.
+            stage_.store(Stage::kStopped);
             return 0;
         }
         ALOGI("boot time: %lld seconds\n", seconds);
@@ -277,6 +336,7 @@ int BootMonitorThread::threadLoop() {
         }
     }
 
+    stage_.store(Stage::kTimedOut);
     captureBugreport(dir, count, seconds);
     ALOGD("write bootmonitor record log to file");
     unique_fd record(TEMP_FAILURE_RETRY(
@@ -316,6 +376,7 @@ void BootMonitorThread::captureBugreport(std::string& directory, int mode, long 
     }
     const std::string path = directory + "/" + name;
     CaptureLogUtil::dump_lite_bugreport(directory.c_str(), path.c_str());
+    captures_.fetch_add(1);
 
     const std::string written = directory + name;
     bool keep = false;
@@ -361,10 +422,10 @@ bool BootMonitorThread::SetupBcb(const std::string& command) {
                              base::GetProperty("init.svc.clear-bcb", "") == "running" ||
                              base::GetProperty("init.svc.uncrypt", "") == "running";
         if (!running) break;
-        SleepMs(kRetryMs);
+        if (!Pause(kRetryMs)) return false;
     }
     base::SetProperty("ctl.start", "setup-bcb");
-    SleepMs(kRetryMs);
+    if (!Pause(kRetryMs)) return false;
 
     const char* const socketName = paths::kUncryptSocket;
     unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -388,7 +449,7 @@ bool BootMonitorThread::SetupBcb(const std::string& command) {
             connected = true;
             break;
         }
-        if (attempt + 1 < kConnectTries) SleepMs(kRetryMs);
+        if (attempt + 1 < kConnectTries && !Pause(kRetryMs)) return false;
     }
     if (!connected) return false;
 
@@ -404,9 +465,14 @@ bool BootMonitorThread::SetupBcb(const std::string& command) {
     struct timeval timeout {};
     timeout.tv_sec = kStatusTimeoutSeconds;
     setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    // The first of its bytes is awaited with the stop as well.
+    struct pollfd waits[2] = {{fd.get(), POLLIN, 0}, {stop_.fd(), POLLIN, 0}};
+    const int ready = TEMP_FAILURE_RETRY(poll(waits, stop_.fd() >= 0 ? 2 : 1, kStatusTimeoutSeconds * 1000));
+    if (stop_.Requested()) return false;
     uint32_t status = 0;
-    errno = 0;
-    if (!base::ReadFully(fd.get(), &status, sizeof(status))) {
+    if (ready == 0) errno = EAGAIN;  // what the receive time-out says
+    if (ready > 0) errno = 0;
+    if (ready <= 0 || !base::ReadFully(fd.get(), &status, sizeof(status))) {
         if (errno == 0) errno = ECONNRESET;
         ALOGE("Failed read status from socket: [%s], error info: %s", socketName, strerror(errno));
         return false;

@@ -66,6 +66,7 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
     ASSERT_TRUE(android::base::SetProperty("sys.boot_completed", "1"));
 
     LoadModules();
+    ASSERT_TRUE(tarnis_test::WaitFor([&] { return Stopped("BootLogDumper"); }));  // the archive is made on its worker
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load Mtk BootLopDumper module", kModuleTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine(staging_ + " is not existed, create it!", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("Unrecognized log file boot_log_x", kTag));
@@ -102,9 +103,13 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     LoadModules();
     AdvanceAndSettle(60 * 60 * 1000);  // an hour without boot completion
     EXPECT_FALSE(log_.Contains("begin dump boot kernel log", kTag));
+    EXPECT_NE(Dump({"BootLogDumper"}).find("BootLogDumper: not started\nboot completed: not yet, next look 2000 ms "
+                                           "after the last\ngathered: nothing yet\narchive: none\n"),
+              std::string::npos);
 
     ASSERT_TRUE(android::base::SetProperty("sys.boot_completed", "1"));
     AdvanceAndSettle(velmar::tarnis::BootLogDumperModule::kBootPollLongestMs);
+    ASSERT_TRUE(tarnis_test::WaitFor([&] { return Stopped("BootLogDumper"); }));
     EXPECT_TRUE(log_.HasLine("begin dump boot main log", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("begin dump boot pl_lk log", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("src file " + Device(paths::kProcPlLk) + " is not exist!", kTag));

@@ -276,10 +276,11 @@ TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
 TEST_F(BootMonitorTest, TrapModeCapturesEveryIntervalUntilStopped) {
     WriteFile(Device("/cache/recovery/last_trap"), "true 30\n");
     WriteFile(count_, "2");
-    tarnis_test::StoppedThread loop([this] { EXPECT_EQ(monitor_.threadLoop(), 0); });
+    LoadModules();
     EXPECT_TRUE(tarnis_test::WaitFor([this] { return log_.Count("(trap mode) boot time: ") >= 3; }));
-    monitor_.Stop();
-    loop.Join();
+    EXPECT_NE(Dump({"BootMonitor"}).find("BootMonitor: running\nstage: trap mode\nboot count: not counted\n"),
+              std::string::npos);
+    RemoveModule("BootMonitor");  // its worker is stopped and joined
     EXPECT_TRUE(log_.HasLine("(trap mode) boot time: 60 seconds\n", kBm, kI));
     const std::vector<std::string> captures = Captures();
     ASSERT_GE(captures.size(), 3u);
@@ -318,6 +319,7 @@ TEST_F(BootMonitorTest, DisabledModuleRemovesItselfWhileTheListenerGoesOn) {
     BootFailReport::SetListenerSocketForTesting(pair[0]);
     WriteFile(count_, "disable");
     LoadModules();
+    ASSERT_TRUE(tarnis_test::WaitFor([&] { return Stopped("BootMonitor"); }));  // supervised on its worker
     EXPECT_TRUE(log_.HasLine("[OnInit] tarnis BootMonitor OnInit", "Tarnis-BootMonitor", kI));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load bootMonitor", "Tarnis-BootMonitorModule", kI));
     EXPECT_TRUE(log_.HasLine("explicit disable BootMonitor.", kBm, kE));
