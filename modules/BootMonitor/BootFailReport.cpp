@@ -81,7 +81,8 @@ std::string Sha1Hex(const std::string& text) {
 // Evidence appears under its name only once it is complete: it is written to
 // a fresh file beside it and renamed into place (a link planted under the
 // final name is replaced, never followed).
-bool WriteEvidence(const std::string& path, const char* data, size_t size) {
+bool WriteEvidence(const std::string& devicePath, const char* data, size_t size) {
+    const std::string path = paths::Get(devicePath);
     if (!kolto::TempName::WriteWhole(path, std::string(data, size), 0664, 0, 1000)) {
         ALOGE("write %s failed: %s", path.c_str(), strerror(errno));
         return false;
@@ -116,10 +117,10 @@ BootFailReport::BootFailReport() {
 
 void BootFailReport::Load() {
     const bool ab = android::base::GetBoolProperty("ro.build.ab_update", false);
-    kmsgPath = paths::Get(paths::kUnhealthyBootKmsg, ab);
-    pmsgPath = paths::Get(paths::kUnhealthyBootPmsg, ab);
-    uefiPath = paths::Get(paths::kUnhealthyBootUefi, ab);
-    recordPath = paths::Get(paths::kBootmonitorTimeout, ab);
+    kmsgPath = paths::kUnhealthyBootKmsg.For(ab);
+    pmsgPath = paths::kUnhealthyBootPmsg.For(ab);
+    uefiPath = paths::kUnhealthyBootUefi.For(ab);
+    recordPath = paths::kBootmonitorTimeout.For(ab);
 }
 
 bool BootFailReport::ExtractLog(uint64_t offset, size_t bufferBytes, size_t readBytes, const std::string& path,
@@ -236,8 +237,9 @@ void BootFailReport::Report(int64_t code, const std::string& summary, int32_t bo
     android::Lumetra::sendEvent(event);
     ALOGD("report boot timeout");
 
+    const std::string recordFile = paths::Get(recordPath);
     unique_fd record(TEMP_FAILURE_RETRY(
-        open(recordPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0664)));
+        open(recordFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0664)));
     if (!record.ok()) {
         ALOGE("cannot open bootmonitor rescue record file !");
         return;
@@ -246,9 +248,9 @@ void BootFailReport::Report(int64_t code, const std::string& summary, int32_t bo
                                                          incremental.c_str(), static_cast<int>(code),
                                                          summary.c_str(), bootIndex, now);
     if (!android::base::WriteFully(record.get(), line.data(), line.size())) {
-        ALOGE("write %s failed: %s", recordPath.c_str(), strerror(errno));
+        ALOGE("write %s failed: %s", recordFile.c_str(), strerror(errno));
     }
-    if (fchown(record.get(), 0, 1000) != 0) ALOGD("chown %s failed: %s", recordPath.c_str(), strerror(errno));
+    if (fchown(record.get(), 0, 1000) != 0) ALOGD("chown %s failed: %s", recordFile.c_str(), strerror(errno));
     fchmod(record.get(), 0664);
 }
 

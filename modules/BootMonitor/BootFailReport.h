@@ -64,6 +64,7 @@ public:
     void Stop() { ownStop_.Request(); }
 
     std::unordered_map<uint32_t, std::string> abl_xbl_event_map;
+    // Device paths, for the rescue partition or the cache by the build.
     std::string kmsgPath;
     std::string pmsgPath;
     std::string uefiPath;

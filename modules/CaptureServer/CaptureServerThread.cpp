@@ -131,10 +131,10 @@ CaptureServerThread::CaptureServerThread(velmar::kolto::StopSignal* stop, Tally*
       stop_(stop != nullptr ? *stop : *ownStop_),
       tally_(tally != nullptr ? *tally : ownTally_) {
     abUpdate_ = base::GetBoolProperty("ro.build.ab_update", false);
-    baseDir_ = paths::Get(paths::kCaptureServerDir, abUpdate_);
+    baseDir_ = paths::kCaptureServerDir.For(abUpdate_);
     zelteeCopyPath_ = baseDir_ + "/" + kZelteeLogName;
-    MakeCaptureDir(baseDir_);
-    velmar::kolto::TempName::RemoveLeftovers(baseDir_);
+    MakeCaptureDir(paths::Get(baseDir_));
+    velmar::kolto::TempName::RemoveLeftovers(paths::Get(baseDir_));
     FetchSecurityLog();
 }
 
@@ -151,7 +151,7 @@ void CaptureServerThread::FetchSecurityLog() {
         return;
     }
     ALOGI("Successfully obtained the Kolto service");
-    ALOGI("zelteelog_path is: %s\n", StringUtil::ForLog(zelteeCopyPath_).c_str());
+    ALOGI("zelteelog_path is: %s\n", StringUtil::ForLog(paths::Get(zelteeCopyPath_)).c_str());
 
     const char* dir = paths::kZelteeLogDir;
     int64_t size = 0;
@@ -186,7 +186,7 @@ void CaptureServerThread::FetchSecurityLog() {
         ALOGE("Failed to map shared memory");
         return;
     }
-    if (!WriteCopy(zelteeCopyPath_, data, static_cast<size_t>(size))) ALOGE("cannot open zelteelog file !");
+    if (!WriteCopy(paths::Get(zelteeCopyPath_), data, static_cast<size_t>(size))) ALOGE("cannot open zelteelog file !");
     if (munmap(data, static_cast<size_t>(size)) != 0) ALOGE("Failed to unmap shared memory");
 }
 
@@ -323,7 +323,7 @@ std::vector<DumpAction> CaptureServerThread::CaptureSteps() const {
         {"SYSTEM PROPERTIES", {"getprop"}, 1},
         {"SECURITY QSEE LOG", {"cat", qsee}, 4},
         {"SECURITY TZ LOG", {"cat", tz}, 1},
-        {"MTK SECURITY LOG", {"cat", zelteeCopyPath_}, 1},
+        {"MTK SECURITY LOG", {"cat", paths::Get(zelteeCopyPath_)}, 1},
         {"SPRD SECURITY LOG", {"cat", paths::Get(paths::kTrustyLog)}, 1},
     };
     const std::string package = base::GetProperty("sys.rescue_party_failed_package", "");
@@ -337,9 +337,9 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
         ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
         return;
     }
-    const std::string base = velmar::kolto::capture_layout::IsRebootRequest(request)
-                                 ? paths::Get(velmar::kolto::capture_layout::CaptureServerDir(request, abUpdate_))
-                                 : baseDir_;
+    const std::string base = paths::Get(velmar::kolto::capture_layout::IsRebootRequest(request)
+                                            ? velmar::kolto::capture_layout::CaptureServerDir(request, abUpdate_)
+                                            : baseDir_);
     const std::string requestDir = base + "/" + request + "/";
     MakeCaptureDir(base);
     if (!MakeCaptureDir(requestDir)) return;
