@@ -151,8 +151,9 @@ inline constexpr char kDstateStatReset[] = "/proc/zel_kernel/trace_sched/reset_d
 // paths and paths already below the root come back unchanged.
 std::string Get(std::string_view devicePath);
 // The device path of a file-system path below the root: Get's inverse, for
-// a path a peer answered with as it sees the file system. Paths not below
-// the root come back unchanged.
+// a path a peer process answered with as it sees the file system, taken
+// where the answer enters the daemon. Paths not below the root come back
+// unchanged.
 std::string DeviceOf(std::string_view path);
 // Get(choice.For(abUpdate)).
 std::string Get(const RescueOrCache& choice, bool abUpdate);

@@ -281,8 +281,9 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
                                   }
                               });
     if (!bugreport.empty()) {
-        if (remove(bugreport.c_str()) != 0) {
-            ALOGE("failed to remove %s, error: %s", StringUtil::ForLog(bugreport).c_str(), strerror(errno));
+        const std::string reportFile = paths::Get(bugreport);
+        if (remove(reportFile.c_str()) != 0) {
+            ALOGE("failed to remove %s, error: %s", StringUtil::ForLog(reportFile).c_str(), strerror(errno));
         }
         DeleteBugreportLeftovers(dirFd.get(), logDir);
     }

@@ -414,7 +414,7 @@ int CapturePackager::Compress(const char* rawPath, const char* rawWhere, std::ve
     if (files != nullptr) {
         for (const String16& entry : *files) {
             std::string file;
-            if (!AcceptAttachment(paths::DeviceOf(platform::ToUtf8(entry)), &file)) continue;
+            if (!AcceptAttachment(platform::ToUtf8(entry), &file)) continue;
             accepted.push_back(platform::ToUtf16(file));
             // Core dumps are large: each native crash gets four more minutes.
             if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) {

@@ -67,12 +67,14 @@ bool SendAll(int fd, const std::string& message) {
 // The report the service names, when it is a regular file ("" otherwise).
 // The reply is a device path.
 std::string ReportPath(const char* reply) {
-    std::string path(reply);
-    while (!path.empty() && (path.back() == '\n' || path.back() == '\r')) path.pop_back();
-    path = paths::Get(path);
+    std::string answered(reply);
+    while (!answered.empty() && (answered.back() == '\n' || answered.back() == '\r')) answered.pop_back();
+    // The service names the report as it sees the file system, the sandbox
+    // root included when there is one: the daemon keeps its device path.
+    const std::string device = paths::DeviceOf(answered);
     struct stat st;
     errno = 0;
-    if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) return path;
+    if (stat(paths::Get(device).c_str(), &st) == 0 && S_ISREG(st.st_mode)) return device;
     ALOGE("file stat get failed: %s", strerror(errno != 0 ? errno : EINVAL));
     return "";
 }

@@ -10,7 +10,7 @@ namespace android {
 class DumpstateClient {
 public:
     // Asks "tarnBugreportState" for a full report into `logDir` and returns
-    // the file-system path of the report it names, or "" when there is none.
+    // the device path of the report it names, or "" when there is none.
     static std::string RequestBugreport(const std::string& logDir, const std::string& param);
     // Has "nuvibmdump" make the light boot-monitor report `target`, and waits
     // for its 255-byte status.
