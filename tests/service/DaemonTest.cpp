@@ -1,5 +1,4 @@
 // The daemon and its tool as real processes, driven as a user would from a shell.
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

@@ -3,7 +3,6 @@
 // (the wire, the real caller's uid), and in-process where a test needs to be
 // a caller it cannot become.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,7 +26,6 @@
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <host/Host.h>
-#include <utils/Unicode.h>
 
 #include "platform/LogCapture.h"
 #include "platform/binder/ServiceManager.h"
@@ -67,12 +65,6 @@ protected:
     std::string ctl_;
     android::sp<DorvaNativeDaemon> daemon_;
 };
-
-std::vector<android::String16> U16(std::initializer_list<const char*> list) {
-    std::vector<android::String16> out;
-    for (const char* s : list) out.push_back(platform::ToUtf16(s));
-    return out;
-}
 
 }  // namespace
 
@@ -122,7 +114,8 @@ TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
         EXPECT_EQ(st.serviceSpecificErrorCode(), -1);
         EXPECT_STREQ(st.exceptionMessage().string(), "runCommand:145: Command not allowed for shell user");
         EXPECT_EQ(result, 7);
-        st = daemon_->captureLogByRunCommand(U16({"cat"}), U16({"/dev/null"}), platform::ToUtf16("/data/x"), 5);
+        st = daemon_->captureLogByRunCommand({platform::ToUtf16("cat")}, {platform::ToUtf16("/dev/null")},
+                                             platform::ToUtf16("/data/x"), 5);
         EXPECT_STREQ(st.exceptionMessage().string(),
                      "captureLogByRunCommand:244: Command not allowed for shell user");
     }
