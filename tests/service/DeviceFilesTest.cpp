@@ -57,11 +57,6 @@ std::vector<std::string> Grab(const std::string& text, const std::string& patter
     return out;
 }
 
-std::string NoTrailingSlash(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
-
 // What the daemon's own code says, read from its headers where a header
 // holds the name and from its sources where only a source does.
 struct Code {
@@ -94,7 +89,9 @@ struct Code {
         for (const char* path :
              {paths::kDorvaDir, paths::kOfflineDbDir, paths::kRescueBase.rescue, paths::kRescueBase.cache,
               paths::kCaptureServerDir.rescue, paths::kCaptureServerDir.cache, paths::kPersistDir, paths::kBlackbox}) {
-            devicePaths.insert(NoTrailingSlash(path));
+            std::string dir = path;
+            while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+            devicePaths.insert(dir);
         }
     }
 };
@@ -185,7 +182,6 @@ TEST(DeviceFilesTest, EveryServiceAndSocketOfTheCodeIsInTheDeviceFiles) {
     const Code& code = TheCode();
     const DeviceFiles files;
 
-    ASSERT_EQ(code.services.size(), 3u);
     for (const std::string& service : code.services) {
         EXPECT_TRUE(Contains(files.serviceContexts, service)) << service;
         // Only the AIDL services are VINTF instances; the classic one is
