@@ -1,8 +1,9 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <climits>
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -11,13 +12,17 @@
 
 #include "platform/LogCapture.h"
 #include "tests/support/TempDir.h"
+#include "utils/ConfinedPath.h"
 #include "utils/FileUtil.h"
+#include "utils/Paths.h"
 
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
 using tarnis_test::WriteFile;
+using velmar::kolto::ConfinedPath;
 using velmar::kolto::FileUtil;
+namespace paths = velmar::kolto::paths;
 
 namespace {
 
@@ -53,24 +58,22 @@ protected:
     const std::string outside_ = tmp_.Sub("outside");
 };
 
+class PathsTest : public ::testing::Test {
+protected:
+    void TearDown() override { platform::SetRoot("/"); }
+};
+
 }  // namespace
 
-TEST_F(FileUtilTree, ExistenceModesAndSizes) {
-    ASSERT_EQ(symlink("missing", tmp_.Sub("dangling").c_str()), 0);
-    EXPECT_FALSE(FileUtil::FileExist(tmp_.Sub("dangling")));
+// A link is no way to someone else's mode, nor does a dangling one exist.
+TEST_F(FileUtilTree, ExistenceAndModesTreatLinksAsLinks) {
+    EXPECT_FALSE(FileUtil::FileExist(root_ + "/dangling"));
     EXPECT_FALSE(FileUtil::ChangeMode(tmp_.Sub("nope"), 0600));
-    EXPECT_EQ(FileUtil::GetFileSize(tmp_.Sub("nope")), 0);
-    // 5 GiB + 7 bytes (sparse): only the low 32 bits survive.
-    const std::string big = tmp_.Sub("big");
-    ASSERT_TRUE(WriteFile(big, ""));
-    ASSERT_EQ(truncate(big.c_str(), (5LL << 30) + 7), 0);
-    EXPECT_EQ(FileUtil::GetFileSize(big), (1 << 30) + 7);
-    EXPECT_TRUE(FileUtil::ChangeMode(big, 0640));
-    EXPECT_EQ(ModeOf(big), 0640u);
-    // A link is no way to someone else's mode.
-    ASSERT_EQ(symlink(big.c_str(), tmp_.Sub("link").c_str()), 0);
-    EXPECT_FALSE(FileUtil::ChangeMode(tmp_.Sub("link"), 0777));
-    EXPECT_EQ(ModeOf(big), 0640u);
+    EXPECT_TRUE(FileUtil::ChangeMode(root_ + "/a.log", 0640));
+    EXPECT_EQ(ModeOf(root_ + "/a.log"), 0640u);
+    const mode_t before = ModeOf(outside_ + "/file.txt");
+    EXPECT_FALSE(FileUtil::ChangeMode(root_ + "/to_file", 0777));
+    EXPECT_EQ(ModeOf(outside_ + "/file.txt"), before);
 }
 
 TEST_F(FileUtilTree, CreateDirectoryWithOwner) {
@@ -115,32 +118,12 @@ TEST_F(FileUtilTree, CreateDirectoryWithOwner) {
     umask(oldMask);
 }
 
-TEST_F(FileUtilTree, ListSizeAndDeleteTreatLinksAsLinks) {
-    std::vector<std::string> list{"kept"};
-    ASSERT_TRUE(FileUtil::GetFileListOnDirectory(root_, list));
-    std::sort(list.begin(), list.end());
-    EXPECT_EQ(list, (std::vector<std::string>{root_ + "/a.log", root_ + "/dangling", root_ + "/sub/deeper/c.log",
-                                              root_ + "/sub/deeper/loop", root_ + "/sub/to_dir", root_ + "/to_file",
-                                              "kept"}));
-    std::vector<std::string> empty;
-    EXPECT_TRUE(FileUtil::GetFileListOnDirectory(root_ + "/empty", empty));
-    EXPECT_TRUE(empty.empty());
-
+TEST_F(FileUtilTree, DeleteCountsWhatItFreedAndNeverFollowsLinks) {
     long expected = 5000 + 70000;
     for (const char* own : {"", "/sub", "/sub/deeper", "/empty", "/sub/to_dir", "/to_file",
                             "/sub/deeper/loop", "/dangling"}) {
         expected += Lstat(root_ + own).st_size;
     }
-    EXPECT_EQ(FileUtil::GetDirectorySize(root_), expected);
-    // An empty directory weighs its own size, not 0.
-    EXPECT_EQ(FileUtil::GetDirectorySize(root_ + "/empty"), Lstat(root_ + "/empty").st_size);
-    EXPECT_GT(Lstat(root_ + "/empty").st_size, 0);
-    platform::LogCapture capture;
-    EXPECT_EQ(FileUtil::GetDirectorySize(tmp_.Sub("missing")), -1);
-    EXPECT_TRUE(capture.HasLine("[GetDirectorySize] Cannot open dir: " + tmp_.Sub("missing")));
-    EXPECT_FALSE(FileUtil::GetFileListOnDirectory(tmp_.Sub("missing"), empty));
-    EXPECT_TRUE(capture.HasLine("[GetFileListOnDirectory] Open dir error...", "Tarnis-FileUtil"));
-
     unsigned long freed = 777;
     EXPECT_EQ(FileUtil::DeleteDirectoryOrFile(tmp_.Sub("missing"), &freed), -1);
     EXPECT_EQ(freed, 777u);
@@ -202,4 +185,66 @@ TEST_F(FileUtilTree, CopyNeverEntersLinks) {
     EXPECT_FALSE(FileUtil::ReadRegularFile(tmp_.Sub("planted"), &text, 64));
     EXPECT_TRUE(FileUtil::ReadRegularFile(tmp_.Sub("src.bin"), &text, 64));
     EXPECT_EQ(text, bytes.substr(0, 64));
+}
+
+TEST_F(PathsTest, DevicePathsGoBelowTheRootAndBack) {
+    TempDir root;
+    platform::SetRoot(root.path());
+    EXPECT_EQ(paths::Get("/data/anr/trace_1"), root.path() + "/data/anr/trace_1");
+    // Mapping twice is harmless; a relative path is nobody's device path.
+    EXPECT_EQ(paths::Get(paths::Get("/data/anr/")), root.path() + "/data/anr/");
+    EXPECT_EQ(paths::Get("relative/name"), "relative/name");
+    EXPECT_EQ(paths::DeviceOf(root.path() + "/data/anr/x"), "/data/anr/x");
+    // Only what lies below the root has a device path of its own.
+    EXPECT_EQ(paths::DeviceOf(root.path() + "x/y"), root.path() + "x/y");
+    EXPECT_EQ(paths::DeviceOf("/data/anr/x"), "/data/anr/x");
+}
+
+// Outside paths stay in their tree whichever way the walk is done: the
+// kernel's openat2 or the descriptor walk of older kernels.
+TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
+    TempDir root;
+    platform::SetRoot(root.path());
+    ASSERT_EQ(RunShell("mkdir -p " + root.Sub("data/a/b") + " " + root.Sub("outside") + " && echo s > " +
+                       root.Sub("outside/secret") + " && echo k > " + root.Sub("data/a/b/keep") + " && ln -s " +
+                       root.Sub("outside") + " " + root.Sub("data/a/link") + " && ln -s keep " +
+                       root.Sub("data/a/b/leaf") + " && mkfifo " + root.Sub("data/a/fifo")),
+              "");
+    for (bool walk : {false, true}) {
+        SCOPED_TRACE(walk ? "walk" : "openat2");
+        ConfinedPath::UseWalkForTesting(walk);
+        struct Case {
+            const char* path;
+            const char* why;  // "" when it opens
+        } cases[] = {
+            {"/data/a/b/keep", ""},
+            {"/data/a/./b/../b/keep", ""},
+            {"/data/../outside/secret", "is not below"},
+            {"/data/a/../../../outside/secret", "climbs out of"},
+            {"/data/a/link/secret", "passes through a symbolic link"},
+            {"/data/a/b/leaf", "passes through a symbolic link"},
+            {"/data/a/fifo", "is not a regular file"},
+            {"data/a/b/keep", "is not an absolute path"},
+        };
+        for (const Case& c : cases) {
+            std::string why;
+            const android::base::unique_fd fd = ConfinedPath::OpenRegular(c.path, "/data", O_RDONLY, 0, &why);
+            EXPECT_EQ(fd.ok(), c.why[0] == '\0') << c.path << ": " << why;
+            EXPECT_NE(why.find(c.why), std::string::npos) << c.path << ": " << why;
+        }
+        // A link last where a directory is asked for is named as a link.
+        std::string why;
+        EXPECT_FALSE(ConfinedPath::Open("/data/a/link", "/data", O_RDONLY | O_DIRECTORY, 0, &why).ok());
+        EXPECT_NE(why.find("passes through a symbolic link"), std::string::npos) << why;
+        // Made and removed below the tree, never through the link.
+        EXPECT_FALSE(ConfinedPath::MakeDirs("/data/a/link/made", "/data", 0755, &why).ok());
+        EXPECT_FALSE(std::filesystem::exists(root.Sub("outside/made")));
+        EXPECT_TRUE(ConfinedPath::MakeDirs("/data/a/new/deeper", "/data", 0755, &why).ok()) << why;
+        EXPECT_FALSE(ConfinedPath::Remove("/data/a/link/secret", "/data", &why));
+        EXPECT_TRUE(std::filesystem::exists(root.Sub("outside/secret")));
+        EXPECT_TRUE(ConfinedPath::Remove("/data/a/b/leaf", "/data", &why)) << why;
+        EXPECT_TRUE(std::filesystem::exists(root.Sub("data/a/b/keep")));
+        ASSERT_EQ(RunShell("ln -s keep " + root.Sub("data/a/b/leaf")), "");
+    }
+    ConfinedPath::UseWalkForTesting(false);
 }

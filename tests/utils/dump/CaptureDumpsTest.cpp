@@ -7,36 +7,73 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <regex>
-
-#include <gtest/gtest.h>
+#include <thread>
 
 #include <android-base/properties.h>
+#include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
-#include <log/log.h>
 
-#include "platform/LogCapture.h"
-#include "tests/support/DumpCases.h"
+#include "platform/Sockets.h"
+#include "tests/support/DumpSandbox.h"
 #include "utils/Clock.h"
 #include "utils/dump/CaptureFile.h"
-#include "utils/dump/CaptureLogUtil.h"
 
+using namespace tarnis_test;
 using android::CaptureLogUtil;
 using android::DumpAction;
 using android::String16;
 using android::base::GetProperty;
 using android::base::SetProperty;
-using tarnis_test::CountExact;
-using tarnis_test::Entries;
-using tarnis_test::FakeDumpstate;
-using tarnis_test::LineMatching;
-using tarnis_test::Logged;
-using tarnis_test::ModeOf;
-using tarnis_test::ReadFile;
-using tarnis_test::RunShell;
-using tarnis_test::WriteFile;
 
 namespace {
+
+// One connection on the reserved "dumpstate" socket of the current root:
+// receives the request, lets the test react, sends the reply. Binds below a
+// root of any depth, as the platform's own service would.
+class FakeDumpstate {
+public:
+    // `readsRequest`: the client writes a request before it reads the reply.
+    FakeDumpstate(bool readsRequest, std::function<std::string(const std::string& request)> answer)
+        : answer_(std::move(answer)), path_(platform::ReservedSocketPath("dumpstate")) {
+        RunShell("mkdir -p \"$(dirname '" + path_ + "')\"");
+        listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        struct sockaddr_un address;
+        socklen_t length = 0;
+        android::base::unique_fd dirFd;
+        EXPECT_TRUE(platform::MakeUnixAddress(path_, &address, &length, &dirFd)) << strerror(errno);
+        EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), length), 0) << strerror(errno);
+        EXPECT_EQ(listen(listener_.get(), 1), 0);
+        thread_ = std::thread([this, readsRequest] {
+            android::base::unique_fd fd(accept(listener_.get(), nullptr, nullptr));
+            if (!fd.ok()) return;
+            if (readsRequest) {
+                char buffer[1024] = {};
+                const ssize_t n = recv(fd.get(), buffer, sizeof(buffer) - 1, 0);
+                request_ = std::string(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+            }
+            const std::string reply = answer_(request_);
+            send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
+        });
+    }
+    ~FakeDumpstate() {
+        shutdown(listener_.get(), SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        unlink(path_.c_str());
+    }
+    std::string Request() {
+        if (thread_.joinable()) thread_.join();
+        return request_;
+    }
+
+private:
+    std::function<std::string(const std::string&)> answer_;
+    std::string path_;
+    android::base::unique_fd listener_;
+    std::thread thread_;
+    std::string request_;
+};
 
 // Sleeps cost nothing; the time they would have taken is counted.
 class CountingClock : public velmar::kolto::Clock {
@@ -50,7 +87,7 @@ private:
     std::atomic<int64_t> slept_{0};
 };
 
-class CaptureDumpsTest : public tarnis_test::CaptureSandboxTest {
+class CaptureDumpsTest : public CaptureSandboxTest {
 protected:
     void SetUp() override {
         CaptureSandboxTest::SetUp();
@@ -368,7 +405,7 @@ TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildWhileTheWatchdogStampIsRecent) {
     EXPECT_TRUE(std::regex_search(text, std::regex("^={56}\n=== Date: [0-9-]{10} [0-9:]{8} ===\n={56}\n"
                                                    "TITLE ONE\n------ \\(echo hello\\) in 5s ------\nhello\n")))
         << text;
-    EXPECT_FALSE(tarnis_test::Exists(Path("/data/x/cap")));  // packed, then removed
+    EXPECT_FALSE(Exists(Path("/data/x/cap")));  // packed, then removed
 
     // A stamp of three hours or more skips the traces; leading zeros do not
     // make it octal, and one that is no number, or missing, skips them too.
@@ -396,7 +433,7 @@ TEST_F(CaptureDumpsTest, DumpByPowerRunsOnlyWhitelistedActionsBelowData) {
     EXPECT_TRUE(Logged(log, "dump begin path=" + Path("/data/dorva/dumpsys_by_power") + " (ps -o,pid)"));
 
     // The output stays below /data: not by "..", not through a link.
-    tarnis_test::TempDir outside;
+    TempDir outside;
     ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/dorva/out").c_str()), 0);
     for (const std::string& dir : {"/data/../../../.." + outside.path(), std::string("/data/dorva/out")}) {
         CaptureLogUtil::dump_by_power(List({"ps"}), List({""}), (dir + "/rb.txt").c_str(), 5);
@@ -407,7 +444,7 @@ TEST_F(CaptureDumpsTest, DumpByPowerRunsOnlyWhitelistedActionsBelowData) {
 
 TEST_F(CaptureDumpsTest, WhereMustBeAnExistingDirectoryOnTheCapturePartitions) {
     MakeDirs({"/data/x", "/etc", "/mnt/rescue/dorva", "/cache"});
-    tarnis_test::TempDir outside;
+    TempDir outside;
     ASSERT_EQ(chmod(outside.path().c_str(), 0700), 0);
     ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/out").c_str()), 0);
     platform::LogCapture log;
@@ -440,7 +477,7 @@ TEST_F(CaptureDumpsTest, WhereMustBeAnExistingDirectoryOnTheCapturePartitions) {
 }
 
 TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrough) {
-    tarnis_test::TempDir outside;
+    TempDir outside;
     const std::string victim = outside.Sub("victim");
     WriteFile(victim, "precious");
     ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
@@ -488,7 +525,7 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
 // planted under its name: what is still written goes to the capture, and
 // nothing is packed from or written into the link's target.
 TEST_F(CaptureDumpsTest, LogDirectorySwappedForALinkMidCapture) {
-    tarnis_test::TempDir outside;
+    TempDir outside;
     const std::string online = Path("/data/dorva//anr/online");
     FakeDumpstate server(true, [&](const std::string&) {
         EXPECT_EQ(rename(online.c_str(), (online + ".moved").c_str()), 0);
