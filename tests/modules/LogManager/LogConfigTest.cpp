@@ -41,29 +41,15 @@ std::vector<std::string> FolderNames(const std::vector<LogConfig>& list) {
     return names;
 }
 
-TEST(LogConfigTest, EveryKeyReachesItsOwnMember) {
+// The other keys show where they lead in the module's suite; these do not.
+TEST(LogConfigTest, KeysTheModuleSuiteCannotTellApartAndTheLargestNumbers) {
     LogConfig record;
     std::string why;
-    ASSERT_TRUE(ReadRecord(R"({"folderName":"n","folderPath":"/p","children":[{"folderName":"c"}],
-        "compress":true,"delayCompress":false,"pushEventOnly":true,"watchSSRRamdumpHack":false,"inVendor":true,
-        "maxSize":18446744073709551615,"reuseMaxSize":2,"maxValidDay":3,"compressLatestAfterSec":4294967295,
-        "maxLogNumber":6,"unknown":[1,2]})",
-                           record, &why))
-        << why;
-    EXPECT_EQ(record.folderName, "n");
-    EXPECT_EQ(record.folderPath, "/p");
-    ASSERT_EQ(record.children.size(), 1u);
-    EXPECT_EQ(record.children[0].folderName, "c");
-    EXPECT_TRUE(record.compress);
-    EXPECT_FALSE(record.delayCompress);
-    EXPECT_TRUE(record.pushEventOnly);
-    EXPECT_FALSE(record.watchSSRRamdumpHack);
-    EXPECT_TRUE(record.inVendor);
+    ASSERT_TRUE(ReadRecord(R"({"delayCompress":true,"maxSize":18446744073709551615,
+        "compressLatestAfterSec":4294967295,"unknown":[1,2]})", record, &why)) << why;
+    EXPECT_TRUE(record.delayCompress);
     EXPECT_EQ(record.maxSize, UINT64_MAX);
-    EXPECT_EQ(record.reuseMaxSize, 2u);
-    EXPECT_EQ(record.maxValidDay, 3u);
     EXPECT_EQ(record.compressLatestAfterSec, UINT32_MAX);
-    EXPECT_EQ(record.maxLogNumber, 6u);
 }
 
 TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText) {
@@ -110,10 +96,6 @@ TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText)
     std::string why;
     EXPECT_FALSE(ReadRecord("[1]", record, &why));
     EXPECT_NE(why.find("not a JSON object"), std::string::npos) << why;
-    EXPECT_FALSE(ReadRecord(R"({"maxSize":-1})", record, &why));
-    EXPECT_NE(why.find("\"maxSize\""), std::string::npos) << why;
-    EXPECT_NE(why.find("maxSize must be a whole number from 0 to 18446744073709551615, not -1"), std::string::npos)
-        << why;
     EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record,
                             &why));
     EXPECT_NE(why.find("children[1] (folderName \"y\")"), std::string::npos) << why;
@@ -129,8 +111,6 @@ TEST(LogConfigTest, ListsStopAtTheFirstBadRecord) {
     std::vector<LogConfig> out{LogConfig{}};
     EXPECT_TRUE(JsonHelper::JsonToObject(out, Parse("[]")));
     EXPECT_TRUE(out.empty());
-    EXPECT_FALSE(JsonHelper::JsonToObject(out, Json::Value()));
-    EXPECT_FALSE(JsonHelper::JsonToObject(out, Parse(R"({"folderName":"a"})")));
 
     const Json::Value list = Parse(R"([{"folderName":"a"},{"folderName":"b","compress":1},{"folderName":"c"}])");
     EXPECT_FALSE(JsonHelper::JsonToObject(out, list));
@@ -139,9 +119,6 @@ TEST(LogConfigTest, ListsStopAtTheFirstBadRecord) {
     platform::LogCapture log;
     const std::vector<LogConfig> kept = LogManagerUtil::GenerateConfigList(list);
     EXPECT_EQ(FolderNames(kept), std::vector<std::string>{"a"});
-    EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
-    log.Clear();
-    EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse(R"({"folderName":"a"})")).empty());
     EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
     log.Clear();
     EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse("[]")).empty());
