@@ -360,15 +360,14 @@ TEST_F(LogManagerTest, CompressionPacksAllButTheNewestWithoutStartingAnotherChec
 TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
     Start("[" + Record("demo_delay", "\"compress\":true,\"compressLatestAfterSec\":60,\"maxLogNumber\":9") + "]");
     const auto entry = [this](int i) { return Bsp("demo_delay/" + Dated(i)); };
+    const auto zip = [](int i) { return Dated(i) + ".zip"; };
     ASSERT_EQ(mkdir(entry(1).c_str(), 0755), 0);
     WaitChecks("demo_delay", 1);
-    EXPECT_TRUE(Exists(entry(1)));
     Advance(59000);
-    EXPECT_FALSE(Exists(entry(1) + ".zip"));
+    EXPECT_EQ(List(Bsp("demo_delay")), Dated({1}));
     Advance(1000);
     EXPECT_TRUE(log_.HasLine("[operator()] delayed compress task running for " + entry(1), kTag, ANDROID_LOG_INFO));
-    EXPECT_TRUE(Exists(entry(1) + ".zip"));
-    EXPECT_FALSE(Exists(entry(1)));
+    EXPECT_EQ(List(Bsp("demo_delay")), std::vector<std::string>{zip(1)});
 
     // A newer entry brings the pending one forward at once.
     ASSERT_EQ(mkdir(entry(2).c_str(), 0755), 0);
@@ -377,12 +376,9 @@ TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
     WaitChecks("demo_delay", 3);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Last delay compress is not trigger, trigger it directly", kTag));
     EXPECT_TRUE(log_.HasLine("[operator()] delayed compress task running for " + entry(2), kTag, ANDROID_LOG_INFO));
-    EXPECT_TRUE(Exists(entry(2) + ".zip"));
-    EXPECT_FALSE(Exists(entry(2)));
-    EXPECT_TRUE(Exists(entry(3)));
+    EXPECT_EQ(List(Bsp("demo_delay")), (std::vector<std::string>{zip(1), zip(2), Dated(3)}));
     Advance(60000);
-    EXPECT_TRUE(Exists(entry(3) + ".zip"));
-    EXPECT_FALSE(Exists(entry(3)));
+    EXPECT_EQ(List(Bsp("demo_delay")), (std::vector<std::string>{zip(1), zip(2), zip(3)}));
 }
 
 TEST_F(LogManagerTest, LimitsOverByWhatCannotBeRemovedEndTheCheckWithoutCompressionOrReport) {
