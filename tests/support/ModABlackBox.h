@@ -13,18 +13,15 @@
 #include "tests/support/TempDir.h"
 
 // Black-box partition images for the crash and OTA monitors' suites: sparse
-// files of the real size, records read and written at their offsets, read
-// back by the service tool, and containers decrypted by the openssl
-// command-line tool, independently of the daemon's code.
+// files of the real size, records read and written at their offsets, and
+// read back by the service tool, independently of the daemon's code.
 namespace moda_blackbox {
 
 constexpr char kTestKey[] = TARNIS_SOURCE_DIR "/keys/blackbox_test_priv.pem";
 
 inline void MakeImage(const std::string& path, off_t bytes) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0) << path;
-    ASSERT_EQ(ftruncate(fd, bytes), 0);
-    close(fd);
+    ASSERT_TRUE(tarnis_test::WriteFile(path, "")) << path;
+    ASSERT_EQ(truncate(path.c_str(), bytes), 0);
 }
 
 inline std::string ReadBytes(const std::string& path, uint64_t offset, size_t len) {
@@ -58,30 +55,6 @@ void WriteRecordAt(const std::string& path, uint64_t offset, const Record& recor
 // tarnis-blackbox with `args`, its standard error joined to its output.
 inline std::string Tool(const std::string& args, int* status) {
     return tarnis_test::RunShell(std::string(TARNIS_BUILD_DIR) + "/tarnis-blackbox " + args + " 2>&1", status);
-}
-
-// The plain database of a container: the key unwrapped with `openssl
-// pkeyutl`, the data decrypted with `openssl enc`, cut to the stored size.
-inline std::string DecryptWithOpenssl(const std::string& container) {
-    tarnis_test::TempDir dir;
-    const size_t plain = std::stoul(container.substr(0, 16).c_str());
-    const size_t padded = std::stoul(container.substr(16, 16).c_str());
-    EXPECT_EQ(container.size(), padded + 288);
-    tarnis_test::WriteFile(dir.Sub("data"), container.substr(32, padded));
-    tarnis_test::WriteFile(dir.Sub("wrapped"), container.substr(32 + padded, 256));
-    int status = -1;
-    tarnis_test::RunShell(std::string("openssl pkeyutl -decrypt -inkey ") + kTestKey + " -in " + dir.Sub("wrapped") +
-                                  " -out " + dir.Sub("key"),
-                          &status);
-    EXPECT_EQ(status, 0);
-    const std::string key = tarnis_test::ReadFile(dir.Sub("key"));
-    EXPECT_EQ(key.size(), 32u);
-    tarnis_test::RunShell("openssl enc -d -aes-256-cbc -nopad -K " + tarnis_test::Hex(key) + " -iv " +
-                                  tarnis_test::Hex("k3vTq9ZpLw2xR8nB") + " -in " + dir.Sub("data") + " -out " +
-                                  dir.Sub("plain"),
-                          &status);
-    EXPECT_EQ(status, 0);
-    return tarnis_test::ReadFile(dir.Sub("plain")).substr(0, plain);
 }
 
 }  // namespace moda_blackbox

@@ -10,7 +10,6 @@
 #include "modules/LogManager/JsonHelper.h"
 #include "modules/LogManager/LogConfig.h"
 #include "modules/LogManager/LogManagerUtil.h"
-#include "tests/support/TempDir.h"
 #include "utils/JsonUtil.h"
 
 namespace {
@@ -41,29 +40,15 @@ std::vector<std::string> FolderNames(const std::vector<LogConfig>& list) {
     return names;
 }
 
-TEST(LogConfigTest, EveryKeyReachesItsOwnMember) {
+// The other keys show where they lead in the module's suite; these do not.
+TEST(LogConfigTest, KeysTheModuleSuiteCannotTellApartAndTheLargestNumbers) {
     LogConfig record;
     std::string why;
-    ASSERT_TRUE(ReadRecord(R"({"folderName":"n","folderPath":"/p","children":[{"folderName":"c"}],
-        "compress":true,"delayCompress":false,"pushEventOnly":true,"watchSSRRamdumpHack":false,"inVendor":true,
-        "maxSize":18446744073709551615,"reuseMaxSize":2,"maxValidDay":3,"compressLatestAfterSec":4294967295,
-        "maxLogNumber":6,"unknown":[1,2]})",
-                           record, &why))
-        << why;
-    EXPECT_EQ(record.folderName, "n");
-    EXPECT_EQ(record.folderPath, "/p");
-    ASSERT_EQ(record.children.size(), 1u);
-    EXPECT_EQ(record.children[0].folderName, "c");
-    EXPECT_TRUE(record.compress);
-    EXPECT_FALSE(record.delayCompress);
-    EXPECT_TRUE(record.pushEventOnly);
-    EXPECT_FALSE(record.watchSSRRamdumpHack);
-    EXPECT_TRUE(record.inVendor);
+    ASSERT_TRUE(ReadRecord(R"({"delayCompress":true,"maxSize":18446744073709551615,
+        "compressLatestAfterSec":4294967295,"unknown":[1,2]})", record, &why)) << why;
+    EXPECT_TRUE(record.delayCompress);
     EXPECT_EQ(record.maxSize, UINT64_MAX);
-    EXPECT_EQ(record.reuseMaxSize, 2u);
-    EXPECT_EQ(record.maxValidDay, 3u);
     EXPECT_EQ(record.compressLatestAfterSec, UINT32_MAX);
-    EXPECT_EQ(record.maxLogNumber, 6u);
 }
 
 TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText) {
@@ -80,10 +65,7 @@ TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText)
         {R"({"folderName":{ "x" : 1, "y":[true] }})", true, "{\"x\":1,\"y\":[true]}\n"},
         {R"({"folderPath":-2.5})", true, "-2.5\n"},
         {R"({"folderName":true})", false, ""},
-        {R"({"folderPath":["a"]})", false, ""},
         {R"({"maxSize":-1})", false, ""},
-        {R"({"maxSize":1.5})", false, ""},
-        {R"({"maxSize":"1"})", false, ""},
         {R"({"maxSize":null})", false, ""},
         {R"({"maxSize":2.0})", true, ""},
         {R"({"reuseMaxSize":18446744073709551616})", false, ""},
@@ -92,7 +74,6 @@ TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText)
         {R"({"compressLatestAfterSec":-1})", false, ""},
         {R"({"compress":1})", false, ""},
         {R"({"inVendor":null})", false, ""},
-        {R"({"delayCompress":"true"})", false, ""},
         {R"({"children":null})", false, ""},
         {R"({"children":{"folderName":"a"}})", false, ""},
         {R"({"children":[{"maxSize":-1}]})", false, ""},
@@ -110,10 +91,6 @@ TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText)
     std::string why;
     EXPECT_FALSE(ReadRecord("[1]", record, &why));
     EXPECT_NE(why.find("not a JSON object"), std::string::npos) << why;
-    EXPECT_FALSE(ReadRecord(R"({"maxSize":-1})", record, &why));
-    EXPECT_NE(why.find("\"maxSize\""), std::string::npos) << why;
-    EXPECT_NE(why.find("maxSize must be a whole number from 0 to 18446744073709551615, not -1"), std::string::npos)
-        << why;
     EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record,
                             &why));
     EXPECT_NE(why.find("children[1] (folderName \"y\")"), std::string::npos) << why;
@@ -129,8 +106,6 @@ TEST(LogConfigTest, ListsStopAtTheFirstBadRecord) {
     std::vector<LogConfig> out{LogConfig{}};
     EXPECT_TRUE(JsonHelper::JsonToObject(out, Parse("[]")));
     EXPECT_TRUE(out.empty());
-    EXPECT_FALSE(JsonHelper::JsonToObject(out, Json::Value()));
-    EXPECT_FALSE(JsonHelper::JsonToObject(out, Parse(R"({"folderName":"a"})")));
 
     const Json::Value list = Parse(R"([{"folderName":"a"},{"folderName":"b","compress":1},{"folderName":"c"}])");
     EXPECT_FALSE(JsonHelper::JsonToObject(out, list));
@@ -139,9 +114,6 @@ TEST(LogConfigTest, ListsStopAtTheFirstBadRecord) {
     platform::LogCapture log;
     const std::vector<LogConfig> kept = LogManagerUtil::GenerateConfigList(list);
     EXPECT_EQ(FolderNames(kept), std::vector<std::string>{"a"});
-    EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
-    log.Clear();
-    EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse(R"({"folderName":"a"})")).empty());
     EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
     log.Clear();
     EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse("[]")).empty());
@@ -155,7 +127,6 @@ TEST(LogConfigTest, FullPathsFollowRootsAndParents) {
         {"folderName":"p","folderPath":"/x/y","children":[{"folderName":"q"},{"folderName":"r","folderPath":"/z"}]}
     ])"));
     ASSERT_EQ(list.size(), 3u);
-    EXPECT_EQ(list[0].parent, nullptr);
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0], false), "/data/nuvilog/bsp/a");
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0], true), "/data/vendor/bsplog/a");
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0].children[0], false), "/data/nuvilog/bsp/a/b");
@@ -175,8 +146,6 @@ TEST(LogConfigTest, FullPathsFollowRootsAndParents) {
     LogManagerUtil::SetParents(list);
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[0].children[0], false), "/data/nuvilog/bsp/a/b");
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(child, false), "/data/nuvilog/bsp/a/b");
-    ASSERT_NE(list[0].children[0].parent, nullptr);
-    EXPECT_TRUE(list[0].children[0].parent->children.empty());
 }
 
 TEST(LogConfigTest, LookupGoesRecordByRecordEachBeforeItsChildren) {
@@ -210,28 +179,22 @@ TEST(LogConfigTest, LookupGoesRecordByRecordEachBeforeItsChildren) {
     EXPECT_TRUE(log.HasLine("[GetConfigByFolderName] ERR! config not found for nothing", kTag, ANDROID_LOG_ERROR));
 }
 
-class ReadConfigFileTest : public ::testing::Test {
+// The configuration file's text, as the module reads it.
+class ConfigTextTest : public ::testing::Test {
 protected:
-    bool Read(const std::string& content) {
-        const std::string path = dir_.Sub("log_config.json");
-        EXPECT_TRUE(tarnis_test::WriteFile(path, content));
-        return LogManagerUtil::ReadConfigFile(path, &out_, &json_, &why_);
+    bool Read(const std::string& text) {
+        return LogManagerUtil::ParseConfigText(text, "log_config.json", &out_, &json_, &why_);
     }
 
-    tarnis_test::TempDir dir_;
     std::vector<LogConfig> out_{LogConfig{}};
     Json::Value json_{1};
     std::string why_;
 };
 
-TEST_F(ReadConfigFileTest, UnusableFilesAreNamedWithTheReason) {
-    const std::string missing = dir_.Sub("missing.json");
-    EXPECT_FALSE(LogManagerUtil::ReadConfigFile(missing, &out_, &json_, &why_));
-    EXPECT_EQ(why_, "log configuration " + missing + " is not readable: No such file or directory");
+TEST_F(ConfigTextTest, UnusableTextIsNamedWithTheReason) {
+    EXPECT_FALSE(Read("[{\"folderName\":"));
     EXPECT_TRUE(out_.empty());
     EXPECT_TRUE(json_.isNull());
-
-    EXPECT_FALSE(Read("[{\"folderName\":"));
     EXPECT_NE(why_.find("log_config.json is not JSON: not valid JSON at byte"), std::string::npos) << why_;
 
     platform::LogCapture log;
@@ -241,7 +204,7 @@ TEST_F(ReadConfigFileTest, UnusableFilesAreNamedWithTheReason) {
     EXPECT_TRUE(log.HasLine("[ReadConfigFile] " + why_, kTag, ANDROID_LOG_ERROR));
 }
 
-TEST_F(ReadConfigFileTest, BadRecordsAreSkippedAndTheGoodOnesKept) {
+TEST_F(ConfigTextTest, BadRecordsAreSkippedAndTheGoodOnesKept) {
     EXPECT_TRUE(Read(R"([{"folderName":"a","children":[{"folderName":"b"}]}])"));
     EXPECT_EQ(why_, "");
     ASSERT_EQ(out_.size(), 1u);
@@ -252,7 +215,7 @@ TEST_F(ReadConfigFileTest, BadRecordsAreSkippedAndTheGoodOnesKept) {
     EXPECT_EQ(FolderNames(out_), (std::vector<std::string>{"a", "d"}));
     ASSERT_EQ(out_[1].children.size(), 1u);
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out_[1].children[0], false), "/data/nuvilog/bsp/d/e");
-    EXPECT_NE(why_.find(dir_.Sub("log_config.json")), std::string::npos) << why_;
+    EXPECT_EQ(why_.rfind("log_config.json: ", 0), 0u) << why_;
     EXPECT_NE(why_.find("record 1 (folderName \"b\") skipped: member \"maxSize\" has the wrong type: maxSize must be "
                         "a whole number from 0 to 18446744073709551615, not -1"),
               std::string::npos)

@@ -24,9 +24,7 @@
 #include <dorva/DorvaServiceManager.h>
 #include <log/log.h>
 
-#include "framework/BroadcastReceiver.h"
 #include "framework/Intent.h"
-#include "framework/IntentFilter.h"
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
@@ -74,8 +72,15 @@ int64_t StatSize(const std::string& path) {
 
 class LogManagerTest : public tarnis_test::ModuleTest {
 protected:
+    // This end holds the system internal service (as the fixture sets up), so
+    // what the module sends across reaches the vendor peer.
+    void SetUp() override {
+        ModuleTest::SetUp();
+        ASSERT_EQ(AServiceManager_addService(peer_->asBinder().get(), kPeer.c_str()), STATUS_OK);
+    }
     void TearDown() override {
         known_.clear();
+        android::ServiceManager::instance().removeService(kPeer);
         ModuleTest::TearDown();
     }
 
@@ -100,7 +105,6 @@ protected:
 
     // As WaitIdle, over the loopers there were before the listener.
     void Settle() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         const auto snapshot = [this](std::vector<uint64_t>* counts) {
             counts->clear();
             for (const auto& looper : known_) {
@@ -110,14 +114,11 @@ protected:
             return true;
         };
         std::vector<uint64_t> first, second;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (snapshot(&first)) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-                if (snapshot(&second) && first == second) return;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        FAIL() << "threads still busy";
+        ASSERT_TRUE(tarnis_test::WaitFor([&] {
+            if (!snapshot(&first)) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            return snapshot(&second) && first == second;
+        })) << "threads still busy";
     }
     void Advance(int64_t ms) {
         clock_.Advance(ms);
@@ -146,6 +147,21 @@ protected:
         return out;
     }
 
+    // The configurations the peer was told of, in order.
+    std::vector<Json::Value> Announced() {
+        std::lock_guard<std::mutex> guard(peer_->lock);
+        std::vector<Json::Value> out;
+        for (const auto& [action, json] : peer_->got) {
+            EXPECT_EQ(action, "velmar.tarnis.logmgr.config_changed");
+            Json::Value root;
+            EXPECT_TRUE(Json::Reader().parse(json, root)) << json;
+            out.push_back(root["extras"][0]["value"]);
+        }
+        return out;
+    }
+
+    const std::string kPeer = std::string(tarnis_test::RecordingPeer::descriptor) + "/default";
+    const std::shared_ptr<tarnis_test::RecordingPeer> peer_ = ndk::SharedRefBase::make<tarnis_test::RecordingPeer>();
     std::vector<std::shared_ptr<TarnisLooper>> known_;
 };
 
@@ -238,9 +254,6 @@ TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) 
     Start("[" + Record("demo_age", "\"maxValidDay\":10") + "]");
     EXPECT_EQ(List(Bsp("demo_age")),
               (std::vector<std::string>{"2025-11-05_undated", "2025-11-10-00-00-00", "2025-12-25_00-00-00"}));
-    EXPECT_TRUE(log_.HasLine("CompareTimeStrExpired folderName is empty", kTag, ANDROID_LOG_DEBUG));
-    EXPECT_TRUE(log_.HasLine("[matchedDate] 2025-11-01_00-00-00 find date: 2025-11-01_00-00-00 in file name", kTag,
-                             ANDROID_LOG_DEBUG));
 
     // Without the undated entry, and ten days later, the dated ones age out.
     ASSERT_EQ(unlink(Bsp("demo_age/2025-11-05_undated").c_str()), 0);
@@ -286,18 +299,11 @@ TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
     EXPECT_EQ(List(Bsp("demo_ramdump")),
               (std::vector<std::string>{"notes.txt", "ramdump_2025-11-01_10-00-00.elf",
                                         "ramdump_modem_2025-11-2_9-0-0_x.elf", "ramdump_x_2025-11-03_10-00-00"}));
-    EXPECT_TRUE(log_.HasLine("[CheckAndClean] OldRamdumpFileFormatHack: fileName notes.txt not matched regex, skip!",
-                             kTag, ANDROID_LOG_DEBUG));
-    EXPECT_TRUE(log_.HasLine("[CheckAndClean] OldRamdumpFileFormatHack: fileName ramdump_x_2025-11-03_10-00-00 not "
-                             "matched regex, skip!",
-                             kTag, ANDROID_LOG_DEBUG));
 
     // A record with children is cleaned only through them.
     EXPECT_EQ(List(Bsp("demo_parent/a")), Dated({3}));
     EXPECT_EQ(List(Bsp("demo_parent/b")), Dated({2, 3}));
     EXPECT_EQ(List(Bsp("demo_parent")), (std::vector<std::string>{"a", "b", "loose.txt"}));
-    EXPECT_TRUE(log_.HasLine("[CheckAndClean] found children items, ignore master folder clean", kTag,
-                             ANDROID_LOG_DEBUG));
 
     // pushEventOnly reports a directory over its size and deletes nothing.
     EXPECT_EQ(List(Bsp("demo_push")).size(), 2u);
@@ -311,9 +317,6 @@ TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
     EXPECT_EQ(tarnis_test::ReadFile(outside.Sub("secret/keep.txt")), "precious");
     EXPECT_EQ(List(outside.Sub("secret")), (std::vector<std::string>{"keep.txt"}));
     EXPECT_EQ(List(Bsp("demo_link")), (std::vector<std::string>{"2025-06-01_link", "2025-12-01_00-00-00.zip"}));
-    struct stat st {};
-    ASSERT_EQ(lstat(Bsp("demo_link/2025-06-01_link").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode));
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Only directory with date named is allowed, but unknown file "
                              "2025-06-01_link was detected!!",
                              kTag, ANDROID_LOG_WARN));
@@ -357,15 +360,14 @@ TEST_F(LogManagerTest, CompressionPacksAllButTheNewestWithoutStartingAnotherChec
 TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
     Start("[" + Record("demo_delay", "\"compress\":true,\"compressLatestAfterSec\":60,\"maxLogNumber\":9") + "]");
     const auto entry = [this](int i) { return Bsp("demo_delay/" + Dated(i)); };
+    const auto zip = [](int i) { return Dated(i) + ".zip"; };
     ASSERT_EQ(mkdir(entry(1).c_str(), 0755), 0);
     WaitChecks("demo_delay", 1);
-    EXPECT_TRUE(Exists(entry(1)));
     Advance(59000);
-    EXPECT_FALSE(Exists(entry(1) + ".zip"));
+    EXPECT_EQ(List(Bsp("demo_delay")), Dated({1}));
     Advance(1000);
     EXPECT_TRUE(log_.HasLine("[operator()] delayed compress task running for " + entry(1), kTag, ANDROID_LOG_INFO));
-    EXPECT_TRUE(Exists(entry(1) + ".zip"));
-    EXPECT_FALSE(Exists(entry(1)));
+    EXPECT_EQ(List(Bsp("demo_delay")), std::vector<std::string>{zip(1)});
 
     // A newer entry brings the pending one forward at once.
     ASSERT_EQ(mkdir(entry(2).c_str(), 0755), 0);
@@ -374,12 +376,9 @@ TEST_F(LogManagerTest, DelayedCompressionWaitsForTheClockOrTheNextEntry) {
     WaitChecks("demo_delay", 3);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Last delay compress is not trigger, trigger it directly", kTag));
     EXPECT_TRUE(log_.HasLine("[operator()] delayed compress task running for " + entry(2), kTag, ANDROID_LOG_INFO));
-    EXPECT_TRUE(Exists(entry(2) + ".zip"));
-    EXPECT_FALSE(Exists(entry(2)));
-    EXPECT_TRUE(Exists(entry(3)));
+    EXPECT_EQ(List(Bsp("demo_delay")), (std::vector<std::string>{zip(1), zip(2), Dated(3)}));
     Advance(60000);
-    EXPECT_TRUE(Exists(entry(3) + ".zip"));
-    EXPECT_FALSE(Exists(entry(3)));
+    EXPECT_EQ(List(Bsp("demo_delay")), (std::vector<std::string>{zip(1), zip(2), zip(3)}));
 }
 
 TEST_F(LogManagerTest, LimitsOverByWhatCannotBeRemovedEndTheCheckWithoutCompressionOrReport) {
@@ -395,9 +394,6 @@ TEST_F(LogManagerTest, LimitsOverByWhatCannotBeRemovedEndTheCheckWithoutCompress
         }
     } release{fd.get()};
     Start("[" + Record("demo_stuck", "\"maxSize\":1,\"compress\":true") + "]");
-    EXPECT_TRUE(log_.HasLine("[CheckAndClean] " + std::string(kBsp) +
-                                 "/demo_stuck is clean, should not enter clean loop again!",
-                             kTag, ANDROID_LOG_DEBUG));
     EXPECT_EQ(List(Bsp("demo_stuck")), Dated({1}));
     EXPECT_TRUE(Reports().empty());
 }
@@ -413,15 +409,12 @@ TEST_F(LogManagerTest, ReusePartitionTakesWhatFitsAndAnOversizedEntryEndsTheClea
                              ANDROID_LOG_INFO));
     EXPECT_FALSE(Exists(reuse + "/2025-12-01_00-00-00"));
     EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-02_00-00-00", "2025-12-03_00-00-00"}));
-    EXPECT_TRUE(log_.HasLine("[CheckAndClean] isReuseOpen 1", kTag, ANDROID_LOG_DEBUG));
 
     Write(Bsp("demo_reuse/2025-12-04_00-00-00"), std::string(3000, '4'));
     WaitChecks("demo_reuse", 1);
     EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-04_00-00-00"}));
     EXPECT_EQ(tarnis_test::ReadFile(reuse + "/2025-12-02_00-00-00"), std::string(3000, '2'));
     EXPECT_EQ(tarnis_test::ReadFile(reuse + "/2025-12-03_00-00-00"), std::string(3000, '3'));
-    // Read at the check's start, before each reuse deletion step and each copy.
-    EXPECT_EQ(log_.Count("[CheckAndClean] isReuseOpen 1", kTag), 6u);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Move file " + std::string(kBsp) +
                                  "/demo_reuse/2025-12-02_00-00-00 to A/B reused partition "
                                  "/mnt/reuse/bsplog/demo_reuse/2025-12-02_00-00-00 succeed, moved size 3000 bytes.",
@@ -465,7 +458,6 @@ TEST_F(LogManagerTest, RecordsLeadingOutOfTheirRootOrPastTheirRangesAreRefusedAn
     tarnis_test::TempDir outside;
     ASSERT_EQ(system(("mkdir -p '" + Staged("") + "'").c_str()), 0);
     ASSERT_EQ(symlink(outside.Sub("O").c_str(), Staged("lnkparent").c_str()), 0);
-    ASSERT_EQ(symlink(outside.Sub("L").c_str(), Staged("lnklast").c_str()), 0);
     struct Case {
         std::string record, victimDir, line;
     } cases[] = {
@@ -477,15 +469,13 @@ TEST_F(LogManagerTest, RecordsLeadingOutOfTheirRootOrPastTheirRangesAreRefusedAn
          "record \"/data/other\": \"/data/other\" is not below a managed log root"},
         {"{\"folderPath\":\"" + std::string(kBsp) + "/lnkparent/victimdir\",\"maxLogNumber\":1}",
          outside.Sub("O/victimdir"), "/lnkparent/victimdir\" passes through a symbolic link"},
-        {"{\"folderPath\":\"" + std::string(kBsp) + "/lnklast\",\"maxLogNumber\":1}", outside.Sub("L"),
-         "/lnklast\" passes through a symbolic link"},
         // 2^54 KiB: shifted to bytes it would wrap to a limit of 0.
         {Record("demo_wrap", "\"maxSize\":18014398509481984"), Staged("demo_wrap"),
          "record \"demo_wrap\": maxSize 18014398509481984 is out of range (at most 18014398509481983)"},
     };
-    // Records that do not read at all are named, and skipped.
+    // A record that does not read at all is named, and skipped.
     std::string config = "[" + Record("demo_ok", "\"maxLogNumber\":1") + "," +
-                         Record("demo_bad", "\"maxLogNumber\":\"three\"") + ",{\"maxLogNumber\":3}";
+                         Record("demo_bad", "\"maxLogNumber\":\"three\"");
     for (const Case& c : cases) {
         for (int i = 1; i <= 3; ++i) Write(c.victimDir + "/" + Dated(i), "v");
         config += "," + c.record;
@@ -498,12 +488,9 @@ TEST_F(LogManagerTest, RecordsLeadingOutOfTheirRootOrPastTheirRangesAreRefusedAn
         EXPECT_TRUE(log_.Contains(c.line, kTag, ANDROID_LOG_ERROR)) << c.line;
     }
     EXPECT_EQ(List(Bsp("demo_ok")), Dated({3}));
-    EXPECT_NE(tarnis_test::LineMatching(log_,
-                                        "\\[initConfig\\] .*log_config\\.json.*record 1 \\(folderName \"demo_bad\"\\)"
-                                        ".*maxLogNumber.*record 2 .*",
-                                        kTag, ANDROID_LOG_ERROR),
-              "")
-            << "no line names the file and the broken records";
+    const std::string skipped = "record 1 \\(folderName \"demo_bad\"\\) skipped: member \"maxLogNumber\" .*";
+    EXPECT_NE(tarnis_test::LineMatching(log_, "\\[initConfig\\] .*log_config\\.json.* " + skipped, kTag,
+                                        ANDROID_LOG_ERROR), "");
 
     // Not watched through the link: an entry made there starts no check. Events
     // come in order, so once the watched directory's check ran, one would have.
@@ -550,59 +537,20 @@ TEST_F(LogManagerTest, ConfigAppendFromTheWireAddsAWatchedDirectory) {
     EXPECT_TRUE(log_.Contains("[operator()] obj is not a valid LogConfig! e.what ", kTag, ANDROID_LOG_ERROR));
 }
 
-// Keeps each "config" extra of the config_changed broadcast, while registered.
-class ConfigChangedReceiver : public velmar::kolto::BroadcastReceiver {
-public:
-    ConfigChangedReceiver() {
-        velmar::kolto::InternalBroadcastManager::registerReceiver(
-                this, velmar::kolto::IntentFilter({"velmar.tarnis.logmgr.config_changed"}));
-    }
-    ~ConfigChangedReceiver() override { velmar::kolto::InternalBroadcastManager::unregisterReceiver(this); }
-    void onReceive(velmar::kolto::Intent intent) const override {
-        std::lock_guard<std::mutex> guard(lock_);
-        got_.push_back(intent.getExtra("config", Json::Value()));
-    }
-    std::vector<Json::Value> Got() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return got_;
-    }
-
-private:
-    mutable std::mutex lock_;
-    mutable std::vector<Json::Value> got_;
-};
-
 TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
-    ConfigChangedReceiver changed;
     Start("{\"folderName\": \"demo_object\"}");
     Settle();
     EXPECT_FALSE(log_.HasLine("[initConfig] Config is invalid!!", kTag, ANDROID_LOG_ERROR));
-    ASSERT_EQ(changed.Got().size(), 1u);
-    EXPECT_TRUE(changed.Got()[0].isObject());
+    ASSERT_EQ(Announced().size(), 1u);
+    EXPECT_EQ(Announced()[0]["folderName"].asString(), "demo_object");
     EXPECT_EQ(Dump({"LogManager"}).find("not running"), std::string::npos);
 }
 
 TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
-    ConfigChangedReceiver changed;
-    // This end holds the system internal service (as the fixture sets up),
-    // so the vendor peer hears the announcement too.
-    using Peer = tarnis_test::RecordingPeer;
-    auto peer = ndk::SharedRefBase::make<Peer>();
-    const std::string peerName = std::string(Peer::descriptor) + "/default";
-    ASSERT_EQ(AServiceManager_addService(peer->asBinder().get(), peerName.c_str()), STATUS_OK);
     Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
     EXPECT_TRUE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
-    ASSERT_EQ(changed.Got().size(), 1u);
-    EXPECT_EQ(changed.Got()[0][0]["folderName"].asString(), "demo_first");
-    {
-        std::lock_guard<std::mutex> guard(peer->lock);
-        EXPECT_EQ(peer->got.size(), 1u);
-        for (const auto& [action, json] : peer->got) {
-            EXPECT_EQ(action, "velmar.tarnis.logmgr.config_changed");
-            EXPECT_NE(json.find("demo_first"), std::string::npos) << json;
-        }
-    }
-    android::ServiceManager::instance().removeService(peerName);
+    ASSERT_EQ(Announced().size(), 1u);
+    EXPECT_EQ(Announced()[0][0]["folderName"].asString(), "demo_first");
 
     Write(Device("/system_ext/etc/tarnsys/log_config.json"),
           "[" + Record("demo_first", "\"maxLogNumber\":1") + "," + Record("demo_second", "\"maxLogNumber\":1") + "]");
@@ -612,10 +560,9 @@ TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
     Settle();
     EXPECT_TRUE(log_.HasLine("[onReceive] action velmar.tarnis.logmgr.vendor_is_ready", "Tarnis-onReceive",
                              ANDROID_LOG_INFO));
-    EXPECT_TRUE(log_.HasLine("[operator()] Vendor ready!", kTag, ANDROID_LOG_DEBUG));
     EXPECT_FALSE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
-    ASSERT_EQ(changed.Got().size(), 2u);
-    EXPECT_EQ(changed.Got()[1][1]["folderName"].asString(), "demo_second");
+    ASSERT_EQ(Announced().size(), 2u);
+    EXPECT_EQ(Announced()[1][1]["folderName"].asString(), "demo_second");
     for (int i = 1; i <= 2; ++i) {
         Write(Bsp("demo_second/" + Dated(i)), "x");
         WaitChecks("demo_second", i);
