@@ -127,7 +127,6 @@ protected:
         return result.get();
     }
     int64_t ElapsedMs() { return clock_.SteadyNowMs() - TestClock::kStartSteadyMs; }
-    // The names of the captures made so far, from their completion lines.
     std::vector<std::string> Captures() {
         const std::string prefix = "Capture lite bugreport complete: " + dir_ + "/";
         std::vector<std::string> names;
@@ -238,7 +237,6 @@ TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
         EXPECT_TRUE(log_.HasLine("An invalid string was read: " + word, kBm, kW));
     }
     EXPECT_EQ(log_.Count("note boot count: 0", kBm, kI), 2u);
-    EXPECT_EQ(log_.Count("Boot successfully, so BootMonitor exiting.", kBm, kW), 2u);
     EXPECT_FALSE(log_.Contains("boot time:"));
     EXPECT_FALSE(Exists(count_));
     EXPECT_EQ(ElapsedMs(), 0);
@@ -357,7 +355,6 @@ protected:
         pread(fd.get(), &header, sizeof(header), blackbox::kBootMonitorHeaderOffset);
         return header.reported;
     }
-    // A whole log area copied out, as a regular file of its own.
     void ExpectArea(const std::string& name, size_t size) {
         const std::string content = ReadFile(dir_ + name);
         ASSERT_EQ(content.size(), size) << name;
@@ -440,7 +437,6 @@ TEST_F(BootFailReportTest, EachKindOfRecordBringsItsOwnLogs) {
     EXPECT_TRUE(log_.HasLine("open black_box_log partition fail, error: Too many levels of symbolic links", "", kE));
 }
 
-// The listener's loop, fed through one end of a datagram pair.
 TEST_F(BootFailReportTest, ListenerActsOnBootStageTimeoutsOnly) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair), 0);

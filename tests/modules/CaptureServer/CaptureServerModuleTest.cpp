@@ -103,11 +103,6 @@ protected:
         ASSERT_TRUE(WriteFile(path, script));
         ASSERT_EQ(chmod(path.c_str(), 0755), 0);
     }
-    // Enough incompressible text for an archive well over 1,024 bytes.
-    void MakeCaptureLarge() { RunShell("head -c 6000 /dev/urandom | base64 > '" + Device("/big") + "'"); }
-
-    // Sends `bytes` on a fresh connection and returns all the server answers
-    // before it closes the connection.
     std::string Exchange(const std::string& bytes) {
         unique_fd fd(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
         EXPECT_TRUE(fd.ok()) << strerror(errno);
@@ -126,7 +121,6 @@ protected:
         return Exchange(std::string{0, 0, 0, static_cast<char>(name.size())} + name);
     }
 
-    // The capture path the last "dorvad dump to" line named.
     std::string LastCapturePath() {
         std::string path;
         for (const platform::LogLine& line : log_.Lines()) {
@@ -198,7 +192,7 @@ TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacesItsKindAndEnds
     EXPECT_EQ(RunShell("cd '" + dir + "' && ls"), planted);
 
     log_.Clear();
-    MakeCaptureLarge();
+    RunShell("head -c 6000 /dev/urandom | base64 > '" + Device("/big") + "'");  // an archive well over 1,024 bytes
     android::base::SetProperty("sys.rescue_party_failed_package", "com.example.app");
     ASSERT_EQ(Request("BootFailure"), "finish");
     const std::string kept = LastCapturePath() + ".zip";
