@@ -156,8 +156,12 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteAndLandInTheir
     EXPECT_EQ(LastCapturePath().substr(0, vold.size()), vold);
     EXPECT_TRUE(log_.HasLine("dorvad dump to: " + LastCapturePath() + "\n", kTag, ANDROID_LOG_INFO));
     EXPECT_EQ(ModeOf(Device("/data/nuvilog/stability/reboot/VoldFailed")), S_IFDIR | 0775u);
-    // The secure-world logs are missing here, so they cannot be made readable.
+    // The secure-world logs are missing here, so they cannot be made readable;
+    // with no log daemon running they are the kernel's. No package failed.
     EXPECT_TRUE(log_.HasLine("chmod failed: No such file or directory\n", kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("run_command: cat " + Device("/proc/tzdbg/qsee_log") + "\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_TRUE(log_.HasLine("run_command: cat " + Device("/proc/tzdbg/log") + "\n", "dorvad", ANDROID_LOG_ERROR));
+    EXPECT_FALSE(log_.Contains("run_command: dumpsys package"));
 
     // Names that are not plain are refused, yet answered, and nothing is made.
     log_.Clear();
@@ -194,40 +198,28 @@ TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacesItsKindAndEnds
     log_.Clear();
     RunShell("head -c 6000 /dev/urandom | base64 > '" + Device("/big") + "'");  // an archive well over 1,024 bytes
     android::base::SetProperty("sys.rescue_party_failed_package", "com.example.app");
+    android::base::SetProperty("init.svc.qseelogd", "running");
     ASSERT_EQ(Request("BootFailure"), "finish");
     const std::string kept = LastCapturePath() + ".zip";
     EXPECT_GE(ReadFile(kept).size(), 1024u);
     EXPECT_FALSE(log_.Contains("log too small"));
     EXPECT_EQ(RunShell("cd '" + dir + "' && ls"),
               kept.substr(kept.rfind('/') + 1) + "\nVoldFailed_1.zip\nnotes.txt\n");
-    // The failed package's state is dumped last.
-    const std::string text = RunShell("unzip -p '" + kept + "' '*BootFailure_host_7_*'");
-    const size_t package = text.find("DUMPSYS PACKAGE\n");
-    ASSERT_NE(package, std::string::npos) << text;
-    EXPECT_LT(text.find("SPRD SECURITY LOG\n"), package);
-    EXPECT_NE(text.find("dumpsys package com.example.app\n", package), std::string::npos) << text;
-    EXPECT_EQ(text.find("SECURITY LOG\n", package), std::string::npos);  // nothing of the twelve steps follows it
-}
-
-// The steps, without the package when none failed; the log daemon's copies of
-// the secure-world logs while it runs, the kernel's otherwise.
-TEST_F(CaptureServerModuleTest, SecureLogsFollowTheirDaemon) {
-    android::base::SetProperty("sys.rescue_party_failed_package", "");
-    android::base::SetProperty("init.svc.qseelogd", "running");
-    CaptureServerThread worker;
-    std::vector<android::DumpAction> steps = worker.CaptureSteps();
-    ASSERT_EQ(steps.size(), 12u);
-    EXPECT_EQ(steps[3].title, "MAIN,SYSTEM,EVENTS,CRASH LOGS");
-    EXPECT_EQ(steps[3].timeout, 10);
-    EXPECT_EQ(steps[8].command, (std::vector<std::string>{"cat", Device("/data/cache/qseelog/qsee_log_00")}));
-    EXPECT_EQ(steps[8].timeout, 4);
-    EXPECT_EQ(steps[9].command, (std::vector<std::string>{"cat", Device("/data/cache/qseelog/tzlog_00")}));
-    EXPECT_EQ(steps[10].command, (std::vector<std::string>{"cat", Device("/mnt/rescue/dorva/") + "/zeltee.log"}));
-    EXPECT_EQ(steps[11].command, (std::vector<std::string>{"cat", Device("/dev/trusty-log0")}));
-    android::base::SetProperty("init.svc.qseelogd", "stopped");
-    steps = worker.CaptureSteps();
-    EXPECT_EQ(steps[8].command[1], Device("/proc/tzdbg/qsee_log"));
-    EXPECT_EQ(steps[9].command[1], Device("/proc/tzdbg/log"));
+    // Each step under its heading, with its time-out; the secure-world logs
+    // are the log daemon's copies while it runs; the failed package's last.
+    EXPECT_EQ(RunShell("unzip -p '" + kept + "' '*BootFailure_host_7_*' | grep -B1 --no-group-separator '^------ ('"),
+              "UPTIME\n------ (uptime -p) in 1s ------\nFILESYSTEMS & FREE SPACE\n------ (df) in 1s ------\n"
+              "FILESYSTEMS & FREE INODES\n------ (df -i) in 1s ------\n"
+              "MAIN,SYSTEM,EVENTS,CRASH LOGS\n------ (logcat -b main,system,events,crash -v uid -d *:v) in 10s ------\n"
+              "DROPBOX SYSTEM SERVER CRASHES\n------ (dumpsys dropbox -p system_server_crash) in 1s ------\n"
+              "DROPBOX SYSTEM SERVER WATCHDOG\n------ (dumpsys dropbox -p system_server_watchdog) in 1s ------\n"
+              "DROPBOX SYSTEM APP CRASHES\n------ (dumpsys dropbox -p system_app_crash) in 1s ------\n"
+              "SYSTEM PROPERTIES\n------ (getprop) in 1s ------\n"
+              "SECURITY QSEE LOG\n------ (cat " + Device("/data/cache/qseelog/qsee_log_00") + ") in 4s ------\n"
+              "SECURITY TZ LOG\n------ (cat " + Device("/data/cache/qseelog/tzlog_00") + ") in 1s ------\n"
+              "MTK SECURITY LOG\n------ (cat " + Device("/mnt/rescue/dorva/") + "/zeltee.log) in 1s ------\n"
+              "SPRD SECURITY LOG\n------ (cat " + Device("/dev/trusty-log0") + ") in 1s ------\n"
+              "DUMPSYS PACKAGE\n------ (dumpsys package com.example.app) in 1s ------\n");
 }
 
 TEST_F(CaptureServerModuleTest, ClientsThatStallOrLeaveDoNotHoldTheServer) {
