@@ -4,12 +4,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,7 +12,6 @@
 
 #include "tests/support/ModuleTest.h"
 #include "tests/support/TempDir.h"
-#include "tests/support/WaitFor.h"
 
 namespace tarnis_test {
 
@@ -33,51 +27,14 @@ inline unsigned ModeOf(const std::string& path) {
     return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0u;
 }
 
-// A thread running a loop that the test stops. Join() waits ten seconds for
-// it: a loop that does not heed its stop ends the test program then, failed,
-// instead of holding it until ctest's limit.
-class StoppedThread {
-public:
-    explicit StoppedThread(std::function<void()> body)
-        : thread_([this, body = std::move(body)] {
-              body();
-              done_ = true;
-          }) {}
-    ~StoppedThread() { Join(); }
-    void Join() {
-        if (!thread_.joinable()) return;
-        if (!WaitFor([this] { return done_.load(); })) {
-            fprintf(stderr, "FAILED: a loop told to stop still ran ten seconds later\n");
-            abort();
-        }
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> done_{false};
-    std::thread thread_;
-};
-
 // A module suite whose module names files or schedules by local time: the
-// zone is UTC for the test and the host's is put back after it.
+// zone is UTC (each suite is a program of its own, and all of them want it).
 class ModBModuleTest : public ModuleTest {
 protected:
     void SetUp() override {
-        const char* tz = getenv("TZ");
-        hadTz_ = tz != nullptr;
-        savedTz_ = hadTz_ ? tz : "";
         setenv("TZ", "UTC", 1);
         tzset();
         ModuleTest::SetUp();
-    }
-    void TearDown() override {
-        ModuleTest::TearDown();
-        if (hadTz_) {
-            setenv("TZ", savedTz_.c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
     }
 
     // The payloads of the journal's analytics reports, parsed, each checked to
@@ -103,10 +60,6 @@ protected:
     bool Stopped(const std::string& module) {
         return Dump({"ModuleManager", "dump"}).find(module + "\t\tStopped\n") != std::string::npos;
     }
-
-private:
-    std::string savedTz_;
-    bool hadTz_ = false;
 };
 
 }  // namespace tarnis_test

@@ -82,13 +82,10 @@ protected:
               "/dev/block/dm-5 /data f2fs rw,lazytime 0 0\n/dev/block/sda10 /data f2fs rw 0 0\n");
         ASSERT_EQ(system(("mkdir -p '" + Device("/sys/block/dm-5/slaves/sda32") + "'").c_str()), 0);
         const std::map<std::string, std::string> files = {
-            {"avg_vblocks", "12\n"},          {"free_segments", freeSegs},
-            {"dirty_segments", dirtySegs},    {"lifetime_write_kbytes", "3145727\n"},
-            {"atgc_enabled", "1\n"},          {"gc_background_calls", "3\n"},
-            {"gc_foreground_calls", "4\n"},   {"moved_blocks_background", "5\n"},
-            {"moved_blocks_foreground", "6"}, {"pending_discard", "7\n"},
-            {"stat/undiscard_blks", undiscard}, {"stat/issued_discard", "8\n"},
-        };
+            {"avg_vblocks", "12\n"}, {"free_segments", freeSegs}, {"dirty_segments", dirtySegs},
+            {"lifetime_write_kbytes", "3145727\n"}, {"atgc_enabled", "1\n"}, {"gc_background_calls", "3\n"},
+            {"gc_foreground_calls", "4\n"}, {"moved_blocks_background", "5\n"}, {"moved_blocks_foreground", "6"},
+            {"pending_discard", "7\n"}, {"stat/undiscard_blks", undiscard}, {"stat/issued_discard", "8\n"}};
         for (const auto& [file, content] : files) Plant("/sys/fs/f2fs/sda32/" + file, content);
     }
     std::vector<Json::Value> Reports(std::vector<std::string>* texts = nullptr) {
