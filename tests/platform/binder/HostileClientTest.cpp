@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,19 +18,13 @@
 #include <gtest/gtest.h>
 
 #include <android-base/logging.h>
-#include <host/Host.h>
 #include <log/log.h>
 
 #include "platform/binder/BinderProcess.h"
-#include "platform/binder/BpBinder.h"
-#include "platform/binder/ServiceManager.h"
 #include "platform/binder/WireIo.h"
 #include "platform/LogCapture.h"
-#include "tests/platform/binder/EchoSsi.h"
-#include "tests/support/PlatChild.h"
+#include "tests/support/PlatBinder.h"
 #include "tests/support/ProcessCounts.h"
-#include "tests/support/TempDir.h"
-#include "tests/support/WaitFor.h"
 
 using aidl::velmar::system::tarnis::common::ITarnisSsi;
 using android::BinderProcess;
@@ -40,6 +33,7 @@ using android::ServiceManager;
 using android::WireHeader;
 using android::WireIo;
 using android::base::unique_fd;
+using tarnis_test::EchoSsi;
 using tarnis_test::PlatChild;
 using tarnis_test::ProcessCounts;
 using tarnis_test::WaitFor;
@@ -71,11 +65,10 @@ bool Served(const std::string& path) {
     return ssi != nullptr && ssi->reportSimpleEvent(0, "quiet").isOk();
 }
 
-class HostileClientTest : public ::testing::Test {
+class HostileClientTest : public tarnis_test::PlatBinderTest {
 protected:
     void SetUp() override {
-        chmod(root_.path().c_str(), 0755);  // reachable by a child that drops to another uid
-        platform::SetRoot(root_.path());
+        PlatBinderTest::SetUp();
         impl_ = ndk::SharedRefBase::make<EchoSsi>();
         ASSERT_EQ(AServiceManager_addService(impl_->asBinder().get(), kName.c_str()), STATUS_OK);
         // Two threads: one uid may take one of them, so a client that held a
@@ -103,8 +96,7 @@ protected:
         EXPECT_TRUE(ProcessCounts::Await(expected))
             << "before: " << before_.ToString() << ", after: " << ProcessCounts::Of().ToString();
         BinderProcess::self().setTimeouts(BinderProcess::Timeouts());
-        ServiceManager::instance().removeService(kName);
-        platform::SetRoot("/");
+        PlatBinderTest::TearDown();
     }
     size_t Connections() { return BinderProcess::self().usage(path_).connections; }
     size_t Buffered() { return BinderProcess::self().usage(path_).bufferedBytes; }
@@ -115,13 +107,13 @@ protected:
         timeouts.stalledMs = stalledMs;
         BinderProcess::self().setTimeouts(timeouts);
     }
-    int CallAs(uid_t uid) { return tarnis_test::RunAsUid(uid, [&] { return Served(path_) ? 0 : 1; }); }
+    int CallAs(uid_t uid) { return PlatChild(uid, [&](PlatChild&) { return Served(path_) ? 0 : 1; }).Exit(); }
+    // "dump \xc3\xa9\n" comes back: 8 bytes, as the argument crossed as UTF-16 and back.
     binder_status_t Dump(int fd) {
-        const char* args[] = {"x"};
+        const char* args[] = {"\xc3\xa9"};
         return AIBinder_dump(proxy_->asBinder().get(), fd, args, 1);
     }
 
-    tarnis_test::TempDir root_;
     std::shared_ptr<EchoSsi> impl_;
     std::string path_;
     std::shared_ptr<ITarnisSsi> proxy_;
@@ -133,18 +125,16 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     // This test process does not ignore SIGPIPE: the write into a pipe
     // without a reader would kill it if the relay let the signal through.
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    close(fds[0]);
-    EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
-    close(fds[1]);
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    close(fds[0]);
-    EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
-    close(fds[1]);
+    for (bool socket : {false, true}) {
+        int fds[2];
+        ASSERT_EQ(socket ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) : pipe2(fds, O_CLOEXEC), 0);
+        close(fds[0]);
+        EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT) << socket;
+        close(fds[1]);
+    }
     EXPECT_EQ(capture.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
                                 std::to_string(getpid()) + " uid " + std::to_string(getuid()) +
-                                ": the reader went away after 0 of 7 bytes",
+                                ": the reader went away after 0 of 8 bytes",
                             "", ANDROID_LOG_ERROR),
               2u);
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // the thread is back in the pool
@@ -178,7 +168,7 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     for (auto& t : dumps) t.join();
     EXPECT_EQ(results[0], android::TIMED_OUT);
     EXPECT_EQ(results[1], android::TIMED_OUT);
-    EXPECT_EQ(capture.Count("the output was not drained within 3000 ms; gave up after 0 of 7 bytes", "",
+    EXPECT_EQ(capture.Count("the output was not drained within 3000 ms; gave up after 0 of 8 bytes", "",
                             ANDROID_LOG_ERROR),
               2u);
     for (auto& fds : pipes) {
@@ -342,68 +332,65 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
 
 // Out of descriptors, the server pauses accepting and says so once per
 // interval, instead of retrying at full speed and logging every attempt.
-TEST(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
+using DescriptorExhaustionTest = tarnis_test::PlatBinderTest;
+
+TEST_F(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
+    const std::string errPath = root_.Sub("server.err");
+    PlatChild server(PlatChild::kSameUid, [&](PlatChild& parent) {
+        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        dup2(err, STDERR_FILENO);
+        auto impl = ndk::SharedRefBase::make<EchoSsi>();
+        if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) return 2;
+        // Logged while descriptors last and before the pool's threads start:
+        // UBSan opens a pipe the first time it checks a stream's type, and
+        // libbase makes its logging lock on the first line (tests/tsan.supp).
+        LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
+        BinderProcess::self().setMaxThreads(2);
+        ABinderProcess_startThreadPool();
+        rlimit limit{128, 128};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+        std::vector<int> fillers;
+        for (int fd; (fd = dup(STDIN_FILENO)) >= 0;) fillers.push_back(fd);
+        if (!parent.Say('y') || parent.Hear() != 'r') return 4;
+        for (int fd : fillers) close(fd);
+        return parent.Hear() == 'q' ? 0 : 5;
+    });
+    ASSERT_EQ(server.Hear(), 'y');
+    // What the refused and the returning client leave in this process.
     const ProcessCounts before = ProcessCounts::Of();
-    {
-        tarnis_test::TempDir root;
-        const std::string errPath = root.Sub("server.err");
-        PlatChild server(PlatChild::kSameUid, [&](PlatChild& parent) {
-            platform::SetRoot(root.path());
-            int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-            dup2(err, STDERR_FILENO);
-            auto impl = ndk::SharedRefBase::make<EchoSsi>();
-            if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) return 2;
-            // Logged while descriptors last and before the pool's threads start:
-            // UBSan opens a pipe the first time it checks a stream's type, and
-            // libbase makes its logging lock on the first line (tests/tsan.supp).
-            LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
-            BinderProcess::self().setMaxThreads(2);
-            ABinderProcess_startThreadPool();
-            rlimit limit{128, 128};
-            if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
-            std::vector<int> fillers;
-            for (int fd; (fd = dup(STDIN_FILENO)) >= 0;) fillers.push_back(fd);
-            if (!parent.Say('y') || parent.Hear() != 'r') return 4;
-            for (int fd : fillers) close(fd);
-            return parent.Hear() == 'q' ? 0 : 5;
-        });
-        ASSERT_EQ(server.Hear(), 'y');
-        const long cpuBefore = tarnis_test::CpuTicks(server.pid());
-        std::vector<unique_fd> flood;
-        platform::SetRoot(root.path());
-        const std::string socketPath = ServiceManager::SocketPath(kName);
-        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-             std::chrono::steady_clock::now() < end;) {
-            unique_fd conn = WireIo::Connect(socketPath, 0);
-            if (conn.ok()) flood.push_back(std::move(conn));
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        const long cpu = tarnis_test::CpuTicks(server.pid()) - cpuBefore;
-        EXPECT_LT(cpu, sysconf(_SC_CLK_TCK) / 4) << "the server spent " << cpu << " ticks in a 1 s flood";
-        // Shed clients were told why.
-        size_t told = 0;
-        for (auto& conn : flood) {
-            uint32_t status = 0;
-            android::Parcel reply;
-            std::string refusal;
-            WireIo::Receive(conn.get(), &status, &reply, 0, &refusal);
-            told += refusal == "the daemon is out of file descriptors; try again later";
-        }
-        EXPECT_GE(told, 1u);
-        flood.clear();
-        // With descriptors back, the service answers again once its pause is over
-        // (a client that comes too early is turned away with the reason).
-        ASSERT_TRUE(server.Say('r'));
-        EXPECT_TRUE(WaitFor([&] { return Served(socketPath); }, kDeadline)) << BpBinder::LastError();
-        ASSERT_TRUE(server.Say('q'));
-        EXPECT_EQ(server.Exit(), 0);
-        const std::string err = tarnis_test::ReadFile(errPath);
-        size_t lines = 0;
-        for (size_t pos = 0; (pos = err.find("cannot accept on", pos)) != std::string::npos; ++pos) ++lines;
-        EXPECT_EQ(lines, 1u) << err.substr(0, 2000);
-        EXPECT_NE(err.find("Too many open files; pausing for 100 ms"), std::string::npos) << err.substr(0, 2000);
-        platform::SetRoot("/");
+    const long cpuBefore = tarnis_test::CpuTicks(server.pid());
+    std::vector<unique_fd> flood;
+    const std::string socketPath = ServiceManager::SocketPath(kName);
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+         std::chrono::steady_clock::now() < end;) {
+        unique_fd conn = WireIo::Connect(socketPath, 0);
+        if (conn.ok()) flood.push_back(std::move(conn));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    const long cpu = tarnis_test::CpuTicks(server.pid()) - cpuBefore;
+    EXPECT_LT(cpu, sysconf(_SC_CLK_TCK) / 4) << "the server spent " << cpu << " ticks in a 1 s flood";
+    // Shed clients were told why.
+    size_t told = 0;
+    for (auto& conn : flood) {
+        uint32_t status = 0;
+        android::Parcel reply;
+        std::string refusal;
+        WireIo::Receive(conn.get(), &status, &reply, 0, &refusal);
+        told += refusal == "the daemon is out of file descriptors; try again later";
+    }
+    EXPECT_GE(told, 1u);
+    flood.clear();
+    // With descriptors back, the service answers again once its pause is over
+    // (a client that comes too early is turned away with the reason).
+    ASSERT_TRUE(server.Say('r'));
+    EXPECT_TRUE(WaitFor([&] { return Served(socketPath); }, kDeadline)) << BpBinder::LastError();
+    ASSERT_TRUE(server.Say('q'));
+    EXPECT_EQ(server.Exit(), 0);
+    const std::string err = tarnis_test::ReadFile(errPath);
+    size_t lines = 0;
+    for (size_t pos = 0; (pos = err.find("cannot accept on", pos)) != std::string::npos; ++pos) ++lines;
+    EXPECT_EQ(lines, 1u) << err.substr(0, 2000);
+    EXPECT_NE(err.find("Too many open files; pausing for 100 ms"), std::string::npos) << err.substr(0, 2000);
     EXPECT_TRUE(ProcessCounts::Await(before)) << "before: " << before.ToString()
                                               << ", after: " << ProcessCounts::Of().ToString();
 }

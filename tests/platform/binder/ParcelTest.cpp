@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include <binder/ParcelFileDescriptor.h>
@@ -114,45 +116,42 @@ TEST(ParcelTest, TheLayoutIsLibbindersWithAPositionForReadsAndWrites) {
 }
 
 TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
-    auto Of = [](std::initializer_list<int32_t> words, Parcel* p) {
-        for (int32_t w : words) p->writeInt32(w);
-        p->setDataPosition(0);
-    };
-    // A string claiming more units than the parcel holds, one without its
-    // terminating 0, and a null one where none may be.
     String16 s;
-    Parcel longString, unterminated, null;
-    Of({1000, 0}, &longString);
-    EXPECT_EQ(longString.readString16(&s), android::BAD_VALUE);
-    Of({2, 'a' | 'b' << 16, 'c'}, &unterminated);
-    EXPECT_EQ(unterminated.readString16(&s), android::BAD_VALUE);
-    Of({-1}, &null);
-    EXPECT_EQ(null.readString16(&s), android::UNEXPECTED_NULL);
-    // A vector count that no data backs: refused before allocating.
-    Parcel v;
-    Of({INT32_MAX}, &v);
     std::vector<String16> list;
-    EXPECT_EQ(v.readString16Vector(&list), android::BAD_VALUE);
-    // A descriptor index with no descriptor, and one taken twice.
-    Parcel f;
-    Of({3}, &f);
     unique_fd fd;
-    EXPECT_EQ(f.readUniqueFileDescriptor(&fd), android::BAD_VALUE);
+    int64_t i64;
+    ndk::ScopedAStatus status;
+    const struct {
+        std::vector<int32_t> words;
+        std::function<android::status_t(Parcel&)> read;
+        android::status_t refused;
+    } cases[] = {
+        // A string claiming more units than the parcel holds, one without its
+        // terminating 0, and a null one where none may be.
+        {{1000, 0}, [&](Parcel& p) { return p.readString16(&s); }, android::BAD_VALUE},
+        {{2, 'a' | 'b' << 16, 'c'}, [&](Parcel& p) { return p.readString16(&s); }, android::BAD_VALUE},
+        {{-1}, [&](Parcel& p) { return p.readString16(&s); }, android::UNEXPECTED_NULL},
+        // A vector count that no data backs: refused before allocating.
+        {{INT32_MAX}, [&](Parcel& p) { return p.readString16Vector(&list); }, android::BAD_VALUE},
+        {{3}, [&](Parcel& p) { return p.readUniqueFileDescriptor(&fd); }, android::BAD_VALUE},  // no descriptor
+        {{5}, [&](Parcel& p) { return p.readInt64(&i64); }, android::NOT_ENOUGH_DATA},
+        // A status whose stack trace runs past the data.
+        {{EX_ILLEGAL_STATE, 0, 0, 400}, [&](Parcel& p) { return p.readStatus(&status); }, android::BAD_VALUE},
+    };
+    for (const auto& c : cases) {
+        Parcel p;
+        for (int32_t w : c.words) p.writeInt32(w);
+        p.setDataPosition(0);
+        EXPECT_EQ(c.read(p), c.refused) << c.words[0];
+    }
+    // A descriptor index taken twice, and a wrong interface token.
     Parcel g;
     g.writeFileDescriptor(STDERR_FILENO);
-    g.writeInt32(0);  // the same index again
+    g.writeInt32(0);
     g.setDataPosition(0);
     EXPECT_EQ(g.readUniqueFileDescriptor(&fd), android::OK);
     EXPECT_EQ(g.readUniqueFileDescriptor(&fd), android::BAD_VALUE);
-    // A truncated int64, a status whose stack trace runs past the data, and
-    // a wrong interface token.
-    Parcel t, trace, token;
-    Of({5}, &t);
-    int64_t i64;
-    EXPECT_EQ(t.readInt64(&i64), android::NOT_ENOUGH_DATA);
-    Of({EX_ILLEGAL_STATE, 0, 0, 400}, &trace);
-    ndk::ScopedAStatus status;
-    EXPECT_EQ(trace.readStatus(&status), android::BAD_VALUE);
+    Parcel token;
     token.writeInterfaceToken(String16(u"velmar.system.tarnis.common.ITarnisSsiIntl"));
     token.setDataPosition(0);
     EXPECT_FALSE(token.enforceInterface(String16(u"velmar.system.tarnis.common.ITarnisSsi")));
