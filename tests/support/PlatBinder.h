@@ -28,8 +28,9 @@ class EchoSsi : public aidl::velmar::system::tarnis::common::BnTarnisSsi {
 public:
     using Status = ndk::ScopedAStatus;
     static Status Echo(const std::string& text) {
-        return Status::fromServiceSpecificErrorWithMessage(7, text + "|uid=" + std::to_string(AIBinder_getCallingUid()) +
-                                                                  "|pid=" + std::to_string(AIBinder_getCallingPid()));
+        const std::string who = "|uid=" + std::to_string(AIBinder_getCallingUid()) +
+                                "|pid=" + std::to_string(AIBinder_getCallingPid());
+        return Status::fromServiceSpecificErrorWithMessage(7, text + who);
     }
 
     Status reportSimpleEvent(int32_t type, const std::string& event) override {

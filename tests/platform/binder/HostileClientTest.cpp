@@ -75,13 +75,7 @@ protected:
         // thread for good would starve everybody else at once.
         BinderProcess::self().setMaxThreads(2);
         ABinderProcess_startThreadPool();
-        BinderProcess::Timeouts timeouts;
-        timeouts.idleMs = 60000;
-        timeouts.stalledMs = 60000;
-        // Long enough for another uid's call to be served while dumps wait,
-        // on a loaded machine too.
-        timeouts.dumpMs = 3000;
-        BinderProcess::self().setTimeouts(timeouts);
+        SetTimeouts(60000, 60000);
         path_ = ServiceManager::SocketPath(kName);
         proxy_ = ITarnisSsi::fromBinder(BpBinder::Connect(kName, path_));
         ASSERT_NE(proxy_, nullptr);
@@ -101,10 +95,12 @@ protected:
     size_t Connections() { return BinderProcess::self().usage(path_).connections; }
     size_t Buffered() { return BinderProcess::self().usage(path_).bufferedBytes; }
     bool AwaitConnections(size_t n) { return WaitFor([&] { return Connections() == n; }, kDeadline); }
-    void ShortenTimeouts(int idleMs, int stalledMs) {
-        BinderProcess::Timeouts timeouts = BinderProcess::self().timeouts();
+    // Dumps wait long enough for another uid's call to be served meanwhile, on a loaded machine too.
+    static void SetTimeouts(int idleMs, int stalledMs) {
+        BinderProcess::Timeouts timeouts;
         timeouts.idleMs = idleMs;
         timeouts.stalledMs = stalledMs;
+        timeouts.dumpMs = 3000;
         BinderProcess::self().setTimeouts(timeouts);
     }
     int CallAs(uid_t uid) { return PlatChild(uid, [&](PlatChild&) { return Served(path_) ? 0 : 1; }).Exit(); }
@@ -122,21 +118,20 @@ protected:
 
 TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     platform::LogCapture capture;
-    // This test process does not ignore SIGPIPE: the write into a pipe
+    // This test process does not ignore SIGPIPE: the send to a socket
     // without a reader would kill it if the relay let the signal through.
+    // (A pipe's reader that went away, DaemonTest shows end to end.)
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-    for (bool socket : {false, true}) {
-        int fds[2];
-        ASSERT_EQ(socket ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) : pipe2(fds, O_CLOEXEC), 0);
-        close(fds[0]);
-        EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT) << socket;
-        close(fds[1]);
-    }
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    close(fds[0]);
+    EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
+    close(fds[1]);
     EXPECT_EQ(capture.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
                                 std::to_string(getpid()) + " uid " + std::to_string(getuid()) +
                                 ": the reader went away after 0 of 8 bytes",
                             "", ANDROID_LOG_ERROR),
-              2u);
+              1u);
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // the thread is back in the pool
 }
 
@@ -224,7 +219,6 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     ASSERT_TRUE(AwaitConnections(share)) << Connections();
     ASSERT_TRUE(holder.Say('g'));
     ASSERT_EQ(holder.Hear(), 'y');
-    EXPECT_EQ(Connections(), share + 1);
     EXPECT_EQ(CallAs(kShellUid + 1), 0);  // another uid is served while the share is held
     // One line each, at a bounded rate (five a window of 10 s): the rest are counted, not logged.
     const size_t windows = (std::chrono::steady_clock::now() - start) / std::chrono::seconds(10) + 1;
@@ -239,14 +233,14 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
                           ANDROID_LOG_WARN));
 
     // Stalled half-way, the busy ones are closed in time (before the holder goes).
-    ShortenTimeouts(60000, 200);
+    SetTimeouts(60000, 200);
     EXPECT_TRUE(AwaitConnections(1)) << Connections();
     EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(holder.Say('x'));
     EXPECT_EQ(holder.Exit(), 0);
     // Idle connections are closed too; a proxy whose pooled connection went
     // that way reconnects without its caller noticing.
-    ShortenTimeouts(200, 200);
+    SetTimeouts(200, 200);
     EXPECT_TRUE(AwaitConnections(0)) << Connections();
     EXPECT_TRUE(AwaitLine(capture, "idle for more than 200 ms", ANDROID_LOG_INFO));
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
@@ -323,7 +317,7 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     EXPECT_EQ(proxy_->reportNativeFeatureEvent(big, "", "").getMessage().size(),
               big.size() + ("|uid=" + std::to_string(getuid()) + "|pid=" + std::to_string(getpid())).size());
     // Stalled half-way, they are closed in time and their memory given back.
-    ShortenTimeouts(60000, 200);
+    SetTimeouts(60000, 200);
     EXPECT_TRUE(WaitFor([&] { return Buffered() == 0; }, kDeadline)) << Buffered();
     EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(hog.Say('x'));
