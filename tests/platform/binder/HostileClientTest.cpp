@@ -9,8 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -141,9 +141,6 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     // Two stuck dumps from this uid, more than its share of the pool, each
     // into a pipe whose buffer is full and whose reader never reads.
     int pipes[2][2];
-    std::atomic<int> finished{0};
-    binder_status_t results[2] = {STATUS_OK, STATUS_OK};
-    std::vector<std::thread> dumps;
     for (auto& fds : pipes) {
         ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
         const std::string block(65536, 'x');
@@ -151,18 +148,12 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
         }
         fcntl(fds[1], F_SETFL, fcntl(fds[1], F_GETFL) & ~O_NONBLOCK);
     }
-    for (int i = 0; i < 2; ++i) {
-        dumps.emplace_back([&, i] {
-            results[i] = Dump(pipes[i][1]);
-            ++finished;
-        });
-    }
+    std::future<binder_status_t> dumps[2];
+    for (int i = 0; i < 2; ++i) dumps[i] = std::async(std::launch::async, [&, i] { return Dump(pipes[i][1]); });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // both dumps under way
     EXPECT_EQ(CallAs(kShellUid), 0);
-    EXPECT_EQ(finished.load(), 0);
-    for (auto& t : dumps) t.join();
-    EXPECT_EQ(results[0], android::TIMED_OUT);
-    EXPECT_EQ(results[1], android::TIMED_OUT);
+    for (auto& dump : dumps) EXPECT_EQ(dump.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    for (auto& dump : dumps) EXPECT_EQ(dump.get(), android::TIMED_OUT);
     EXPECT_EQ(capture.Count("the output was not drained within 3000 ms; gave up after 0 of 8 bytes", "",
                             ANDROID_LOG_ERROR),
               2u);
