@@ -272,6 +272,7 @@ TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
         EXPECT_EQ(holder->Exit(), 0);
     }
     EXPECT_EQ(ends, "ekkkkk");  // only uid 2000 lost a connection
+    // Logged through its own ration, apart from a uid's evictions for itself.
     EXPECT_TRUE(AwaitLine(capture, "binder: evicted the oldest idle connection of uid 2000 (pid " +
                                        std::to_string(holders[0]->pid()) + ", idle for "));
     EXPECT_TRUE(capture.Contains(" ms) from " + kName + " to admit a newcomer of uid 2009"));
@@ -310,7 +311,6 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     // Stalled half-way, they are closed in time and their memory given back.
     SetTimeouts(60000, 200);
     EXPECT_TRUE(WaitFor([&] { return Buffered() == 0; }, kDeadline)) << Buffered();
-    EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(hog.Say('x'));
     EXPECT_EQ(hog.Exit(), 0);
 }
