@@ -120,7 +120,6 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     platform::LogCapture capture;
     // This test process does not ignore SIGPIPE: the send to a socket
     // without a reader would kill it if the relay let the signal through.
-    // (A pipe's reader that went away, DaemonTest shows end to end.)
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);

@@ -94,8 +94,6 @@ TEST(ParcelTest, TheLayoutIsLibbinders) {
     };
     ASSERT_EQ(p.dataSize(), sizeof(words));
     EXPECT_EQ(memcmp(p.data().data(), words, sizeof(words)), 0);
-    // (A structured parcelable's size written in front of its fields, and a
-    // transport failure that is no status header, cross in AidlAgreementTest.)
 }
 
 TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
@@ -175,8 +173,6 @@ TEST(WireDecoderTest, MessagesComeOutWholeWhateverTheSplit) {
     }
 }
 
-// (A bad header and an oversize one, refused from the header alone, are
-// TransportTest's: there the server logs them and closes the connection.)
 TEST(WireDecoderTest, AStreamThatCannotBeValidIsRefusedAtOnce) {
     struct Case {
         std::string bytes;

@@ -118,9 +118,7 @@ TEST_F(TransportTest, InProcessCallersGetTheLocalObject) {
     // A local call runs on our thread, as ourselves.
     impl->reportSimpleEvent(0, "quiet");
     EXPECT_EQ(impl->lastUid.load(), getuid());
-    // (That another process cannot take the name over, and the classic
-    // manager's view under UTF-16 names, the daemon's and its tool's suites
-    // show.) Withdrawn: new clients find nothing, the name is free again.
+    // Withdrawn: new clients find nothing, the name is free again.
     EXPECT_TRUE(ServiceManager::instance().removeService(kSsiName));
     EXPECT_EQ(AServiceManager_checkService(kSsiName.c_str()), nullptr);
     EXPECT_FALSE(AServiceManager_isDeclared(kSsiName.c_str()));
@@ -140,8 +138,7 @@ TEST_F(TransportTest, UndeclaredIsEmptyAtOnceDeclaredWaitsItsTime) {
     EXPECT_FALSE(AServiceManager_isDeclared(vendorName.c_str()));
     EXPECT_TRUE(AServiceManager_isDeclared(kSsiName.c_str()));
     EXPECT_EQ(AServiceManager_checkService(kSsiName.c_str()), nullptr);
-    // Declared, not running: the wait ends at its deadline (one that ends when
-    // the server appears, RemoteCallsCarryIdentityAndStatus shows).
+    // Declared, not running: the wait ends at its deadline.
     EXPECT_EQ(ServiceManager::instance().waitForService(kSsiName, 50), nullptr);
 }
 
@@ -198,8 +195,7 @@ TEST_F(TransportTest, GarbageAndOversizeAreRefusedWithoutDisturbingOtherCallers)
     EXPECT_TRUE(capture.Contains("transaction of 2097152 bytes exceeds the limit of 1048576 bytes", "",
                                  ANDROID_LOG_ERROR));
     EXPECT_TRUE(capture.Contains("binder: closing connection from pid " + std::to_string(getpid())));
-    // A wrong transaction code is refused (a wrong interface token in
-    // RemoteCallsCarryIdentityAndStatus); the connection survives.
+    // A wrong transaction code is refused; the connection survives.
     android::Parcel in, reply;
     in.writeInterfaceToken(android::String16(ITarnisSsi::descriptor));
     EXPECT_EQ(proxy->asBinder()->transact(FIRST_CALL_TRANSACTION + 99, in, &reply), STATUS_UNKNOWN_TRANSACTION);
@@ -265,7 +261,6 @@ TEST_F(TransportTest, CallingUidIsThePeersCredentialAndThePolicyDecidesWhoMayCal
                                                   "a.b.reportSimpleEvent 2000 1000\n");
     EXPECT_EQ(callAs2000(false), "-1 permission denied: uid 2000 may not call reportSimpleEvent");
     EXPECT_EQ(callAs2000(true), "0");  // the dump's own line wins over the service's "*"
-    // (Its line's end, ") may not call DESCRIPTOR.METHOD", DorvaNativeDaemonTest checks.)
     EXPECT_TRUE(log.Contains("binder: permission denied: uid 2000 (pid ", "", ANDROID_LOG_WARN));
     // Each malformed line is named and skipped; the others hold.
     EXPECT_TRUE(log.Contains(policy + ":4: \"x\" is not a uid, \"self\" or \"*\"; line skipped", "",
