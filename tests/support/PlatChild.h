@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "tests/support/WaitFor.h"
 
 namespace tarnis_test {
@@ -49,12 +51,22 @@ public:
     }
 
     pid_t pid() const { return pid_; }
-    bool Say(char c) { return send(fd_, &c, 1, MSG_NOSIGNAL) == 1; }
+    int fd() const { return fd_; }
+    bool Say(char c) { return Tell(std::string(1, c)); }
+    bool Tell(const std::string& text) {
+        return send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    }
     // The next byte from the other side; 0 when it went away or said nothing in time.
     char Hear(int timeoutMs = kDeadlineMs) {
         pollfd pfd{fd_, POLLIN, 0};
         char c = 0;
         return poll(&pfd, 1, timeoutMs) == 1 && recv(fd_, &c, 1, 0) == 1 ? c : 0;
+    }
+    // What the other side says until it closes its end (text: no 0 bytes).
+    std::string HearAll() {
+        std::string heard;
+        for (char c; (c = Hear()) != 0;) heard += c;
+        return heard;
     }
     // The child's exit status; -1 when it did not exit normally in time (it is killed then).
     int Exit(int timeoutMs = kDeadlineMs) {

@@ -4,6 +4,7 @@
 // hand-written service is called here through a generated proxy, and each
 // generated service through a hand-written proxy, over the transport: both
 // ways must deliver the same calls and bring back the same answers.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -23,19 +24,13 @@
 #include <vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
 #include <vendor/velmar/hardware/kolto/common/BnTarnisIntl.h>
 
-#include <host/Host.h>
-
-#include "platform/binder/BpBinder.h"
-#include "platform/binder/NdkBinder.h"
-#include "platform/binder/ServiceManager.h"
-#include "tests/support/TempDir.h"
+#include "tests/support/PlatBinder.h"
 
 namespace ndk_ssi = aidl::velmar::system::tarnis::common;
 namespace ndk_kolto = aidl::vendor::velmar::hardware::kolto::common;
 namespace cpp_ssi = velmar::system::tarnis::common;
 namespace cpp_kolto = vendor::velmar::hardware::kolto::common;
 using android::binder::Status;
-using android::ServiceManager;
 
 namespace {
 
@@ -106,7 +101,9 @@ class Messages : public Bn {
     }
 };
 
-// The region's holder sees what the service writes through its own descriptor.
+// The region's holder sees what the service writes through its own
+// descriptor, which is close-on-exec here as every received one must be: a
+// service's children inherit nothing a caller sent.
 template <typename Bn, typename R, typename Ashmem>
 class Kolto : public Bn {
     R GetFileSize(const std::string& d, const std::string& f, int64_t* size) override {
@@ -115,7 +112,9 @@ class Kolto : public Bn {
     }
     R ReadFromFile(const std::string& d, const std::string& f, const Ashmem& region, int64_t size) override {
         const bool written = pwrite(region.fd.get(), "region bytes", size, 0) == size;
-        return Answer<R>("ReadFromFile", d, f, region.size, size, written ? "written" : "not written");
+        const bool closeOnExec = fcntl(region.fd.get(), F_GETFD) == FD_CLOEXEC;
+        return Answer<R>("ReadFromFile", d, f, region.size, size, written ? "written" : "not written",
+                         closeOnExec ? "close-on-exec" : "inherited");
     }
 };
 
@@ -160,28 +159,16 @@ std::vector<std::string> Names(const char* const (&names)[N]) {
     return std::vector<std::string>(names, names + N);
 }
 
-class AidlAgreementTest : public ::testing::Test {
+class AidlAgreementTest : public tarnis_test::PlatBinderTest {
 protected:
     void SetUp() override {
-        platform::SetRoot(root_.path());
+        PlatBinderTest::SetUp();
         ABinderProcess_startThreadPool();
-    }
-    void TearDown() override {
-        for (const auto& name : ServiceManager::instance().listServices()) {
-            ServiceManager::instance().removeService(name);
-        }
-        platform::SetRoot("/");
-    }
-    // A proxy's binder over the socket, though the service is this process's.
-    static android::sp<android::IBinder> Remote(const std::string& name) {
-        return android::BpBinder::Connect(name, ServiceManager::SocketPath(name));
     }
     static std::vector<std::string> TakeCalls() {
         std::lock_guard<std::mutex> lock(gLock);
         return std::move(gCalls);
     }
-
-    tarnis_test::TempDir root_;
 };
 
 // The method of each code, by interface: the hand-written tables name them
@@ -258,7 +245,7 @@ TEST_F(AidlAgreementTest, EachBackendsServicesAnswerTheOthersProxies) {
         {"transferMessage|velmar.intent.action.X|{\"k\":\"\xc3\xa9\"}", ok},
         {"transferMessage|refuse|{}", "Status(-8, EX_SERVICE_SPECIFIC): '-2: no \xc3\xa9: transferMessage|refuse|{}'"},
         {"GetFileSize|/data/vendor/|tee.log", ok + " 1099511627776"},
-        {"ReadFromFile|/data/vendor/|tee.log|4096|6|written", ok},
+        {"ReadFromFile|/data/vendor/|tee.log|4096|6|written|close-on-exec", ok},
     };
     std::vector<std::string> calls, answers;
     for (const auto& [call, answer] : expected) {
