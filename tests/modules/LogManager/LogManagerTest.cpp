@@ -254,6 +254,10 @@ TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) 
     Start("[" + Record("demo_age", "\"maxValidDay\":10") + "]");
     EXPECT_EQ(List(Bsp("demo_age")),
               (std::vector<std::string>{"2025-11-05_undated", "2025-11-10-00-00-00", "2025-12-25_00-00-00"}));
+    // The debug lines the dating goes through are the ones users read in the log.
+    EXPECT_TRUE(log_.HasLine("CompareTimeStrExpired folderName is empty", kTag, ANDROID_LOG_DEBUG));
+    EXPECT_TRUE(log_.HasLine("[matchedDate] 2025-11-01_00-00-00 find date: 2025-11-01_00-00-00 in file name", kTag,
+                             ANDROID_LOG_DEBUG));
 
     // Without the undated entry, and ten days later, the dated ones age out.
     ASSERT_EQ(unlink(Bsp("demo_age/2025-11-05_undated").c_str()), 0);
@@ -299,11 +303,15 @@ TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
     EXPECT_EQ(List(Bsp("demo_ramdump")),
               (std::vector<std::string>{"notes.txt", "ramdump_2025-11-01_10-00-00.elf",
                                         "ramdump_modem_2025-11-2_9-0-0_x.elf", "ramdump_x_2025-11-03_10-00-00"}));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] OldRamdumpFileFormatHack: fileName notes.txt not matched regex, skip!",
+                             kTag, ANDROID_LOG_DEBUG));
 
     // A record with children is cleaned only through them.
     EXPECT_EQ(List(Bsp("demo_parent/a")), Dated({3}));
     EXPECT_EQ(List(Bsp("demo_parent/b")), Dated({2, 3}));
     EXPECT_EQ(List(Bsp("demo_parent")), (std::vector<std::string>{"a", "b", "loose.txt"}));
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] found children items, ignore master folder clean", kTag,
+                             ANDROID_LOG_DEBUG));
 
     // pushEventOnly reports a directory over its size and deletes nothing.
     EXPECT_EQ(List(Bsp("demo_push")).size(), 2u);
@@ -394,6 +402,9 @@ TEST_F(LogManagerTest, LimitsOverByWhatCannotBeRemovedEndTheCheckWithoutCompress
         }
     } release{fd.get()};
     Start("[" + Record("demo_stuck", "\"maxSize\":1,\"compress\":true") + "]");
+    EXPECT_TRUE(log_.HasLine("[CheckAndClean] " + std::string(kBsp) +
+                                 "/demo_stuck is clean, should not enter clean loop again!",
+                             kTag, ANDROID_LOG_DEBUG));
     EXPECT_EQ(List(Bsp("demo_stuck")), Dated({1}));
     EXPECT_TRUE(Reports().empty());
 }
@@ -415,6 +426,8 @@ TEST_F(LogManagerTest, ReusePartitionTakesWhatFitsAndAnOversizedEntryEndsTheClea
     EXPECT_EQ(List(Bsp("demo_reuse")), (std::vector<std::string>{"2025-12-04_00-00-00"}));
     EXPECT_EQ(tarnis_test::ReadFile(reuse + "/2025-12-02_00-00-00"), std::string(3000, '2'));
     EXPECT_EQ(tarnis_test::ReadFile(reuse + "/2025-12-03_00-00-00"), std::string(3000, '3'));
+    // Read at the check's start, before each reuse deletion step and each copy.
+    EXPECT_EQ(log_.Count("[CheckAndClean] isReuseOpen 1", kTag), 6u);
     EXPECT_TRUE(log_.HasLine("[CheckAndClean] Move file " + std::string(kBsp) +
                                  "/demo_reuse/2025-12-02_00-00-00 to A/B reused partition "
                                  "/mnt/reuse/bsplog/demo_reuse/2025-12-02_00-00-00 succeed, moved size 3000 bytes.",
@@ -560,6 +573,7 @@ TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
     Settle();
     EXPECT_TRUE(log_.HasLine("[onReceive] action velmar.tarnis.logmgr.vendor_is_ready", "Tarnis-onReceive",
                              ANDROID_LOG_INFO));
+    EXPECT_TRUE(log_.HasLine("[operator()] Vendor ready!", kTag, ANDROID_LOG_DEBUG));
     EXPECT_FALSE(log_.HasLine("[initConfig] Vendor maybe not ready while init config", kTag, ANDROID_LOG_WARN));
     ASSERT_EQ(Announced().size(), 2u);
     EXPECT_EQ(Announced()[1][1]["folderName"].asString(), "demo_second");
