@@ -1,5 +1,9 @@
 #pragma once
 
+// GCC 12 reports a false maybe-uninitialized inside <regex> when built with
+// sanitizers, in whatever file instantiates it after this.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
 #include <cstddef>
 #include <regex>
 #include <string>
