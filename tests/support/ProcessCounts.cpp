@@ -38,7 +38,7 @@ ProcessCounts ProcessCounts::Of(pid_t pid) {
 
 bool ProcessCounts::Await(const ProcessCounts& expected, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!(Of() == expected)) {
+    while (!Of().NoMoreThan(expected)) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
