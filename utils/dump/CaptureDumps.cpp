@@ -29,6 +29,7 @@
 #include "utils/dump/CommandRunner.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/dump/DumpstateClient.h"
+#include "utils/dump/SectionPool.h"
 #include "utils/Paths.h"
 #include "utils/ScopedDir.h"
 #include "utils/StringUtil.h"
@@ -218,13 +219,21 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     if (path.empty()) return;
     ALOGI("dump_all path = %s", StringUtil::ForLog(path).c_str());
     if (!CaptureFile::WriteHeader(out.get(), path, headline)) return;
-    CommandRunner::RunInto({"uptime"}, out.get(), path.c_str(), 1);
-
-    if (type == "ne" && !files.empty()) {
+    SectionPool sections(out.get(), dirFd.get());
+    const auto uptime = [&path](int fd) { CommandRunner::RunInto({"uptime"}, fd, path.c_str(), 1); };
+    // The core dumps are waited for between uptime and the tools.
+    std::vector<std::string> coredumps;
+    if (type == "ne") {
         for (const String16& entry : files) {
             const std::string file = platform::ToUtf8(entry);
-            if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) WaitForCoredump(file);
+            if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) coredumps.push_back(file);
         }
+    }
+    if (coredumps.empty()) {
+        sections.Add(uptime);
+    } else {
+        uptime(out.get());
+        for (const std::string& file : coredumps) WaitForCoredump(file);
     }
 
     int compressTimeout = kCompressSeconds;
@@ -238,18 +247,24 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
         if (action == "do_dumpheap") {
             compressTimeout = kDumpheapCompressSeconds;
         } else if (action == "do_dmesg") {
-            DoDmesg(out.get(), path);
+            sections.Add([&path](int fd) { DoDmesg(fd, path); });
         } else if (action == "cat" && param.find(KoltoLogsParam()) != std::string::npos) {
             ALOGE("There is no kolto on this device");
-            CaptureFile::Append(out.get(), path,
-                                "------ cat(" + param + ") ------\ncan not cat this file because there is no kolto.\n");
+            sections.Add([&path, param](int fd) {
+                CaptureFile::Append(fd, path,
+                                    "------ cat(" + param + ") ------\ncan not cat this file because there is no kolto.\n");
+            });
         } else if (action == "tarnbugreport") {
+            // Asked of the bug-report service once every tool has run.
             wantBugreport = true;
             bugreportParam = param;
         } else if (IsSupportAction(action)) {
-            CommandRunner::RunInto(ActionCommand(action, param), out.get(), path.c_str(), ActionTimeout());
+            sections.Add([&path, command = ActionCommand(action, param)](int fd) {
+                CommandRunner::RunInto(command, fd, path.c_str(), ActionTimeout());
+            });
         }
     }
+    sections.Run();
 
     std::string bugreport;
     if (wantBugreport) {
@@ -307,6 +322,7 @@ void CaptureDumps::DumpByPower(const std::vector<String16>& actions, const std::
         ALOGE("dump_by_power: %s", why.c_str());
         return;
     }
+    SectionPool sections(out.get(), -1);
     for (size_t i = 0; i < actions.size(); ++i) {
         const std::string action = platform::ToUtf8(actions[i]);
         const std::string param = platform::ToUtf8(params[i]);
@@ -314,21 +330,36 @@ void CaptureDumps::DumpByPower(const std::vector<String16>& actions, const std::
             ALOGE("dump begin path=%s (%s %s)", StringUtil::ForLog(paths::Get(path)).c_str(),
                   StringUtil::ForLog(action).c_str(),
                   StringUtil::ForLog(param).c_str());
-            CommandRunner::RunInto(ActionCommand(action, param), out.get(), path.c_str(), timeoutSeconds);
+            sections.Add([&path, timeoutSeconds, command = ActionCommand(action, param)](int fd) {
+                CommandRunner::RunInto(command, fd, path.c_str(), timeoutSeconds);
+            });
         } else {
             ALOGE("dump_by_power: action '%s' not in SUPPORT_ACTION whitelist, skipping",
                   StringUtil::ForLog(action).c_str());
         }
     }
+    sections.Run();
 }
 
 void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, const std::vector<DumpAction>& actions) {
     const std::string outDir = paths::Get(rawOutDir);
     const std::string path = paths::Get(rawPath);
     CaptureFile::WriteDateHeader(path);
-    for (const DumpAction& action : actions) {
-        if (!action.title.empty()) CaptureFile::Append(path, action.title + "\n");
-        CommandRunner::Run(action.command, path.c_str(), action.timeout);
+    {
+        // Opened once, through no link, as the tools' output was before.
+        const base::unique_fd out(
+            TEMP_FAILURE_RETRY(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0644)));
+        const base::unique_fd dir(
+            TEMP_FAILURE_RETRY(open(outDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+        // A file that cannot be opened was reported by the header's write.
+        SectionPool sections(out.get(), dir.get());
+        for (const DumpAction& action : actions) {
+            sections.Add([&path, &action](int fd) {
+                if (!action.title.empty()) CaptureFile::Append(fd, path, action.title + "\n");
+                CommandRunner::RunInto(action.command, fd, path.c_str(), action.timeout);
+            });
+        }
+        if (out.ok()) sections.Run();
     }
 
     AnrTraces anr;

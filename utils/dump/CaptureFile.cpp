@@ -324,13 +324,4 @@ void CaptureFile::WriteDateHeader(const std::string& path) {
             kRule.c_str());
 }
 
-void CaptureFile::Append(const std::string& path, const std::string& text) {
-    ScopedFile file(OpenForAppend(path));
-    if (!file) {
-        ALOGE("failed to open log file %s :%s", StringUtil::ForLog(path).c_str(), strerror(errno));
-        return;
-    }
-    fputs(text.c_str(), file.get());
-}
-
 }  // namespace android

@@ -52,8 +52,6 @@ public:
     static void Append(int fd, const std::string& path, const std::string& text);
     // Appends dump_for_actions's dated header.
     static void WriteDateHeader(const std::string& path);
-    // Appends `text`.
-    static void Append(const std::string& path, const std::string& text);
 
     // Removes the unfinished archives that killed captures left in the
     // capture directories; run once as the daemon starts.
