@@ -219,7 +219,6 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     if (path.empty()) return;
     ALOGI("dump_all path = %s", StringUtil::ForLog(path).c_str());
     if (!CaptureFile::WriteHeader(out.get(), path, headline)) return;
-    SectionPool sections(out.get(), dirFd.get());
     const auto uptime = [&path](int fd) { CommandRunner::RunInto({"uptime"}, fd, path.c_str(), 1); };
     // The core dumps are waited for between uptime and the tools.
     std::vector<std::string> coredumps;
@@ -229,13 +228,13 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
             if (velmar::kolto::ConfinedPath::IsBelow(file, paths::kNativeCrashDir)) coredumps.push_back(file);
         }
     }
-    if (coredumps.empty()) {
-        sections.Add(uptime);
-    } else {
+    const bool uptimeFirst = !coredumps.empty();
+    if (uptimeFirst) {
         uptime(out.get());
         for (const std::string& file : coredumps) WaitForCoredump(file);
     }
 
+    std::vector<SectionPool::Section> tools;
     int compressTimeout = kCompressSeconds;
     bool wantBugreport = false;
     std::string bugreportParam;
@@ -247,10 +246,10 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
         if (action == "do_dumpheap") {
             compressTimeout = kDumpheapCompressSeconds;
         } else if (action == "do_dmesg") {
-            sections.Add([&path](int fd) { DoDmesg(fd, path); });
+            tools.push_back([&path](int fd) { DoDmesg(fd, path); });
         } else if (action == "cat" && param.find(KoltoLogsParam()) != std::string::npos) {
             ALOGE("There is no kolto on this device");
-            sections.Add([&path, param](int fd) {
+            tools.push_back([&path, param](int fd) {
                 CaptureFile::Append(fd, path,
                                     "------ cat(" + param + ") ------\ncan not cat this file because there is no kolto.\n");
             });
@@ -259,11 +258,19 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
             wantBugreport = true;
             bugreportParam = param;
         } else if (IsSupportAction(action)) {
-            sections.Add([&path, command = ActionCommand(action, param)](int fd) {
+            tools.push_back([&path, command = ActionCommand(action, param)](int fd) {
                 CommandRunner::RunInto(command, fd, path.c_str(), ActionTimeout());
             });
         }
     }
+    // A capture of one tool runs as it always did: uptime, then the tool.
+    SectionPool sections(out.get(), dirFd.get());
+    if (!uptimeFirst && tools.size() > 1) {
+        sections.Add(uptime);
+    } else if (!uptimeFirst) {
+        uptime(out.get());
+    }
+    for (SectionPool::Section& tool : tools) sections.Add(std::move(tool));
     sections.Run();
 
     std::string bugreport;
