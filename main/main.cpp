@@ -22,6 +22,7 @@
 #include "utils/dump/CaptureFile.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
+#include "TarnisVersion.h"
 
 using aidl::velmar::system::tarnis::common::TarnisInternal;
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
@@ -33,6 +34,7 @@ namespace {
 void Usage(FILE* out) {
     fprintf(out,
             "usage: tarnisd [--root DIR]\n"
+            "       tarnisd --version\n"
             "Runs the diagnostics daemon in the foreground. Device paths resolve below DIR\n"
             "(default: $TARNIS_ROOT, else /).\n");
 }
@@ -105,6 +107,9 @@ int main(int argc, char** argv) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             Usage(stdout);
+            return 0;
+        } else if (arg == "--version") {
+            printf("tarnisd %s (%s)\n", TARNIS_VERSION, TARNIS_REVISION);
             return 0;
         } else if (arg == "--root" && i + 1 < argc) {
             platform::SetRoot(argv[++i]);

@@ -23,6 +23,7 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include "TarnisVersion.h"
 #include "tools/tarnis-blackbox/BlackBoxImage.h"
 #include "utils/BlackBoxPartition.h"
 
@@ -43,7 +44,8 @@ void PrintUsage(FILE* out) {
             "boot-monitor header and the OTA records. \"extract\" decrypts every listed\n"
             "database with the RSA private key into DIR, named after its slot.\n\n"
             "  --json    one JSON document on standard output instead of text\n"
-            "  --help    this text\n\n"
+            "  --help    this text\n"
+            "  --version the version and the revision it was built from\n\n"
             "Exit status: 0 done, 1 damaged image or failed extraction, 2 usage error.\n");
 }
 
@@ -394,6 +396,9 @@ int main(int argc, char** argv) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             PrintUsage(stdout);
+            return 0;
+        } else if (arg == "--version") {
+            printf("tarnis-blackbox %s (%s)\n", TARNIS_VERSION, TARNIS_REVISION);
             return 0;
         } else if (arg == "--json") {
             json = true;

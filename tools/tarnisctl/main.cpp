@@ -8,6 +8,7 @@
 #include <host/Host.h>
 #include <log/log.h>
 
+#include "TarnisVersion.h"
 #include "tools/tarnisctl/CtlCommand.h"
 
 namespace tarnisctl {
@@ -26,7 +27,8 @@ std::vector<CtlCommand>& MutableCommands() {
 }
 
 void PrintUsage(FILE* out) {
-    fprintf(out, "usage: tarnisctl [--root DIR] [--timeout SECONDS] COMMAND [ARGS...]\n\n");
+    fprintf(out, "usage: tarnisctl [--root DIR] [--timeout SECONDS] COMMAND [ARGS...]\n");
+    fprintf(out, "       tarnisctl --version\n\n");
     fprintf(out, "Talks to a running tarnisd (and to the property store) below DIR\n");
     fprintf(out, "(default: $TARNIS_ROOT, else /). A call that gets no answer within\n");
     fprintf(out, "SECONDS (default %d) fails with a message instead of waiting.\n\ncommands:\n",
@@ -35,6 +37,7 @@ void PrintUsage(FILE* out) {
         fprintf(out, "  %s %s\n      %s\n", command.name.c_str(), command.usage.c_str(),
                 command.summary.c_str());
     }
+    fprintf(out, "\nExit status: 0 done, 1 refused or failed, 2 usage error.\n");
 }
 
 }  // namespace
@@ -74,6 +77,9 @@ int main(int argc, char** argv) {
         if (arg == "--help" || arg == "-h") {
             PrintUsage(stdout);
             return 0;
+        } else if (arg == "--version") {
+            printf("tarnisctl %s (%s)\n", TARNIS_VERSION, TARNIS_REVISION);
+            return 0;
         } else if (arg == "--root") {
             if (i + 1 >= argc) return UsageError("--root needs a directory");
             platform::SetRoot(argv[++i]);
@@ -107,8 +113,9 @@ int main(int argc, char** argv) {
     for (const CtlCommand& command : Commands()) {
         if (command.name != name) continue;
         if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-            printf("usage: tarnisctl [--root DIR] %s %s\n    %s\n", command.name.c_str(),
-                   command.usage.c_str(), command.summary.c_str());
+            printf("usage: tarnisctl [--root DIR] %s %s\n    %s\n\nExit status: 0 done, 1 refused or failed, 2 usage "
+                   "error.\n",
+                   command.name.c_str(), command.usage.c_str(), command.summary.c_str());
             return 0;
         }
         return command.run(args);
