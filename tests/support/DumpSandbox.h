@@ -34,7 +34,7 @@ inline bool Logged(const platform::LogCapture& log, const std::string& text, int
 // Entry names of an archive, one a line, sorted.
 inline std::string Entries(const std::string& zip) { return RunShell("unzip -Z1 '" + zip + "' | sort"); }
 
-// A sandbox root for one test, with quick time-outs.
+// A sandbox root for one test, with quick time-outs, and the lines logged.
 class SandboxTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -53,6 +53,7 @@ protected:
     }
     std::string Path(const std::string& devicePath) const { return platform::DevicePath(devicePath); }
     TempDir root_;
+    platform::LogCapture log_;
 };
 
 // A sandbox for the capture calls, which take device paths in UTF-16 lists.
