@@ -16,10 +16,7 @@
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 
-using tarnis_test::ReadFile;
-using tarnis_test::RunShell;
-using tarnis_test::TempDir;
-using tarnis_test::WriteFile;
+using namespace tarnis_test;
 using velmar::kolto::ConfinedPath;
 using velmar::kolto::FileUtil;
 namespace paths = velmar::kolto::paths;
@@ -60,7 +57,9 @@ protected:
 
 class PathsTest : public ::testing::Test {
 protected:
+    void SetUp() override { platform::SetRoot(root_.path()); }
     void TearDown() override { platform::SetRoot("/"); }
+    TempDir root_;
 };
 
 }  // namespace
@@ -188,27 +187,23 @@ TEST_F(FileUtilTree, CopyNeverEntersLinks) {
 }
 
 TEST_F(PathsTest, DevicePathsGoBelowTheRootAndBack) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    EXPECT_EQ(paths::Get("/data/anr/trace_1"), root.path() + "/data/anr/trace_1");
+    EXPECT_EQ(paths::Get("/data/anr/trace_1"), root_.path() + "/data/anr/trace_1");
     // Mapping twice is harmless; a relative path is nobody's device path.
-    EXPECT_EQ(paths::Get(paths::Get("/data/anr/")), root.path() + "/data/anr/");
+    EXPECT_EQ(paths::Get(paths::Get("/data/anr/")), root_.path() + "/data/anr/");
     EXPECT_EQ(paths::Get("relative/name"), "relative/name");
-    EXPECT_EQ(paths::DeviceOf(root.path() + "/data/anr/x"), "/data/anr/x");
+    EXPECT_EQ(paths::DeviceOf(root_.path() + "/data/anr/x"), "/data/anr/x");
     // Only what lies below the root has a device path of its own.
-    EXPECT_EQ(paths::DeviceOf(root.path() + "x/y"), root.path() + "x/y");
+    EXPECT_EQ(paths::DeviceOf(root_.path() + "x/y"), root_.path() + "x/y");
     EXPECT_EQ(paths::DeviceOf("/data/anr/x"), "/data/anr/x");
 }
 
 // Outside paths stay in their tree whichever way the walk is done: the
 // kernel's openat2 or the descriptor walk of older kernels.
 TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    ASSERT_EQ(RunShell("mkdir -p " + root.Sub("data/a/b") + " " + root.Sub("outside") + " && echo s > " +
-                       root.Sub("outside/secret") + " && echo k > " + root.Sub("data/a/b/keep") + " && ln -s " +
-                       root.Sub("outside") + " " + root.Sub("data/a/link") + " && ln -s keep " +
-                       root.Sub("data/a/b/leaf") + " && mkfifo " + root.Sub("data/a/fifo")),
+    ASSERT_EQ(RunShell("mkdir -p " + root_.Sub("data/a/b") + " " + root_.Sub("outside") + " && echo s > " +
+                       root_.Sub("outside/secret") + " && echo k > " + root_.Sub("data/a/b/keep") + " && ln -s " +
+                       root_.Sub("outside") + " " + root_.Sub("data/a/link") + " && ln -s keep " +
+                       root_.Sub("data/a/b/leaf") + " && mkfifo " + root_.Sub("data/a/fifo")),
               "");
     for (bool walk : {false, true}) {
         SCOPED_TRACE(walk ? "walk" : "openat2");
@@ -238,13 +233,13 @@ TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
         EXPECT_NE(why.find("passes through a symbolic link"), std::string::npos) << why;
         // Made and removed below the tree, never through the link.
         EXPECT_FALSE(ConfinedPath::MakeDirs("/data/a/link/made", "/data", 0755, &why).ok());
-        EXPECT_FALSE(std::filesystem::exists(root.Sub("outside/made")));
+        EXPECT_FALSE(std::filesystem::exists(root_.Sub("outside/made")));
         EXPECT_TRUE(ConfinedPath::MakeDirs("/data/a/new/deeper", "/data", 0755, &why).ok()) << why;
         EXPECT_FALSE(ConfinedPath::Remove("/data/a/link/secret", "/data", &why));
-        EXPECT_TRUE(std::filesystem::exists(root.Sub("outside/secret")));
+        EXPECT_TRUE(std::filesystem::exists(root_.Sub("outside/secret")));
         EXPECT_TRUE(ConfinedPath::Remove("/data/a/b/leaf", "/data", &why)) << why;
-        EXPECT_TRUE(std::filesystem::exists(root.Sub("data/a/b/keep")));
-        ASSERT_EQ(RunShell("ln -s keep " + root.Sub("data/a/b/leaf")), "");
+        EXPECT_TRUE(std::filesystem::exists(root_.Sub("data/a/b/keep")));
+        ASSERT_EQ(RunShell("ln -s keep " + root_.Sub("data/a/b/leaf")), "");
     }
     ConfinedPath::UseWalkForTesting(false);
 }
