@@ -39,11 +39,7 @@ class SandboxTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::SetRoot(root_.path());
-        android::CaptureLogUtil::Timeouts quick;
-        quick.defaultSeconds = 1;
-        quick.testModeSeconds = 2;
-        quick.killWaitSeconds = 1;
-        android::CaptureLogUtil::SetTimeoutsForTesting(quick);
+        android::CaptureLogUtil::SetTimeoutsForTesting({1, 2, 1});  // default, test mode, kill wait (s)
         android::CaptureLogUtil::ResetTestModeForTesting();
     }
     void TearDown() override {

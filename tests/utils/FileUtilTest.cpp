@@ -31,8 +31,7 @@ struct stat Lstat(const std::string& path) {
 mode_t ModeOf(const std::string& path) { return Lstat(path).st_mode & 07777; }
 bool IsLink(const std::string& path) { return S_ISLNK(Lstat(path).st_mode); }
 
-// A tree of files, an empty directory, and links out of it (to a directory
-// with contents, to a file), back into it (a loop) and nowhere.
+// A tree of files, an empty directory, and links out of it (to a directory, a file), back into it and nowhere.
 class FileUtilTree : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -99,8 +98,7 @@ TEST_F(FileUtilTree, CreateDirectoryWithOwner) {
                                      tmp_.Sub("plain/q/r") + ", err:Not a directory",
                                  "Tarnis-FileUtil", ANDROID_LOG_ERROR));
 
-    // A relative path starts at the root, which is the sandbox's, never the
-    // host's "/" nor the working directory.
+    // A relative path starts at the sandbox's root, never the host's "/" nor the working directory.
     TempDir elsewhere;
     char cwd[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
@@ -177,8 +175,7 @@ TEST_F(FileUtilTree, CopyNeverEntersLinks) {
     ASSERT_EQ(symlink((outside_ + "/file.txt").c_str(), tmp_.Sub("planted").c_str()), 0);
     EXPECT_FALSE(FileUtil::CopyFileOrDirectory(tmp_.Sub("src.bin"), tmp_.Sub("planted")));
     EXPECT_EQ(ReadFile(outside_ + "/file.txt"), "outside file");
-    // The small-file reader neither waits on the FIFO nor reads through the
-    // link, and stops at its bound.
+    // The small-file reader neither waits on the FIFO nor reads through the link, and stops at its bound.
     std::string text;
     EXPECT_FALSE(FileUtil::ReadRegularFile(tmp_.Sub("fifo"), &text, 64));
     EXPECT_FALSE(FileUtil::ReadRegularFile(tmp_.Sub("planted"), &text, 64));
@@ -197,8 +194,7 @@ TEST_F(PathsTest, DevicePathsGoBelowTheRootAndBack) {
     EXPECT_EQ(paths::DeviceOf("/data/anr/x"), "/data/anr/x");
 }
 
-// Outside paths stay in their tree whichever way the walk is done: the
-// kernel's openat2 or the descriptor walk of older kernels.
+// Paths stay in their tree whether walked by openat2 or by the descriptor walk of older kernels.
 TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
     ASSERT_EQ(RunShell("mkdir -p " + root_.Sub("data/a/b") + " " + root_.Sub("outside") + " && echo s > " +
                        root_.Sub("outside/secret") + " && echo k > " + root_.Sub("data/a/b/keep") + " && ln -s " +
@@ -208,10 +204,7 @@ TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
     for (bool walk : {false, true}) {
         SCOPED_TRACE(walk ? "walk" : "openat2");
         ConfinedPath::UseWalkForTesting(walk);
-        struct Case {
-            const char* path;
-            const char* why;  // "" when it opens
-        } cases[] = {
+        const std::pair<const char*, const char*> cases[] = {  // a path, and why it is refused ("" if not)
             {"/data/a/b/keep", ""},
             {"/data/a/./b/../b/keep", ""},
             {"/data/../outside/secret", "is not below"},
@@ -221,11 +214,11 @@ TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
             {"/data/a/fifo", "is not a regular file"},
             {"data/a/b/keep", "is not an absolute path"},
         };
-        for (const Case& c : cases) {
+        for (const auto& [path, refusal] : cases) {
             std::string why;
-            const android::base::unique_fd fd = ConfinedPath::OpenRegular(c.path, "/data", O_RDONLY, 0, &why);
-            EXPECT_EQ(fd.ok(), c.why[0] == '\0') << c.path << ": " << why;
-            EXPECT_NE(why.find(c.why), std::string::npos) << c.path << ": " << why;
+            const android::base::unique_fd fd = ConfinedPath::OpenRegular(path, "/data", O_RDONLY, 0, &why);
+            EXPECT_EQ(fd.ok(), refusal[0] == '\0') << path << ": " << why;
+            EXPECT_NE(why.find(refusal), std::string::npos) << path << ": " << why;
         }
         // A link last where a directory is asked for is named as a link.
         std::string why;

@@ -29,10 +29,7 @@ struct Entry {
     unz_file_info64 info {};
 };
 
-// Reads an archive back with minizip's reader, checking each entry's CRC.
-// That reader cannot open an archive without entries (it never looks for the
-// end record at offset 0), so one is recognised by its bytes: a lone end
-// record for zero entries.
+// Reads an archive back with minizip, checking each CRC; an empty one (which minizip cannot open) by its bytes.
 std::vector<Entry> ReadArchive(const std::string& path) {
     std::vector<Entry> entries;
     if (ReadFile(path) == std::string("PK\x05\x06", 4) + std::string(18, '\0')) return entries;
@@ -76,8 +73,7 @@ protected:
     }
     // How depth 0 names an entry: the full path less its leading "/".
     std::string Rel(const std::string& relative) const { return tmp_.Sub(relative).substr(1); }
-    // Packs `paths` into out.zip and reads it back into entries_; returns
-    // close()'s result. missing_ gets what the writer says is not in it whole.
+    // Packs `paths` into out.zip, read back into entries_ and missing_; returns close()'s result.
     bool Pack(std::vector<std::string> paths, int depth) {
         const std::string archive = tmp_.Sub("out.zip");
         bool closed;
@@ -90,7 +86,9 @@ protected:
         }
         entries_ = ReadArchive(archive);
         // A second reader of its own, the unzip tool, for every archive with entries.
-        if (!entries_.empty()) EXPECT_EQ(RunShell("unzip -tqq " + archive + " >/dev/null 2>&1; echo $?"), "0\n");
+        if (!entries_.empty()) {
+            EXPECT_EQ(RunShell("unzip -tqq " + archive + " >/dev/null 2>&1; echo $?"), "0\n");
+        }
         return closed;
     }
 
@@ -108,8 +106,7 @@ TEST_F(ZipFileTest, DepthZeroNamesByFullPathWithDirectoryEntries) {
     EXPECT_TRUE(Pack({tmp_.Sub("logs"), tmp_.Sub("single.txt"), tmp_.Sub("logs/empty")}, 0));
     EXPECT_TRUE(missing_.empty());
     ASSERT_EQ(entries_.size(), 5u);
-    // A directory's own entry comes first, then its files as listed;
-    // subdirectories get none, an empty directory only its own.
+    // A directory's entry, then its files; subdirectories get none, an empty directory only its own.
     std::vector<std::string> names;
     for (const Entry& entry : entries_) names.push_back(entry.name);
     if (names[1] != Rel("logs/a.txt")) std::swap(names[1], names[2]);
@@ -158,9 +155,7 @@ TEST_F(ZipFileTest, CloseTwiceCreateAgainAndTheDestructorFinishWhatIsOpen) {
     EXPECT_TRUE(capture_.HasLine("[close] force flush files failed"));
 }
 
-// Among good paths, what cannot or must not be packed is logged and skipped:
-// a partial archive is fine. Links are neither packed nor followed, a FIFO
-// has no end to read to, and a file that fails to read ends where it failed.
+// What cannot or must not be packed (links, a FIFO, a failing read) is logged and skipped; the rest is packed.
 TEST_F(ZipFileTest, TailDepthSkipsAndLogsWhatCannotBePacked) {
     for (const char* dir : {"online", "outside"}) ASSERT_EQ(mkdir(tmp_.Sub(dir).c_str(), 0755), 0);
     ASSERT_TRUE(WriteFile(tmp_.Sub("online/cap.txt"), "capture"));
@@ -170,13 +165,11 @@ TEST_F(ZipFileTest, TailDepthSkipsAndLogsWhatCannotBePacked) {
     ASSERT_EQ(symlink("/nonexistent/target", tmp_.Sub("logs/dangling").c_str()), 0);
     ASSERT_EQ(symlink(tmp_.Sub("outside/secret").c_str(), tmp_.Sub("listed").c_str()), 0);
     ASSERT_EQ(mkfifo(tmp_.Sub("fifo").c_str(), 0600), 0);
-    // The doubled slash packaging inserts keeps a capture file's bare name.
-    // Reading /proc/self/mem at offset 0 fails with EIO.
+    // The packager's doubled slash keeps a capture's bare name; /proc/self/mem fails to read with EIO.
     EXPECT_TRUE(Pack({tmp_.Sub("gone.log"), tmp_.Sub("logs"), tmp_.Sub("online//cap.txt"), tmp_.Sub("listed"),
                       tmp_.Sub("fifo"), "/proc/self/mem"},
                      2));
-    // Links, the fifo and a file already gone are never packed by design;
-    // only the file that failed to read is lost to the archive.
+    // Only the file that failed to read is missing: links, the fifo and a vanished file are skipped by design.
     EXPECT_EQ(missing_, std::vector<std::string>{"/proc/self/mem: read failed: Input/output error"});
     EXPECT_EQ(SortedNames(entries_), (std::vector<std::string>{"cap.txt", "logs/a.txt", "self/mem", "sub/b.bin"}));
     EXPECT_EQ(entries_[2].content, "capture");
@@ -192,8 +185,7 @@ TEST_F(ZipFileTest, TailDepthSkipsAndLogsWhatCannotBePacked) {
 }
 
 TEST_F(ZipFileTest, ManyFilesOfManyBlocksKeepTheirOrderAndBytes) {
-    // Text and random bytes in turn across block boundaries, so that deflate
-    // reaches back across the cuts into the window before each block.
+    // Text and noise in turn across blocks, so that deflate reaches back across each cut.
     std::mt19937 gen(11);
     std::string mixed;
     for (int round = 0; round < 9; ++round) {
@@ -203,10 +195,8 @@ TEST_F(ZipFileTest, ManyFilesOfManyBlocksKeepTheirOrderAndBytes) {
         }
         mixed += binary_.substr(gen() % 1000, 40 * 1024);
     }
-    // Every tenth file takes several blocks, so that the small ones after it
-    // are deflated first: the archive must still follow the list. Among them
-    // a file of exactly two blocks (its end is seen only by one more read)
-    // and an empty one.
+    // Every tenth file is large, so small ones after it deflate first: the archive still follows the list.
+    // Among them a file of exactly two blocks (its end seen only by one more read) and an empty one.
     std::vector<std::string> paths, contents;
     for (int i = 0; i < 123; ++i) {
         paths.push_back(tmp_.Sub("f" + std::to_string(i)));
@@ -267,8 +257,7 @@ TEST_F(ZipFileTest, TheArchiveAppearsWholeOrNotAtAll) {
     const std::vector<std::string> withArchive = {"logs", "out.zip", "single.txt", "victim"};
     EXPECT_EQ(ListDir(tmp_.path()), withArchive);
 
-    // Writing fails (the file size limit) and the destructor finishes the
-    // archive: neither it nor its temporary file remain.
+    // A write failing at the file size limit: the destructor leaves neither archive nor temporary file.
     ASSERT_EQ(unlink(archive.c_str()), 0);
     struct rlimit saved {};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);

@@ -5,7 +5,6 @@
 #include <sys/un.h>
 #include <utime.h>
 
-#include <atomic>
 #include <cstring>
 #include <functional>
 #include <regex>
@@ -17,7 +16,7 @@
 
 #include "platform/Sockets.h"
 #include "tests/support/DumpSandbox.h"
-#include "utils/Clock.h"
+#include "tests/support/TestClock.h"
 #include "utils/dump/CaptureFile.h"
 
 using namespace tarnis_test;
@@ -29,9 +28,7 @@ using android::base::SetProperty;
 
 namespace {
 
-// One connection on the reserved "dumpstate" socket of the current root:
-// receives the request, lets the test react, sends the reply. Binds below a
-// root of any depth, as the platform's own service would.
+// One connection on the root's reserved "dumpstate" socket (at any depth): request in, the test's reply out.
 class FakeDumpstate {
 public:
     // `readsRequest`: the client writes a request before it reads the reply.
@@ -72,18 +69,6 @@ private:
     std::string request_;
 };
 
-// Sleeps cost nothing; the time they would have taken is counted.
-class CountingClock : public velmar::kolto::Clock {
-public:
-    int64_t SteadyNowMs() override { return slept_; }
-    int64_t WallNowMs() override { return slept_; }
-    void SleepMs(int64_t ms) override { slept_ += ms; }
-    int64_t slept() const { return slept_; }
-
-private:
-    std::atomic<int64_t> slept_{0};
-};
-
 class CaptureDumpsTest : public CaptureSandboxTest {
 protected:
     void SetUp() override {
@@ -92,12 +77,10 @@ protected:
         SetProperty("ro.product.device", "host");
         SetProperty("ro.build.version.incremental", "42");
         SetProperty("ro.debuggable", "1");
-        velmar::kolto::SetClockForTesting(&clock_);
+        clock_.Install();
+        clock_.SetAdvanceOnSleep(true);  // sleeps cost nothing; Slept() counts them
     }
-    void TearDown() override {
-        velmar::kolto::SetClockForTesting(nullptr);
-        CaptureSandboxTest::TearDown();
-    }
+    int64_t Slept() { return clock_.SteadyNowMs() - TestClock::kStartSteadyMs; }
     void DumpAll(const std::string& type, const std::string& headline, std::vector<String16> actions,
                  std::vector<String16> params, bool offline, int id = -1, bool useId = false,
                  std::vector<String16> files = {}, const std::string& whereText = "", bool recordInLocal = false) {
@@ -111,7 +94,7 @@ protected:
     void Quick(const std::string& type, const std::string& headline, bool offline, const std::string& where = "") {
         DumpAll(type, headline, List({"do_dumpheap"}), List({""}), offline, -1, false, {}, where);
     }
-    CountingClock clock_;
+    TestClock clock_;
     std::string attached_;  // the attachments dump_all left, one a line
 };
 
@@ -120,8 +103,7 @@ const char kAnrStart[] = "==================Start Get data/anr log for BootMonit
 }  // namespace
 
 TEST_F(CaptureDumpsTest, HeaderSectionsInOrderAndOnlineName) {
-    // "rm" is no whitelisted tool; an empty action is (it occurs in any
-    // string) and fails at exec as a missing tool does.
+    // "rm" is no whitelisted tool; an empty action is (it occurs in any string) and fails at exec.
     DumpAll("hangTemp", "a/b:c\"%&'()*<>?\\{|}", List({"ps", "rm", "cat", "do_dmesg", ""}),
             List({"-o,pid", "-rf /", "/data/vendor/diag/last_kmsg,/data/vendor/diag/last_tzlog", "", ""}), false, 7,
             true);
@@ -138,8 +120,7 @@ TEST_F(CaptureDumpsTest, HeaderSectionsInOrderAndOnlineName) {
                          "== headline: aXbXcXXXXXXXXXXXXXX\n== debuggable: 1\n== hwlevel: unkown\n" +
                          rule + "\n------ \\(uptime\\) in 1s ------\n")))
         << text;
-    // Release builds give an action 5 s; this host is no release build
-    // (no "MP" hardware level), so actions get the long time-out.
+    // Not a release build (no "MP" hardware level): actions get the long time-out, not 5 s.
     size_t at = 0;
     for (const char* section :
          {"------ (ps -o pid) in 1s ------\n",
@@ -167,8 +148,7 @@ TEST_F(CaptureDumpsTest, HeaderSectionsInOrderAndOnlineName) {
     EXPECT_TRUE(std::regex_search(Names(dir), std::regex("(^|\n)null_hangTemp_null_host_42_")));
 }
 
-// A type or where that could forge a log line, climb out or follow a link is
-// refused before anything is made; so are outputs of dump_by_power off /data.
+// A type or where that could forge a log line, climb out or follow a link is refused, as is dump_by_power off /data.
 TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
     MakeDirs({"/data/w", "/etc", "/mnt/rescue/dorva", "/cache"});
     TempDir outside;
@@ -213,8 +193,7 @@ TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
     Quick(std::string(87, 't'), "x", false);
     EXPECT_EQ(log_.Count("too long"), 1u);
     EXPECT_EQ(Names("/data/dorva"), std::string(87, 't') + "\n");
-    // Inside, ".." and all, the archive goes there; the rescue partition takes
-    // rescue-party captures.
+    // Inside, ".." and all, the archive goes there; the rescue partition takes rescue-party captures.
     Quick("anr", "h", false, "/data/dorva/../w/");
     EXPECT_TRUE(std::regex_match(Names("/data/w"), std::regex("null_anr_h_host_42_[0-9]+_-?[0-9]+\\.zip\n")))
         << Names("/data/w");
@@ -233,8 +212,7 @@ TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlotsAndNoCaptureIsLost) {
     // Six captures leave five slots, each a complete archive and no text.
     for (int i = 0; i < 6; ++i) Quick("anr", "h/1", true);
     EXPECT_EQ(Names(dir), fiveSlots);
-    // The oldest archive's slot is taken, unless a running capture still
-    // writes its text: then the next oldest. A stale text blocks nothing.
+    // The oldest archive's slot is taken, or the next if a capture still writes its text; a stale one blocks nothing.
     for (int slot = 0; slot < 5; ++slot) age("anr_hX1_" + std::to_string(slot) + ".zip", 1000000 + slot * 10);
     age("anr_hX1_3.zip", 500000);
     WriteFile(Path(dir + "/anr_hX1_3"), "still being written");
@@ -250,8 +228,7 @@ TEST_F(CaptureDumpsTest, OfflineCapturesRotateOverFiveSlotsAndNoCaptureIsLost) {
     EXPECT_EQ(RunShell("ls '" + Path("/data/dorva/anr/online") + "' | grep -c '_same_.*zip$'"), "3\n");
 }
 
-// A packing that fails keeps the text; what killed packings left behind goes
-// at the next start, and a headline's commas reach no tool as options.
+// A failed packing keeps the text, killed packings' leftovers go at start; a headline's commas are no options.
 TEST_F(CaptureDumpsTest, NothingIsLostWhenPackingFailsOrWasKilled) {
     const std::string online = Path("/data/dorva/anr/online");
     std::vector<int> timeouts;
@@ -314,26 +291,24 @@ TEST_F(CaptureDumpsTest, BugreportFromTheDumpstateService) {
 }
 
 TEST_F(CaptureDumpsTest, FullReportReplyIsAtMost511BytesAndMustNameAFile) {
-    // A report whose device path is 511 bytes, and a reply that fills the
-    // whole 512-byte buffer: the last byte is not part of the path.
+    // A 511-byte report path in a reply that fills the 512-byte buffer: the last byte is not part of the path.
     const std::string dir = "/data/dorva//hangTemp/online/" + std::string(200, 'r') + "/" + std::string(200, 's');
     const std::string report = dir + "/" + std::string(511 - dir.size() - 1, 'f');
     ASSERT_EQ(report.size(), 511u);
     Make(report, "report");
     const std::pair<std::string, std::string> replies[] = {{report + "Z", report + "\n"},
                                                             {"/data/dorva/none.zip", ""}};
-    for (const auto& [reply, attached] : replies) {
-        FakeDumpstate server(true, [&] { return reply; });
+    for (const auto& r : replies) {
+        FakeDumpstate server(true, [&] { return r.first; });
         DumpAll("hangTemp", "report", List({"tarnbugreport"}), List({"full"}), false);
         EXPECT_EQ(server.Request(), Path("/data/dorva//hangTemp/online") + "|full");
-        EXPECT_EQ(attached_, attached);
+        EXPECT_EQ(attached_, r.second);
     }
     EXPECT_TRUE(Logged(log_, "recv response from dumpstate: /data/dorva/none.zip", ANDROID_LOG_INFO));
     EXPECT_TRUE(Logged(log_, "file stat get failed: No such file or directory"));
 }
 
-// Below a root deeper than a socket address can spell, the reserved socket
-// is still reached: through its directory, as the binder transport does.
+// Below a root deeper than a socket address can spell, the reserved socket is reached through its directory.
 TEST_F(CaptureDumpsTest, LiteBugreportBelowARootDeeperThanASocketAddressAllows) {
     platform::SetRoot(root_.Sub(std::string(60, 'd') + "/" + std::string(60, 'e')));
     MakeDirs({"/cache/dorva", "/data/dorva", "/mnt/rescue/dorva"});
@@ -356,13 +331,11 @@ TEST_F(CaptureDumpsTest, LiteBugreportBelowARootDeeperThanASocketAddressAllows) 
     EXPECT_EQ(ModeOf(Path("/data/dorva/lite.txt")), 0664u);
     EXPECT_EQ(GetProperty("sys.nuvi.bm_zip", "unset"), "unset");  // cleared
     EXPECT_EQ(GetProperty("ctl.stop", ""), "nuvibmdump");
-    // No dumpstate at all: twenty tries half a second apart, then the error
-    // (the socket file is missing, not its name too long); the service is
-    // stopped and the request cleared all the same.
+    // No dumpstate: twenty tries half a second apart, the error (no socket file), and the same clean-up.
     SetProperty("ro.build.ab_update", "true");
     SetProperty("ctl.stop", "");
     CaptureLogUtil::dump_lite_bugreport("boot_2", "/data/dorva/lite2.txt");
-    EXPECT_EQ(clock_.slept(), 19 * 500);
+    EXPECT_EQ(Slept(), 19 * 500);
     EXPECT_TRUE(Logged(log_, "Failed to connect dumpstate socket: No such file or directory"));
     EXPECT_EQ(ReadFile(Path("/mnt/rescue/dorva/bootmonitor_log.txt")), Path("/data/dorva/lite2.txt"));
     EXPECT_EQ(GetProperty("ctl.stop", ""), "nuvibmdump");
@@ -385,7 +358,7 @@ TEST_F(CaptureDumpsTest, CoredumpWaitsUntilTheFileStopsGrowing) {
     }
     EXPECT_EQ(log_.Count("wait coredump(" + missing + ") created 4 times"), 0u);
     EXPECT_TRUE(log_.HasLine("coredump(" + missing + ") file stat fail: No such file or directory\n", "dorvad"));
-    EXPECT_EQ(clock_.slept(), 1000 + 3000);  // one poll interval, three creation waits
+    EXPECT_EQ(Slept(), 1000 + 3000);  // one poll interval, three creation waits
 }
 
 TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildWhileTheWatchdogStampIsRecent) {
@@ -409,8 +382,7 @@ TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildWhileTheWatchdogStampIsRecent) {
     EXPECT_TRUE(Logged(log_, "Faild to match " + Path("/data/anr/no_fingerprint") + "\n"));
     EXPECT_TRUE(Logged(log_, "read file for " + std::to_string(otherBuild.size()) +
                                  " byte, build.fingerprint prop mismatch\n"));
-    // Twelve traces of this build and the one of another build matched; the
-    // ten newest of this build go along.
+    // Twelve traces of this build and one of another matched; the ten newest of this build go along.
     EXPECT_EQ(CountExact(log_, "=============match success!!!=============\n", "dorvad"), 13u);
     std::string traces = "anr/trace_10\nanr/trace_11\n";
     for (int i = 2; i < 10; ++i) traces += "anr/trace_" + std::to_string(i) + "\n";
@@ -421,8 +393,7 @@ TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildWhileTheWatchdogStampIsRecent) {
         << text;
     EXPECT_FALSE(Exists(Path("/data/x/cap")));  // packed, then removed
 
-    // A stamp of three hours or more skips the traces; leading zeros do not
-    // make it octal, and one that is no number, or missing, skips them too.
+    // Three hours or more skips the traces, as does no number; leading zeros do not make a stamp octal.
     const std::pair<const char*, bool> stamps[] = {
         {"10800000", false}, {"0010799999", true}, {"0010800000", false}, {"1e6", false}, {" 42", false}, {"", false}};
     for (const auto& [stamp, allowed] : stamps) {
@@ -457,8 +428,7 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
     DumpAll("anr", "h", List({"ps"}), List({""}), true);
     EXPECT_EQ(Names("/data/dorva//anr/offline"), "anr_h_0\nanr_h_1.zip\n");
     EXPECT_EQ(ReadFile(victim), "precious");
-    // At the name of the archive whose slot is next: the link goes, the
-    // archive takes its place.
+    // At the name of the archive whose slot is next: the link goes, the archive takes its place.
     unlink((offline + "/anr_h_0").c_str());
     for (int slot = 2; slot < 5; ++slot) WriteFile(offline + "/anr_h_" + std::to_string(slot) + ".zip", "zip");
     ASSERT_EQ(symlink(victim.c_str(), (offline + "/anr_h_0.zip").c_str()), 0);
@@ -469,8 +439,7 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
     EXPECT_EQ(ModeOf(victim), 0600u);
     EXPECT_EQ(Entries(offline + "/anr_h_0.zip"), "offline/anr_h_0\n");  // a real archive, no link
 
-    // In the place of a log directory, or of a type directory: refused, and
-    // the directory pointed to keeps its mode and stays empty.
+    // In a log or type directory's place: refused; the directory pointed to keeps its mode and stays empty.
     const std::string elsewhere = outside.Sub("dir");
     ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
     MakeDirs({"/data/dorva/je"});
@@ -487,9 +456,7 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
     EXPECT_EQ(log_.Count("dump_all path"), 0u);
 }
 
-// The online directory renamed away while the capture runs, and a link
-// planted under its name: what is still written goes to the capture, and
-// nothing is packed from or written into the link's target.
+// The online directory swapped for a link mid-capture: the capture is still written, nothing through the link.
 TEST_F(CaptureDumpsTest, LogDirectorySwappedForALinkMidCapture) {
     TempDir outside;
     const std::string online = Path("/data/dorva//anr/online");

@@ -1,4 +1,3 @@
-// The capture runner, the light runner (CmdTool) and the child wait both use.
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
@@ -12,6 +11,7 @@
 #include <chrono>
 #include <regex>
 #include <thread>
+#include <tuple>
 
 #include <android-base/properties.h>
 
@@ -36,7 +36,6 @@ bool CmdToolLogged(const platform::LogCapture& log, const std::string& text, int
     return log.HasLine("dorvad cmdtool " + text, platform::DefaultLogTag(), prio);
 }
 
-// Forks a child that sleeps until it is killed.
 pid_t Sleeper() {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -45,10 +44,8 @@ pid_t Sleeper() {
     return pid;
 }
 
-// Runs in a pid namespace of its own, as its init, where no other process
-// hands out numbers: a child is reaped behind the ChildWait's back and a new
-// child is given the very same pid. Returns 0 when the ChildWait never
-// touched the newcomer, else the number of the check that failed.
+// As init of its own pid namespace: a child reaped behind the ChildWait's back, a newcomer given its pid.
+// Returns 0 when the ChildWait never touched the newcomer, else the number of the check that failed.
 int SignalAfterThePidWasReused() {
     const pid_t first = Sleeper();
     ChildWait wait(first);
@@ -77,8 +74,7 @@ int SignalAfterThePidWasReused() {
 
 }  // namespace
 
-// A timed-out child is ended (how a stubborn one is, is ChildWaitTest's) and
-// reaped; the default time-out follows the test mode, which then stays.
+// A timed-out child is ended and reaped; the default time-out follows the test mode, which then stays.
 TEST_F(CommandRunnerTest, ResultLinesForExitsSignalsExecFailuresAndTimeouts) {
     const std::string file = root_.Sub("cap");
     CaptureLogUtil::run_command({"sh", "-c", "echo out; echo err >&2; exit 3"}, file.c_str(), 5);
@@ -146,13 +142,10 @@ TEST_F(CommandRunnerTest, SynchronousWritesOnlyForPowerCaptures) {
     EXPECT_TRUE(Logged(log_, "Open log file failed. err: No such file or directory. log path: " + missing + "\n"));
 }
 
-// Captures run on several threads at once: children ending on one thread
-// must not cut short, or count as time-outs, the waits of another.
+// Children ending on one capture thread must not cut short, or time out, the waits of another.
 TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     const std::string slow = root_.Sub("slow");
-    // Threads of a daemon often run with SIGCHLD blocked (the threads below
-    // inherit it): every child's end is then a process-wide signal that any
-    // waiting thread could take for its own.
+    // With SIGCHLD blocked (the threads inherit it) every child's end is a signal any waiter could take.
     sigset_t chld, oldMask;
     sigemptyset(&chld);
     sigaddset(&chld, SIGCHLD);
@@ -172,8 +165,7 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
             ++fastRuns;
         }
     });
-    // And children that are not the runners' own end meanwhile too. A runner
-    // that never returns fails the test here (its thread ends the process).
+    // Children not the runners' own end meanwhile too; a runner that never returns fails the wait.
     ASSERT_TRUE(WaitFor([&] {
         const pid_t other = fork();
         if (other == 0) _exit(0);
@@ -197,7 +189,6 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
 }
 
 TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
-    // A script that records its argument count and arguments, then exits 3.
     const std::string out = root_.Sub("args");
     const std::string script = root_.Sub("record.sh");
     WriteFile(script, "#!/bin/sh\nprintf '%s\\n' \"$#\" \"$@\" > '" + out + "'\nexit 3\n");
@@ -215,24 +206,21 @@ TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
     EXPECT_EQ(ReadFile(out), "1\n" + longest + "\n");
     unlink(out.c_str());
 
-    // The child refuses 1024 bytes; a missing tool, and an empty name (no
-    // refusal of its own), fail at exec.
-    const struct {
-        std::string program, params, childLine;
-    } failures[] = {
+    // The child refuses 1024 bytes; a missing tool and an empty name fail at exec.
+    const std::tuple<std::string, std::string, std::string> failures[] = {  // program, parameters, child's line
         {script, std::string(1024, 'p'), "*** param too long: 1024 bytes"},
         {"tarnis-no-such-tool", "", "*** exec(tarnis-no-such-tool): No such file or directory"},
         {"", "x", "*** exec(): No such file or directory"},
     };
-    for (const auto& f : failures) {
-        SCOPED_TRACE(f.program);
+    for (const auto& [program, params, childLine] : failures) {
+        SCOPED_TRACE(program);
         log_.Clear();
         testing::internal::CaptureStderr();
-        EXPECT_EQ(CmdTool::run_command_lite(f.program.c_str(), f.params.c_str(), 5), 0);
+        EXPECT_EQ(CmdTool::run_command_lite(program.c_str(), params.c_str(), 5), 0);
         // What a forked child logs reaches only standard error.
-        const std::string line = std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + f.childLine;
+        const std::string line = std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + childLine;
         EXPECT_NE(testing::internal::GetCapturedStderr().find(line + "\n"), std::string::npos);
-        EXPECT_TRUE(CmdToolLogged(log_, "*** " + f.program + ": Exit code 255\n"));
+        EXPECT_TRUE(CmdToolLogged(log_, "*** " + program + ": Exit code 255\n"));
     }
     EXPECT_FALSE(Exists(out));  // the script never ran
     EXPECT_EQ(CmdTool::run_command_lite(static_cast<const char*>(nullptr), "", 5), -1);
@@ -243,32 +231,22 @@ TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
     EXPECT_NE(LineMatching(log_, "dorvad cmdtool \\[true: 0\\.[0-9]{3}s elapsed57\\]\n\n", tag, ANDROID_LOG_DEBUG), "");
 }
 
-// The time-out's and the failed wait's lines; how a stubborn child is ended
-// (SIGTERM, then SIGKILL after the grace) is ChildWaitTest's. A negative
-// time-out fails as a failed wait does and still ends the child; 0 is a
-// time-out that comes at once.
+// A negative time-out fails as a failed wait does and still ends the child; 0 times out at once.
 TEST_F(CmdToolTest, TimeoutsAndFailedWaitsEndTheChildAndSaySo) {
-    const struct {
-        int timeout;
-        std::string line;
-        const char* absent;
-    } cases[] = {
-        {1, "Timed out after 1\\.[0-9]{3}s", "sigtimedwait"},
-        {0, "Timed out after 0\\.[0-9]{3}s", "sigtimedwait"},
-        {-1, "Error after 0\\.[0-9]{4}s", "Timed out"},
-    };
+    const std::pair<int, std::string> cases[] = {
+        {1, "Timed out after 1\\.[0-9]{3}s"}, {0, "Timed out after 0\\.[0-9]{3}s"}, {-1, "Error after 0\\.[0-9]{4}s"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.timeout);
+        SCOPED_TRACE(c.first);
         log_.Clear();
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", c.timeout), -1);
+        EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", c.first), -1);
         // The child went at SIGTERM: no grace was waited out.
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
-        EXPECT_NE(LineMatching(log_, "dorvad cmdtool \\*\\*\\* sleep: " + c.line + " \\(killing pid [0-9]+\\)\n",
+        EXPECT_NE(LineMatching(log_, "dorvad cmdtool \\*\\*\\* sleep: " + c.second + " \\(killing pid [0-9]+\\)\n",
                                platform::DefaultLogTag(), ANDROID_LOG_ERROR),
                   "");
-        EXPECT_EQ(CmdToolLogged(log_, "*** sigtimedwait failed: Invalid argument\n"), c.timeout < 0);
-        EXPECT_EQ(log_.Count(c.absent), 0u);
+        EXPECT_EQ(CmdToolLogged(log_, "*** sigtimedwait failed: Invalid argument\n"), c.first < 0);
+        EXPECT_EQ(log_.Count(c.first < 0 ? "Timed out" : "sigtimedwait"), 0u);
         EXPECT_EQ(log_.Count("Cannot kill"), 0u);
         EXPECT_EQ(log_.Count("elapsed57"), 0u);
     }
@@ -293,8 +271,7 @@ TEST_F(ChildWaitTest, StopsAChildThatIgnoresSigtermWithSigkillAfterTheGrace) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(child.Stop("dorvad", ""));
     const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    // SIGTERM first: the child noted it and carried on; SIGKILL only once the
-    // one-second grace had passed.
+    // SIGTERM first, noted and ignored; SIGKILL only after the one-second grace.
     EXPECT_EQ(ReadFile(record), "TERM\n");
     EXPECT_GE(took, 0.95);
     EXPECT_LT(took, 2.5);
@@ -314,8 +291,7 @@ TEST_F(ChildWaitTest, ReportsAFailedWaitInTheRunnersWords) {
     EXPECT_TRUE(Logged(log_, "*** waitpid failed: No child processes\n"));
 }
 
-// The pid of a child that was reaped elsewhere may already belong to a new
-// process; only the pidfd still names the child that ended.
+// A child reaped elsewhere may have its pid reused; only the pidfd still names the child that ended.
 TEST_F(ChildWaitTest, NeverSignalsAProcessThatReusedThePid) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "skipped: needs root (a pid namespace of its own, where a pid can be handed out again)";
