@@ -46,12 +46,16 @@ constexpr size_t kAttrsAt = NLMSG_HDRLEN + GENL_HDRLEN;
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
+// `bytes` with `value` written at `at`: a header, or a length field broken.
+template <typename T>
+Bytes Patched(Bytes bytes, size_t at, T value) {
+    memcpy(bytes.data() + at, &value, sizeof(value));
+    return bytes;
+}
+
 // One attribute on the wire: length, type, payload, padding to four bytes.
 Bytes Attr(uint16_t type, const Bytes& payload) {
-    Bytes out(4);
-    const uint16_t len = static_cast<uint16_t>(4 + payload.size());
-    memcpy(out.data(), &len, 2);
-    memcpy(out.data() + 2, &type, 2);
+    Bytes out = Patched(Patched(Bytes(4), 0, static_cast<uint16_t>(4 + payload.size())), 2, type);
     out.insert(out.end(), payload.begin(), payload.end());
     out.resize((out.size() + 3) & ~size_t{3}, 0);
     return out;
@@ -63,21 +67,10 @@ Bytes Cat(std::initializer_list<Bytes> pieces) {
     return out;
 }
 
-// `bytes` with a length field overwritten, to break it.
-template <typename T>
-Bytes Patched(Bytes bytes, size_t at, T value) {
-    memcpy(bytes.data() + at, &value, sizeof(value));
-    return bytes;
-}
-
 // A whole generic-netlink message of this command around the attributes.
 Bytes Message(uint8_t command, const Bytes& attrs, uint32_t seq = 7) {
-    nlmsghdr header{};
-    header.nlmsg_len = static_cast<uint32_t>(kAttrsAt + attrs.size());
-    header.nlmsg_type = 0x1c;
-    header.nlmsg_seq = seq;
-    Bytes out(kAttrsAt, 0);
-    memcpy(out.data(), &header, sizeof(header));
+    const nlmsghdr header{static_cast<uint32_t>(kAttrsAt + attrs.size()), 0x1c, 0, seq, 0};
+    Bytes out = Patched(Bytes(kAttrsAt, 0), 0, header);
     out[NLMSG_HDRLEN] = command;
     out.insert(out.end(), attrs.begin(), attrs.end());
     return out;

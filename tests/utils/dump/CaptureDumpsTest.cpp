@@ -9,6 +9,7 @@
 #include <functional>
 #include <regex>
 #include <thread>
+#include <tuple>
 
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
@@ -157,24 +158,22 @@ TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
     DumpAll("anr", "x", List({"ps", "df"}), List({""}), false);
     DumpAll("anr", "x", {}, {}, false);
     EXPECT_EQ(CountExact(log_, "Error in dump: actions or params exception.", "dorvad", ANDROID_LOG_ERROR), 2u);
-    const auto type = [](const std::string& shown) { return "type '" + shown + "' is not a plain directory name"; };
-    const auto where = [](const std::string& shown) {
+    const auto badType = [](const std::string& shown) { return "type '" + shown + "' is not a plain directory name"; };
+    const auto badWhere = [](const std::string& shown) {
         return "where '" + shown + "' is not a directory on the data, rescue or cache partition";
     };
     // The rescue-party base may not be left out.
-    const struct {
-        std::string type, where, refusal;
-    } refused[] = {
-        {"a\nforged", "", type("a\\x0aforged")}, {"../x", "", type("../x")}, {"", "", type("")},
-        {".", "", type(".")}, {"..", "", type("..")}, {"a/b", "", type("a/b")},
-        {"anr", "/data/../../etc/", where("/data/../../etc/")}, {"anr", "/data/out/", where("/data/out/")},
-        {"anr", "/data/none/", where("/data/none/")}, {"anr", "data/w/", where("data/w/")},
-        {"RescuePartyLog", "", where("")}, {"BootFailure", "/data/w/../../etc", where("/data/w/../../etc")},
-        {"RescuePartyLog", "/data/out", where("/data/out")},
+    const std::tuple<std::string, std::string, std::string> refused[] = {  // type, where, refusal
+        {"a\nforged", "", badType("a\\x0aforged")}, {"../x", "", badType("../x")}, {"", "", badType("")},
+        {".", "", badType(".")}, {"..", "", badType("..")}, {"a/b", "", badType("a/b")},
+        {"anr", "/data/../../etc/", badWhere("/data/../../etc/")}, {"anr", "/data/out/", badWhere("/data/out/")},
+        {"anr", "/data/none/", badWhere("/data/none/")}, {"anr", "data/w/", badWhere("data/w/")},
+        {"RescuePartyLog", "", badWhere("")}, {"BootFailure", "/data/w/../../etc", badWhere("/data/w/../../etc")},
+        {"RescuePartyLog", "/data/out", badWhere("/data/out")},
     };
-    for (const auto& r : refused) {
-        Quick(r.type, "h", false, r.where);
-        EXPECT_EQ(CountExact(log_, "Refusing capture: " + r.refusal, "dorvad", ANDROID_LOG_ERROR), 1u) << r.refusal;
+    for (const auto& [type, where, refusal] : refused) {
+        Quick(type, "h", false, where);
+        EXPECT_EQ(CountExact(log_, "Refusing capture: " + refusal, "dorvad", ANDROID_LOG_ERROR), 1u) << refusal;
     }
     // "/data/dorva/" and the type: 100 bytes are too many, 99 are not.
     Quick(std::string(88, 't'), "x", false);
@@ -183,8 +182,17 @@ TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
         CaptureLogUtil::dump_by_power(List({"ps"}), List({""}), (dir + "/rb.txt").c_str(), 5);
     }
     EXPECT_EQ(log_.Count("dump_by_power: \""), 2u);
+    // A link in the place of a log directory, or of a type directory.
+    MakeDirs({"/data/dorva/je"});
+    ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/dorva/je/online").c_str()), 0);
+    ASSERT_EQ(symlink(outside.path().c_str(), Path("/data/dorva/ne").c_str()), 0);
+    Quick("je", "h", false);
+    Quick("ne", "h", false);
+    const std::string why = " :a symbolic link is in its place";
+    EXPECT_TRUE(Logged(log_, "failed to create dir " + Path("/data/dorva//je/online") + why));
+    EXPECT_TRUE(Logged(log_, "failed to create log dir " + Path("/data/dorva//ne") + why));
     EXPECT_EQ(Names("/data"), "anr\ndorva\nout\nsystem\nw\n");
-    EXPECT_EQ(Names("/data/dorva"), "");
+    EXPECT_EQ(Names("/data/dorva"), "je\nne\n");
     EXPECT_EQ(Names("/etc"), "");
     EXPECT_EQ(RunShell("ls -A '" + outside.path() + "'"), "");
     EXPECT_EQ(ModeOf(outside.path()), 0700u);
@@ -192,7 +200,7 @@ TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
 
     Quick(std::string(87, 't'), "x", false);
     EXPECT_EQ(log_.Count("too long"), 1u);
-    EXPECT_EQ(Names("/data/dorva"), std::string(87, 't') + "\n");
+    EXPECT_EQ(Names("/data/dorva"), "je\nne\n" + std::string(87, 't') + "\n");
     // Inside, ".." and all, the archive goes there; the rescue partition takes rescue-party captures.
     Quick("anr", "h", false, "/data/dorva/../w/");
     EXPECT_TRUE(std::regex_match(Names("/data/w"), std::regex("null_anr_h_host_42_[0-9]+_-?[0-9]+\\.zip\n")))
@@ -438,22 +446,6 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
     EXPECT_EQ(ReadFile(victim), "precious");
     EXPECT_EQ(ModeOf(victim), 0600u);
     EXPECT_EQ(Entries(offline + "/anr_h_0.zip"), "offline/anr_h_0\n");  // a real archive, no link
-
-    // In a log or type directory's place: refused; the directory pointed to keeps its mode and stays empty.
-    const std::string elsewhere = outside.Sub("dir");
-    ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
-    MakeDirs({"/data/dorva/je"});
-    ASSERT_EQ(symlink(elsewhere.c_str(), Path("/data/dorva/je/online").c_str()), 0);
-    ASSERT_EQ(symlink(elsewhere.c_str(), Path("/data/dorva/ne").c_str()), 0);
-    log_.Clear();
-    DumpAll("je", "h", List({"ps"}), List({""}), false);
-    DumpAll("ne", "h", List({"ps"}), List({""}), false);
-    const std::string why = " :a symbolic link is in its place";
-    EXPECT_TRUE(Logged(log_, "failed to create dir " + Path("/data/dorva//je/online") + why));
-    EXPECT_TRUE(Logged(log_, "failed to create log dir " + Path("/data/dorva//ne") + why));
-    EXPECT_EQ(RunShell("ls -A '" + elsewhere + "'"), "");
-    EXPECT_EQ(ModeOf(elsewhere), 0700u);
-    EXPECT_EQ(log_.Count("dump_all path"), 0u);
 }
 
 // The online directory swapped for a link mid-capture: the capture is still written, nothing through the link.
