@@ -35,10 +35,7 @@ bool IsLink(const std::string& path) { return S_ISLNK(Lstat(path).st_mode); }
 class FileUtilTree : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const std::string& dir : {root_, root_ + "/sub", root_ + "/sub/deeper", root_ + "/empty", outside_,
-                                       outside_ + "/keep"}) {
-            ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-        }
+        ASSERT_EQ(RunShell("mkdir -p '" + root_ + "/sub/deeper' '" + root_ + "/empty' '" + outside_ + "/keep'"), "");
         ASSERT_TRUE(WriteFile(root_ + "/a.log", std::string(5000, 'a')));
         ASSERT_TRUE(WriteFile(root_ + "/sub/deeper/c.log", std::string(70000, 'c')));
         ASSERT_TRUE(WriteFile(outside_ + "/keep/precious.txt", "precious"));

@@ -63,9 +63,7 @@ std::vector<std::string> SortedNames(const std::vector<Entry>& entries) {
 class ZipFileTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const char* dir : {"logs", "logs/sub", "logs/empty"}) {
-            ASSERT_EQ(mkdir(tmp_.Sub(dir).c_str(), 0755), 0);
-        }
+        for (const char* dir : {"logs", "logs/sub", "logs/empty"}) ASSERT_EQ(mkdir(tmp_.Sub(dir).c_str(), 0755), 0);
         binary_ = RandomBytes(300 * 1024 + 17, 7);  // several read chunks, incompressible
         ASSERT_TRUE(WriteFile(tmp_.Sub("logs/a.txt"), "alpha\n"));
         ASSERT_TRUE(WriteFile(tmp_.Sub("logs/sub/b.bin"), binary_));
