@@ -5,8 +5,7 @@
 #include <random>
 #include <string>
 
-// Test data as bytes: reproducible noise, and its hexadecimal text for
-// command-line tools (openssl's -K and -iv).
+// Test data as bytes: reproducible noise, and its hex text for openssl's -K and -iv.
 namespace tarnis_test {
 
 inline std::string RandomBytes(size_t len, uint64_t seed) {

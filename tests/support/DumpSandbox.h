@@ -34,16 +34,12 @@ inline bool Logged(const platform::LogCapture& log, const std::string& text, int
 // Entry names of an archive, one a line, sorted.
 inline std::string Entries(const std::string& zip) { return RunShell("unzip -Z1 '" + zip + "' | sort"); }
 
-// A sandbox root for one test, with quick time-outs.
+// A sandbox root for one test, with quick time-outs, and the lines logged.
 class SandboxTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::SetRoot(root_.path());
-        android::CaptureLogUtil::Timeouts quick;
-        quick.defaultSeconds = 1;
-        quick.testModeSeconds = 2;
-        quick.killWaitSeconds = 1;
-        android::CaptureLogUtil::SetTimeoutsForTesting(quick);
+        android::CaptureLogUtil::SetTimeoutsForTesting({1, 2, 1});  // default, test mode, kill wait (s)
         android::CaptureLogUtil::ResetTestModeForTesting();
     }
     void TearDown() override {
@@ -53,6 +49,7 @@ protected:
     }
     std::string Path(const std::string& devicePath) const { return platform::DevicePath(devicePath); }
     TempDir root_;
+    platform::LogCapture log_;
 };
 
 // A sandbox for the capture calls, which take device paths in UTF-16 lists.

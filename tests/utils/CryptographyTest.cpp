@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -18,12 +19,7 @@
 #include "utils/Cryptography.h"
 
 using android::base::unique_fd;
-using tarnis_test::Hex;
-using tarnis_test::RandomBytes;
-using tarnis_test::ReadFile;
-using tarnis_test::RunShell;
-using tarnis_test::TempDir;
-using tarnis_test::WriteFile;
+using namespace tarnis_test;
 namespace crypto = velmar::kolto::cryptography;
 
 namespace {
@@ -38,17 +34,11 @@ std::string NewKey() {
     return key;
 }
 
-// aes_encrypt_file's result for the input `inFd` written to a new file `out`.
-int64_t Encrypt(int inFd, const std::string& out, std::string key) {
-    const unique_fd outFd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    EXPECT_TRUE(outFd.ok());
-    return crypto::aes_encrypt_file(inFd, outFd.get(), Bytes(key));
-}
-
-int64_t EncryptFile(const std::string& in, const std::string& out, const std::string& key) {
+int64_t EncryptFile(const std::string& in, const std::string& out, std::string key) {
     const unique_fd inFd(open(in.c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_TRUE(inFd.ok());
-    return Encrypt(inFd.get(), out, key);
+    const unique_fd outFd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    EXPECT_TRUE(inFd.ok() && outFd.ok());
+    return crypto::aes_encrypt_file(inFd.get(), outFd.get(), Bytes(key));
 }
 
 void Openssl(const std::string& arguments) {
@@ -59,8 +49,7 @@ void Openssl(const std::string& arguments) {
 
 }  // namespace
 
-// The holder of the private key opens what the daemon wrote with the openssl
-// tool alone: the AES key wrapped with RSA, the data with that key.
+// The private key's holder opens what the daemon wrote with openssl alone: the key under RSA, the data under AES.
 class OpensslReadsWhatWeWrite : public ::testing::TestWithParam<size_t> {};
 
 TEST_P(OpensslReadsWhatWeWrite, KeyUnderRsaAndDataUnderAes) {
@@ -85,9 +74,7 @@ TEST_P(OpensslReadsWhatWeWrite, KeyUnderRsaAndDataUnderAes) {
     const std::string decrypted = ReadFile(dir.Sub("data.dec"));
     ASSERT_EQ(decrypted.size(), padded);
     EXPECT_TRUE(decrypted.substr(0, plain.size()) == plain);
-    // A final partial block is completed with the plain bytes the block
-    // before it ended with, as a reader reusing one block buffer has them
-    // (zeros when there is no block before).
+    // A final partial block is completed with the previous block's last plain bytes (zeros when there is none).
     const size_t tail = plain.size() % 16;
     const std::string completion = tail == 0 ? ""
                                    : plain.size() < 16 ? std::string(16 - tail, '\0')
@@ -95,14 +82,12 @@ TEST_P(OpensslReadsWhatWeWrite, KeyUnderRsaAndDataUnderAes) {
     EXPECT_EQ(Hex(decrypted.substr(plain.size())), Hex(completion));
 }
 
-// Empty, one block and a byte, exactly two blocks, a tail just past a read
-// chunk (its completing bytes come from the chunk before), a few megabytes.
+// Empty, a block and a byte, two blocks, a tail just past a read chunk, a few megabytes.
 INSTANTIATE_TEST_SUITE_P(Sizes, OpensslReadsWhatWeWrite,
                          ::testing::Values(size_t{0}, size_t{5}, size_t{17}, size_t{32}, size_t{(1 << 20) + 5},
                                            size_t{3000001}));
 
-// Blocks are full blocks of the stream, however a pipe's writer splits it;
-// a key or an output that cannot be used fails.
+// Blocks are the stream's however a pipe's writer splits it; an unusable key or output fails.
 TEST(AesEncryptFile, PipeInPiecesMatchesRegularFileAndFailuresAreSaid) {
     TempDir dir;
     const std::string plain = RandomBytes(100003, 11);
@@ -122,7 +107,8 @@ TEST(AesEncryptFile, PipeInPiecesMatchesRegularFileAndFailuresAreSaid) {
         }
         close(fds[1]);
     });
-    const int64_t written = Encrypt(readEnd.get(), dir.Sub("pipe.enc"), key);
+    const unique_fd pipeOut(open(dir.Sub("pipe.enc").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const int64_t written = crypto::aes_encrypt_file(readEnd.get(), pipeOut.get(), Bytes(key));
     writer.join();
     EXPECT_EQ(written, 100016);
     EXPECT_TRUE(ReadFile(dir.Sub("pipe.enc")) == ReadFile(dir.Sub("file.enc")));
@@ -139,24 +125,21 @@ TEST(AesEncryptFile, PipeInPiecesMatchesRegularFileAndFailuresAreSaid) {
 // The padding that fits is decided by openssl's decryption above.
 TEST(RsaPubEncrypt, RefusesWhatPkcs1CannotCarry) {
     std::string data = RandomBytes(246, 2);
-    const struct {
-        unsigned char* data;
-        int len;
-        const char* line;
-    } refused[] = {
+    const std::tuple<unsigned char*, int, const char*> refused[] = {
         {nullptr, 4, "input str is null, please check it!"},
         {Bytes(data), 0, "input str len is zero!"},
         // PKCS #1 v1.5 leaves 256 - 11 bytes of message in a 2048-bit block.
         {Bytes(data), 246, "Got error on enc/dec!\n"},
     };
-    for (const auto& r : refused) {
+    for (const auto& [bytes, len, line] : refused) {
+        SCOPED_TRACE(line);
         platform::LogCapture capture;
         unsigned char byte = 1;
         unsigned char* out = &byte;
-        EXPECT_EQ(crypto::rsa_pub_encrypt_byte(r.data, &out, r.len), -1) << r.line;
-        EXPECT_EQ(out, nullptr) << r.line;
-        EXPECT_TRUE(capture.HasLine(r.line, "", ANDROID_LOG_ERROR)) << r.line;
-        EXPECT_EQ(capture.Count("", "", ANDROID_LOG_ERROR), 1u) << r.line;
+        EXPECT_EQ(crypto::rsa_pub_encrypt_byte(bytes, &out, len), -1);
+        EXPECT_EQ(out, nullptr);
+        EXPECT_TRUE(capture.HasLine(line, "", ANDROID_LOG_ERROR));
+        EXPECT_EQ(capture.Count("", "", ANDROID_LOG_ERROR), 1u);
     }
 }
 
@@ -168,8 +151,7 @@ TEST(GenerateAes256Key, FreshThirtyTwoBytesOrNoneAtAll) {
     EXPECT_NE(a.substr(0, 32), b.substr(0, 32));
     EXPECT_EQ(a.substr(32), std::string(8, '\xA5'));
 
-    // A source that cannot be opened, or gives too few bytes: said so, and no
-    // usable key is left behind.
+    // A source that cannot be opened, or gives too few bytes: said so, and no usable key left behind.
     TempDir dir;
     ASSERT_TRUE(WriteFile(dir.Sub("short"), std::string(31, 'k')));
     for (const std::string how : {"open", "read"}) {

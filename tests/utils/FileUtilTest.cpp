@@ -16,10 +16,7 @@
 #include "utils/FileUtil.h"
 #include "utils/Paths.h"
 
-using tarnis_test::ReadFile;
-using tarnis_test::RunShell;
-using tarnis_test::TempDir;
-using tarnis_test::WriteFile;
+using namespace tarnis_test;
 using velmar::kolto::ConfinedPath;
 using velmar::kolto::FileUtil;
 namespace paths = velmar::kolto::paths;
@@ -34,15 +31,11 @@ struct stat Lstat(const std::string& path) {
 mode_t ModeOf(const std::string& path) { return Lstat(path).st_mode & 07777; }
 bool IsLink(const std::string& path) { return S_ISLNK(Lstat(path).st_mode); }
 
-// A tree of files, an empty directory, and links out of it (to a directory
-// with contents, to a file), back into it (a loop) and nowhere.
+// A tree of files, an empty directory, and links out of it (to a directory, a file), back into it and nowhere.
 class FileUtilTree : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const std::string& dir : {root_, root_ + "/sub", root_ + "/sub/deeper", root_ + "/empty", outside_,
-                                       outside_ + "/keep"}) {
-            ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-        }
+        ASSERT_EQ(RunShell("mkdir -p '" + root_ + "/sub/deeper' '" + root_ + "/empty' '" + outside_ + "/keep'"), "");
         ASSERT_TRUE(WriteFile(root_ + "/a.log", std::string(5000, 'a')));
         ASSERT_TRUE(WriteFile(root_ + "/sub/deeper/c.log", std::string(70000, 'c')));
         ASSERT_TRUE(WriteFile(outside_ + "/keep/precious.txt", "precious"));
@@ -60,7 +53,9 @@ protected:
 
 class PathsTest : public ::testing::Test {
 protected:
+    void SetUp() override { platform::SetRoot(root_.path()); }
     void TearDown() override { platform::SetRoot("/"); }
+    TempDir root_;
 };
 
 }  // namespace
@@ -100,8 +95,7 @@ TEST_F(FileUtilTree, CreateDirectoryWithOwner) {
                                      tmp_.Sub("plain/q/r") + ", err:Not a directory",
                                  "Tarnis-FileUtil", ANDROID_LOG_ERROR));
 
-    // A relative path starts at the root, which is the sandbox's, never the
-    // host's "/" nor the working directory.
+    // A relative path starts at the sandbox's root, never the host's "/" nor the working directory.
     TempDir elsewhere;
     char cwd[PATH_MAX];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
@@ -178,8 +172,7 @@ TEST_F(FileUtilTree, CopyNeverEntersLinks) {
     ASSERT_EQ(symlink((outside_ + "/file.txt").c_str(), tmp_.Sub("planted").c_str()), 0);
     EXPECT_FALSE(FileUtil::CopyFileOrDirectory(tmp_.Sub("src.bin"), tmp_.Sub("planted")));
     EXPECT_EQ(ReadFile(outside_ + "/file.txt"), "outside file");
-    // The small-file reader neither waits on the FIFO nor reads through the
-    // link, and stops at its bound.
+    // The small-file reader neither waits on the FIFO nor reads through the link, and stops at its bound.
     std::string text;
     EXPECT_FALSE(FileUtil::ReadRegularFile(tmp_.Sub("fifo"), &text, 64));
     EXPECT_FALSE(FileUtil::ReadRegularFile(tmp_.Sub("planted"), &text, 64));
@@ -188,35 +181,27 @@ TEST_F(FileUtilTree, CopyNeverEntersLinks) {
 }
 
 TEST_F(PathsTest, DevicePathsGoBelowTheRootAndBack) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    EXPECT_EQ(paths::Get("/data/anr/trace_1"), root.path() + "/data/anr/trace_1");
+    EXPECT_EQ(paths::Get("/data/anr/trace_1"), root_.path() + "/data/anr/trace_1");
     // Mapping twice is harmless; a relative path is nobody's device path.
-    EXPECT_EQ(paths::Get(paths::Get("/data/anr/")), root.path() + "/data/anr/");
+    EXPECT_EQ(paths::Get(paths::Get("/data/anr/")), root_.path() + "/data/anr/");
     EXPECT_EQ(paths::Get("relative/name"), "relative/name");
-    EXPECT_EQ(paths::DeviceOf(root.path() + "/data/anr/x"), "/data/anr/x");
+    EXPECT_EQ(paths::DeviceOf(root_.path() + "/data/anr/x"), "/data/anr/x");
     // Only what lies below the root has a device path of its own.
-    EXPECT_EQ(paths::DeviceOf(root.path() + "x/y"), root.path() + "x/y");
+    EXPECT_EQ(paths::DeviceOf(root_.path() + "x/y"), root_.path() + "x/y");
     EXPECT_EQ(paths::DeviceOf("/data/anr/x"), "/data/anr/x");
 }
 
-// Outside paths stay in their tree whichever way the walk is done: the
-// kernel's openat2 or the descriptor walk of older kernels.
+// Paths stay in their tree whether walked by openat2 or by the descriptor walk of older kernels.
 TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    ASSERT_EQ(RunShell("mkdir -p " + root.Sub("data/a/b") + " " + root.Sub("outside") + " && echo s > " +
-                       root.Sub("outside/secret") + " && echo k > " + root.Sub("data/a/b/keep") + " && ln -s " +
-                       root.Sub("outside") + " " + root.Sub("data/a/link") + " && ln -s keep " +
-                       root.Sub("data/a/b/leaf") + " && mkfifo " + root.Sub("data/a/fifo")),
+    ASSERT_EQ(RunShell("mkdir -p " + root_.Sub("data/a/b") + " " + root_.Sub("outside") + " && echo s > " +
+                       root_.Sub("outside/secret") + " && echo k > " + root_.Sub("data/a/b/keep") + " && ln -s " +
+                       root_.Sub("outside") + " " + root_.Sub("data/a/link") + " && ln -s keep " +
+                       root_.Sub("data/a/b/leaf") + " && mkfifo " + root_.Sub("data/a/fifo")),
               "");
     for (bool walk : {false, true}) {
         SCOPED_TRACE(walk ? "walk" : "openat2");
         ConfinedPath::UseWalkForTesting(walk);
-        struct Case {
-            const char* path;
-            const char* why;  // "" when it opens
-        } cases[] = {
+        const std::pair<const char*, const char*> cases[] = {  // a path, and why it is refused ("" if not)
             {"/data/a/b/keep", ""},
             {"/data/a/./b/../b/keep", ""},
             {"/data/../outside/secret", "is not below"},
@@ -226,11 +211,11 @@ TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
             {"/data/a/fifo", "is not a regular file"},
             {"data/a/b/keep", "is not an absolute path"},
         };
-        for (const Case& c : cases) {
+        for (const auto& [path, refusal] : cases) {
             std::string why;
-            const android::base::unique_fd fd = ConfinedPath::OpenRegular(c.path, "/data", O_RDONLY, 0, &why);
-            EXPECT_EQ(fd.ok(), c.why[0] == '\0') << c.path << ": " << why;
-            EXPECT_NE(why.find(c.why), std::string::npos) << c.path << ": " << why;
+            const android::base::unique_fd fd = ConfinedPath::OpenRegular(path, "/data", O_RDONLY, 0, &why);
+            EXPECT_EQ(fd.ok(), refusal[0] == '\0') << path << ": " << why;
+            EXPECT_NE(why.find(refusal), std::string::npos) << path << ": " << why;
         }
         // A link last where a directory is asked for is named as a link.
         std::string why;
@@ -238,13 +223,13 @@ TEST_F(PathsTest, ConfinedPathsNeverLeaveTheirTree) {
         EXPECT_NE(why.find("passes through a symbolic link"), std::string::npos) << why;
         // Made and removed below the tree, never through the link.
         EXPECT_FALSE(ConfinedPath::MakeDirs("/data/a/link/made", "/data", 0755, &why).ok());
-        EXPECT_FALSE(std::filesystem::exists(root.Sub("outside/made")));
+        EXPECT_FALSE(std::filesystem::exists(root_.Sub("outside/made")));
         EXPECT_TRUE(ConfinedPath::MakeDirs("/data/a/new/deeper", "/data", 0755, &why).ok()) << why;
         EXPECT_FALSE(ConfinedPath::Remove("/data/a/link/secret", "/data", &why));
-        EXPECT_TRUE(std::filesystem::exists(root.Sub("outside/secret")));
+        EXPECT_TRUE(std::filesystem::exists(root_.Sub("outside/secret")));
         EXPECT_TRUE(ConfinedPath::Remove("/data/a/b/leaf", "/data", &why)) << why;
-        EXPECT_TRUE(std::filesystem::exists(root.Sub("data/a/b/keep")));
-        ASSERT_EQ(RunShell("ln -s keep " + root.Sub("data/a/b/leaf")), "");
+        EXPECT_TRUE(std::filesystem::exists(root_.Sub("data/a/b/keep")));
+        ASSERT_EQ(RunShell("ln -s keep " + root_.Sub("data/a/b/leaf")), "");
     }
     ConfinedPath::UseWalkForTesting(false);
 }

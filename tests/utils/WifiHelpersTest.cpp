@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -45,12 +46,16 @@ constexpr size_t kAttrsAt = NLMSG_HDRLEN + GENL_HDRLEN;
 using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
+// `bytes` with `value` written at `at`: a header, or a length field broken.
+template <typename T>
+Bytes Patched(Bytes bytes, size_t at, T value) {
+    memcpy(bytes.data() + at, &value, sizeof(value));
+    return bytes;
+}
+
 // One attribute on the wire: length, type, payload, padding to four bytes.
 Bytes Attr(uint16_t type, const Bytes& payload) {
-    Bytes out(4);
-    const uint16_t len = static_cast<uint16_t>(4 + payload.size());
-    memcpy(out.data(), &len, 2);
-    memcpy(out.data() + 2, &type, 2);
+    Bytes out = Patched(Patched(Bytes(4), 0, static_cast<uint16_t>(4 + payload.size())), 2, type);
     out.insert(out.end(), payload.begin(), payload.end());
     out.resize((out.size() + 3) & ~size_t{3}, 0);
     return out;
@@ -62,21 +67,10 @@ Bytes Cat(std::initializer_list<Bytes> pieces) {
     return out;
 }
 
-// `bytes` with a length field overwritten, to break it.
-template <typename T>
-Bytes Patched(Bytes bytes, size_t at, T value) {
-    memcpy(bytes.data() + at, &value, sizeof(value));
-    return bytes;
-}
-
 // A whole generic-netlink message of this command around the attributes.
 Bytes Message(uint8_t command, const Bytes& attrs, uint32_t seq = 7) {
-    nlmsghdr header{};
-    header.nlmsg_len = static_cast<uint32_t>(kAttrsAt + attrs.size());
-    header.nlmsg_type = 0x1c;
-    header.nlmsg_seq = seq;
-    Bytes out(kAttrsAt, 0);
-    memcpy(out.data(), &header, sizeof(header));
+    const nlmsghdr header{static_cast<uint32_t>(kAttrsAt + attrs.size()), 0x1c, 0, seq, 0};
+    Bytes out = Patched(Bytes(kAttrsAt, 0), 0, header);
     out[NLMSG_HDRLEN] = command;
     out.insert(out.end(), attrs.begin(), attrs.end());
     return out;
@@ -116,15 +110,9 @@ const std::vector<int> kSignalOnly = {-64, 0, 0, 0, 0, -1, -1, -1, -1, -1, -1, -
 
 }  // namespace
 
-// What cannot be read keeps its default, is logged, and nothing is read past
-// a length that claims more than there is.
+// What cannot be read keeps its default and is logged; nothing is read past a length that claims too much.
 TEST(NetlinkUtilsTest, StationReplyFieldsAndWhatIsMissing) {
-    const struct {
-        const char* what;
-        Bytes message;
-        std::vector<int> fields;
-        Lines errors;
-    } cases[] = {
+    const std::tuple<const char*, Bytes, std::vector<int>, Lines> cases[] = {
         {"every field", Message(19, FullStation()), {-52, -50, -55, 0, 0, 7, 9, 11, 13, 5, 8, 10, 12}, {}},
         {"legacy rates, a chain beyond 3",
          Message(19, StaInfo({kSignal, Attr(26, Cat({Attr(2, {0xD0}), Attr(5, {0xE0})})),
@@ -154,15 +142,15 @@ TEST(NetlinkUtilsTest, StationReplyFieldsAndWhatIsMissing) {
          {"Failed to get list of nested attributes: invalid nla_len.",
           "Failed to get infos from NL80211_STA_INFO_CHAIN_SIGNAL_AVG"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, message, fields, errors] : cases) {
+        SCOPED_TRACE(what);
         platform::LogCapture capture;
-        NL80211Packet packet(c.message);
+        NL80211Packet packet(message);
         ASSERT_TRUE(packet.IsValid());
         StationInfo info;
         NetlinkUtils::ParseStationInfo(packet, info);
-        EXPECT_EQ(Fields(info), c.fields);
-        EXPECT_EQ(Errors(capture), c.errors);
+        EXPECT_EQ(Fields(info), fields);
+        EXPECT_EQ(Errors(capture), errors);
     }
 }
 
@@ -171,34 +159,28 @@ TEST(NetlinkUtilsTest, MessageSplittingChecksEveryLength) {
     const Bytes two = Message(19, Attr(3, {2, 0, 0, 0}), 4);
     const std::string dropped = "Discarding incomplete / invalid message.";
     const Bytes bare = Patched(Bytes(one.begin(), one.begin() + NLMSG_HDRLEN), 0, uint32_t{NLMSG_HDRLEN});
-    const struct {
-        const char* what;
-        Bytes data;
-        bool ok;
-        std::vector<uint32_t> sequences;  // of the messages kept, when ok
-        Lines errors;
-    } cases[] = {
+    // What, the data, whether it splits, the sequences of the messages kept, the error lines.
+    const std::tuple<const char*, Bytes, bool, std::vector<uint32_t>, Lines> cases[] = {
         {"two messages", Cat({one, two}), true, {3, 4}, {}},
         {"a tail too short for a header", Cat({one, Bytes(two.begin(), two.begin() + 10)}), false, {},
          {"payload is broken."}},
         {"a length past the buffer", Patched(one, 0, uint32_t{4096}), false, {}, {"payload content is broken."}},
         {"a length below a header", Patched(one, 0, uint32_t{8}), false, {}, {"payload content is broken."}},
-        // Dropped: a generic message without room for its generic header and
-        // an error message cut short; the good one after them survives.
+        // A message too short for its generic header and a cut error message go; the good one after stays.
         {"invalid messages", Cat({bare, Patched(Message(0, {}), 4, uint16_t{NLMSG_ERROR}), one}), true, {3},
          {"Cannot retrieve generic netlink header.", "Receive invalid packet", dropped, "Broken error message.",
           "Receive invalid packet", dropped}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, data, ok, sequences, errors] : cases) {
+        SCOPED_TRACE(what);
         platform::LogCapture capture;
         std::vector<std::unique_ptr<const NL80211Packet>> out;
-        ASSERT_EQ(NetlinkUtils::SplitMessages(c.data.data(), c.data.size(), &out), c.ok);
-        EXPECT_EQ(Errors(capture), c.errors);
-        if (!c.ok) continue;
-        std::vector<uint32_t> sequences;
-        for (const auto& packet : out) sequences.push_back(packet->GetMessageSequence());
-        EXPECT_EQ(sequences, c.sequences);
+        ASSERT_EQ(NetlinkUtils::SplitMessages(data.data(), data.size(), &out), ok);
+        EXPECT_EQ(Errors(capture), errors);
+        if (!ok) continue;
+        std::vector<uint32_t> kept;
+        for (const auto& packet : out) kept.push_back(packet->GetMessageSequence());
+        EXPECT_EQ(kept, sequences);
     }
 }
 
@@ -211,8 +193,7 @@ TEST(NetlinkUtilsTest, GetStationRequestCarriesTheInterfaceAndAWellFormedMac) {
     EXPECT_EQ(request.GetMessageSequence(), 9u);
     const uint32_t lo = if_nametoindex("lo");
     ASSERT_NE(lo, 0u);
-    const Bytes ifindex = Attr(3, {static_cast<uint8_t>(lo), static_cast<uint8_t>(lo >> 8),
-                                   static_cast<uint8_t>(lo >> 16), static_cast<uint8_t>(lo >> 24)});
+    const Bytes ifindex = Patched(Attr(3, Bytes(4)), 4, lo);
     const Bytes mac = Attr(6, {0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F});
     EXPECT_EQ(Bytes(data.begin() + kAttrsAt, data.end()), Cat({ifindex, mac}));
 
@@ -224,8 +205,7 @@ TEST(NetlinkUtilsTest, GetStationRequestCarriesTheInterfaceAndAWellFormedMac) {
 }
 
 TEST(NetlinkUtilsTest, StartFindsNl80211OrSaysWhyNot) {
-    // Every Linux kernel has generic netlink; qemu-user (the arm64 pass)
-    // refuses the protocol because it cannot translate its messages.
+    // qemu-user (the arm64 pass) cannot translate generic netlink messages.
     const int probe = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC);
     if (probe < 0 && errno == EPROTONOSUPPORT) GTEST_SKIP() << "no generic netlink here (qemu-user)";
     if (probe >= 0) close(probe);
@@ -235,8 +215,7 @@ TEST(NetlinkUtilsTest, StartFindsNl80211OrSaysWhyNot) {
         EXPECT_EQ(Errors(capture), Lines{});
         return;
     }
-    // Forcing the receive buffer needs CAP_NET_ADMIN; with it, a kernel
-    // without cfg80211 has the controller refuse the family lookup.
+    // Without CAP_NET_ADMIN the buffer is refused; without cfg80211, the family.
     if (capture.HasLine("Failed to set uevent socket SO_RCVBUFFORCE option", kTag, kError)) return;
     EXPECT_TRUE(capture.HasLine("Failed to get NL80211 family info", kTag, kError));
 }
@@ -256,8 +235,7 @@ sockaddr_in Loopback(unsigned port) {
     return addr;
 }
 
-// A UDP socket on 127.0.0.1 with a port of the kernel's choosing, so that two
-// runs of the suite at once never see each other's datagrams.
+// A UDP socket on 127.0.0.1 on a port the kernel chooses: two runs at once never see each other's datagrams.
 unique_fd BoundUdp(unsigned* port) {
     unique_fd fd(socket(AF_INET, SOCK_DGRAM, 0));
     sockaddr_in addr = Loopback(0);
@@ -275,8 +253,7 @@ ssize_t SendTo(int fd, unsigned port, const std::string& text) {
     return sendto(fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
 }
 
-// The frames the filtered socket delivers within a short wait, each as read
-// (the copy looped back as outgoing is left out: lo shows every frame twice).
+// The frames delivered within a short wait, less lo's outgoing copy of each.
 std::vector<std::string> Received(int fd) {
     std::vector<std::string> frames;
     pollfd pfd{fd, POLLIN, 0};
@@ -313,9 +290,7 @@ TEST(SocketFilterTest, ParseMacAddressReadsHexPairsAndStopsAtABadPart) {
     EXPECT_EQ(capture.Count("invalid character", "", 6), 2u);
 }
 
-// Frames on wlan0 carry an Ethernet header whatever is asked; on another
-// interface a TCP match from an address has none to skip. Loopback decides
-// the rest of the program by what it lets through.
+// wlan0 frames always carry an Ethernet header; a TCP match from an address elsewhere has none to skip.
 TEST(SocketFilterTest, ProgramSkipsALinkHeaderOnlyWhereOneComes) {
     for (const auto& [ifname, header] : {std::pair{"wlan0", 14u}, std::pair{"eth1", 0u}}) {
         SCOPED_TRACE(ifname);
@@ -333,27 +308,22 @@ TEST(SocketFilterTest, ProgramSkipsALinkHeaderOnlyWhereOneComes) {
 
 TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
     if (RawSocketsRefused()) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
-    {
-        platform::LogCapture capture;
-        SocketFilter nowhere(nullptr, nullptr, 0, 0, 0, 0, 0, nullptr, 0, 0, "tarnis-none0");
-        EXPECT_FALSE(nowhere.attach().ok());
-        EXPECT_TRUE(capture.HasLine("attachSockFilter bind failed", "", 6));
-    }
+    platform::LogCapture capture;
+    SocketFilter nowhere(nullptr, nullptr, 0, 0, 0, 0, 0, nullptr, 0, 0, "tarnis-none0");
+    EXPECT_FALSE(nowhere.attach().ok());
+    EXPECT_TRUE(capture.HasLine("attachSockFilter bind failed", "", 6));
 
     unsigned senderPort = 0, port = 0, otherPort = 0;
     const unique_fd sender = BoundUdp(&senderPort), receiver = BoundUdp(&port), other = BoundUdp(&otherPort);
     ASSERT_TRUE(sender.ok() && receiver.ok() && other.ok());
 
-    // The program reads the byte 12 past the transport header start as a TCP
-    // data offset; for UDP that is payload byte 4, and ' ' (0x20) makes it 8,
-    // the UDP header length, so the prefix lines up with the payload.
+    // The program takes UDP payload byte 4 for a TCP data offset: ' ' (0x20) makes it the 8-byte UDP header.
     const std::string prefix = "TRN1 h";
     const unsigned extra = 3;
     std::vector<unsigned char> bytes(prefix.begin(), prefix.end());
     SocketFilter filter(nullptr, nullptr, 0, 0, IPPROTO_UDP, senderPort, port, bytes.data(),
                         static_cast<unsigned>(bytes.size()), extra, "lo");
-    // Traffic the filter refuses, flowing while the socket is made: what
-    // came before the filter must not reach the client either.
+    // Refused traffic flowing while the socket is made must not reach the client either.
     std::atomic<bool> quiet{false};
     std::thread noise([&] {
         while (!quiet) SendTo(sender.get(), port, "XRN1 noise");
@@ -364,19 +334,15 @@ TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
     ASSERT_GE(fd.get(), 0);
 
     // Only the prefix from the sender's port to the receiver's passes.
-    const struct {
-        int from;
-        unsigned to;
-        const char* text;
-    } sends[] = {
+    const std::tuple<int, unsigned, const char*> sends[] = {
         {sender.get(), port, "TRN1 hello, first"},
         {sender.get(), port, "XRN1 hello, wrong prefix"},
         {sender.get(), otherPort, "TRN1 hello, wrong port"},
         {other.get(), port, "TRN1 hello, wrong source"},
         {sender.get(), port, "TRN1 hello, second"},
     };
-    for (const auto& send : sends) {
-        ASSERT_EQ(SendTo(send.from, send.to, send.text), static_cast<ssize_t>(strlen(send.text))) << send.text;
+    for (const auto& [from, to, text] : sends) {
+        ASSERT_EQ(SendTo(from, to, text), static_cast<ssize_t>(strlen(text))) << text;
     }
 
     const std::vector<std::string> frames = Received(fd.get());

@@ -1,4 +1,3 @@
-// The capture runner, the light runner (CmdTool) and the child wait both use.
 // GCC 12 reports a false maybe-uninitialized inside <regex> when built with sanitizers.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 
@@ -12,6 +11,7 @@
 #include <chrono>
 #include <regex>
 #include <thread>
+#include <tuple>
 
 #include <android-base/properties.h>
 
@@ -27,35 +27,6 @@ using android::CmdTool;
 
 namespace {
 
-// Sends this process's standard error (and so that of every child forked
-// meanwhile) to a file, for the lines children log.
-class StderrToFile {
-public:
-    explicit StderrToFile(const std::string& path) : path_(path) {
-        fflush(stderr);
-        saved_ = dup(STDERR_FILENO);
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        dup2(fd, STDERR_FILENO);
-        close(fd);
-    }
-    ~StderrToFile() { Restore(); }
-    // Restores standard error and returns what was written meanwhile.
-    std::string Take() {
-        Restore();
-        return ReadFile(path_);
-    }
-
-private:
-    void Restore() {
-        if (saved_ < 0) return;
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-        saved_ = -1;
-    }
-    std::string path_;
-    int saved_ = -1;
-};
-
 using CommandRunnerTest = SandboxTest;
 using CmdToolTest = SandboxTest;
 using ChildWaitTest = SandboxTest;
@@ -65,7 +36,6 @@ bool CmdToolLogged(const platform::LogCapture& log, const std::string& text, int
     return log.HasLine("dorvad cmdtool " + text, platform::DefaultLogTag(), prio);
 }
 
-// Forks a child that sleeps until it is killed.
 pid_t Sleeper() {
     const pid_t pid = fork();
     if (pid == 0) {
@@ -74,10 +44,8 @@ pid_t Sleeper() {
     return pid;
 }
 
-// Runs in a pid namespace of its own, as its init, where no other process
-// hands out numbers: a child is reaped behind the ChildWait's back and a new
-// child is given the very same pid. Returns 0 when the ChildWait never
-// touched the newcomer, else the number of the check that failed.
+// As init of its own pid namespace: a child reaped behind the ChildWait's back, a newcomer given its pid.
+// Returns 0 when the ChildWait never touched the newcomer, else the number of the check that failed.
 int SignalAfterThePidWasReused() {
     const pid_t first = Sleeper();
     ChildWait wait(first);
@@ -106,12 +74,26 @@ int SignalAfterThePidWasReused() {
 
 }  // namespace
 
-TEST_F(CommandRunnerTest, ResultLinesForExitCodesSignalsAndExecFailures) {
+// A timed-out child is ended and reaped; the default time-out follows the test mode, which then stays.
+TEST_F(CommandRunnerTest, ResultLinesForExitsSignalsExecFailuresAndTimeouts) {
     const std::string file = root_.Sub("cap");
     CaptureLogUtil::run_command({"sh", "-c", "echo out; echo err >&2; exit 3"}, file.c_str(), 5);
     CaptureLogUtil::run_command({"true"}, file.c_str(), 5);
     CaptureLogUtil::run_command({"sh", "-c", "kill -9 $$"}, file.c_str(), 5);
     CaptureLogUtil::run_command({"tarnis-no-such-tool", "x"}, file.c_str(), 0);
+    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
+    const std::string timedOut = "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n";
+    const std::string killed = LineMatching(log_, timedOut, "dorvad", ANDROID_LOG_ERROR);
+    ASSERT_NE(killed, "");
+    EXPECT_EQ(kill(std::stoi(killed.substr(killed.rfind(' ') + 1)), 0), -1);  // reaped: no zombie left behind
+    EXPECT_TRUE(Logged(log_, "run_command: sleep 10\n"));
+    EXPECT_FALSE(CaptureLogUtil::isTestMode());
+    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "true"));
+    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), -1);
+    EXPECT_TRUE(CaptureLogUtil::isTestMode());
+    // Without the property the flag keeps the longer default.
+    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "false"));
+    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
     const std::string text = ReadFile(file);
     const std::regex expected(
         "------ \\(sh -c echo out; echo err >&2; exit 3\\) in 5s ------\n"
@@ -126,30 +108,7 @@ TEST_F(CommandRunnerTest, ResultLinesForExitCodesSignalsAndExecFailures) {
         "------ \\(tarnis-no-such-tool x\\) in 0s ------\n"
         "\\*\\*\\* exec\\(tarnis-no-such-tool\\): No such file or directory\n"
         "\\*\\*\\* tarnis-no-such-tool: Exit code 255, [0-9]+\n"
-        "\\[tarnis-no-such-tool: 0\\.[0-9]{3}s elapsed\\]\n\n");
-    EXPECT_TRUE(std::regex_match(text, expected)) << text;
-}
-
-// A timed-out child is ended (how a stubborn one is, is ChildWaitTest's) and
-// reaped, with the time-out's lines in the capture and in the log.
-TEST_F(CommandRunnerTest, DefaultTimeoutFollowsTestModeAndKeepsIt) {
-    const std::string file = root_.Sub("cap");
-    platform::LogCapture log;
-    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
-    const std::string timedOut = "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid ([0-9]+)\\)\n";
-    const std::string killed = LineMatching(log, timedOut, "dorvad", ANDROID_LOG_ERROR);
-    ASSERT_NE(killed, "");
-    EXPECT_EQ(kill(std::stoi(killed.substr(killed.rfind(' ') + 1)), 0), -1);  // reaped: no zombie left behind
-    EXPECT_TRUE(Logged(log, "run_command: sleep 10\n"));
-    EXPECT_FALSE(CaptureLogUtil::isTestMode());
-    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "true"));
-    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), -1);
-    EXPECT_TRUE(CaptureLogUtil::isTestMode());
-    // Without the property the flag keeps the longer default.
-    ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "false"));
-    CaptureLogUtil::run_command({"sleep", "10"}, file.c_str(), 0);
-    const std::string text = ReadFile(file);
-    const std::regex expected(
+        "\\[tarnis-no-such-tool: 0\\.[0-9]{3}s elapsed\\]\n\n"
         "------ \\(sleep 10\\) in 0s ------\n"
         "\\*\\*\\* sleep: Timed out after 1\\.[0-9]{3}s \\(killing pid [0-9]+\\)\n"
         "------ \\(sleep 10\\) in -1s ------\n"
@@ -174,23 +133,19 @@ TEST_F(CommandRunnerTest, SynchronousWritesOnlyForPowerCaptures) {
     EXPECT_EQ(plain & O_SYNC & ~O_DSYNC, 0);
     EXPECT_EQ(plain & O_APPEND, O_APPEND);
     // A capture file the child cannot open: the reason on its standard error.
-    platform::LogCapture log;
-    StderrToFile err(root_.Sub("stderr"));
     const std::string missing = root_.Sub("missing/dir/cap");
+    testing::internal::CaptureStderr();  // where what a forked child logs goes
     CaptureLogUtil::run_command({"true"}, missing.c_str(), 5);
-    EXPECT_NE(err.Take().find("failed to open " + missing + ": No such file or directory\n"), std::string::npos);
+    const std::string childLog = testing::internal::GetCapturedStderr();
+    EXPECT_NE(childLog.find("failed to open " + missing + ": No such file or directory\n"), std::string::npos);
     // Nor can the runner append its result line: it says so instead.
-    EXPECT_TRUE(Logged(log, "Open log file failed. err: No such file or directory. log path: " + missing + "\n"));
+    EXPECT_TRUE(Logged(log_, "Open log file failed. err: No such file or directory. log path: " + missing + "\n"));
 }
 
-// Captures run on several threads at once: children ending on one thread
-// must not cut short, or count as time-outs, the waits of another.
+// Children ending on one capture thread must not cut short, or time out, the waits of another.
 TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
-    platform::LogCapture log;
     const std::string slow = root_.Sub("slow");
-    // Threads of a daemon often run with SIGCHLD blocked (the threads below
-    // inherit it): every child's end is then a process-wide signal that any
-    // waiting thread could take for its own.
+    // With SIGCHLD blocked (the threads inherit it) every child's end is a signal any waiter could take.
     sigset_t chld, oldMask;
     sigemptyset(&chld);
     sigaddset(&chld, SIGCHLD);
@@ -210,8 +165,7 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
             ++fastRuns;
         }
     });
-    // And children that are not the runners' own end meanwhile too. A runner
-    // that never returns fails the test here (its thread ends the process).
+    // Children not the runners' own end meanwhile too; a runner that never returns fails the wait.
     ASSERT_TRUE(WaitFor([&] {
         const pid_t other = fork();
         if (other == 0) _exit(0);
@@ -229,23 +183,21 @@ TEST_F(CommandRunnerTest, ConcurrentRunsDoNotDisturbEachOther) {
     const std::string fast = ReadFile(root_.Sub("fast"));
     EXPECT_EQ(std::count(fast.begin(), fast.end(), '['), fastRuns.load()) << fast;
     EXPECT_EQ(fast.find("***"), std::string::npos) << fast;
-    EXPECT_FALSE(log.Contains("Waiting for pid"));
-    EXPECT_FALSE(log.Contains("Timed out"));
-    EXPECT_FALSE(log.Contains("killing pid"));
+    EXPECT_FALSE(log_.Contains("Waiting for pid"));
+    EXPECT_FALSE(log_.Contains("Timed out"));
+    EXPECT_FALSE(log_.Contains("killing pid"));
 }
 
 TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
-    // A script that records its argument count and arguments, then exits 3.
     const std::string out = root_.Sub("args");
     const std::string script = root_.Sub("record.sh");
     WriteFile(script, "#!/bin/sh\nprintf '%s\\n' \"$#\" \"$@\" > '" + out + "'\nexit 3\n");
     chmod(script.c_str(), 0755);
-    platform::LogCapture log;
     EXPECT_EQ(CmdTool::run_command_lite(script.c_str(), "-a,,-b", 5), 0);
     EXPECT_EQ(ReadFile(out), "2\n-a\n-b\n");
-    EXPECT_TRUE(CmdToolLogged(log, "*** " + script + ": Exit code 3\n"));
+    EXPECT_TRUE(CmdToolLogged(log_, "*** " + script + ": Exit code 3\n"));
     const std::string tag = platform::DefaultLogTag();
-    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\[" + Literal(script) + ": 0\\.[0-9]{3}s elapsed57\\]\n\n", tag,
+    EXPECT_NE(LineMatching(log_, "dorvad cmdtool \\[" + Literal(script) + ": 0\\.[0-9]{3}s elapsed57\\]\n\n", tag,
                            ANDROID_LOG_DEBUG),
               "");
     // 1023 bytes still pass as one parameter.
@@ -254,62 +206,49 @@ TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
     EXPECT_EQ(ReadFile(out), "1\n" + longest + "\n");
     unlink(out.c_str());
 
-    // The child refuses 1024 bytes; a missing tool, and an empty name (no
-    // refusal of its own), fail at exec.
-    const struct {
-        std::string program, params, childLine;
-    } failures[] = {
+    // The child refuses 1024 bytes; a missing tool and an empty name fail at exec.
+    const std::tuple<std::string, std::string, std::string> failures[] = {  // program, parameters, child's line
         {script, std::string(1024, 'p'), "*** param too long: 1024 bytes"},
         {"tarnis-no-such-tool", "", "*** exec(tarnis-no-such-tool): No such file or directory"},
         {"", "x", "*** exec(): No such file or directory"},
     };
-    for (const auto& f : failures) {
-        SCOPED_TRACE(f.program);
-        StderrToFile err(root_.Sub("stderr"));
-        log.Clear();
-        EXPECT_EQ(CmdTool::run_command_lite(f.program.c_str(), f.params.c_str(), 5), 0);
+    for (const auto& [program, params, childLine] : failures) {
+        SCOPED_TRACE(program);
+        log_.Clear();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(CmdTool::run_command_lite(program.c_str(), params.c_str(), 5), 0);
         // What a forked child logs reaches only standard error.
-        const std::string line = std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + f.childLine;
-        EXPECT_NE(err.Take().find(line + "\n"), std::string::npos);
-        EXPECT_TRUE(CmdToolLogged(log, "*** " + f.program + ": Exit code 255\n"));
+        const std::string line = std::string(" E ") + platform::DefaultLogTag() + ": dorvad cmdtool " + childLine;
+        EXPECT_NE(testing::internal::GetCapturedStderr().find(line + "\n"), std::string::npos);
+        EXPECT_TRUE(CmdToolLogged(log_, "*** " + program + ": Exit code 255\n"));
     }
     EXPECT_FALSE(Exists(out));  // the script never ran
     EXPECT_EQ(CmdTool::run_command_lite(static_cast<const char*>(nullptr), "", 5), -1);
     // A clean exit adds no line of its own, only the elapsed one.
-    log.Clear();
+    log_.Clear();
     EXPECT_EQ(CmdTool::run_command_lite("true", "", 5), 0);
-    EXPECT_EQ(log.Count("***"), 0u);
-    EXPECT_NE(LineMatching(log, "dorvad cmdtool \\[true: 0\\.[0-9]{3}s elapsed57\\]\n\n", tag, ANDROID_LOG_DEBUG), "");
+    EXPECT_EQ(log_.Count("***"), 0u);
+    EXPECT_NE(LineMatching(log_, "dorvad cmdtool \\[true: 0\\.[0-9]{3}s elapsed57\\]\n\n", tag, ANDROID_LOG_DEBUG), "");
 }
 
-// The time-out's and the failed wait's lines; how a stubborn child is ended
-// (SIGTERM, then SIGKILL after the grace) is ChildWaitTest's. A negative
-// time-out fails as a failed wait does and still ends the child; 0 is a
-// time-out that comes at once.
+// A negative time-out fails as a failed wait does and still ends the child; 0 times out at once.
 TEST_F(CmdToolTest, TimeoutsAndFailedWaitsEndTheChildAndSaySo) {
-    const struct {
-        int timeout;
-        std::string line;
-        const char* absent;
-    } cases[] = {
-        {1, "Timed out after 1\\.[0-9]{3}s", "sigtimedwait"},
-        {0, "Timed out after 0\\.[0-9]{3}s", "sigtimedwait"},
-        {-1, "Error after 0\\.[0-9]{4}s", "Timed out"},
-    };
+    const std::pair<int, std::string> cases[] = {
+        {1, "Timed out after 1\\.[0-9]{3}s"}, {0, "Timed out after 0\\.[0-9]{3}s"}, {-1, "Error after 0\\.[0-9]{4}s"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.timeout);
-        platform::LogCapture log;
+        SCOPED_TRACE(c.first);
+        log_.Clear();
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", c.timeout), -1);
+        EXPECT_EQ(CmdTool::run_command_lite("sleep", "30", c.first), -1);
         // The child went at SIGTERM: no grace was waited out.
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
-        EXPECT_NE(LineMatching(log, "dorvad cmdtool \\*\\*\\* sleep: " + c.line + " \\(killing pid [0-9]+\\)\n",
+        EXPECT_NE(LineMatching(log_, "dorvad cmdtool \\*\\*\\* sleep: " + c.second + " \\(killing pid [0-9]+\\)\n",
                                platform::DefaultLogTag(), ANDROID_LOG_ERROR),
                   "");
-        EXPECT_EQ(CmdToolLogged(log, "*** sigtimedwait failed: Invalid argument\n"), c.timeout < 0);
-        EXPECT_EQ(log.Count(c.absent), 0u);
-        EXPECT_EQ(log.Count("Cannot kill"), 0u);
-        EXPECT_EQ(log.Count("elapsed57"), 0u);
+        EXPECT_EQ(CmdToolLogged(log_, "*** sigtimedwait failed: Invalid argument\n"), c.first < 0);
+        EXPECT_EQ(log_.Count(c.first < 0 ? "Timed out" : "sigtimedwait"), 0u);
+        EXPECT_EQ(log_.Count("Cannot kill"), 0u);
+        EXPECT_EQ(log_.Count("elapsed57"), 0u);
     }
 }
 
@@ -332,8 +271,7 @@ TEST_F(ChildWaitTest, StopsAChildThatIgnoresSigtermWithSigkillAfterTheGrace) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(child.Stop("dorvad", ""));
     const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    // SIGTERM first: the child noted it and carried on; SIGKILL only once the
-    // one-second grace had passed.
+    // SIGTERM first, noted and ignored; SIGKILL only after the one-second grace.
     EXPECT_EQ(ReadFile(record), "TERM\n");
     EXPECT_GE(took, 0.95);
     EXPECT_LT(took, 2.5);
@@ -348,14 +286,12 @@ TEST_F(ChildWaitTest, ReportsAFailedWaitInTheRunnersWords) {
     ChildWait child(pid);
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);  // someone else reaps it
-    platform::LogCapture log;
     EXPECT_FALSE(child.WaitAndLog(1, nullptr, "dorvad", ""));
     EXPECT_EQ(errno, ECHILD);
-    EXPECT_TRUE(Logged(log, "*** waitpid failed: No child processes\n"));
+    EXPECT_TRUE(Logged(log_, "*** waitpid failed: No child processes\n"));
 }
 
-// The pid of a child that was reaped elsewhere may already belong to a new
-// process; only the pidfd still names the child that ended.
+// A child reaped elsewhere may have its pid reused; only the pidfd still names the child that ended.
 TEST_F(ChildWaitTest, NeverSignalsAProcessThatReusedThePid) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "skipped: needs root (a pid namespace of its own, where a pid can be handed out again)";
