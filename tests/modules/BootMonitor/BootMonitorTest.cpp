@@ -25,6 +25,7 @@
 
 #include "modules/BootMonitor/BootFailReport.h"
 #include "modules/BootMonitor/BootMonitorThread.h"
+#include "tests/support/ModABlackBox.h"
 #include "tests/support/ModBModuleTest.h"
 #include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
@@ -43,6 +44,7 @@ using tarnis_test::RunShell;
 using tarnis_test::TestClock;
 using tarnis_test::WriteFile;
 using velmar::tarnis::BootFailReport;
+using namespace moda_blackbox;
 
 constexpr int kD = ANDROID_LOG_DEBUG, kI = ANDROID_LOG_INFO, kW = ANDROID_LOG_WARN, kE = ANDROID_LOG_ERROR;
 constexpr char kBm[] = "BootMonitor";
@@ -158,7 +160,7 @@ TEST_F(BootMonitorTest, FirstUnfinishedBootCapturesEveryFiveMinutesThenReboots) 
 
     EXPECT_TRUE(log_.HasLine("Faile to read file: " + count_ + ", No such file or directory", kBm, kW));
     EXPECT_TRUE(log_.HasLine("remove path " + count_ + " failed! info: No such file or directory (resetBootCount)\n",
-                             kBm, ANDROID_LOG_ERROR));
+                             kBm, kE));
     EXPECT_EQ(ReadFile(count_), "1");
     // A pass's seconds are taken before its 10 s wait, the capture's time after it.
     const std::vector<std::string> expected = {
@@ -327,25 +329,22 @@ protected:
     // A sparse partition recording failure `code`, each log area marked at
     // both ends and just past its end.
     void Plant(int64_t code, uint64_t identifier = blackbox::kBootFailIdentifier) {
-        RunShell("truncate -s 190M '" + partition_ + "'");
-        unique_fd fd(open(partition_.c_str(), O_RDWR | O_CLOEXEC));
+        MakeImage(partition_, 190 << 20);
         blackbox::BootMonitorHeader header{};
         header.identifier = identifier;
         header.bootIndex = 7;
         header.currentError = code;
-        ASSERT_EQ(pwrite(fd.get(), &header, sizeof(header), blackbox::kBootMonitorHeaderOffset), 189);
+        WriteRecordAt(partition_, blackbox::kBootMonitorHeaderOffset, header);
         const std::pair<uint64_t, size_t> areas[] = {{blackbox::kUefiLogOffset, blackbox::kUefiLogBytes},
                                                      {blackbox::kKmsgOffset, blackbox::kKmsgBytes},
                                                      {blackbox::kPmsgOffset, blackbox::kPmsgBytes}};
         for (const auto& [offset, size] : areas) {
-            ASSERT_EQ(pwrite(fd.get(), "HEAD", 4, offset) + pwrite(fd.get(), "TAIL!", 5, offset + size - 4), 9);
+            WriteBytes(partition_, offset, "HEAD", 4);
+            WriteBytes(partition_, offset + size - 4, "TAIL!", 5);
         }
     }
     uint8_t Marker() {
-        blackbox::BootMonitorHeader header{};
-        unique_fd fd(open(partition_.c_str(), O_RDONLY | O_CLOEXEC));
-        pread(fd.get(), &header, sizeof(header), blackbox::kBootMonitorHeaderOffset);
-        return header.reported;
+        return ReadRecordAt<blackbox::BootMonitorHeader>(partition_, blackbox::kBootMonitorHeaderOffset).reported;
     }
     void ExpectArea(const std::string& name, size_t size) {
         const std::string content = ReadFile(dir_ + name);

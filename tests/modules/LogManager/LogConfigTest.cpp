@@ -7,14 +7,12 @@
 #include <log/log.h>
 #include <platform/LogCapture.h>
 
-#include "modules/LogManager/JsonHelper.h"
 #include "modules/LogManager/LogConfig.h"
 #include "modules/LogManager/LogManagerUtil.h"
 #include "utils/JsonUtil.h"
 
 namespace {
 
-using velmar::kolto::JsonHelper;
 using velmar::kolto::JsonUtil;
 using velmar::kolto::LogConfig;
 using velmar::kolto::LogManagerUtil;
@@ -40,8 +38,8 @@ std::vector<std::string> FolderNames(const std::vector<LogConfig>& list) {
     return names;
 }
 
-// The other keys show where they lead in the module's suite; these do not.
-TEST(LogConfigTest, KeysTheModuleSuiteCannotTellApartAndTheLargestNumbers) {
+TEST(LogConfigTest, MembersReadUpToTheLargestNumbersAndOnesOfTheWrongKindFailTheRecord) {
+    // The other keys show where they lead in the module's suite; these and the largest numbers do not.
     LogConfig record;
     std::string why;
     ASSERT_TRUE(ReadRecord(R"({"delayCompress":true,"maxSize":18446744073709551615,
@@ -49,9 +47,7 @@ TEST(LogConfigTest, KeysTheModuleSuiteCannotTellApartAndTheLargestNumbers) {
     EXPECT_TRUE(record.delayCompress);
     EXPECT_EQ(record.maxSize, UINT64_MAX);
     EXPECT_EQ(record.compressLatestAfterSec, UINT32_MAX);
-}
 
-TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText) {
     // `strings`: folderName then folderPath as read, when the record is.
     struct Case {
         const char* text;
@@ -81,14 +77,12 @@ TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
-        LogConfig record;
-        EXPECT_EQ(ReadRecord(c.text, record), c.ok);
+        LogConfig read;
+        EXPECT_EQ(ReadRecord(c.text, read), c.ok);
         if (c.ok) {
-            EXPECT_EQ(record.folderName + record.folderPath, c.strings);
+            EXPECT_EQ(read.folderName + read.folderPath, c.strings);
         }
     }
-    LogConfig record;
-    std::string why;
     EXPECT_FALSE(ReadRecord("[1]", record, &why));
     EXPECT_NE(why.find("not a JSON object"), std::string::npos) << why;
     EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record,
@@ -100,24 +94,6 @@ TEST(LogConfigTest, MembersOfTheWrongKindFailTheRecordAndStringsTakeCompactText)
     Json::Value json = Parse(R"({"folderName":"a"})");
     std::vector<std::string> shortNames{"folderName"};
     EXPECT_FALSE(record.TARNIS_CONVER_JSON_TO_OBJECT(json, shortNames));
-}
-
-TEST(LogConfigTest, ListsStopAtTheFirstBadRecord) {
-    std::vector<LogConfig> out{LogConfig{}};
-    EXPECT_TRUE(JsonHelper::JsonToObject(out, Parse("[]")));
-    EXPECT_TRUE(out.empty());
-
-    const Json::Value list = Parse(R"([{"folderName":"a"},{"folderName":"b","compress":1},{"folderName":"c"}])");
-    EXPECT_FALSE(JsonHelper::JsonToObject(out, list));
-    EXPECT_EQ(FolderNames(out), std::vector<std::string>{"a"});
-
-    platform::LogCapture log;
-    const std::vector<LogConfig> kept = LogManagerUtil::GenerateConfigList(list);
-    EXPECT_EQ(FolderNames(kept), std::vector<std::string>{"a"});
-    EXPECT_TRUE(log.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kTag, ANDROID_LOG_ERROR));
-    log.Clear();
-    EXPECT_TRUE(LogManagerUtil::GenerateConfigList(Parse("[]")).empty());
-    EXPECT_EQ(log.Count("Failed to convert", kTag), 0u);
 }
 
 TEST(LogConfigTest, FullPathsFollowRootsAndParents) {
