@@ -86,10 +86,7 @@ protected:
     }
     bool Logged(int prio, const std::string& text) { return log_.HasLine(text, kTag, prio); }
 
-    // Before Start(), entries go to a staging copy of the log root, which
-    // becomes the root only once the module waits for it: the file-event
-    // listener's thread never idles, so the fixture's own waits must not
-    // meet it (Settle() leaves it out).
+    // Entries go to a staged log root, renamed in once the module waits for it: the listener never idles.
     std::string Staged(const std::string& relative) const { return Device(kBsp) + ".stage/" + relative; }
     std::string Bsp(const std::string& relative) const { return Device(kBsp) + "/" + relative; }
 
@@ -126,9 +123,7 @@ protected:
         Settle();
     }
 
-    // File events arrive on the listener's thread: waits until the check of
-    // `dir` (below the log root unless absolute) ran `count` times in all,
-    // then for what it posted.
+    // Until the check of `dir` (below the log root unless absolute) ran `count` times in all, and what it posted.
     void WaitChecks(const std::string& dir, size_t count) {
         const std::string line = "[operator()] CheckAndClean " + (dir[0] == '/' ? dir : kBsp + "/" + dir);
         ASSERT_TRUE(tarnis_test::WaitFor([&] { return log_.Count(line, kTag) >= count; })) << line;
@@ -172,8 +167,7 @@ TEST_F(LogManagerTest, CountLimitKeepsTheNewestAtStartAndOnEachNewEntry) {
     Start("[" + Record("demo_count", "\"maxLogNumber\":3") + "]");
     EXPECT_EQ(List(Bsp("demo_count")), Dated({3, 4, 5}));
 
-    // One being written now is not an entry: counted, it would be the oldest
-    // of four and go.
+    // One being written now is not an entry: counted, it would be the oldest of four and go.
     const std::string writing = ".tarnis-tmp.2025-11-23_10-00-05.zip.writing000";
     Write(Bsp("demo_count/" + writing), "z");
     ASSERT_EQ(mkdir(Bsp("demo_count/" + Dated(6)).c_str(), 0755), 0);
@@ -247,8 +241,7 @@ TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) 
 
     // Without the undated entry, and ten days later, the dated ones age out.
     ASSERT_EQ(unlink(Bsp("demo_age/2025-11-05_undated").c_str()), 0);
-    // Joined by '-', the time is not read: this one counts from midnight and
-    // is past the limit by minutes that its time of day would have hidden.
+    // Joined by '-', the time is not read: counted from midnight, this one is past the limit by minutes.
     Write(Bsp("demo_age/2026-01-01-00-05-00"), "x");
     clock_.SetWallMs(clock_.WallNowMs() + 10 * kDayMs);
     Write(Bsp("demo_age/2026-01-10_00-00-00"), "x");
@@ -475,8 +468,7 @@ TEST_F(LogManagerTest, RecordsLeadingOutOfTheirRootOrPastTheirRangesAreRefusedAn
     const std::string skipped = "record 1 \\(folderName \"demo_bad\"\\) skipped: member \"maxLogNumber\" .*";
     EXPECT_NE(tarnis_test::LineMatching(log_, "\\[initConfig\\] .*log_config\\.json.* " + skipped, kTag, kE), "");
 
-    // Not watched through the link: an entry made there starts no check. Events
-    // come in order, so once the watched directory's check ran, one would have.
+    // Not watched through the link: events come in order, so once demo_ok's check ran, one there would have.
     Write(outside.Sub("O/victimdir/" + Dated(4)), "v");
     Write(Bsp("demo_ok/" + Dated(4)), "4");
     WaitChecks("demo_ok", 1);
