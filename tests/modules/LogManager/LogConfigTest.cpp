@@ -85,8 +85,7 @@ TEST(LogConfigTest, MembersReadUpToTheLargestNumbersAndOnesOfTheWrongKindFailThe
     }
     EXPECT_FALSE(ReadRecord("[1]", record, &why));
     EXPECT_EQ(why, "the record is not a JSON object but [1]");
-    EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record,
-                            &why));
+    EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record, &why));
     EXPECT_EQ(why, "children[1] (folderName \"y\"): member \"maxValidDay\" has the wrong type: maxValidDay must be "
                    "a whole number from 0 to 4294967295, not 1.5");
     // The member list and the key list must stay in step.

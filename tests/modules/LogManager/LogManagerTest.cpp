@@ -483,8 +483,20 @@ TEST_F(LogManagerTest, AConfigThatIsNotJsonStopsTheModule) {
     EXPECT_EQ(Dump({"LogManager"}), "Module LogManager is not running\n");
 }
 
-TEST_F(LogManagerTest, ConfigAppendFromTheWireAddsAWatchedDirectory) {
+TEST_F(LogManagerTest, TheConfigGrowsFromTheWireAndIsReadAgainOnceTheVendorIsReady) {
     Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
+    EXPECT_TRUE(Logged(kW, "[initConfig] Vendor maybe not ready while init config"));
+    ASSERT_EQ(Announced().size(), 1u);
+    EXPECT_EQ(Announced()[0][0]["folderName"].asString(), "demo_first");
+    // Two entries in turn, each checked: a directory kept to one keeps the second.
+    const auto watched = [this](const std::string& dir) {
+        for (int i = 1; i <= 2; ++i) {
+            Write(Bsp(dir + "/" + Dated(i)), "x");
+            WaitChecks(dir, i);
+        }
+        EXPECT_EQ(List(Bsp(dir)), Dated({2}));
+    };
+
     // The form tarnisctl intent sends: value_type 0 carries a JSON value. A list is read up to its first bad record.
     velmar::kolto::InternalBroadcastManager::onTarnisIntlMessageReceived(
         "velmar.tarnis.logmgr.config_append",
@@ -494,11 +506,7 @@ TEST_F(LogManagerTest, ConfigAppendFromTheWireAddsAWatchedDirectory) {
     EXPECT_EQ(tarnis_test::ModeOf(Bsp("demo_added")), S_IFDIR | 0777u);
     EXPECT_FALSE(Exists(Bsp("demo_never")));
     EXPECT_TRUE(log_.HasLine("[GenerateConfigList] Failed to convert Json to valid config!", kUtilTag, kE));
-    for (int i = 1; i <= 2; ++i) {
-        Write(Bsp("demo_added/" + Dated(i)), "x");
-        WaitChecks("demo_added", i);
-    }
-    EXPECT_EQ(List(Bsp("demo_added")), Dated({2}));
+    watched("demo_added");
 
     velmar::kolto::Intent wrong("velmar.tarnis.logmgr.config_append");
     wrong.putExtra("config", std::string("demo"));
@@ -509,22 +517,6 @@ TEST_F(LogManagerTest, ConfigAppendFromTheWireAddsAWatchedDirectory) {
     Settle();
     EXPECT_TRUE(Logged(kE, "[operator()] Intent extra is invalid for log manager!!"));
     EXPECT_TRUE(log_.Contains("[operator()] obj is not a valid LogConfig! e.what ", kTag, kE));
-}
-
-TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
-    Start("{\"folderName\": \"demo_object\"}");
-    Settle();
-    EXPECT_FALSE(Logged(kE, "[initConfig] Config is invalid!!"));
-    ASSERT_EQ(Announced().size(), 1u);
-    EXPECT_EQ(Announced()[0]["folderName"].asString(), "demo_object");
-    EXPECT_EQ(Dump({"LogManager"}).find("not running"), std::string::npos);
-}
-
-TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
-    Start("[" + Record("demo_first", "\"maxLogNumber\":1") + "]");
-    EXPECT_TRUE(Logged(kW, "[initConfig] Vendor maybe not ready while init config"));
-    ASSERT_EQ(Announced().size(), 1u);
-    EXPECT_EQ(Announced()[0][0]["folderName"].asString(), "demo_first");
 
     Write(Device("/system_ext/etc/tarnsys/log_config.json"),
           "[" + Record("demo_first", "\"maxLogNumber\":1") + "," + Record("demo_second", "\"maxLogNumber\":1") + "]");
@@ -537,11 +529,16 @@ TEST_F(LogManagerTest, VendorReadyReadsTheConfigAgainAndAnnouncesIt) {
     EXPECT_FALSE(Logged(kW, "[initConfig] Vendor maybe not ready while init config"));
     ASSERT_EQ(Announced().size(), 2u);
     EXPECT_EQ(Announced()[1][1]["folderName"].asString(), "demo_second");
-    for (int i = 1; i <= 2; ++i) {
-        Write(Bsp("demo_second/" + Dated(i)), "x");
-        WaitChecks("demo_second", i);
-    }
-    EXPECT_EQ(List(Bsp("demo_second")), Dated({2}));
+    watched("demo_second");
+}
+
+TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
+    Start("{\"folderName\": \"demo_object\"}");
+    Settle();
+    EXPECT_FALSE(Logged(kE, "[initConfig] Config is invalid!!"));
+    ASSERT_EQ(Announced().size(), 1u);
+    EXPECT_EQ(Announced()[0]["folderName"].asString(), "demo_object");
+    EXPECT_EQ(Dump({"LogManager"}).find("not running"), std::string::npos);
 }
 
 TEST_F(LogManagerTest, SdcardDirectoriesAreCleanedOnceTheSdcardAppears) {
