@@ -1,7 +1,6 @@
 #pragma once
 
-// The crash monitor suite's fixture: a sandbox with the partition, the
-// collector's directory and the black-box tool, shared by its two files.
+// The crash monitor suite's fixture: a sandbox with the partition, the collector's directory and the tool.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,8 +8,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -25,7 +24,7 @@
 
 #include "modules/AndroidCrashMonitor/AndroidCrashMonitorThread.h"
 #include "tests/support/ModABlackBox.h"
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
 #include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
 #include "utils/Cryptography.h"
@@ -79,14 +78,25 @@ protected:
         return path;
     }
     void AppendHistory(const std::string& line) {
-        std::string text;
-        android::base::ReadFileToString(Device("/data/aee_exp/db_history"), &text);
-        ASSERT_TRUE(android::base::WriteStringToFile(text + line + "\n", Device("/data/aee_exp/db_history")));
+        ASSERT_TRUE(std::ofstream(Device("/data/aee_exp/db_history"), std::ios::app) << line << "\n");
+    }
+    // Runs `work` on a thread of its own while `drive` runs here; true when `work` returned within ten
+    // seconds. One still held then is let go by `release`, so that the test fails rather than hangs.
+    static bool Returns(const std::function<void()>& work, const std::function<void()>& drive,
+                        const std::function<void()>& release) {
+        std::atomic<bool> returned{false};
+        std::thread thread([&] {
+            work();
+            returned = true;
+        });
+        drive();
+        const bool inTime = WaitFor([&] { return returned.load(); });
+        if (!inTime) release();
+        thread.join();
+        return inTime;
     }
 
-    // The collector's directory appears only once the module waits for it:
-    // the watch's listener thread never idles, so LoadModules' own wait for
-    // idle threads must come before the watch.
+    // The collector's directory appears once the module waits for it: the watch's listener never idles.
     void LoadModulesThenCollectorDir() {
         const std::string dir = Device("/data/aee_exp");
         ASSERT_EQ(rename(dir.c_str(), (dir + ".stage").c_str()), 0);
@@ -100,9 +110,7 @@ protected:
 
     bb::FwMinidumpHeader Fw() { return ReadRecordAt<bb::FwMinidumpHeader>(partition_, bb::kFwMinidumpHeaderOffset); }
     void PutFw(const bb::FwMinidumpHeader& fw) { WriteRecordAt(partition_, bb::kFwMinidumpHeaderOffset, fw); }
-    // Every field of the ring's header in one line, so that one comparison
-    // holds all a failed or overlapping write must keep: "index I, filled F,
-    // next N | [name] position size" per slot, positions from the area's start.
+    // The ring's header whole, "index I, filled F, next N | [name] position size" per slot, from the area's start.
     std::string Ring() {
         const bb::FwMinidumpHeader fw = Fw();
         const auto at = [](uint64_t position) {
@@ -127,8 +135,7 @@ protected:
     std::string Extract(const std::string& outDir, int* status, const std::string& key = kTestKey) {
         return Tool(partition_ + " extract --key " + key + " --out " + outDir, status);
     }
-    // Every listed slot's database as the tool decrypts it: the directory
-    // they went to.
+    // The directory where the tool decrypted every listed slot's database.
     std::string ExtractAll() {
         const std::string dir = root_.Sub("extracted");
         RunShell("rm -rf '" + dir + "'; mkdir '" + dir + "'");

@@ -19,23 +19,21 @@ TEST_F(AndroidCrashMonitorTest, ToolCommandLineAndAnImageWithoutLogTable) {
 
     const std::string head = "image: " + partition_ +
                              " (199229440 bytes, partition version 2)\nnot initialised: no log table header yet\n";
-    out = Tool(partition_, &status);
+    EXPECT_EQ(Tool(partition_, &status), head + "boot monitor: no failure recorded\nOTA records: not initialised\n");
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(out, head + "boot monitor: no failure recorded\nOTA records: not initialised\n");
     out = Tool("--json " + partition_, &status);
     EXPECT_NE(out.find("\"initialised\" : false,"), std::string::npos) << out;
     EXPECT_EQ(out.find("\"firmware_databases\""), std::string::npos) << out;
 
-    // The boot monitor may record a failure before any crash lays down the
-    // log table (the OTA suite shows its records so): shown all the same.
+    // The boot monitor may record a failure before any crash lays down the log table: shown all the same.
     bb::BootMonitorHeader boot{};
     boot.identifier = bb::kBootFailIdentifier;
     boot.bootIndex = 3;
     boot.currentError = 901005303;
     WriteRecordAt(partition_, bb::kBootMonitorHeaderOffset, boot);
-    out = Tool(partition_, &status);
-    EXPECT_EQ(status, 0) << out;
-    EXPECT_EQ(out, head + "boot monitor: failure 901005303 in boot 3, not reported\nOTA records: not initialised\n");
+    EXPECT_EQ(Tool(partition_, &status),
+              head + "boot monitor: failure 901005303 in boot 3, not reported\nOTA records: not initialised\n");
+    EXPECT_EQ(status, 0);
 
     bb::OtaRecordZone zone{};
     zone.magic = bb::kOtaMagic;
@@ -101,18 +99,15 @@ TEST_F(AndroidCrashMonitorTest, ToolExtractionNeverFollowsALinkAndRefusesNamesTh
     tarnis_test::WriteFile(outside, "keep");
     ASSERT_EQ(symlink(outside.c_str(), (out + "/db.fatal.00.JE").c_str()), 0);
     int status = -1;
-    std::string text = Extract(out, &status);
-    EXPECT_EQ(status, 0) << text;
-    EXPECT_EQ(text, "slot 0: db.fatal.00.JE -> " + out + "/db.fatal.00.JE (5000 bytes)\n");
-    struct stat st;
-    ASSERT_EQ(lstat((out + "/db.fatal.00.JE").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(Extract(out, &status), "slot 0: db.fatal.00.JE -> " + out + "/db.fatal.00.JE (5000 bytes)\n");
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(S_ISREG(tarnis_test::ModeOf(out + "/db.fatal.00.JE")));
     EXPECT_EQ(ReadFile(out + "/db.fatal.00.JE"), plain);
     EXPECT_EQ(ReadFile(outside), "keep");
 
     // An output directory that is a link is refused, as is a slot name with a path in it.
     ASSERT_EQ(symlink(out.c_str(), root_.Sub("linked").c_str()), 0);
-    text = Extract(root_.Sub("linked"), &status);
+    std::string text = Extract(root_.Sub("linked"), &status);
     EXPECT_EQ(status, 1);
     EXPECT_EQ(text.rfind("tarnis-blackbox: cannot open the output directory " + root_.Sub("linked"), 0), 0u) << text;
     const bb::FwMinidumpHeader good = Fw();
@@ -134,9 +129,7 @@ TEST_F(AndroidCrashMonitorTest, ToolExtractionNeverFollowsALinkAndRefusesNamesTh
             << text;
 }
 
-// The partition as a fault finds it: A in slot 0 at the area start, B in
-// slot 1 a mebibyte further, and no room at the end, so that the next
-// database C goes to slot 0 over A's bytes but not over B's.
+// A in slot 0 at the area start, B in slot 1 a mebibyte further, no room at the end: C goes over A, not B.
 class AndroidCrashMonitorFaultTest : public AndroidCrashMonitorTest {
 protected:
     void SetUp() override {
@@ -158,8 +151,7 @@ protected:
         log_.Clear();
     }
 
-    // Writes to the partition's container area go through `partition`; the
-    // others as usual.
+    // Writes to the partition's container area go through `partition`; the others as usual.
     void HookPartitionWrites(std::function<ssize_t(int, const void*, size_t, off_t)> partition) {
         const ino_t ino = partitionIno_;
         AndroidCrashMonitorThread::SetWriteHookForTesting(
@@ -188,8 +180,7 @@ protected:
 
 TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOverwritesNothingListed) {
     for (const bool keyFails : {false, true}) {
-        // The random source fails, or the disk fills while the wrapped key
-        // is appended to the staged container.
+        // The random source fails, or the disk fills while the wrapped key goes into the staged container.
         velmar::kolto::cryptography::SetRandomSourceForTesting(keyFails ? "/nonexistent/urandom" : nullptr);
         AndroidCrashMonitorThread::SetWriteHookForTesting([](int fd, const void* buf, size_t len, off_t offset) {
             if (len == bb::kWrappedKeyBytes && offset < 0) {
@@ -205,8 +196,7 @@ TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOve
         EXPECT_TRUE(HasError(keyFails ? "write_fw_db_to_blackbox: no AES key from the random source, nothing written"
                                       : "write_fw_db_to_blackbox: write encrypted aes key failed!"));
         EXPECT_TRUE(HasInfo("update_black_box_fw_minidump_header: write blackbox failed"));
-        // The restart took slot 0 and gave up A's listing; the failure empties
-        // the slot (its name stays) and rewinds the ring to where it began.
+        // The restart took A's slot 0; the failure empties it (its name stays) and rewinds the ring.
         EXPECT_EQ(Ring(), "index 0, filled 1, next +0 | [db.fatal.0C.NE] none 0 | [db.fatal.0B.NE] +1048576 208 | "
                           "[] none 0");
         EXPECT_EQ(ReadFile(cPath_), c_);
@@ -214,8 +204,7 @@ TEST_F(AndroidCrashMonitorFaultTest, FailedWritesRewindTheRingAndTheNextWriteOve
     }
     EXPECT_TRUE(HasError("write encrypted data failed 28(No space left on device)\n"));
 
-    // A failure before any slot is chosen rewinds to the empty slot's
-    // position, 0; the next write goes where the ring goes on, not there.
+    // A failure before any slot is chosen rewinds to 0; the next write goes where the ring goes on, not there.
     AndroidCrashMonitorThread::SetWriteHookForTesting(nullptr);
     SetProperty("vendor.debug.mtk.aee.db", "/data/aee_exp/db.fatal.0D.NE");  // no such database
     bool encrypt = false;

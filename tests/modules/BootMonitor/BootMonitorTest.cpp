@@ -25,6 +25,7 @@
 
 #include "modules/BootMonitor/BootFailReport.h"
 #include "modules/BootMonitor/BootMonitorThread.h"
+#include "tests/support/ModABlackBox.h"
 #include "tests/support/ModBModuleTest.h"
 #include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
@@ -43,6 +44,8 @@ using tarnis_test::RunShell;
 using tarnis_test::TestClock;
 using tarnis_test::WriteFile;
 using velmar::tarnis::BootFailReport;
+using Names = std::vector<std::string>;
+using namespace moda_blackbox;
 
 constexpr int kD = ANDROID_LOG_DEBUG, kI = ANDROID_LOG_INFO, kW = ANDROID_LOG_WARN, kE = ANDROID_LOG_ERROR;
 constexpr char kBm[] = "BootMonitor";
@@ -50,8 +53,7 @@ constexpr char kBfr[] = "BootFailReport";
 
 std::string At(long seconds) { return std::to_string(TestClock::kStartWallMs / 1000 + seconds); }
 
-// A peer on the reserved socket <root>/dev/socket/NAME serving each
-// connection with `serve`; shutting the listening socket down ends its accept.
+// A peer on the reserved socket NAME serving each connection with `serve`, until the object goes.
 class FakeServer {
 public:
     FakeServer(const std::string& name, std::function<void(int)> serve) : path_(platform::ReservedSocketPath(name)) {
@@ -99,9 +101,7 @@ protected:
             android::base::WriteFully(fd, std::string(255, 'k').data(), 255);
         });
     }
-    // Property waits on the test clock: one not met costs its whole time-out.
-    // A run past two hours of that clock (a broken threshold or limit) is
-    // cut short as if the boot had completed, so it fails in milliseconds.
+    // Property waits on the test clock, a wait not met costing its time-out; past two hours, a failure.
     void UseClockWaits(std::function<void(const std::string& key)> before = nullptr) {
         monitor_.SetPropertyWaiterForTesting(
             [this, before](const std::string& key, const std::string& value, std::chrono::milliseconds timeout) {
@@ -127,15 +127,15 @@ protected:
         return result.get();
     }
     int64_t ElapsedMs() { return clock_.SteadyNowMs() - TestClock::kStartSteadyMs; }
-    std::vector<std::string> Captures() {
+    Names Captures() {
         const std::string prefix = "Capture lite bugreport complete: " + dir_ + "/";
-        std::vector<std::string> names;
+        Names names;
         for (const auto& line : log_.Lines()) {
             if (line.tag == kBm && line.text.rfind(prefix, 0) == 0) names.push_back(line.text.substr(prefix.size()));
         }
         return names;
     }
-    std::vector<std::string> List() { return tarnis_test::ListDir(dir_); }
+    Names List() { return tarnis_test::ListDir(dir_); }
     // One kernel message: `length` as its first word, `text` from byte 16.
     static void SendBootMessage(int fd, const std::string& text, uint32_t length = 1040, size_t bytes = 1040) {
         std::vector<char> message(bytes, 0);
@@ -158,16 +158,16 @@ TEST_F(BootMonitorTest, FirstUnfinishedBootCapturesEveryFiveMinutesThenReboots) 
 
     EXPECT_TRUE(log_.HasLine("Faile to read file: " + count_ + ", No such file or directory", kBm, kW));
     EXPECT_TRUE(log_.HasLine("remove path " + count_ + " failed! info: No such file or directory (resetBootCount)\n",
-                             kBm, ANDROID_LOG_ERROR));
+                             kBm, kE));
     EXPECT_EQ(ReadFile(count_), "1");
     // A pass's seconds are taken before its 10 s wait, the capture's time after it.
-    const std::vector<std::string> expected = {
+    const Names expected = {
         "bm_timeout_0_300_tarn_77_" + At(310) + ".zip", "bm_timeout_0_600_tarn_77_" + At(610) + ".zip",
         "bm_timeout_0_900_tarn_77_" + At(910) + ".zip", "bm_timeout_0_1200_tarn_77_" + At(1200) + ".zip"};
     EXPECT_EQ(Captures(), expected);
     EXPECT_EQ(log_.Count("Failed to boot system for the 0 time, capture bugreport...", kBm, kW), 3u);
     EXPECT_EQ(GetProperty("sys.bootmonitor.timeout_three", ""), "true");
-    EXPECT_EQ(List(), std::vector<std::string>{expected.back()});  // each replaced the one before
+    EXPECT_EQ(List(), Names{expected.back()});  // each replaced the one before
     EXPECT_EQ(ReadFile(Device("/cache/dorva/BootmonitorRecord.txt")), "Bootmonitor-0-" + At(1200) + "\n");
     EXPECT_TRUE(log_.HasLine("Wait boot completed timeout, so reboot system!", kBm, kE));
     EXPECT_EQ(GetProperty("sys.powerctl", ""), "reboot,BootMonitor");
@@ -182,8 +182,8 @@ TEST_F(BootMonitorTest, EarlierFailuresBringTheFirstCaptureForwardUntilTheBootCo
     });
     EXPECT_EQ(RunLoop(), 0);
     EXPECT_EQ(countDuringWait, "4");
-    EXPECT_EQ(Captures(), (std::vector<std::string>{"bm_inc_3_60_unknown_unknown_" + At(70) + ".zip",
-                                                    "bm_timeout_3_300_unknown_unknown_" + At(310) + ".zip"}));
+    EXPECT_EQ(Captures(), (Names{"bm_inc_3_60_unknown_unknown_" + At(70) + ".zip",
+                                 "bm_timeout_3_300_unknown_unknown_" + At(310) + ".zip"}));
     EXPECT_EQ(GetProperty("sys.boot_monitor_completed", ""), "1");
     EXPECT_EQ(GetProperty("sys.powerctl", ""), "");
 }
@@ -203,7 +203,7 @@ TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
     EXPECT_EQ(received, std::string("\0\0\0\x20", 4) + "BootFailure\n--reason=BootMonitor");
     EXPECT_EQ(ElapsedMs(), 31 * 1000);
     EXPECT_TRUE(log_.HasLine("stuck in boot loop, capture bugreport...", kBm, kW));
-    EXPECT_EQ(Captures(), std::vector<std::string>{"bm_rcy_5_unknown_unknown_" + At(0) + ".zip"});
+    EXPECT_EQ(Captures(), Names{"bm_rcy_5_unknown_unknown_" + At(0) + ".zip"});
     EXPECT_FALSE(log_.Contains("Failed to setupBcb"));
     EXPECT_EQ(GetProperty("ctl.stop", ""), "setup-bcb");
     EXPECT_FALSE(Exists(count_));
@@ -250,8 +250,7 @@ TEST_F(BootMonitorTest, MarkersAreConsumedAndAnUnreadableCountIsZero) {
         if (key == "sys.boot_display_completed" && ++displayWaits == 2) SetProperty(key, "1");
     });
     EXPECT_EQ(RunLoop(), 0);
-    // The first pass waited its 10 s in vain, the second saw "1"; the runs
-    // before it, the boot already complete, waited for nothing.
+    // The first pass waited its 10 s in vain, the second saw "1"; the runs before waited for nothing.
     EXPECT_EQ(log_.Count("boot time: "), 1u);
     EXPECT_TRUE(log_.HasLine("boot time: 0 seconds\n", kBm, kI));
     EXPECT_EQ(ElapsedMs(), 10 * 1000);
@@ -267,7 +266,7 @@ TEST_F(BootMonitorTest, TrapModeCapturesEveryIntervalUntilStopped) {
               std::string::npos);
     RemoveModule("BootMonitor");  // its worker is stopped and joined
     EXPECT_TRUE(log_.HasLine("(trap mode) boot time: 60 seconds\n", kBm, kI));
-    const std::vector<std::string> captures = Captures();
+    const Names captures = Captures();
     ASSERT_GE(captures.size(), 3u);
     EXPECT_EQ(captures[1], "bm_trap_N_unknown_unknown_" + At(30) + ".zip");
     EXPECT_FALSE(Exists(Device("/cache/recovery/last_trap")));
@@ -279,7 +278,7 @@ TEST_F(BootMonitorTest, OnlySmallCapturesAreDroppedAndOnlyTheSameKindIsPruned) {
     for (const char* name : {"bm_inc_1_20_old.zip", "bugreport-2026.zip", "kmsg.txt", "bm_timeout_0_300_old.zip"}) {
         WriteFile(dir_ + name, std::string(2000, 'o'));
     }
-    const std::vector<std::string> planted = List();
+    const Names planted = List();
     fill_ = 1023;
     monitor_.captureBugreport(dir_, 2, 40);
     EXPECT_TRUE(log_.HasLine("log too small, ready to delete.", kBm, kW));
@@ -288,9 +287,9 @@ TEST_F(BootMonitorTest, OnlySmallCapturesAreDroppedAndOnlyTheSameKindIsPruned) {
     fill_ = 1024;
     monitor_.captureBugreport(dir_, 2, 41);
     monitor_.captureBugreport(dir_, 100, 901005301);  // another kind leaves it alone
-    EXPECT_EQ(List(), (std::vector<std::string>{"bm_inc_2_41_unknown_unknown_" + At(0) + ".zip",
-                                                "bm_tarnboot_timeout_901005301_unknown_unknown_" + At(0) + ".zip",
-                                                "bm_timeout_0_300_old.zip", "kmsg.txt"}));
+    EXPECT_EQ(List(), (Names{"bm_inc_2_41_unknown_unknown_" + At(0) + ".zip",
+                             "bm_tarnboot_timeout_901005301_unknown_unknown_" + At(0) + ".zip",
+                             "bm_timeout_0_300_old.zip", "kmsg.txt"}));
 }
 
 TEST_F(BootMonitorTest, DisabledModuleRemovesItselfWhileTheListenerGoesOn) {
@@ -324,28 +323,24 @@ protected:
         partition_ = Device("/dev/block/by-name/blackbox");
         report_.Load();
     }
-    // A sparse partition recording failure `code`, each log area marked at
-    // both ends and just past its end.
+    // A partition recording failure `code`, each log area marked at both ends and just past its end.
     void Plant(int64_t code, uint64_t identifier = blackbox::kBootFailIdentifier) {
-        RunShell("truncate -s 190M '" + partition_ + "'");
-        unique_fd fd(open(partition_.c_str(), O_RDWR | O_CLOEXEC));
+        MakeImage(partition_, 190 << 20);
         blackbox::BootMonitorHeader header{};
         header.identifier = identifier;
         header.bootIndex = 7;
         header.currentError = code;
-        ASSERT_EQ(pwrite(fd.get(), &header, sizeof(header), blackbox::kBootMonitorHeaderOffset), 189);
+        WriteRecordAt(partition_, blackbox::kBootMonitorHeaderOffset, header);
         const std::pair<uint64_t, size_t> areas[] = {{blackbox::kUefiLogOffset, blackbox::kUefiLogBytes},
                                                      {blackbox::kKmsgOffset, blackbox::kKmsgBytes},
                                                      {blackbox::kPmsgOffset, blackbox::kPmsgBytes}};
         for (const auto& [offset, size] : areas) {
-            ASSERT_EQ(pwrite(fd.get(), "HEAD", 4, offset) + pwrite(fd.get(), "TAIL!", 5, offset + size - 4), 9);
+            WriteBytes(partition_, offset, "HEAD", 4);
+            WriteBytes(partition_, offset + size - 4, "TAIL!", 5);
         }
     }
     uint8_t Marker() {
-        blackbox::BootMonitorHeader header{};
-        unique_fd fd(open(partition_.c_str(), O_RDONLY | O_CLOEXEC));
-        pread(fd.get(), &header, sizeof(header), blackbox::kBootMonitorHeaderOffset);
-        return header.reported;
+        return ReadRecordAt<blackbox::BootMonitorHeader>(partition_, blackbox::kBootMonitorHeaderOffset).reported;
     }
     void ExpectArea(const std::string& name, size_t size) {
         const std::string content = ReadFile(dir_ + name);
@@ -392,9 +387,7 @@ TEST_F(BootFailReportTest, BootStageFailureIsReportedOnce) {
     EXPECT_EQ(Record(), "BootmonitorTimeout,77,901005303,ZYGOTE_FAIL,7," + At(0) + "\n");
 }
 
-// A record that is no failure is left alone; a boot-stage code without a
-// name brings its logs and is marked, with no report; a loader failure
-// brings the loader's log instead.
+// No failure: left alone; a boot-stage code without a name: its logs, marked, no report; a loader failure: its log.
 TEST_F(BootFailReportTest, EachKindOfRecordBringsItsOwnLogs) {
     Plant(901005100);
     report_.check_ablxbl_fail_report();
@@ -405,7 +398,7 @@ TEST_F(BootFailReportTest, EachKindOfRecordBringsItsOwnLogs) {
 
     Plant(901005320);
     report_.check_ablxbl_fail_report();
-    EXPECT_EQ(List(), (std::vector<std::string>{"kmsg.txt", "pmsg.txt"}));
+    EXPECT_EQ(List(), (Names{"kmsg.txt", "pmsg.txt"}));
     EXPECT_TRUE(log_.HasLine("No abnormal records need to be reported", kBfr, kD));
     EXPECT_TRUE(JournalEvents().empty());
     EXPECT_EQ(Record(), "");
@@ -414,7 +407,7 @@ TEST_F(BootFailReportTest, EachKindOfRecordBringsItsOwnLogs) {
     RunShell("rm -f '" + dir_ + "'*");
     Plant(901005210);
     report_.check_ablxbl_fail_report();
-    EXPECT_EQ(List(), std::vector<std::string>{"uefi.txt"});
+    EXPECT_EQ(List(), Names{"uefi.txt"});
     ExpectArea("uefi.txt", blackbox::kUefiLogBytes);
     ASSERT_EQ(JournalEvents().size(), 1u);
     EXPECT_EQ(JournalEvents()[0]["args"][0].asUInt(), 901005210u);
@@ -445,7 +438,7 @@ TEST_F(BootFailReportTest, ListenerActsOnBootStageTimeoutsOnly) {
 
     EXPECT_TRUE(log_.HasLine("NetlinkInit--550: recv_msg: boot-timeout[901005349], time[2]", kBfr, kI));
     EXPECT_TRUE(log_.HasLine("recv boot message timeout_event = 901005350, boot_index = 2", kBfr, kI));
-    EXPECT_EQ(Captures(), std::vector<std::string>{"bm_tarnboot_timeout_901005349_unknown_unknown_" + At(0) + ".zip"});
+    EXPECT_EQ(Captures(), Names{"bm_tarnboot_timeout_901005349_unknown_unknown_" + At(0) + ".zip"});
     EXPECT_EQ(log_.Count("checkBlackBoxBootFail", kBfr, kD), 1u);
     EXPECT_EQ(log_.Count("No boot failed\n", kBfr, kD), 1u);
     EXPECT_TRUE(log_.HasLine("Failed to parse boot message: boot-timeout:901005301", kBfr, kE));
