@@ -1,13 +1,10 @@
 // The daemon and its tool as real processes, driven as a user would from a shell.
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <string>
 
@@ -39,17 +36,6 @@ namespace {
 
 const std::string kSsiName = std::string(TarnisSsiImpl::descriptor) + "/default";
 
-// A socket file at `path`, as a daemon that died leaves it.
-void LeaveStaleSocket(const std::string& path) {
-    const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof(address.sun_path));
-    memcpy(address.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    close(stale);
-}
-
 // tarnisd serving a root laid out as a device by the sandbox script, with a
 // stale capture socket and a logcat that prints enough for a kept archive.
 class DaemonTest : public ::testing::Test {
@@ -59,7 +45,8 @@ protected:
                           "/scripts/prepare-sandbox.sh " + root.path() + " >/dev/null")
                              .c_str()),
                   0);
-        LeaveStaleSocket(root.Sub("dev/socket/dorvad"));
+        // A socket file as a daemon that died leaves it.
+        ASSERT_TRUE(android::WireIo::Bind(root.Sub("dev/socket/dorvad")).ok());
         ASSERT_TRUE(WriteFile(root.Sub("bin/logcat"), "#!/bin/sh\nhead -c 6000 /dev/urandom | base64\n"));
         ASSERT_EQ(chmod(root.Sub("bin/logcat").c_str(), 0755), 0);
         ASSERT_TRUE(daemon.Start());
@@ -156,11 +143,19 @@ TEST_F(DaemonTest, CapturesOrderedFromAShellEndAsZips) {
     EXPECT_EQ(status, 1);
 }
 
-TEST(DaemonAlone, AFileThatIsNotASocketIsLeftAlone) {
+// A root of its own, bare, for faults of the start and of the tool.
+class DaemonAlone : public ::testing::Test {
+protected:
+    void SetUp() override { platform::SetRoot(root.path()); }
+    void TearDown() override { platform::SetRoot("/"); }
+
     TempDir root;
+    tarnis_test::Daemon daemon{root};
+};
+
+TEST_F(DaemonAlone, AFileThatIsNotASocketIsLeftAlone) {
     RunShell("mkdir -p " + root.Sub("dev/socket"));
     ASSERT_TRUE(WriteFile(root.Sub("dev/socket/dorvad"), "precious"));
-    tarnis_test::Daemon daemon(root);
     ASSERT_TRUE(daemon.Start());
     // The capture server starts on its own thread, after the service answers.
     ASSERT_TRUE(WaitFor([&] { return Holds(daemon.Log(), "Failed to get socket from environment"); }));
@@ -173,10 +168,7 @@ TEST(DaemonAlone, AFileThatIsNotASocketIsLeftAlone) {
 
 // A service manager that refuses the registration is fatal: the success line
 // is logged first, then the check aborts, and nothing after it happens.
-TEST(DaemonAlone, AbortsWhenItsServiceIsRefused) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    const tarnis_test::Daemon daemon(root);
+TEST_F(DaemonAlone, AbortsWhenItsServiceIsRefused) {
     // This process already serves the name on that root: the system service,
     // registered first, then the native daemon service, registered last.
     auto squatter = ndk::SharedRefBase::make<TarnisSsiImpl>();
@@ -207,32 +199,27 @@ TEST(DaemonAlone, AbortsWhenItsServiceIsRefused) {
         EXPECT_TRUE(c.never.empty() || err.find(c.never) == std::string::npos) << err;
         android::ServiceManager::instance().removeService(c.name);
     }
-    platform::SetRoot("/");
 }
 
 // The tool never waits for ever: a service that accepts and never answers
 // costs it its --timeout, and the user reads why.
-TEST(DaemonAlone, TheToolGivesUpOnASilentServiceWithASentence) {
-    TempDir root;
-    platform::SetRoot(root.path());
-    const tarnis_test::Daemon tool(root);
+TEST_F(DaemonAlone, TheToolGivesUpOnASilentServiceWithASentence) {
     ASSERT_EQ(system(("mkdir -p " + root.Sub("dev/binder")).c_str()), 0);
     android::base::unique_fd silent = android::WireIo::Bind(android::ServiceManager::SocketPath(kSsiName));
     ASSERT_TRUE(silent.ok());
     ASSERT_EQ(listen(silent.get(), 8), 0);
     int status = -1;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(tool.Run("--timeout 0.5 dump ModuleManager dump", &status),
+    EXPECT_EQ(daemon.Run("--timeout 0.5 dump ModuleManager dump", &status),
               "tarnisctl: no reply from service " + kSsiName + " within 500 ms\n");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(status, 1);
-    EXPECT_EQ(RunShell(tool.Ctl() + " --timeout soon dump 2>&1 | head -1"),
+    EXPECT_EQ(RunShell(daemon.Ctl() + " --timeout soon dump 2>&1 | head -1"),
               "tarnisctl: --timeout needs a number of seconds between 0 and 86400, not 'soon'\n");
     // With nobody there at all, it says that instead.
     silent.reset();
     unlink(android::ServiceManager::SocketPath(kSsiName).c_str());
-    EXPECT_EQ(tool.Run("dump", &status), "tarnisctl: service " + kSsiName + " is not running below root " +
+    EXPECT_EQ(daemon.Run("dump", &status), "tarnisctl: service " + kSsiName + " is not running below root " +
                                              root.path() + " (is tarnisd running?)\n");
     EXPECT_EQ(status, 1);
-    platform::SetRoot("/");
 }

@@ -1,24 +1,19 @@
 #include "tests/support/ProcessCounts.h"
 
-#include <dirent.h>
-
-#include <chrono>
-#include <fstream>
+#include <filesystem>
+#include <iterator>
 #include <sstream>
-#include <thread>
+
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitFor.h"
 
 namespace tarnis_test {
 namespace {
 
 size_t CountEntries(const std::string& dir) {
-    size_t count = 0;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (e->d_name[0] != '.') ++count;
-        }
-        closedir(d);
-    }
-    return count;
+    std::error_code error;
+    std::filesystem::directory_iterator entries(dir, error);
+    return error ? 0 : std::distance(entries, std::filesystem::directory_iterator());
 }
 
 }  // namespace
@@ -30,38 +25,28 @@ std::string ProcessCounts::ToString() const {
 ProcessCounts ProcessCounts::Of(pid_t pid) {
     const std::string proc = pid == 0 ? "/proc/self" : "/proc/" + std::to_string(pid);
     ProcessCounts counts;
-    // opendir itself holds one descriptor while counting.
+    // Counting holds one descriptor of its own.
     counts.fds = CountEntries(proc + "/fd") - (pid == 0 ? 1 : 0);
     counts.threads = CountEntries(proc + "/task");
     return counts;
 }
 
 bool ProcessCounts::Await(const ProcessCounts& expected, int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!Of().NoMoreThan(expected)) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return WaitFor([&] {
+        const ProcessCounts now = Of();
+        return now.fds <= expected.fds && now.threads <= expected.threads;
+    }, std::chrono::milliseconds(timeoutMs));
 }
 
 long CpuTicks(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(in, line);
     // The command name may hold spaces: fields are counted after its ")".
-    size_t close = line.rfind(')');
-    if (close == std::string::npos) return -1;
-    std::istringstream fields(line.substr(close + 2));
-    std::string field;
+    const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    if (stat.rfind(')') == std::string::npos) return -1;
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string skipped;
+    for (int field = 3; field < 14; ++field) fields >> skipped;
     long utime = 0, stime = 0;
-    for (int i = 3; fields >> field; ++i) {
-        if (i == 14) utime = std::stol(field);
-        if (i == 15) {
-            stime = std::stol(field);
-            break;
-        }
-    }
+    fields >> utime >> stime;
     return utime + stime;
 }
 

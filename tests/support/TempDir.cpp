@@ -1,15 +1,14 @@
 #include "tests/support/TempDir.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <algorithm>
-#include <stdexcept>
 
 namespace tarnis_test {
 
@@ -46,13 +45,8 @@ bool Exists(const std::string& path) {
 
 std::vector<std::string> ListDir(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* handle = opendir(dir.c_str())) {
-        while (const dirent* entry = readdir(handle)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        closedir(handle);
-    }
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, error)) names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }

@@ -1,13 +1,11 @@
-// The NDK-backend classes are written by hand (the host's aidl tool has no
-// NDK backend). The C++-backend classes the tool generates from the same
-// .aidl files share their transaction codes and parcel layout, so each
-// hand-written service is called here through a generated proxy, and each
-// generated service through a hand-written proxy, over the transport: both
-// ways must deliver the same calls and bring back the same answers.
+// The NDK-backend classes are written by hand (the host's aidl tool has no NDK
+// backend); the C++-backend ones it generates share their codes and parcel
+// layout, so each backend's services are called through the other's proxies.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <string>
@@ -34,9 +32,13 @@ using android::binder::Status;
 
 namespace {
 
-// What each service was called with, in order, on either backend.
 std::mutex gLock;
-std::vector<std::string> gCalls;
+std::vector<std::string> gCalls;  // what each service was called with, in order, on either backend
+
+std::vector<std::string> TakeCalls() {
+    std::lock_guard<std::mutex> lock(gLock);
+    return std::move(gCalls);
+}
 
 std::string Text(const std::string& s) { return s; }
 std::string Text(int64_t n) { return std::to_string(n); }
@@ -46,8 +48,7 @@ std::string Text(const std::vector<std::string>& list) {
     return out;
 }
 
-// Records the call; some calls are refused, one way or the other. The
-// answer is given as the backend's own status type R.
+// Records the call and answers it as the backend's status type R; some calls are refused, one way or the other.
 template <typename R, typename... Args>
 R Answer(const char* method, const Args&... args) {
     std::string call = method;
@@ -67,8 +68,7 @@ R Answer(const char* method, const Args&... args) {
     }
 }
 
-// The services of either backend: Bn is the hand-written or the generated
-// stub, R its status type.
+// The services of either backend: Bn is the hand-written or the generated stub.
 template <typename Bn, typename R>
 class Ssi : public Bn {
     R reportSimpleEvent(int32_t t, const std::string& e) override { return Answer<R>("reportSimpleEvent", t, e); }
@@ -101,9 +101,7 @@ class Messages : public Bn {
     }
 };
 
-// The region's holder sees what the service writes through its own
-// descriptor, which is close-on-exec here as every received one must be: a
-// service's children inherit nothing a caller sent.
+// A received descriptor must be close-on-exec: a service's children inherit nothing a caller sent.
 template <typename Bn, typename R, typename Ashmem>
 class Kolto : public Bn {
     R GetFileSize(const std::string& d, const std::string& f, int64_t* size) override {
@@ -121,10 +119,11 @@ class Kolto : public Bn {
 std::string Said(const ndk::ScopedAStatus& status) { return status.getDescription(); }
 std::string Said(const Status& status) { return status.toString8().string(); }
 
-// The same calls through the proxies of one backend; what they brought back.
+// The same calls through the proxies of one backend: what the service saw of each, and what it brought back.
 template <typename Ssi, typename SsiIntl, typename Kolto, typename Intl, typename Region>
-std::vector<std::string> Drive(const Ssi& ssi, const SsiIntl& ssiIntl, const Kolto& kolto, const Intl& intl,
-                               const Region& region) {
+std::vector<std::pair<std::string, std::string>> Drive(const Ssi& ssi, const SsiIntl& ssiIntl, const Kolto& kolto,
+                                                       const Intl& intl, const Region& region) {
+    int64_t size = 0;
     std::vector<std::string> said = {
         Said(ssi->reportSimpleEvent(-1, "caf\xc3\xa9 \xf0\x9f\x98\x80")),
         Said(ssi->reportEventV2("a", "", "c", true)),
@@ -135,12 +134,16 @@ std::vector<std::string> Drive(const Ssi& ssi, const SsiIntl& ssiIntl, const Kol
         Said(ssi->reportTrelvoEvents("app", "pkg", {"{\"k\":1}"}, 2)),
         Said(ssiIntl->transferMessage("velmar.intent.action.X", "{\"k\":\"\xc3\xa9\"}")),
         Said(intl->transferMessage("refuse", "{}")),
+        Said(kolto->GetFileSize("/data/vendor/", "tee.log", &size)),
+        Said(kolto->ReadFromFile("/data/vendor/", "tee.log", region, 6)),
     };
-    int64_t size = 0;
-    said.push_back(Said(kolto->GetFileSize("/data/vendor/", "tee.log", &size)));
-    said.back() += " " + std::to_string(size);
-    said.push_back(Said(kolto->ReadFromFile("/data/vendor/", "tee.log", region, 6)));
-    return said;
+    said[9] += " " + std::to_string(size);
+    std::vector<std::string> calls = TakeCalls();
+    calls.resize(std::max(calls.size(), said.size()));
+    said.resize(calls.size());
+    std::vector<std::pair<std::string, std::string>> seen;
+    for (size_t i = 0; i < said.size(); ++i) seen.emplace_back(calls[i], said[i]);
+    return seen;
 }
 
 // A region of 4096 bytes: its holder keeps `memory` to read what the service wrote.
@@ -154,49 +157,28 @@ Region MakeRegion(android::base::unique_fd* memory) {
     return region;
 }
 
-template <size_t N>
-std::vector<std::string> Names(const char* const (&names)[N]) {
-    return std::vector<std::string>(names, names + N);
+// The method name of each code of interface I, as its hand-written class tables them.
+template <typename I>
+std::pair<const std::string, std::map<uint32_t, std::string>> HandWrittenNames() {
+    std::map<uint32_t, std::string> names;
+    uint32_t code = FIRST_CALL_TRANSACTION;
+    for (const char* name : I::kTransactionNames) names[code++] = name;
+    return {I::descriptor, names};
 }
 
-class AidlAgreementTest : public tarnis_test::PlatBinderTest {
-protected:
-    void SetUp() override {
-        PlatBinderTest::SetUp();
-        ABinderProcess_startThreadPool();
-    }
-    static std::vector<std::string> TakeCalls() {
-        std::lock_guard<std::mutex> lock(gLock);
-        return std::move(gCalls);
-    }
-};
+using AidlAgreementTest = tarnis_test::PlatBinderTest;
 
-// The method of each code, by interface: the hand-written tables name them
-// in binder's lines and the caller policy.
+// The hand-written tables name each code's method in binder's lines and the caller policy.
 TEST_F(AidlAgreementTest, HandWrittenMethodNamesAreTheGeneratedStubsCodes) {
-    struct Method {
-        const char* descriptor;
-        uint32_t code;
-        const char* name;
-    };
-    static const Method kGenerated[] = {
-#define AIDL_METHOD(descriptor, code, name) {descriptor, code, name},
+    std::map<std::string, std::map<uint32_t, std::string>> generated;
+#define AIDL_METHOD(descriptor, code, name) generated[descriptor][code] = name;
 #include "velmar/system/tarnis/common/aidl_methods.inc"
 #include "vendor/velmar/hardware/kolto/common/aidl_methods.inc"
 #undef AIDL_METHOD
-    };
-    std::map<std::string, std::vector<std::string>> generated;
-    for (const Method& m : kGenerated) {
-        auto& names = generated[m.descriptor];
-        names.resize(std::max<size_t>(names.size(), m.code - FIRST_CALL_TRANSACTION + 1));
-        names[m.code - FIRST_CALL_TRANSACTION] = m.name;
-    }
-    EXPECT_EQ(generated, (std::map<std::string, std::vector<std::string>>{
-                             {ndk_ssi::ITarnisSsi::descriptor, Names(ndk_ssi::ITarnisSsi::kTransactionNames)},
-                             {ndk_ssi::ITarnisSsiIntl::descriptor, Names(ndk_ssi::ITarnisSsiIntl::kTransactionNames)},
-                             {ndk_kolto::IKoltoImpl::descriptor, Names(ndk_kolto::IKoltoImpl::kTransactionNames)},
-                             {ndk_kolto::ITarnisIntl::descriptor, Names(ndk_kolto::ITarnisIntl::kTransactionNames)},
-                         }));
+    EXPECT_EQ(generated, decltype(generated)({HandWrittenNames<ndk_ssi::ITarnisSsi>(),
+                                              HandWrittenNames<ndk_ssi::ITarnisSsiIntl>(),
+                                              HandWrittenNames<ndk_kolto::IKoltoImpl>(),
+                                              HandWrittenNames<ndk_kolto::ITarnisIntl>()}));
 }
 
 TEST_F(AidlAgreementTest, EachBackendsServicesAnswerTheOthersProxies) {
@@ -215,25 +197,9 @@ TEST_F(AidlAgreementTest, EachBackendsServicesAnswerTheOthersProxies) {
     for (const auto& [name, binder] : services) {
         ASSERT_EQ(AServiceManager_addService(binder.get(), name), STATUS_OK) << name;
     }
-    android::base::unique_fd memory[2];
-    // The hand-written services, called through generated proxies, and the
-    // generated ones through hand-written proxies.
-    const std::vector<std::string> throughGenerated =
-        Drive(cpp_ssi::ITarnisSsi::asInterface(Remote("ndk.ssi")),
-              cpp_ssi::ITarnisSsiIntl::asInterface(Remote("ndk.ssi.intl")),
-              cpp_kolto::IKoltoImpl::asInterface(Remote("ndk.kolto")),
-              cpp_kolto::ITarnisIntl::asInterface(Remote("ndk.intl")), MakeRegion<cpp_kolto::Ashmem>(&memory[0]));
-    const std::vector<std::string> ndkCalls = TakeCalls();
-    const std::vector<std::string> throughHandWritten =
-        Drive(ndk_ssi::ITarnisSsi::fromBinder(Remote("cpp.ssi")),
-              ndk_ssi::ITarnisSsiIntl::fromBinder(Remote("cpp.ssi.intl")),
-              ndk_kolto::IKoltoImpl::fromBinder(Remote("cpp.kolto")),
-              ndk_kolto::ITarnisIntl::fromBinder(Remote("cpp.intl")), MakeRegion<ndk_kolto::Ashmem>(&memory[1]));
-    const std::vector<std::string> cppCalls = TakeCalls();
-
-    // What the service saw of each call of Drive, and what its caller got back.
+    ABinderProcess_startThreadPool();
     const std::string ok = "No error";
-    const std::pair<std::string, std::string> expected[] = {
+    const std::vector<std::pair<std::string, std::string>> expected = {
         {"reportSimpleEvent|-1|caf\xc3\xa9 \xf0\x9f\x98\x80", ok},
         {"reportEventV2|a||c|1", ok},
         {std::string("reportNativeFeatureEvent|x|y|z\0z", 32), ok},
@@ -247,15 +213,21 @@ TEST_F(AidlAgreementTest, EachBackendsServicesAnswerTheOthersProxies) {
         {"GetFileSize|/data/vendor/|tee.log", ok + " 1099511627776"},
         {"ReadFromFile|/data/vendor/|tee.log|4096|6|written|close-on-exec", ok},
     };
-    std::vector<std::string> calls, answers;
-    for (const auto& [call, answer] : expected) {
-        calls.push_back(call);
-        answers.push_back(answer);
-    }
-    EXPECT_EQ(ndkCalls, calls);
-    EXPECT_EQ(cppCalls, calls);
-    EXPECT_EQ(throughGenerated, answers);
-    EXPECT_EQ(throughHandWritten, answers);
+    android::base::unique_fd memory[2];
+    // The hand-written services through generated proxies, then the generated ones through hand-written proxies.
+    EXPECT_EQ(Drive(cpp_ssi::ITarnisSsi::asInterface(Remote("ndk.ssi")),
+                    cpp_ssi::ITarnisSsiIntl::asInterface(Remote("ndk.ssi.intl")),
+                    cpp_kolto::IKoltoImpl::asInterface(Remote("ndk.kolto")),
+                    cpp_kolto::ITarnisIntl::asInterface(Remote("ndk.intl")),
+                    MakeRegion<cpp_kolto::Ashmem>(&memory[0])),
+              expected);
+    EXPECT_EQ(Drive(ndk_ssi::ITarnisSsi::fromBinder(Remote("cpp.ssi")),
+                    ndk_ssi::ITarnisSsiIntl::fromBinder(Remote("cpp.ssi.intl")),
+                    ndk_kolto::IKoltoImpl::fromBinder(Remote("cpp.kolto")),
+                    ndk_kolto::ITarnisIntl::fromBinder(Remote("cpp.intl")),
+                    MakeRegion<ndk_kolto::Ashmem>(&memory[1])),
+              expected);
+
     for (const auto& fd : memory) {
         char bytes[8] = {};
         ASSERT_EQ(pread(fd.get(), bytes, 7, 0), 7);

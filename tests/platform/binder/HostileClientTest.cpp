@@ -1,7 +1,5 @@
-// Clients that misbehave, by accident or on purpose, against a service of
-// this process: none may take the server down, hold its threads, or lock
-// other callers out; each leaves the server's descriptors and threads as
-// they were.
+// Clients that misbehave against a service of this process may not take the server down, hold its threads or
+// lock other callers out, and leave its descriptors and threads as they were.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -34,6 +32,7 @@ using android::WireHeader;
 using android::WireIo;
 using android::base::unique_fd;
 using tarnis_test::EchoSsi;
+using tarnis_test::Ended;
 using tarnis_test::PlatChild;
 using tarnis_test::ProcessCounts;
 using tarnis_test::WaitFor;
@@ -45,15 +44,6 @@ constexpr uid_t kShellUid = 2000;
 // Generous, for a loaded machine: only a failing test waits this long.
 constexpr int kConnectMs = 10000;
 constexpr std::chrono::seconds kDeadline(30);
-
-// Whether the server closed the connection: end of stream within `timeoutMs`.
-bool Ended(const unique_fd& fd, int timeoutMs) {
-    pollfd pfd{fd.get(), POLLIN, 0};
-    char bytes[256];
-    ssize_t n = 1;
-    while (n > 0 && poll(&pfd, 1, timeoutMs) == 1) n = read(fd.get(), bytes, sizeof(bytes));
-    return n == 0;
-}
 
 // The server logs after it has acted: a line may come just after what it tells of.
 bool AwaitLine(const platform::LogCapture& capture, const std::string& text, int prio = 0) {
@@ -69,10 +59,8 @@ class HostileClientTest : public tarnis_test::PlatBinderTest {
 protected:
     void SetUp() override {
         PlatBinderTest::SetUp();
-        impl_ = ndk::SharedRefBase::make<EchoSsi>();
         ASSERT_EQ(AServiceManager_addService(impl_->asBinder().get(), kName.c_str()), STATUS_OK);
-        // Two threads: one uid may take one of them, so a client that held a
-        // thread for good would starve everybody else at once.
+        // Two threads, one uid's share: a client that held a thread for good would starve everybody else at once.
         BinderProcess::self().setMaxThreads(2);
         ABinderProcess_startThreadPool();
         SetTimeouts(60000, 60000);
@@ -96,21 +84,15 @@ protected:
     size_t Buffered() { return BinderProcess::self().usage(path_).bufferedBytes; }
     bool AwaitConnections(size_t n) { return WaitFor([&] { return Connections() == n; }, kDeadline); }
     // Dumps wait long enough for another uid's call to be served meanwhile, on a loaded machine too.
-    static void SetTimeouts(int idleMs, int stalledMs) {
-        BinderProcess::Timeouts timeouts;
-        timeouts.idleMs = idleMs;
-        timeouts.stalledMs = stalledMs;
-        timeouts.dumpMs = 3000;
-        BinderProcess::self().setTimeouts(timeouts);
-    }
+    static void SetTimeouts(int idleMs, int stalledMs) { BinderProcess::self().setTimeouts({idleMs, stalledMs, 3000}); }
     int CallAs(uid_t uid) { return PlatChild(uid, [&](PlatChild&) { return Served(path_) ? 0 : 1; }).Exit(); }
-    // "dump \xc3\xa9\n" comes back: 8 bytes, as the argument crossed as UTF-16 and back.
+    // "dump \xc3\xa9\n": 8 bytes, the argument having crossed as UTF-16 and back.
     binder_status_t Dump(int fd) {
         const char* args[] = {"\xc3\xa9"};
         return AIBinder_dump(proxy_->asBinder().get(), fd, args, 1);
     }
 
-    std::shared_ptr<EchoSsi> impl_;
+    const std::shared_ptr<EchoSsi> impl_ = ndk::SharedRefBase::make<EchoSsi>();
     std::string path_;
     std::shared_ptr<ITarnisSsi> proxy_;
     ProcessCounts before_;
@@ -118,8 +100,7 @@ protected:
 
 TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     platform::LogCapture capture;
-    // This test process does not ignore SIGPIPE: the send to a socket
-    // without a reader would kill it if the relay let the signal through.
+    // Not ignored: a send to a socket without a reader would kill this process if the relay let SIGPIPE through.
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
@@ -184,11 +165,8 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
         // A proxy of the same uid is served; the oldest idle one went for it.
         if (!Served(path_)) return 3;
         if (!Ended(held[total - share], kConnectMs)) return 4;
-        // Every connection of the uid busy (half a transaction each): the
-        // newcomer is turned away with the reason. The one that takes the
-        // proxy's place is made only once the service has let the proxy's
-        // go: until a pool thread has closed it, it is neither idle nor gone,
-        // and the service would rightly turn that one away instead.
+        // Every connection of the uid busy (half a transaction each): the newcomer is turned away with the
+        // reason. The proxy's is replaced only once a pool thread closed it: until then it is not idle.
         if (!parent.Say('p') || parent.Hear() != 'g') return 5;
         held.push_back(WireIo::Connect(path_, kConnectMs));
         const WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 64, 0};
