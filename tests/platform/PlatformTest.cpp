@@ -74,8 +74,7 @@ TEST_F(PlatformTest, LogLinesReachCapturesAndStderrInThreadtimeLayout) {
     EXPECT_TRUE(std::regex_match(printed, std::regex(head + "first\n" + head + "second\n"))) << printed;
 }
 
-// Lines a caller can cause pass at most `burst` per window; the next line
-// let through says how many were held back since the last.
+// Lines a caller can cause pass `burst` a window; the next one let through tells how many were held back.
 TEST(LogRateLimiterTest, ABurstPerWindowThenTheCountOfWhatWasHeldBack) {
     platform::LogRateLimiter limiter(2, 60000);
     struct Step {
@@ -219,9 +218,8 @@ TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
     EXPECT_TRUE(std::multiset<std::string>(lines.begin(), lines.end()) == expected) << lines.size() << " lines";
 }
 
-// Callers pass bytes, not always text. Whatever they pass, each call stays
-// one line of valid JSON in valid UTF-8, and Python's surrogateescape gives
-// the bytes back exactly.
+// Callers pass bytes, not always text: each call stays one line of valid JSON in valid UTF-8, from which
+// Python's surrogateescape gives the bytes back exactly.
 TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
     std::string all;
     for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
@@ -238,8 +236,7 @@ TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
     ASSERT_EQ(dsm.reportEventV2(calls[0][1], calls[0][2], calls[0][3], true), 0);
     ASSERT_EQ(dsm.reportNativeFeatureEvent(calls[1][1], calls[1][2], calls[1][3]), 0);
 
-    // Python decodes each line as strict UTF-8 and strict JSON, restores the
-    // bytes, and prints each call's name and string arguments.
+    // Strict UTF-8 and JSON; each call's name and string arguments printed as the bytes they stand for.
     const std::string script = dir_.Sub("decode.py");
     ASSERT_TRUE(tarnis_test::WriteFile(
         script,

@@ -14,8 +14,7 @@
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitFor.h"
 
-// The daemon and its tool as real processes of the build, driven as a user
-// would from a shell.
+// The daemon and its tool as real processes of the build, driven as a user would from a shell.
 namespace tarnis_test {
 
 inline std::string BuiltTool(const std::string& name) { return std::string(TARNIS_BUILD_DIR) + "/" + name; }
@@ -53,14 +52,12 @@ public:
             _exit(127);
         }
         if (pid_ < 0) return ::testing::AssertionFailure() << "fork failed";
-        const bool serving = WaitFor(
-            [this] {
-                int status = -1;
-                RunShell(Ctl() + " dump ModuleManager dump >/dev/null 2>&1", &status);
-                return status == 0;
-            },
-            std::chrono::seconds(20));
-        if (serving) return ::testing::AssertionSuccess();
+        const auto serving = [this] {
+            int status = -1;
+            RunShell(Ctl() + " dump ModuleManager dump >/dev/null 2>&1", &status);
+            return status == 0;
+        };
+        if (WaitFor(serving, std::chrono::seconds(20))) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << "tarnisd never answered; its log:\n" << Log();
     }
     // SIGTERM, then its wait status (-1 when it was not running).

@@ -5,8 +5,7 @@
 
 namespace tarnis_test {
 
-// A fresh directory below $TMPDIR (or /tmp), removed with everything in it
-// when the object goes away.
+// A fresh directory below $TMPDIR (or /tmp), removed with everything in it when the object goes away.
 class TempDir {
 public:
     TempDir();
@@ -28,8 +27,7 @@ std::string ReadFile(const std::string& path);
 bool Exists(const std::string& path);
 // The names in `dir` (none when it cannot be read), sorted.
 std::vector<std::string> ListDir(const std::string& dir);
-// Runs a shell command line and returns its standard output; `status` gets
-// the exit status when not null.
+// Runs a shell command line and returns its standard output; `status` gets the exit status when not null.
 std::string RunShell(const std::string& command, int* status = nullptr);
 
 }  // namespace tarnis_test

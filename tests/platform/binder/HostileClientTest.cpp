@@ -118,8 +118,7 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
 TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     platform::LogCapture capture;
-    // Two stuck dumps from this uid, more than its share of the pool, each
-    // into a pipe whose buffer is full and whose reader never reads.
+    // Two stuck dumps from this uid, more than its share of the pool, each into a full pipe nobody reads.
     int pipes[2][2];
     for (auto& fds : pipes) {
         ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
@@ -144,10 +143,8 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // both threads are back
 }
 
-// One uid that leaks connections (most callers of a phone share one) makes
-// room for its own newcomers at the cost of its longest-unused idle ones; it
-// is turned away only when every one of its connections is busy, never locks
-// another uid out, and what it holds is closed once stalled or idle.
+// A uid that leaks connections (most callers of a phone share one) makes room for its newcomers at the cost
+// of its longest-idle ones, is turned away only when all are busy, and never locks another uid out.
 TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     platform::LogCapture capture;
@@ -206,17 +203,15 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(holder.Say('x'));
     EXPECT_EQ(holder.Exit(), 0);
-    // Idle connections are closed too; a proxy whose pooled connection went
-    // that way reconnects without its caller noticing.
+    // Idle ones are closed too; a proxy whose pooled connection went so reconnects without its caller noticing.
     SetTimeouts(200, 200);
     EXPECT_TRUE(AwaitConnections(0)) << Connections();
     EXPECT_TRUE(AwaitLine(capture, "idle for more than 200 ms", ANDROID_LOG_INFO));
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
 }
 
-// Many uids together fill a service whose cap a low descriptor limit made
-// small; a newcomer is let in at the cost of an idle connection of the uid
-// that holds the most, not turned away.
+// Many uids fill a service whose cap a low descriptor limit made small: a newcomer is let in at the cost of
+// an idle connection of the uid that holds the most.
 TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     rlimit saved{};
@@ -292,8 +287,7 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     EXPECT_EQ(hog.Exit(), 0);
 }
 
-// Out of descriptors, the server pauses accepting and says so once per
-// interval, instead of retrying at full speed and logging every attempt.
+// Out of descriptors, the server pauses accepting and says so once, not retrying and logging at full speed.
 using DescriptorExhaustionTest = tarnis_test::PlatBinderTest;
 
 TEST_F(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
@@ -303,9 +297,8 @@ TEST_F(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
         dup2(err, STDERR_FILENO);
         auto impl = ndk::SharedRefBase::make<EchoSsi>();
         if (AServiceManager_addService(impl->asBinder().get(), kName.c_str()) != STATUS_OK) return 2;
-        // Logged while descriptors last and before the pool's threads start:
-        // UBSan opens a pipe the first time it checks a stream's type, and
-        // libbase makes its logging lock on the first line (tests/tsan.supp).
+        // Logged before descriptors run out and threads start: UBSan opens a pipe on its first stream type
+        // check, libbase makes its logging lock on the first line (tests/tsan.supp).
         LOG(INFO) << "server of " << kName << " ready, pid " << static_cast<uint64_t>(getpid());
         BinderProcess::self().setMaxThreads(2);
         ABinderProcess_startThreadPool();

@@ -72,8 +72,7 @@ TEST(ParcelTest, EveryOtherTypeRoundTripsInOrder) {
     EXPECT_TRUE(status.isOk());
 }
 
-// The bytes a libbinder peer would write: what the generated code of either
-// backend relies on.
+// The bytes a libbinder peer would write: what the generated code of either backend relies on.
 TEST(ParcelTest, TheLayoutIsLibbinders) {
     Parcel p;
     p.writeInterfaceToken(String16(u"a.I"));
@@ -105,8 +104,7 @@ TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
         std::function<android::status_t(Parcel&)> read;
         android::status_t refused;
     } cases[] = {
-        // A string claiming more units than the parcel holds, one without its
-        // terminating 0, and a null one where none may be.
+        // A string claiming more units than there are, one without its terminating 0, a null one.
         {{1000, 0}, [&](Parcel& p) { return p.readString16(&s); }, android::BAD_VALUE},
         {{2, 'a' | 'b' << 16, 'c'}, [&](Parcel& p) { return p.readString16(&s); }, android::BAD_VALUE},
         {{-1}, [&](Parcel& p) { return p.readString16(&s); }, android::UNEXPECTED_NULL},

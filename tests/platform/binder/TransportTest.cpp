@@ -1,5 +1,4 @@
-// The service registry and the transport between processes: what a client
-// finds, what crosses the socket, and what the server refuses.
+// The service registry and the transport between processes: what a client finds, what the server refuses.
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -205,13 +204,11 @@ TEST_F(TransportTest, ConcurrentCallersAreServedInParallel) {
     EXPECT_EQ(failures.load(), 0);
 }
 
-// The caller is the uid the kernel reports for the peer, and the caller
-// policy below the root decides which uids may call which method.
+// The caller is the uid the kernel reports for the peer; the policy below the root decides who may call what.
 TEST_F(TransportTest, CallingUidIsThePeersCredentialAndThePolicyDecidesWhoMayCall) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to call as another uid";
     auto impl = Serve();
-    // What a child of uid 2000 gets from a report or a dump: "0" for OK,
-    // else the exception and message, or the dump's status.
+    // What a child of uid 2000 gets from a report or a dump: "0", the exception and message, or the status.
     auto callAs2000 = [&](bool dump) {
         PlatChild child(2000, [&](PlatChild& parent) {
             auto ssi = ITarnisSsi::fromBinder(AServiceManager_checkService(kSsiName.c_str()));
