@@ -36,19 +36,17 @@ class PlatformTest : public ::testing::Test {
 protected:
     void SetUp() override { platform::SetRoot(dir_.path()); }
     void TearDown() override { platform::SetRoot("/"); }
-    TempDir dir_;
-};
-
-// The journal the dorva stand-in keeps of the calls it is given.
-class JournalTest : public PlatformTest {
-protected:
+    // The journal the dorva stand-in keeps of the calls it is given.
     std::vector<std::string> Lines() {
         std::istringstream in(tarnis_test::ReadFile(dir_.Sub("data/misc/tarnis/events.jsonl")));
         std::vector<std::string> lines;
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
+
+    TempDir dir_;
 };
+using JournalTest = PlatformTest;
 
 }  // namespace
 
@@ -125,8 +123,7 @@ TEST_F(PlatformTest, PropertiesStoreAndParse) {
     EXPECT_STREQ(value, "abc");
 
     // The store lives below the root.
-    struct stat st;
-    EXPECT_EQ(stat((dir_.path() + "/dev/__properties__/tarnis.test.c").c_str(), &st), 0);
+    EXPECT_TRUE(tarnis_test::Exists(dir_.Sub("dev/__properties__/tarnis.test.c")));
 }
 
 TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly) {

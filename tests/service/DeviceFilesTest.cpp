@@ -21,10 +21,8 @@
 #include "tests/support/TempDir.h"
 #include "utils/Paths.h"
 
-// The device files (Android.bp, the init service, the SELinux policy, the
-// VINTF fragment) cannot be built here, so nothing else notices when a name
-// in them stops being one the daemon uses. These tests read them and hold
-// every name against the code.
+// The device files (Android.bp, the init service, the SELinux policy, the VINTF fragment) cannot be built
+// here, so nothing else notices when a name in them stops being one the daemon uses, or the reverse.
 namespace {
 
 namespace fs = std::filesystem;

@@ -15,14 +15,12 @@ namespace tarnis_test {
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
     std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/tarnis-test-XXXXXX";
-    char* made = mkdtemp(&pattern[0]);
-    if (made == nullptr) abort();
-    path_ = made;
+    if (mkdtemp(&pattern[0]) == nullptr) abort();
+    path_ = pattern;
 }
 
 TempDir::~TempDir() {
-    std::string command = "rm -rf '" + path_ + "'";
-    if (system(command.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", path_.c_str());
+    if (system(("rm -rf '" + path_ + "'").c_str()) != 0) fprintf(stderr, "cannot remove %s\n", path_.c_str());
 }
 
 bool WriteFile(const std::string& path, const std::string& content) {

@@ -13,14 +13,12 @@ public:
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
-    // path() + "/" + relative
     std::string Sub(const std::string& relative) const { return path_ + "/" + relative; }
 
 private:
     std::string path_;
 };
 
-// Small file helpers for fixtures.
 bool WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
 // Whether anything, a dangling link included, is at `path`.

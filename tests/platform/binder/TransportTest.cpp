@@ -106,13 +106,11 @@ TEST_F(TransportTest, RemoteServersAreAwaitedCheckedAndMournedAsDead) {
     EXPECT_EQ(ssi->reportSimpleEvent(1, "quiet").getStatus(), STATUS_DEAD_OBJECT);
     // Its socket stays behind, found by nobody, and a new server replaces it.
     EXPECT_EQ(AServiceManager_checkService(kSsiName.c_str()), nullptr);
-    auto impl = ndk::SharedRefBase::make<EchoSsi>();
-    EXPECT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    Serve();
 }
 
 TEST_F(TransportTest, InProcessCallersGetTheLocalObject) {
-    auto impl = ndk::SharedRefBase::make<EchoSsi>();
-    ASSERT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
+    auto impl = Serve();
     EXPECT_TRUE(AServiceManager_isDeclared(kSsiName.c_str()));
     for (ndk::SpAIBinder binder : {AServiceManager_checkService(kSsiName.c_str()),
                                    AServiceManager_waitForService(kSsiName.c_str())}) {
@@ -148,13 +146,10 @@ TEST_F(TransportTest, UndeclaredIsEmptyAtOnceDeclaredWaitsItsTime) {
 }
 
 TEST_F(TransportTest, RegistrationRulesAndAwkwardPlaces) {
-    auto svc = ndk::SharedRefBase::make<EchoSsi>();
+    auto svc = Serve();
     EXPECT_EQ(AServiceManager_addService(svc->asBinder().get(), ""), STATUS_BAD_VALUE);
     EXPECT_EQ(AServiceManager_addService(nullptr, "x"), STATUS_UNEXPECTED_NULL);
-    EXPECT_EQ(AServiceManager_addService(svc->asBinder().get(), kSsiName.c_str()), STATUS_OK);
-
     // A proxy cannot be registered from here: it is someone else's object.
-    ABinderProcess_startThreadPool();
     EXPECT_EQ(AServiceManager_addService(Remote(kSsiName).get(), "copy"), STATUS_INVALID_OPERATION);
 
     // A root too deep for a socket address still works.
