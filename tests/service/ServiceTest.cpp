@@ -206,6 +206,7 @@ TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
     Intent intent("tarnis.test.PEER");
     intent.putExtra("n", 5);
     InternalBroadcastManager::sendBroadcast(intent, true);
+    InternalBroadcastManager::sendBroadcast(intent, false);
     // A message from the peer is delivered here but not returned to it.
     InternalBroadcastManager::onTarnisIntlMessageReceived("tarnis.test.PEER", "{\"extras\":[]}");
     {
