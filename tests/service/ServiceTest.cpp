@@ -192,9 +192,8 @@ TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
 }
 
 TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
-    using Peer = tarnis_test::RecordingPeer;
-    auto peer = ndk::SharedRefBase::make<Peer>();
-    const std::string peerName = std::string(Peer::descriptor) + "/default";
+    auto peer = ndk::SharedRefBase::make<tarnis_test::RecordingPeer>();
+    const std::string peerName = std::string(tarnis_test::RecordingPeer::descriptor) + "/default";
     platform::LogCapture capture;
     // This end holds the system internal service, so its peer is the vendor one, absent at first.
     TarnisUtil::SetTarnisSsiIntl(internal_);

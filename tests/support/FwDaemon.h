@@ -25,8 +25,7 @@ inline ::testing::AssertionResult Holds(const std::string& text, const std::stri
     return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
 }
 
-// tarnisd on a root of its own, its standard output and error kept in files
-// at the top of the root; stopped at the latest when the object goes.
+// tarnisd on a root of its own, its output kept in files at the top of the root; stopped when the object goes.
 class Daemon {
 public:
     explicit Daemon(const TempDir& root) : root_(root) {}
@@ -63,7 +62,11 @@ public:
     // SIGTERM, then its wait status (-1 when it was not running).
     int Stop() {
         int status = -1;
-        if (pid_ > 0 && kill(pid_, SIGTERM) == 0) waitpid(pid_, &status, 0);
+        if (pid_ > 0 && kill(pid_, SIGTERM) == 0 &&
+            !WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, std::chrono::seconds(20))) {
+            kill(pid_, SIGKILL);  // one that ignores SIGTERM fails its test (not exited) instead of hanging it
+            waitpid(pid_, &status, 0);
+        }
         pid_ = -1;
         return status;
     }

@@ -298,9 +298,7 @@ protected:
     void TearDown() override {
         proxy_.reset();
         // The proxy's pooled connection and the server's end of it go away with it.
-        ProcessCounts expected = before_;
-        expected.fds -= 2;
-        EXPECT_TRUE(ProcessCounts::Await(expected))
+        EXPECT_TRUE(ProcessCounts::Await({before_.fds - 2, before_.threads}))
             << "before: " << before_.ToString() << ", after: " << ProcessCounts::Of().ToString();
         BinderProcess::self().setTimeouts(BinderProcess::Timeouts());
         TransportTest::TearDown();
