@@ -36,19 +36,17 @@ class PlatformTest : public ::testing::Test {
 protected:
     void SetUp() override { platform::SetRoot(dir_.path()); }
     void TearDown() override { platform::SetRoot("/"); }
-    TempDir dir_;
-};
-
-// The journal the dorva stand-in keeps of the calls it is given.
-class JournalTest : public PlatformTest {
-protected:
+    // The journal the dorva stand-in keeps of the calls it is given.
     std::vector<std::string> Lines() {
         std::istringstream in(tarnis_test::ReadFile(dir_.Sub("data/misc/tarnis/events.jsonl")));
         std::vector<std::string> lines;
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
+
+    TempDir dir_;
 };
+using JournalTest = PlatformTest;
 
 }  // namespace
 
@@ -74,8 +72,7 @@ TEST_F(PlatformTest, LogLinesReachCapturesAndStderrInThreadtimeLayout) {
     EXPECT_TRUE(std::regex_match(printed, std::regex(head + "first\n" + head + "second\n"))) << printed;
 }
 
-// Lines a caller can cause pass at most `burst` per window; the next line
-// let through says how many were held back since the last.
+// Lines a caller can cause pass `burst` a window; the next one let through tells how many were held back.
 TEST(LogRateLimiterTest, ABurstPerWindowThenTheCountOfWhatWasHeldBack) {
     platform::LogRateLimiter limiter(2, 60000);
     struct Step {
@@ -126,8 +123,7 @@ TEST_F(PlatformTest, PropertiesStoreAndParse) {
     EXPECT_STREQ(value, "abc");
 
     // The store lives below the root.
-    struct stat st;
-    EXPECT_EQ(stat((dir_.path() + "/dev/__properties__/tarnis.test.c").c_str(), &st), 0);
+    EXPECT_TRUE(tarnis_test::Exists(dir_.Sub("dev/__properties__/tarnis.test.c")));
 }
 
 TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly) {
@@ -219,9 +215,8 @@ TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
     EXPECT_TRUE(std::multiset<std::string>(lines.begin(), lines.end()) == expected) << lines.size() << " lines";
 }
 
-// Callers pass bytes, not always text. Whatever they pass, each call stays
-// one line of valid JSON in valid UTF-8, and Python's surrogateescape gives
-// the bytes back exactly.
+// Callers pass bytes, not always text: each call stays one line of valid JSON in valid UTF-8, from which
+// Python's surrogateescape gives the bytes back exactly.
 TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
     std::string all;
     for (int b = 0; b < 256; ++b) all += static_cast<char>(b);
@@ -238,8 +233,7 @@ TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
     ASSERT_EQ(dsm.reportEventV2(calls[0][1], calls[0][2], calls[0][3], true), 0);
     ASSERT_EQ(dsm.reportNativeFeatureEvent(calls[1][1], calls[1][2], calls[1][3]), 0);
 
-    // Python decodes each line as strict UTF-8 and strict JSON, restores the
-    // bytes, and prints each call's name and string arguments.
+    // Strict UTF-8 and JSON; each call's name and string arguments printed as the bytes they stand for.
     const std::string script = dir_.Sub("decode.py");
     ASSERT_TRUE(tarnis_test::WriteFile(
         script,

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -19,12 +18,11 @@
 
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
+#include "tests/support/TempDir.h"
 #include "utils/Paths.h"
 
-// The device files (Android.bp, the init service, the SELinux policy, the
-// VINTF fragment) cannot be built here, so nothing else notices when a name
-// in them stops being one the daemon uses. These tests read them and hold
-// every name against the code.
+// The device files (Android.bp, the init service, the SELinux policy, the VINTF fragment) cannot be built
+// here, so nothing else notices when a name in them stops being one the daemon uses, or the reverse.
 namespace {
 
 namespace fs = std::filesystem;
@@ -35,11 +33,8 @@ using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
 const fs::path kSource(TARNIS_SOURCE_DIR);
 
 std::string Read(const fs::path& path) {
-    std::ifstream in(path);
-    EXPECT_TRUE(in) << path;
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    EXPECT_TRUE(fs::exists(path)) << path;
+    return tarnis_test::ReadFile(path);
 }
 
 // The first group of every match of `pattern` in `text`, line by line;
@@ -49,9 +44,7 @@ std::vector<std::string> Grab(const std::string& text, const std::string& patter
     const std::regex re(pattern);
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        if (line.find_first_not_of(" \t") != std::string::npos && line[line.find_first_not_of(" \t")] == '#') {
-            continue;
-        }
+        if (line.find_first_not_of(" \t") == line.find('#')) continue;  // a comment, or blank
         for (std::sregex_iterator it(line.begin(), line.end(), re), end; it != end; ++it) out.push_back((*it)[1]);
     }
     return out;
@@ -96,11 +89,6 @@ struct Code {
     }
 };
 
-const Code& TheCode() {
-    static const Code code;
-    return code;
-}
-
 struct DeviceFiles {
     std::vector<std::string> serviceContexts = Grab(Read(kSource / "sepolicy/private/service_contexts"), R"(^(\S+)\s)");
     // A directory's entry stands for all below it: "/data/dorva(/.*)?".
@@ -123,13 +111,12 @@ struct DeviceFiles {
     }
 };
 
-bool Contains(const std::set<std::string>& set, const std::string& name) { return set.count(name) != 0; }
-bool Contains(const std::vector<std::string>& list, const std::string& name) {
-    return std::find(list.begin(), list.end(), name) != list.end();
+template <typename Names>
+bool Contains(const Names& names, const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-// True when `pattern` (a path relative to `base`, '*' matching within one
-// component) names at least one file.
+// Whether `pattern` (relative to `base`, '*' within one component) names a file.
 bool GlobMatches(const fs::path& base, const std::string& pattern) {
     glob_t found{};
     const bool any = glob((base / pattern).c_str(), 0, nullptr, &found) == 0 && found.gl_pathc > 0;
@@ -137,10 +124,10 @@ bool GlobMatches(const fs::path& base, const std::string& pattern) {
     return any;
 }
 
-TEST(DeviceFilesTest, EveryNameInTheDeviceFilesIsOneTheCodeUses) {
-    const Code& code = TheCode();
+TEST(DeviceFilesTest, TheDeviceFilesAndTheCodeNameTheSameThings) {
+    const Code code;
     const DeviceFiles files;
-
+    // Every name in the device files is one the code uses...
     for (const std::string& name : files.serviceContexts) EXPECT_TRUE(Contains(code.services, name)) << name;
     for (const std::string& name : files.vintf) EXPECT_TRUE(Contains(code.ndkServices, name)) << name;
     for (const std::string& name : files.sockets) EXPECT_TRUE(Contains(code.controlSockets, name)) << name;
@@ -171,17 +158,11 @@ TEST(DeviceFilesTest, EveryNameInTheDeviceFilesIsOneTheCodeUses) {
         const std::vector<std::string> named = Grab(blueprint, R"re("([\w.*-]+/[\w./*-]+)")re");
         EXPECT_FALSE(named.empty());
         for (const std::string& pattern : named) {
-            if (!Contains(generated, pattern)) {
-                EXPECT_TRUE(GlobMatches(dir, pattern)) << dir / pattern;
-            }
+            EXPECT_TRUE(Contains(generated, pattern) || GlobMatches(dir, pattern)) << dir / pattern;
         }
     }
-}
 
-TEST(DeviceFilesTest, EveryServiceAndSocketOfTheCodeIsInTheDeviceFiles) {
-    const Code& code = TheCode();
-    const DeviceFiles files;
-
+    // ...and every service and socket of the code is in the device files.
     for (const std::string& service : code.services) {
         EXPECT_TRUE(Contains(files.serviceContexts, service)) << service;
         // Only the AIDL services are VINTF instances; the classic one is

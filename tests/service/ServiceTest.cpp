@@ -1,61 +1,117 @@
+// The daemon's services, served from this process below a fresh root and called through tarnisctl in another
+// process (the wire, the real caller's uid), or in-process where a test needs a caller it cannot become;
+// then the daemon and its tool as real processes, driven as a user would from a shell.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
 #include <dorva/DorvaServiceManager.h>
 #include <host/Host.h>
+#include <host/Utf8.h>
 #include <log/log.h>
 
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisUtil.h"
 #include "platform/LogCapture.h"
+#include "platform/binder/CallerPolicy.h"
 #include "platform/binder/NdkBinder.h"
 #include "platform/binder/ServiceManager.h"
+#include "platform/binder/WireIo.h"
+#include "service/DorvaNativeDaemon.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
 #include "tests/support/FwDaemon.h"
 #include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/ProcessCounts.h"
 #include "tests/support/RecordingPeer.h"
 #include "tests/support/TempDir.h"
 
 using aidl::velmar::system::tarnis::common::TarnisInternal;
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
+using android::DorvaNativeDaemon;
 using namespace velmar::kolto;
-using tarnis_test::BuiltTool;
+using tarnis_test::Holds;
+using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
 using tarnis_test::TempDir;
+using tarnis_test::WaitFor;
+using tarnis_test::WriteFile;
 
 namespace {
 
 const std::string kSsiName = std::string(TarnisSsiImpl::descriptor) + "/default";
 const std::string kInternalName = std::string(TarnisInternal::descriptor) + "/default";
 
-// The daemon's two services, served from this process below a fresh root,
-// and called by tarnisctl from another.
 class ServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::SetRoot(root_.path());
+        RunShell("mkdir -p " + root_.Sub("data") + " " + root_.Sub("mnt/vendor/persist") + " " + root_.Sub("cache"));
         ASSERT_EQ(AServiceManager_addService(ssi_->asBinder().get(), kSsiName.c_str()), STATUS_OK);
         ASSERT_EQ(AServiceManager_addService(internal_->asBinder().get(), kInternalName.c_str()), STATUS_OK);
+        ASSERT_EQ(android::defaultServiceManager()->addService(daemon_->getInterfaceDescriptor(), daemon_, false, 8),
+                  android::OK);
         ABinderProcess_startThreadPool();
     }
     void TearDown() override {
-        android::ServiceManager::instance().removeService(kSsiName);
-        android::ServiceManager::instance().removeService(kInternalName);
+        android::ServiceManager::instance().removeAllServices();
         TarnisUtil::SetTarnisSsiIntl(nullptr);
         android::DorvaServiceManager::getInstance().setResultForTesting(0);
         platform::SetRoot("/");
     }
-    // tarnisctl with `args`, its standard output alone.
-    std::string Ctl(const std::string& args, int* status = nullptr) {
-        return RunShell(BuiltTool("tarnisctl") + " --root " + root_.path() + " " + args, status);
-    }
+    std::string Ctl(const std::string& args, int* status = nullptr) { return tool_.Run(args, status); }
 
     TempDir root_;
+    const tarnis_test::Daemon tool_{root_};  // for its tool alone
     std::shared_ptr<TarnisSsiImpl> ssi_ = ndk::SharedRefBase::make<TarnisSsiImpl>();
     std::shared_ptr<TarnisInternal> internal_ = ndk::SharedRefBase::make<TarnisInternal>();
+    android::sp<DorvaNativeDaemon> daemon_ = new DorvaNativeDaemon();
+};
+
+using DorvaNativeDaemonTest = ServiceTest;
+
+// tarnisd on a root the sandbox script laid out, with a stale capture socket and a logcat worth keeping.
+class DaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
+        ASSERT_EQ(system(("TARNIS_BUILD_DIR=" TARNIS_BUILD_DIR " " + prepare + " >/dev/null").c_str()), 0);
+        // A socket file as a daemon that died leaves it.
+        ASSERT_TRUE(android::WireIo::Bind(root.Sub("dev/socket/dorvad")).ok());
+        ASSERT_TRUE(WriteFile(root.Sub("bin/logcat"), "#!/bin/sh\nhead -c 6000 /dev/urandom | base64\n"));
+        ASSERT_EQ(chmod(root.Sub("bin/logcat").c_str(), 0755), 0);
+        ASSERT_TRUE(daemon.Start());
+    }
+
+    TempDir root;
+    tarnis_test::Daemon daemon{root};
+};
+
+// A root of its own, bare, for faults of the start and of the tool.
+class DaemonAlone : public ::testing::Test {
+protected:
+    void SetUp() override { platform::SetRoot(root.path()); }
+    void TearDown() override { platform::SetRoot("/"); }
+
+    TempDir root;
+    tarnis_test::Daemon daemon{root};
 };
 
 }  // namespace
@@ -72,10 +128,8 @@ TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
     EXPECT_EQ(receiver.Received()[0].getExtra<int32_t>("n", 0), 12);
 }
 
-// What a broken or hostile peer can send through the internal service: a
-// document deep enough to make the JSON reader give up, and an action that
-// would forge a second log line. The daemon answers OK, logs one bounded,
-// printable line and still delivers the action as it came.
+// A document too deep for the JSON reader, an action that would forge a log line: the daemon answers OK,
+// logs one bounded, printable line and still delivers the action as it came.
 TEST_F(ServiceTest, HostileMessageFromThePeerIsLoggedPrintablyAndStillDelivered) {
     const std::string action = "tarnis.test.HOSTILE\n11-23 00:00:00.000 1 1 E Tarnis: forged\xff";
     tarnis_test::InternalReceiver receiver(action);
@@ -108,20 +162,18 @@ TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) 
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     EXPECT_TRUE(ssi_->reportEventV2("a", "b", "c", false).isOk());
     EXPECT_TRUE(ssi_->reportSimpleEvent(0, "x").isOk());
-    EXPECT_EQ(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).getStatus(), STATUS_UNKNOWN_ERROR);
     EXPECT_EQ(ssi_->reportTrelvoEvents("app", "pkg", {"{}"}, 0).getStatus(), STATUS_UNKNOWN_ERROR);
     // A client in another process sees the failure and says so.
-    EXPECT_TRUE(tarnis_test::Holds(Ctl("event reportTrelvoEvent app pkg '{}' 0 2>&1", &status), "reportTrelvoEvent: "));
+    EXPECT_TRUE(Holds(Ctl("event reportTrelvoEvent app pkg '{}' 0", &status), "reportTrelvoEvent: "));
     EXPECT_EQ(status, 1);
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
     EXPECT_TRUE(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
 }
 
-// tarnisctl starts without the C++ runtime's shared library (jsoncpp would
-// bring it back) and hands the JSON commands to tarnisctl-json beside it; one
-// copied away alone says what it is missing instead of failing obscurely.
+// tarnisctl starts without jsoncpp (and the C++ runtime it brings) and hands the JSON commands to
+// tarnisctl-json beside it; one copied away alone says what it is missing.
 TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
-    const std::string tool = BuiltTool("tarnisctl");
+    const std::string tool = tarnis_test::BuiltTool("tarnisctl");
     int status = -1;
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     const std::string needed = RunShell("readelf -d " + tool + " | grep NEEDED", &status);
@@ -140,12 +192,10 @@ TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
 }
 
 TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
-    using Peer = tarnis_test::RecordingPeer;
-    auto peer = ndk::SharedRefBase::make<Peer>();
-    const std::string peerName = std::string(Peer::descriptor) + "/default";
+    auto peer = ndk::SharedRefBase::make<tarnis_test::RecordingPeer>();
+    const std::string peerName = std::string(tarnis_test::RecordingPeer::descriptor) + "/default";
     platform::LogCapture capture;
-    // This end holds the system internal service, so its peer is the vendor one;
-    // while the vendor peer is absent only the local half happens.
+    // This end holds the system internal service, so its peer is the vendor one, absent at first.
     TarnisUtil::SetTarnisSsiIntl(internal_);
     InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.PEER"), true);
     EXPECT_TRUE(capture.HasLine("[sendBroadcast] Failed to get Tarnis Vendor instance!",
@@ -164,5 +214,346 @@ TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
         EXPECT_EQ(peer->got[0].first, "tarnis.test.PEER");
         EXPECT_EQ(peer->got[0].second, "{\"extras\":[{\"key\":\"n\",\"value\":5,\"value_type\":6}]}\n");
     }
-    android::ServiceManager::instance().removeService(peerName);
+}
+
+// Refusals reach the client with their messages; the whitelisted half of a batch runs, even a failing tool.
+TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientAndOnlyAcceptedToolsRun) {
+    platform::LogCapture log;
+    const struct {
+        const char* args;
+        std::string out;
+        int status;
+        const char* logged;
+    } cases[] = {
+        {"run-command rm -rf,/ 5", "runCommand:152: Command not allowed\n", 1,
+         "runCommand: action 'rm' not in SUPPORT_ACTION whitelist"},
+        {"run-command logcat -d,-t,10 5", "result: 0\n", 0, nullptr},
+        {"run-batch /data/batch.txt 5 --action rm --param -rf,/ --action cat --param /data/in.txt",
+         root_.Sub("data/batch.txt") + "\n", 0,
+         "captureLogByRunCommand: action 'rm' not in SUPPORT_ACTION whitelist, skipping"},
+        {"run-batch /data/none.txt 5 --action rm", "captureLogByRunCommand:266: No valid commands found\n", 1,
+         "captureLogByRunCommand: no valid actions found in the batch"},
+        // Negative filter numbers are refused before any socket is made.
+        {"sock-filter lo --protocol 17 --extra -1", "attachSockFilter:182: illegal argument!\n", 1, nullptr},
+    };
+    for (const auto& c : cases) {
+        int status = -1;
+        EXPECT_EQ(Ctl(c.args, &status), c.out) << c.args;
+        EXPECT_EQ(status, c.status) << c.args;
+        EXPECT_TRUE(c.logged == nullptr || log.HasLine(c.logged, "dorvad", ANDROID_LOG_ERROR)) << c.args;
+    }
+    const std::string batch = ReadFile(root_.Sub("data/batch.txt"));
+    EXPECT_EQ(batch.find("(rm"), std::string::npos) << batch;
+    EXPECT_TRUE(Holds(batch, "------ (cat /data/in.txt) in 5s ------\n"));
+    EXPECT_NE(access(root_.Sub("data/none.txt").c_str(), F_OK), 0);
+}
+
+// The shell user is told apart by the uid the kernel reports for the caller, whatever the caller claims.
+TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
+    platform::LogCapture log;
+    {
+        android::IPCThreadState::ScopedIdentity shell(DorvaNativeDaemon::kShellUid, getpid());
+        int32_t result = 7;
+        android::binder::Status st =
+            daemon_->runCommand(platform::ToUtf16("cat"), platform::ToUtf16("/dev/null"), 5, &result);
+        EXPECT_STREQ(st.toString8().string(),
+                     "Status(-8, EX_SERVICE_SPECIFIC): '-1: runCommand:145: Command not allowed for shell user'");
+        EXPECT_EQ(result, 7);
+        st = daemon_->captureLogByRunCommand({platform::ToUtf16("cat")}, {platform::ToUtf16("/dev/null")},
+                                             platform::ToUtf16("/data/x"), 5);
+        EXPECT_STREQ(st.toString8().string(), "Status(-8, EX_SERVICE_SPECIFIC): "
+                                              "'-1: captureLogByRunCommand:244: Command not allowed for shell user'");
+    }
+    EXPECT_TRUE(log.HasLine("runCommand: Shell user (UID 2000) access denied", "dorvad", 6));
+    EXPECT_TRUE(log.HasLine("captureLogByRunCommand: Shell user (UID 2000) access denied", "dorvad", 6));
+    EXPECT_NE(access(root_.Sub("data/x").c_str(), F_OK), 0);
+
+    // From a process really running as uid 2000, the built-in caller policy refuses the call as on a device.
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: changing to uid 2000 needs root";
+    ASSERT_EQ(chmod(root_.path().c_str(), 0755), 0);
+    int status = -1;
+    EXPECT_EQ(RunShell("setpriv --reuid=2000 --regid=2000 --clear-groups " + tool_.Ctl() +
+                           " run-command cat /dev/null 5 2>&1", &status),
+              "permission denied: uid 2000 may not call runCommand\n");
+    EXPECT_EQ(status, 1);
+}
+
+TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
+    const std::string dir = "/mnt/vendor/persist/stability", local = root_.path() + dir;
+    int status = -1;
+    // The first listing makes the missing directory and lists nothing.
+    EXPECT_EQ(Ctl("persist list", &status), "");
+    EXPECT_EQ(status, 0);
+    struct stat st;
+    ASSERT_EQ(stat(local.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+
+    EXPECT_EQ(Ctl("persist create " + dir + "/a"), "result: 0\n");
+    EXPECT_EQ(Ctl("persist create " + dir + "/missing/b"), "result: -1\n");
+    for (const char* name : {"/b", "/.hidden", "/..dots"}) ASSERT_TRUE(WriteFile(local + name, ""));
+    EXPECT_EQ(Ctl("persist list | LC_ALL=C sort"), dir + "/..dots\n" + dir + "/a\n" + dir + "/b\n");
+    // Written from the start without truncation, as the persist files are.
+    EXPECT_EQ(Ctl("persist write " + dir + "/a hello"), "");
+    EXPECT_EQ(Ctl("persist write " + dir + "/a HE"), "");
+    EXPECT_EQ(Ctl("persist read " + dir + "/a"), "HEllo");
+
+    // Nothing outside the directory is made, written or read: not by "..",
+    // not through a link at the name or on the way. How each kind of path is
+    // judged is PathsTest's; here every method that takes one refuses.
+    ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
+    ASSERT_EQ(symlink(root_.Sub("outside").c_str(), (local + "/link").c_str()), 0);
+    ASSERT_EQ(symlink(root_.path().c_str(), (local + "/up").c_str()), 0);
+    const tarnis_test::ProcessCounts before = tarnis_test::ProcessCounts::Of();
+    for (const std::string& command : {"persist write " + dir + "/link X", "persist create " + dir + "/up/made",
+                                       std::string("persist read /../outside"),
+                                       std::string("capture ne x --action ps --param x --file /data/../outside")}) {
+        const std::string said = Ctl(command, &status);
+        EXPECT_NE(status, 0) << command;
+        EXPECT_TRUE(said.find("symbolic link") != std::string::npos || said.find("not below") != std::string::npos ||
+                    said.find("climbs out") != std::string::npos) << command << ": " << said;
+    }
+    EXPECT_EQ(ReadFile(root_.Sub("outside")), "keep");
+    EXPECT_FALSE(tarnis_test::Exists(root_.Sub("made")));
+    // Refusals leave no descriptor or thread behind.
+    EXPECT_TRUE(tarnis_test::ProcessCounts::Await(before)) << before.ToString() << " then "
+                                                           << tarnis_test::ProcessCounts::Of().ToString();
+
+    // Files without an end, or that never answer, cost a line and no thread.
+    ASSERT_EQ(mkfifo(root_.Sub("mnt/vendor/persist/stability/fifo").c_str(), 0600), 0);
+    platform::LogCapture log;
+    android::String16 content;
+    ASSERT_TRUE(daemon_->readFile(platform::ToUtf16(dir + "/fifo"), &content).isOk());
+    EXPECT_EQ(content.size(), 0u);
+    EXPECT_EQ(log.Count("is not a regular file; nothing read"), 1u);
+}
+
+TEST_F(DorvaNativeDaemonTest, DeviceHelpers) {
+    // The core-dump filter of a live process, then of one that does not exist.
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    const std::string pid = std::to_string(child);
+    // The kernel shows in hexadecimal the "39" and "35" it was given.
+    for (const auto& [mode, shown] : {std::pair{"on", "00000027\n"}, std::pair{"off", "00000023\n"}}) {
+        EXPECT_EQ(Ctl("core-filter " + pid + " " + mode), "");
+        EXPECT_EQ(ReadFile("/proc/" + pid + "/coredump_filter"), shown);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    int status = -1;
+    EXPECT_EQ(Ctl("core-filter " + pid + " on", &status), "");
+    EXPECT_EQ(status, 0);
+
+    // Mode 1 flashes the plain images, any other mode the signed ones.
+    const std::string images = root_.Sub("data/dorva/download/"), byName = root_.Sub("dev/block/bootdevice/by-name/");
+    RunShell("mkdir -p " + images + " " + byName);
+    for (const char* image : {"apdp.mbn", "msadp.mbn", "dp_AP_signed.mbn", "dp_MSA_signed.mbn"}) {
+        ASSERT_TRUE(WriteFile(images + image, image));
+    }
+    platform::LogCapture log;
+    for (const auto& [mode, ap, msa] :
+         {std::tuple{"1", "apdp.mbn", "msadp.mbn"}, std::tuple{"7", "dp_AP_signed.mbn", "dp_MSA_signed.mbn"}}) {
+        EXPECT_EQ(Ctl(std::string("debug-policy ") + mode), "");
+        EXPECT_EQ(ReadFile(byName + "apdp"), ap);
+        EXPECT_EQ(ReadFile(byName + "msadp"), msa);
+    }
+    EXPECT_TRUE(log.HasLine("flash debugpolicy cmd[3] ret=0\n", "dorvad", 3));
+    struct stat st;
+    ASSERT_EQ(stat((images + "dp_MSA_signed.mbn").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0777u);
+
+    // No station here (and maybe no nl80211): every value keeps its default.
+    EXPECT_EQ(Ctl("station-info tarnis-none0 aa:bb:cc:dd:ee:ff", &status),
+              "signal: 0\nchain_signal_avg: 0 0 0 0\ntx_mcs: -1\ntx_vht_mcs: -1\ntx_he_mcs: -1\ntx_eht_mcs: -1\n"
+              "rx_mcs: -1\nrx_vht_mcs: -1\nrx_he_mcs: -1\nrx_eht_mcs: -1\n");
+    EXPECT_EQ(status, 0);
+
+    // The wipe runs the rescue worker on the partition below the root (cache: this "device" is not A/B).
+    RunShell("mkdir -p " + root_.Sub("cache/dorva"));
+    ASSERT_TRUE(WriteFile(root_.Sub("cache/dorva/old.zip"), "x"));
+    EXPECT_EQ(Ctl("wipe-rescue", &status), "");
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(access(root_.Sub("cache/dorva/old.zip").c_str(), F_OK), 0);
+}
+
+// The filtered socket crosses to the client as a descriptor; the client reads what the program lets through.
+TEST_F(DorvaNativeDaemonTest, TheFilteredSocketReachesTheClient) {
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
+    // ' ' at payload byte 4 is the 8-byte header the program reads as a TCP data offset. Sent until the
+    // client has what it waits for, so that the moment the filter is attached does not matter.
+    std::atomic<bool> done{false};
+    std::thread sender([&done] {
+        int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        const sockaddr_in to{AF_INET, htons(9), {htonl(INADDR_LOOPBACK)}, {}};
+        for (int round = 0; !done && round < 100; ++round) {
+            for (const char* m : {"XXXX other", "TRN1 hello", "TRN2 wrong"}) {
+                sendto(fd, m, strlen(m), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        close(fd);
+    });
+    int status = -1;
+    const std::string out =
+        Ctl("sock-filter lo --protocol 17 --payload 'TRN1 h' --extra 3 --count 2 --wait 10", &status);
+    done = true;
+    sender.join();
+    EXPECT_EQ(status, 0) << out;
+    // Each packet cut to the link, IP and UDP headers plus three payload bytes.
+    EXPECT_TRUE(Holds(out, "packet 1: 45 bytes\n"));
+    EXPECT_TRUE(Holds(out, "packet 2: 45 bytes\n"));
+    EXPECT_TRUE(Holds(out, " 54 52 4e\n"));
+    EXPECT_EQ(out.find("packet 3"), std::string::npos) << out;
+}
+
+TEST_F(DaemonTest, ServesEveryModuleSurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
+    // Every module is listed, each running once the load (which the service does not wait for) is through.
+    std::string modules;
+    ASSERT_TRUE(WaitFor([&] {
+        modules = daemon.Run("dump ModuleManager dump");
+        return modules.find("Stopped") == std::string::npos;
+    })) << modules;
+    const std::string header = "Current Modules:\n-------------------------\nName \t\t Status\n";
+    ASSERT_EQ(modules.compare(0, header.size(), header), 0) << modules;
+    // Header and ten modules, none of them "Stopped".
+    EXPECT_EQ(std::count(modules.begin(), modules.end(), '\n'), 3 + 10) << modules;
+    EXPECT_EQ(daemon.Out(), "TarnisSsiImpl impl ready!\n");
+
+    // Nested past any parser's patience: the tool warns and sends it; the daemon refuses it with a line.
+    const std::string deep = std::string(1001, '[') + std::string(1001, ']');
+    int status = -1;
+    const std::string warned = daemon.Run("intent A '" + deep + "'", &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(Holds(warned, "tarnisctl: warning: the intent's JSON is not valid JSON ("));
+    EXPECT_TRUE(Holds(warned, "); sending it anyway"));
+    // The list of a report must parse: a clear usage error, no abort.
+    EXPECT_TRUE(Holds(daemon.Run("event reportEventsV2 a '" + deep + "' c false", &status),
+                      "tarnisctl: event reportEventsV2: JSON_LIST "));
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(daemon.Run("dump ModuleManager dump").substr(0, 16), "Current Modules:");
+
+    // A second daemon on the same root says so in one line (its start-up lines aside) and exits, not aborting.
+    EXPECT_EQ(RunShell("TARNIS_LOG_LEVEL=W " + daemon.Command() + " 2>&1 >/dev/null; echo \"exit $?\""),
+              "tarnisd: another tarnisd (pid " + std::to_string(daemon.pid()) + ") is already running on root " +
+                  root.path() + "\nexit 1\n");
+
+    // SIGTERM: sockets withdrawn, lock given up, exit status 0.
+    status = daemon.Stop();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(RunShell("ls -A " + root.Sub("dev/binder")), "");
+    EXPECT_NE(access(root.Sub("dev/.tarnisd.lock").c_str(), F_OK), 0);
+    const std::string log = daemon.Log();
+    EXPECT_TRUE(Holds(log, "E Tarnis-JsonUtil: "));
+    EXPECT_TRUE(Holds(log, "I tarnisd : tarnisd: SIGTERM received; withdrawing the services and exiting"));
+    // A fresh daemon takes the root over.
+    EXPECT_TRUE(daemon.Start());
+}
+
+// Captures ordered from a shell, through the service and the capture socket, end as zip archives.
+TEST_F(DaemonTest, CapturesOrderedFromAShellEndAsZips) {
+    // The caller policy the sandbox starts with is the daemon's built-in one, for the user to edit.
+    EXPECT_EQ(ReadFile(root.Sub("system/etc/tarnis/caller_policy.conf")), android::CallerPolicy::kDefaultRules);
+    int status = -1;
+    const std::string archive =
+        daemon.Run("capture demo 'a/b:c' --action getprop --param ro.product.device", &status);
+    ASSERT_EQ(status, 0) << archive;
+    // The text went into the archive and is gone from the directory.
+    const std::string dir = root.Sub("data/dorva/demo/online/");
+    ASSERT_EQ(archive.compare(0, dir.size(), dir), 0) << archive;
+    const std::string zip = archive.substr(0, archive.size() - 1);
+    ASSERT_EQ(zip.compare(zip.size() - 4, 4, ".zip"), 0) << archive;
+    EXPECT_EQ(RunShell("ls " + dir), zip.substr(dir.size()) + "\n");
+    const std::string name = zip.substr(dir.size(), zip.size() - dir.size() - 4);
+    EXPECT_EQ(name.compare(0, 20, "null_demo_aXbXc_host"), 0) << name;
+    EXPECT_EQ(RunShell("unzip -Z1 " + zip), name + "\n");
+    // The tools run are the sandbox's, found on the PATH the daemon set up.
+    EXPECT_TRUE(Holds(RunShell("unzip -p " + zip), "s ------\nhost\n[getprop: "));
+    daemon.Run("capture ../x h --action getprop", &status);
+    EXPECT_EQ(status, 1);
+
+    // The stale socket file was replaced by one anybody may connect to.
+    struct stat st;
+    ASSERT_EQ(lstat(root.Sub("dev/socket/dorvad").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0666u);
+    const std::string kept = daemon.Run("capture-request BootFailure --timeout 60", &status);
+    EXPECT_EQ(status, 0);
+    // This sandbox is an A/B device: the archive is kept on the rescue partition.
+    const std::string prefix = root.Sub("mnt/rescue/dorva/BootFailure/BootFailure_");
+    ASSERT_EQ(kept.compare(0, prefix.size(), prefix), 0) << kept;
+    EXPECT_EQ(RunShell("unzip -tq '" + kept.substr(0, kept.size() - 1) + "' >/dev/null && echo ok"), "ok\n");
+    // A name that would leave the base is answered; the tool says nothing came of it.
+    EXPECT_TRUE(Holds(daemon.Run("capture-request ../x", &status), "finished but left no archive"));
+    EXPECT_EQ(status, 1);
+}
+
+TEST_F(DaemonAlone, AFileThatIsNotASocketIsLeftAlone) {
+    RunShell("mkdir -p " + root.Sub("dev/socket"));
+    ASSERT_TRUE(WriteFile(root.Sub("dev/socket/dorvad"), "precious"));
+    ASSERT_TRUE(daemon.Start());
+    // The capture server starts on its own thread, after the service answers.
+    ASSERT_TRUE(WaitFor([&] { return Holds(daemon.Log(), "Failed to get socket from environment"); }));
+    daemon.Stop();
+    EXPECT_EQ(ReadFile(root.Sub("dev/socket/dorvad")), "precious");
+    EXPECT_TRUE(Holds(daemon.Log(), "tarnisd: no capture socket: " + root.Sub("dev/socket/dorvad") +
+                                        " exists and is not a socket: File exists"));
+    EXPECT_EQ(RunShell("ls -A " + root.Sub("dev/socket")), "dorvad\n");  // no temporary left behind
+}
+
+// A refused registration is fatal: the success line first, then the check aborts, and nothing after it.
+TEST_F(DaemonAlone, AbortsWhenItsServiceIsRefused) {
+    // This process already serves the name: the system service (registered first), then the native one (last).
+    auto squatter = ndk::SharedRefBase::make<TarnisSsiImpl>();
+    android::sp<android::DorvaNativeDaemon> dorva = new android::DorvaNativeDaemon();
+    const std::string dorvaName = platform::ToUtf8(dorva->getInterfaceDescriptor());
+    const struct {
+        std::function<bool()> squat;
+        std::string name, added, check, never;
+    } cases[] = {
+        {[&] { return AServiceManager_addService(squatter->asBinder().get(), kSsiName.c_str()) == STATUS_OK; },
+         kSsiName, "Velmar Tarnis-System Service is added in ServiceManager...",
+         "Check failed: status == STATUS_OK (status=", "Internal Service is added"},
+        {[&] {
+             return android::defaultServiceManager()->addService(dorva->getInterfaceDescriptor(), dorva) == android::OK;
+         },
+         dorvaName, "Velmar DorvaNativeDaemon common Impl System Service is added in ServiceManager...",
+         "Check failed: err == android::OK (err=", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(c.squat());
+        int status = -1;
+        const std::string err = RunShell(daemon.Command() + " 2>&1 >/dev/null", &status);
+        EXPECT_NE(status, 0);
+        const size_t added = err.find(c.added);
+        EXPECT_TRUE(Holds(err, c.check));
+        EXPECT_LT(added, err.find(c.check)) << err;
+        EXPECT_TRUE(c.never.empty() || err.find(c.never) == std::string::npos) << err;
+        android::ServiceManager::instance().removeService(c.name);
+    }
+}
+
+// A service that accepts and never answers costs the tool its --timeout, and the user reads why.
+TEST_F(DaemonAlone, TheToolGivesUpOnASilentServiceWithASentence) {
+    ASSERT_EQ(system(("mkdir -p " + root.Sub("dev/binder")).c_str()), 0);
+    android::base::unique_fd silent = android::WireIo::Bind(android::ServiceManager::SocketPath(kSsiName));
+    ASSERT_TRUE(silent.ok());
+    ASSERT_EQ(listen(silent.get(), 8), 0);
+    int status = -1;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(daemon.Run("--timeout 0.5 dump ModuleManager dump", &status),
+              "tarnisctl: no reply from service " + kSsiName + " within 500 ms\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(RunShell(daemon.Ctl() + " --timeout soon dump 2>&1 | head -1"),
+              "tarnisctl: --timeout needs a number of seconds between 0 and 86400, not 'soon'\n");
+    // With nobody there at all, it says that instead.
+    silent.reset();
+    unlink(android::ServiceManager::SocketPath(kSsiName).c_str());
+    EXPECT_EQ(daemon.Run("dump", &status), "tarnisctl: service " + kSsiName + " is not running below root " +
+                                             root.path() + " (is tarnisd running?)\n");
+    EXPECT_EQ(status, 1);
 }

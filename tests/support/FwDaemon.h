@@ -14,8 +14,7 @@
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitFor.h"
 
-// The daemon and its tool as real processes of the build, driven as a user
-// would from a shell.
+// The daemon and its tool as real processes of the build, driven as a user would from a shell.
 namespace tarnis_test {
 
 inline std::string BuiltTool(const std::string& name) { return std::string(TARNIS_BUILD_DIR) + "/" + name; }
@@ -26,8 +25,7 @@ inline ::testing::AssertionResult Holds(const std::string& text, const std::stri
     return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
 }
 
-// tarnisd on a root of its own, its standard output and error kept in files
-// at the top of the root; stopped at the latest when the object goes.
+// tarnisd on a root of its own, its output kept in files at the top of the root; stopped when the object goes.
 class Daemon {
 public:
     explicit Daemon(const TempDir& root) : root_(root) {}
@@ -53,20 +51,22 @@ public:
             _exit(127);
         }
         if (pid_ < 0) return ::testing::AssertionFailure() << "fork failed";
-        const bool serving = WaitFor(
-            [this] {
-                int status = -1;
-                RunShell(Ctl() + " dump ModuleManager dump >/dev/null 2>&1", &status);
-                return status == 0;
-            },
-            std::chrono::seconds(20));
-        if (serving) return ::testing::AssertionSuccess();
+        const auto serving = [this] {
+            int status = -1;
+            RunShell(Ctl() + " dump ModuleManager dump >/dev/null 2>&1", &status);
+            return status == 0;
+        };
+        if (WaitFor(serving, std::chrono::seconds(20))) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << "tarnisd never answered; its log:\n" << Log();
     }
     // SIGTERM, then its wait status (-1 when it was not running).
     int Stop() {
         int status = -1;
-        if (pid_ > 0 && kill(pid_, SIGTERM) == 0) waitpid(pid_, &status, 0);
+        if (pid_ > 0 && kill(pid_, SIGTERM) == 0 &&
+            !WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, std::chrono::seconds(20))) {
+            kill(pid_, SIGKILL);  // one that ignores SIGTERM fails its test (not exited) instead of hanging it
+            waitpid(pid_, &status, 0);
+        }
         pid_ = -1;
         return status;
     }

@@ -1,29 +1,26 @@
 #include "tests/support/TempDir.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <algorithm>
-#include <stdexcept>
 
 namespace tarnis_test {
 
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
     std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/tarnis-test-XXXXXX";
-    char* made = mkdtemp(&pattern[0]);
-    if (made == nullptr) abort();
-    path_ = made;
+    if (mkdtemp(&pattern[0]) == nullptr) abort();
+    path_ = pattern;
 }
 
 TempDir::~TempDir() {
-    std::string command = "rm -rf '" + path_ + "'";
-    if (system(command.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", path_.c_str());
+    if (system(("rm -rf '" + path_ + "'").c_str()) != 0) fprintf(stderr, "cannot remove %s\n", path_.c_str());
 }
 
 bool WriteFile(const std::string& path, const std::string& content) {
@@ -46,13 +43,8 @@ bool Exists(const std::string& path) {
 
 std::vector<std::string> ListDir(const std::string& dir) {
     std::vector<std::string> names;
-    if (DIR* handle = opendir(dir.c_str())) {
-        while (const dirent* entry = readdir(handle)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        closedir(handle);
-    }
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, error)) names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
