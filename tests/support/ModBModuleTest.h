@@ -56,6 +56,14 @@ protected:
         return payloads;
     }
 
+    // Plants `content` at device path `path`, executable when `tool`; returns its path below the root.
+    std::string PlantDevice(const std::string& path, const std::string& content, bool tool = false) {
+        const std::string file = Device(path);
+        EXPECT_TRUE(PlantFile(file, content)) << file;
+        EXPECT_EQ(tool ? chmod(file.c_str(), 0755) : 0, 0) << file;
+        return file;
+    }
+
     // Whether the module manager's dump lists `module` as stopped.
     bool Stopped(const std::string& module) {
         return Dump({"ModuleManager", "dump"}).find(module + "\t\tStopped\n") != std::string::npos;

@@ -2,10 +2,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
@@ -39,18 +35,13 @@ protected:
         staging_ = Device(paths::kBootLogDir);
         RunShell("mkdir -p '" + aee_ + "'");
         // The system's tools: stand-in dmesg and logcat, the host's tar and rm.
-        Tool(paths::kSystemDmesg, "#!/bin/sh\necho 'kernel: booted'\n");
-        Tool(paths::kSystemLogcat, "#!/bin/sh\necho \"logcat $*\"\n");
+        PlantDevice(paths::kSystemDmesg, "#!/bin/sh\necho 'kernel: booted'\n", true);
+        PlantDevice(paths::kSystemLogcat, "#!/bin/sh\necho \"logcat $*\"\n", true);
         ASSERT_EQ(symlink(RunShell("command -v tar | tr -d '\\n'").c_str(), Device(paths::kSystemTar).c_str()), 0);
         ASSERT_EQ(symlink(RunShell("command -v rm | tr -d '\\n'").c_str(), Device(paths::kSystemRm).c_str()), 0);
-        ASSERT_TRUE(tarnis_test::PlantFile(Device(paths::kProcPlLk), "preloader and lk\n"));
-        ASSERT_TRUE(WriteFile(Device(paths::kProcBootprof), "boot profile\n"));
+        PlantDevice(paths::kProcPlLk, "preloader and lk\n");
+        PlantDevice(paths::kProcBootprof, "boot profile\n");
     }
-    void Tool(const char* devicePath, const std::string& script) {
-        ASSERT_TRUE(tarnis_test::PlantFile(Device(devicePath), script));
-        ASSERT_EQ(chmod(Device(devicePath).c_str(), 0755), 0);
-    }
-
     std::string aee_;
     std::string staging_;
 };

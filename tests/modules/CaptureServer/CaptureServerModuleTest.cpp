@@ -1,15 +1,10 @@
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include <aidl/vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
 #include <android-base/file.h>
@@ -58,13 +53,10 @@ public:
         std::string bytes;
         if (!android::base::ReadFileToString(platform::DevicePath(directory + "/" + fileName), &bytes) ||
             static_cast<int64_t>(bytes.size()) < size || region.size != size ||
-            static_cast<int64_t>(ASharedMemory_getSize(region.fd.get())) < size) {
+            static_cast<int64_t>(ASharedMemory_getSize(region.fd.get())) < size ||
+            pwrite(region.fd.get(), bytes.data(), size, 0) != size) {
             return ndk::ScopedAStatus::fromServiceSpecificError(-EINVAL);
         }
-        void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, region.fd.get(), 0);
-        if (data == MAP_FAILED) return ndk::ScopedAStatus::fromServiceSpecificError(-errno);
-        memcpy(data, bytes.data(), size);
-        munmap(data, size);
         return ndk::ScopedAStatus::ok();
     }
 };
@@ -73,8 +65,7 @@ class CaptureServerModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
         ModBModuleTest::SetUp();
-        for (const char* dir : {"/mnt/rescue", "/cache", "/data/nuvilog/stability/reboot", "/data/vendor/zeltee",
-                                "/bin"}) {
+        for (const char* dir : {"/mnt/rescue", "/cache", "/data/nuvilog/stability/reboot", "/data/vendor/zeltee"}) {
             RunShell("mkdir -p '" + Device(dir) + "'");
         }
         android::base::SetProperty("ro.build.ab_update", "true");
@@ -82,9 +73,10 @@ protected:
         android::base::SetProperty("ro.build.version.incremental", "7");
         // The capture's tools, by name: each says how it was called; logcat
         // also prints the file "big" when there is one, to make the archive large.
-        const std::string echoTool = "#!/bin/sh\necho \"$(basename \"$0\") $*\"\n";
-        for (const char* tool : {"uptime", "df", "dumpsys", "getprop"}) WriteTool(tool, echoTool);
-        WriteTool("logcat", "#!/bin/sh\n[ -f '" + Device("/big") + "' ] && cat '" + Device("/big") + "'\nexit 0\n");
+        const std::string echo = "#!/bin/sh\necho \"$(basename \"$0\") $*\"\n";
+        for (const std::string tool : {"uptime", "df", "dumpsys", "getprop"}) PlantDevice("/bin/" + tool, echo, true);
+        const std::string big = Device("/big");
+        PlantDevice("/bin/logcat", "#!/bin/sh\n[ -f '" + big + "' ] && cat '" + big + "'\nexit 0\n", true);
         oldPath_ = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
         setenv("PATH", (Device("/bin") + ":" + oldPath_).c_str(), 1);
         std::string why;
@@ -98,11 +90,6 @@ protected:
         setenv("PATH", oldPath_.c_str(), 1);
     }
 
-    void WriteTool(const std::string& name, const std::string& script) {
-        const std::string path = Device("/bin/" + name);
-        ASSERT_TRUE(WriteFile(path, script));
-        ASSERT_EQ(chmod(path.c_str(), 0755), 0);
-    }
     std::string Exchange(const std::string& bytes) {
         unique_fd fd(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
         EXPECT_TRUE(fd.ok()) << strerror(errno);

@@ -3,14 +3,11 @@
 
 #include <chrono>
 #include <functional>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include <android-base/properties.h>
 #include <log/log.h>
 
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
 #include "tests/support/WaitFor.h"
 
 namespace {
@@ -21,10 +18,10 @@ using tarnis_test::ReadFile;
 
 constexpr char kTag[] = "TombstoneMonitor";
 
-class TombstoneMonitorModuleTest : public tarnis_test::ModuleTest {
+class TombstoneMonitorModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         in_ = Device("/data/tombstones/");
         out_ = Device("/data/nuvilog/stability/nativecrash/tombstones/");
         outside_ = elsewhere_.Sub("secret");
@@ -94,13 +91,16 @@ TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly)
     EXPECT_EQ(tarnis_test::RunShell("ls -A '" + out_ + "'"), "tombstone_03.pb\n");
 }
 
-TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
+TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowedAndHostileTombstonesNeitherHoldNorFillTheMirror) {
     // Mirrored before the daemon ran; its mirror is now a link out of the tree.
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_06", "old"));
     MakeDir(out_);
     ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_06").c_str()), 0);
     ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_05").c_str()), 0);
+    const std::string leftover = out_ + ".tarnis-tmp.tombstone_09.k3v9";
+    ASSERT_TRUE(tarnis_test::WriteFile(leftover, "half"));
     StartWatching();
+    EXPECT_FALSE(Exists(leftover));
 
     // A tombstone that is a link is not read.
     ASSERT_EQ(symlink(outside_.c_str(), (in_ + "tombstone_link").c_str()), 0);
@@ -116,22 +116,12 @@ TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_05", "crash"));
     // Created, then written: the mirror may be copied empty first.
     ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_05") == "crash"; }));
-    struct stat st;
-    ASSERT_EQ(lstat((out_ + "tombstone_05").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_TRUE(S_ISREG(tarnis_test::ModeOf(out_ + "tombstone_05")));
 
     // Deleting removes the link itself.
     ASSERT_EQ(unlink((in_ + "tombstone_06").c_str()), 0);
     ASSERT_TRUE(WaitFor([&] { return !Exists(out_ + "tombstone_06"); }));
     EXPECT_EQ(ReadFile(outside_), "keep");
-}
-
-TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror) {
-    MakeDir(out_);
-    const std::string leftover = out_ + ".tarnis-tmp.tombstone_09.k3v9";
-    ASSERT_TRUE(tarnis_test::WriteFile(leftover, "half"));
-    StartWatching();
-    EXPECT_FALSE(Exists(leftover));
 
     ASSERT_EQ(mkfifo((in_ + "tombstone_fifo").c_str(), 0600), 0);
     ASSERT_TRUE(
@@ -180,8 +170,7 @@ TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNev
     // 62 checks, each failed one followed by a second's sleep.
     EXPECT_GE(waited, 62 * 1000);
     EXPECT_LE(waited, 63 * 1000);
-    ASSERT_TRUE(WaitFor(
-            [&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
+    ASSERT_TRUE(WaitFor([&] { return Stopped("TombstoneMonitor"); }));
     const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load TombstoneMonitor", moduleTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] TombstoneMonitor done~", moduleTag, ANDROID_LOG_INFO));
