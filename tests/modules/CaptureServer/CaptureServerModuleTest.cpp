@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 
 #include <aidl/vendor/velmar/hardware/kolto/common/BnKoltoImpl.h>
 #include <android-base/file.h>
@@ -271,18 +270,6 @@ TEST_F(CaptureServerModuleTest, SecureWorldLogComesThroughTheVendorServiceInShar
     EXPECT_EQ(ReadFile(copy), bytes);
     EXPECT_EQ(ReadFile(outside), "untouched");
     EXPECT_TRUE(S_ISREG(ModeOf(copy)));
-}
-
-TEST(SharedMemoryTest, RegionsAreSealedToTheirSize) {
-    EXPECT_EQ(ASharedMemory_create("empty", 0), -1);
-    unique_fd region(ASharedMemory_create("shared_memory", 4096));
-    ASSERT_TRUE(region.ok());
-    EXPECT_EQ(ASharedMemory_getSize(region.get()), 4096u);
-    EXPECT_NE(ftruncate(region.get(), 100), 0);
-    EXPECT_NE(ftruncate(region.get(), 8192), 0);
-    EXPECT_EQ(ASharedMemory_getSize(region.get()), 4096u);
-    unique_fd plain(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(ASharedMemory_getSize(plain.get()), 0u);
 }
 
 }  // namespace

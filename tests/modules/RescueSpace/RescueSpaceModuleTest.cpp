@@ -141,18 +141,13 @@ TEST_F(RescueSpaceModuleTest, CoreDumpsOlderThanAnHourGoAndTheSizeLimitIsFiftyMe
     EXPECT_TRUE(log_.HasLine("Delete file :" + big + " success\n", kTag, ANDROID_LOG_INFO));
 }
 
-TEST_F(RescueSpaceModuleTest, CoreDumpPassIsOffUnderMtbfTest) {
+TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpinAndMtbfStopsTheCorePass) {
+    ASSERT_TRUE(android::base::SetProperty(kTimerProperty, "abc"));
     ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "1"));
     const std::string old = PlantCore("old", 3 * 3600);
     LoadModules();
     EXPECT_TRUE(log_.HasLine("Disable coredump manager.", kTag, kW));
     EXPECT_TRUE(log_.HasLine("data_nuvilog_coredump is 0, mtbf_test_prop is 1\n", kTag, kW));
-    EXPECT_TRUE(Exists(old));
-}
-
-TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpin) {
-    ASSERT_TRUE(android::base::SetProperty(kTimerProperty, "abc"));
-    LoadModules();
     EXPECT_TRUE(log_.HasLine("Rescue partition space manager start!!\n", kTag, kW));
     EXPECT_TRUE(log_.HasLine("An invalid string was read: abc", kTag, kW));
     EXPECT_TRUE(log_.HasLine("Timer value is 20\n", kTag, kW));
@@ -177,6 +172,7 @@ TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpin) {
     }
     EXPECT_EQ(Dump({"RescueSpace"}),
               "Dumping module RescueSpace: \ncycles: 5\n\n-------------------------------------\n");
+    EXPECT_TRUE(Exists(old));  // five cycles without the core pass
 }
 
 TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryResetWipe) {
