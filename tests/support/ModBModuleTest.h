@@ -27,8 +27,7 @@ inline unsigned ModeOf(const std::string& path) {
     return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0u;
 }
 
-// A module suite whose module names files or schedules by local time: the
-// zone is UTC (each suite is a program of its own, and all of them want it).
+// A module suite whose module names files or schedules by local time, in UTC.
 class ModBModuleTest : public ModuleTest {
 protected:
     void SetUp() override {
@@ -37,8 +36,7 @@ protected:
         ModuleTest::SetUp();
     }
 
-    // The payloads of the journal's analytics reports, parsed, each checked to
-    // come from app `appId` and source `source`; the raw texts go to `texts`.
+    // The journal's analytics payloads, each checked to come from `appId` and `source`; raw texts to `texts`.
     std::vector<Json::Value> TrelvoPayloads(const std::string& appId, const std::string& source,
                                             std::vector<std::string>* texts = nullptr) {
         std::vector<Json::Value> payloads;

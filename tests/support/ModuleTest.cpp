@@ -49,8 +49,7 @@ void ModuleTest::TearDown() {
 
 void ModuleTest::LoadModules() {
     {
-        // As in a fresh process: a module an earlier test removed gets a new
-        // object, as its registration made the first one.
+        // As in a fresh process: a module an earlier test removed gets a new object.
         std::lock_guard<std::recursive_mutex> lock(velmar::kolto::GetModuleListLock());
         for (auto& [name, entry] : velmar::kolto::GetModuleList()) {
             if (entry.instance != nullptr || entry.createInstance == nullptr) continue;

@@ -28,12 +28,9 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Loads every registered module on the manager thread and returns once
-    // the loading and each module's OnAllModulesLoaded have run.
+    // Loads every registered module; returns once each module's OnAllModulesLoaded has run.
     void LoadModules();
-    // Returns once the manager thread and every running module's thread have
-    // nothing left that is due now (work that work posts included). Fails the
-    // test after a few seconds of real time instead of hanging.
+    // Returns once no module thread has work due now; fails after seconds of real time instead of hanging.
     void WaitIdle();
     // Moves the test clock `ms` ahead and waits until what fell due has run.
     void AdvanceAndSettle(int64_t ms);

@@ -81,7 +81,7 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
               "kernel: booted\nlogcat -d -v threadtime *:V\npreloader and lk\nboot profile\n");
 }
 
-TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
+TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLogAndNeverCopiesThroughALink) {
     ASSERT_EQ(unlink(Device(paths::kProcPlLk).c_str()), 0);
     // A link planted as the staging directory is replaced, not written through.
     const std::string outside = root_.Sub("outside");
@@ -110,11 +110,8 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     EXPECT_EQ(ReadFile(Device(paths::kBootLogKernelLog)), "kernel: booted\n");
     EXPECT_EQ(tarnis_test::ListDir(aee_), std::vector<std::string>{"bootlog"});
     EXPECT_TRUE(tarnis_test::ListDir(outside).empty());
-}
 
-// The staging files are copied into fresh files; a link planted at one's
-// name is refused, not written through.
-TEST_F(BootLogDumperModuleTest, CopyCreatesItsTargetAndRefusesALink) {
+    // Staging files are copied into fresh files; a link planted at one's name is refused.
     const std::string src = root_.Sub("src"), fresh = root_.Sub("fresh"), link = root_.Sub("link");
     ASSERT_TRUE(WriteFile(src, "0123456789"));
     EXPECT_EQ(BootLogDumper::copy_file(src.c_str(), 0, fresh.c_str(), 0), 0);

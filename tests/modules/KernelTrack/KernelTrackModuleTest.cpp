@@ -159,8 +159,7 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     EXPECT_EQ(Read(paths::kSchedLatReset), "");
 }
 
-// Any uid may dump: one other than root and system never wipes the day's
-// counters, and sets off at most one report a minute.
+// Any uid may dump: one other than root and system never wipes the counters, and reports once a minute.
 TEST_F(KernelTrackModuleTest, AnOrdinaryCallersDumpReportsOnceAMinuteAndResetsNothing) {
     LoadModules();
     WriteTable("sched_lat_info", false);

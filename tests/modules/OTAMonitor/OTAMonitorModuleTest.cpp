@@ -44,8 +44,7 @@ protected:
         const size_t from = std::min(out.size(), out.find("OTA records"));
         return out.substr(from, out.find("  record 1:", from) - from);
     }
-    // Sets the status and waits until the monitor has handled it and waits
-    // for `next` for the `count`-th time.
+    // Sets the status; returns once the monitor waits for `next` for the `count`-th time.
     void Report(const std::string& status, const std::string& next, size_t count) {
         ASSERT_TRUE(SetProperty(kStatus, status));
         ASSERT_TRUE(WaitFor([&] { return log_.Count(kWaiting + next, kTag, ANDROID_LOG_INFO) >= count; }))
@@ -90,8 +89,7 @@ TEST_F(OTAMonitorModuleTest, ElevenUpdatesOnAFreshV3PartitionWrapIntoSlotZero) {
 
     for (int n = 1; n <= 11; ++n) {
         if (n > 1) Report("ota_start", "ota_complete", n);
-        // The start of the eleventh update reuses slot 0 and writes only its
-        // own three fields there.
+        // The eleventh update's start reuses slot 0, writing only its own three fields there.
         if (n == 11) {
             EXPECT_STREQ(Zone().packageName[0], "ota-1.zip");
         }
@@ -104,8 +102,7 @@ TEST_F(OTAMonitorModuleTest, ElevenUpdatesOnAFreshV3PartitionWrapIntoSlotZero) {
     EXPECT_TRUE(log_.HasLine("save_update_metrics_to_black_box_after_merged: next_index: 1, tgt_slot: _b, "
                              "tgt_build: V816.0.3", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("update_count: 10", kTag, ANDROID_LOG_INFO));
-    // Shown by the service tool before any crash has laid down the log table;
-    // a record without its source fields, below, tells source from target.
+    // Shown by the service tool before any crash has laid down the log table.
     EXPECT_EQ(Shown(), "OTA records: 10 of 10, next index 1\n"
                        "  record 0: ota-11.zip, V816.0.3 (_b) -> V816.0.3 (_b), debuggable 1, "
                        "start 2026-11-20 10:15:00.123, end 2026-11-20 10:31:42.500, merged 2026-11-20 10:40:00.456\n");
@@ -190,8 +187,7 @@ TEST_F(OTAMonitorModuleTest, WithoutAUsablePartitionTheModuleEnds) {
     EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox partition is not existed, return directly!", kTag,
                              ANDROID_LOG_ERROR));
 
-    // A version-1 partition has no zone. The module shows as stopped a moment
-    // before its removal is through, and only then can it be loaded again.
+    // A version-1 partition has no zone; the module loads again only once its removal is through.
     ASSERT_TRUE(WaitFor(
         [&] { return log_.HasLine("[~ModuleBase] Bye~ OTAMonitor", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG); }));
     MakePartition(160 << 20);

@@ -23,10 +23,10 @@ constexpr int kW = ANDROID_LOG_WARN;
 constexpr int64_t kMinuteMs = 60 * 1000;
 constexpr char kTimerProperty[] = "persist.sys.stability.dorvad.rescue_space_monitor_timervalue";
 
-class RescueSpaceModuleTest : public tarnis_test::ModuleTest {
+class RescueSpaceModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         base_ = Device("/cache/");
         // A partition of 100 blocks of which `used_` are taken; none when negative.
         RescueSpaceThread::SetStatfsForTesting([this](const char*, struct statfs* out) {
@@ -42,25 +42,22 @@ protected:
         });
     }
     void TearDown() override {
-        ModuleTest::TearDown();
+        ModBModuleTest::TearDown();
         RescueSpaceThread::SetStatfsForTesting(nullptr);
     }
 
     std::string Plant(const std::string& relative, const std::string& content = "data") {
-        EXPECT_TRUE(tarnis_test::PlantFile(base_ + relative, content));
-        return base_ + relative;
+        return PlantDevice("/cache/" + relative, content);
     }
     // A core dump last changed `ageSeconds` before the test clock's now.
     std::string PlantCore(const std::string& name, int64_t ageSeconds) {
-        const std::string path = Device("/data/nuvilog/stability/nativecrash/coredump/") + name;
-        EXPECT_TRUE(tarnis_test::PlantFile(path, "core"));
+        const std::string path = PlantDevice("/data/nuvilog/stability/nativecrash/coredump/" + name, "core");
         struct timespec times[2] = {};
         times[0].tv_sec = times[1].tv_sec = clock_.WallNowMs() / 1000 - ageSeconds;
         EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
         return path;
     }
-    // The pause is a chain of one-minute steps, each posted when the one
-    // before it ran: time moves a minute at a time, as it would.
+    // The pause is a chain of one-minute sleeps: time moves a minute at a time, as it would.
     void AdvanceMinutes(int minutes) {
         for (int i = 0; i < minutes; ++i) AdvanceAndSettle(kMinuteMs);
     }

@@ -34,8 +34,7 @@ protected:
         const int64_t start = clock_.SteadyNowMs();
         EXPECT_TRUE(WaitFor([&] {
             if (done()) return true;
-            // A second per sleep of the worker: one moved while it is between
-            // two sleeps would pass unseen.
+            // A second per sleep of the worker: one moved between two sleeps would pass unseen.
             clock_.WaitForWaiters(1, std::chrono::milliseconds(100));
             clock_.Advance(1000);
             return false;
@@ -54,8 +53,7 @@ protected:
 };
 
 TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnlyBetweenTheDefaultDirectories) {
-    // Directories from properties that climb out of /data, or reach it through
-    // a link, are refused for the defaults; the outside is left as it was.
+    // Property directories climbing out of /data or through a link are refused for the defaults.
     MakeDir(elsewhere_.Sub("in"));
     MakeDir(elsewhere_.Sub("out"));
     const std::string climbing = "/data/../../" + elsewhere_.path().substr(elsewhere_.path().rfind('/') + 1);
@@ -139,8 +137,7 @@ TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowedAndHostileTombstonesNeit
     ASSERT_TRUE(
             WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
 
-    // Data at 0 and at 32 MiB of a 256 MiB sparse file: the mirror stops at
-    // 64 MiB and keeps the holes.
+    // Data at 0 and 32 MiB of a 256 MiB sparse file: the mirror stops at 64 MiB and keeps the holes.
     const std::string big = in_ + "tombstone_10", mirror = out_ + "tombstone_10";
     tarnis_test::RunShell("printf head >" + big + "; truncate -s 256M " + big + "; printf tail | dd of=" + big +
                           " bs=1M seek=32 conv=notrunc status=none");
