@@ -15,12 +15,6 @@
 
 namespace tarnis_test {
 
-// Writes `content` at `path`, making the directories above it first.
-inline bool PlantFile(const std::string& path, const std::string& content) {
-    RunShell("mkdir -p \"$(dirname '" + path + "')\"");
-    return WriteFile(path, content);
-}
-
 // The whole st_mode of `path` itself, a link not followed; 0 when nothing is there.
 inline unsigned ModeOf(const std::string& path) {
     struct stat st {};
@@ -57,7 +51,8 @@ protected:
     // Plants `content` at device path `path`, executable when `tool`; returns its path below the root.
     std::string PlantDevice(const std::string& path, const std::string& content, bool tool = false) {
         const std::string file = Device(path);
-        EXPECT_TRUE(PlantFile(file, content)) << file;
+        RunShell("mkdir -p \"$(dirname '" + file + "')\"");
+        EXPECT_TRUE(WriteFile(file, content)) << file;
         EXPECT_EQ(tool ? chmod(file.c_str(), 0755) : 0, 0) << file;
         return file;
     }

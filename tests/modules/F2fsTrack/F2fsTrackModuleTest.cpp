@@ -67,8 +67,8 @@ protected:
     // The data partition on a dm device over sda32, with every f2fs file.
     void PlantF2fsTree(const std::string& undiscard, const std::string& freeSegs, const std::string& dirtySegs) {
         PlantDevice("/proc/mounts",
-              "tmpfs /dev tmpfs rw 0 0\n/dev/block/sda9 /data_mirror f2fs rw 0 0\n"
-              "/dev/block/dm-5 /data f2fs rw,lazytime 0 0\n/dev/block/sda10 /data f2fs rw 0 0\n");
+                    "tmpfs /dev tmpfs rw 0 0\n/dev/block/sda9 /data_mirror f2fs rw 0 0\n"
+                    "/dev/block/dm-5 /data f2fs rw,lazytime 0 0\n/dev/block/sda10 /data f2fs rw 0 0\n");
         ASSERT_EQ(system(("mkdir -p '" + Device("/sys/block/dm-5/slaves/sda32") + "'").c_str()), 0);
         const std::map<std::string, std::string> files = {
             {"avg_vblocks", "12\n"}, {"free_segments", freeSegs}, {"dirty_segments", dirtySegs},
@@ -91,10 +91,10 @@ protected:
 TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageEvent) {
     PlantF2fsTree("100,10,20,70\n", "300\n", "100\n");
     PlantDevice("/sys/fs/f2fs/sda32/hybrid_die_info",
-          "area a b total free c free_segs dirty_segs gc gc_bg gc_fg\n"
-          "main: 1 2 1048576 524288 5 600 700 8 9 10\n"
-          "ext: 11 12 256 13 15 16 17 18 19 20\n"
-          "main2main: 21 ext2ext: 22\nmain2ext 23\next2main=24 unspec: 25\n");
+                "area a b total free c free_segs dirty_segs gc gc_bg gc_fg\n"
+                "main: 1 2 1048576 524288 5 600 700 8 9 10\n"
+                "ext: 11 12 256 13 15 16 17 18 19 20\n"
+                "main2main: 21 ext2ext: 22\nmain2ext 23\next2main=24 unspec: 25\n");
     PlantDevice("/data/dorva/aging/maint_record", "idle 3 runs\nlast 2026-01-01\n");
     PlantDevice("/data/dorva/aging/improve_record", "gc improved 5%\n");
     PlantDevice("/proc/fs/f2fs/status", kStatus);
@@ -225,12 +225,13 @@ protected:
         ASSERT_TRUE(SetProperty("dev.mnt.dev.system", "dm-1"));
         ASSERT_TRUE(SetProperty("dev.mnt.dev.data", "sda32"));
         PlantDevice("/sys/fs/erofs/dm-1/iostat_daily_latency",
-              "Normal:\n4 1200 300 9\n512+ 80 2 60\nAbnormal:\n128 500 5 200\nDelay:\n100 2500 10 480\nbogus row\n");
+                    "Normal:\n4 1200 300 9\n512+ 80 2 60\nAbnormal:\n128 500 5 200\n"
+                    "Delay:\n100 2500 10 480\nbogus row\n");
         PlantDevice("/sys/fs/f2fs/sda32/iostat_daily_latency",
-              "[READ]\nNormal:\n4 10 1 2\nDelay:\n50 11 3 4\n"
-              "[WRITE]\nNormal:\n16 20 5 6\nAbnormal:\n1024+ 30 7 8\nDelay:\n200 40 9 10\n");
+                    "[READ]\nNormal:\n4 10 1 2\nDelay:\n50 11 3 4\n"
+                    "[WRITE]\nNormal:\n16 20 5 6\nAbnormal:\n1024+ 30 7 8\nDelay:\n200 40 9 10\n");
         ufs_ = PlantDevice("/sys/devices/platform/soc/1d84000.ufshc/ufs_monitor/monitor_daily_cmd_lat",
-                     "[READ]\nNormal:\n4 7 7 7\n[WRITE]\nDelay:\n10 8 x 8\n");
+                           "[READ]\nNormal:\n4 7 7 7\n[WRITE]\nDelay:\n10 8 x 8\n");
     }
 
     std::map<std::string, Json::Value> ByName() {
