@@ -1,8 +1,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
 #include <log/log.h>
@@ -47,10 +45,8 @@ protected:
 };
 
 TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
-    std::vector<std::string> old;
     for (int day = 1; day <= 12; ++day) {
-        old.push_back(android::base::StringPrintf("boot_log_2025_03%02d_101500.gz", day));
-        ASSERT_TRUE(WriteFile(aee_ + "/" + old.back(), "old"));
+        ASSERT_TRUE(WriteFile(aee_ + android::base::StringPrintf("/boot_log_2025_03%02d_101500.gz", day), "old"));
     }
     ASSERT_TRUE(WriteFile(aee_ + "/boot_log_x", "?"));
     ASSERT_TRUE(WriteFile(aee_ + "/db.fatal", "db"));
@@ -67,12 +63,14 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] Mtk BootLopDumper done~", kModuleTag));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", kModuleTag));
 
+    // The nine newest planted and the new one; no staging directory, no partial archive left.
     const std::string archive = "boot_log_2026_0101_070509.gz";
-    std::vector<std::string> expected(old.begin() + 3, old.end());
-    expected.push_back(archive);
-    expected.push_back("db.fatal");
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(tarnis_test::ListDir(aee_), expected);  // no staging directory, no partial archive left
+    EXPECT_EQ(tarnis_test::ListDir(aee_),
+              (std::vector<std::string>{"boot_log_2025_0304_101500.gz", "boot_log_2025_0305_101500.gz",
+                                        "boot_log_2025_0306_101500.gz", "boot_log_2025_0307_101500.gz",
+                                        "boot_log_2025_0308_101500.gz", "boot_log_2025_0309_101500.gz",
+                                        "boot_log_2025_0310_101500.gz", "boot_log_2025_0311_101500.gz",
+                                        "boot_log_2025_0312_101500.gz", archive, "db.fatal"}));
     EXPECT_FALSE(Exists(staging_));
 
     const std::string tar = "tar -zf '" + aee_ + "/" + archive + "' ";
