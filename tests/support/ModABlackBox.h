@@ -9,12 +9,13 @@
 
 #include <gtest/gtest.h>
 
+#include <android-base/unique_fd.h>
+
 #include "tests/support/Bytes.h"
 #include "tests/support/TempDir.h"
 
-// Black-box partition images for the crash and OTA monitors' suites: sparse
-// files of the real size, records read and written at their offsets, and
-// read back by the service tool, independently of the daemon's code.
+// Black-box partition images (sparse, of the real size) for the crash and OTA monitors' suites,
+// their records read and written at their offsets independently of the daemon's code.
 namespace moda_blackbox {
 
 constexpr char kTestKey[] = TARNIS_SOURCE_DIR "/keys/blackbox_test_priv.pem";
@@ -26,18 +27,14 @@ inline void MakeImage(const std::string& path, off_t bytes) {
 
 inline std::string ReadBytes(const std::string& path, uint64_t offset, size_t len) {
     std::string out(len, '\0');
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_GE(fd, 0) << path;
-    EXPECT_EQ(pread(fd, &out[0], len, static_cast<off_t>(offset)), static_cast<ssize_t>(len));
-    close(fd);
+    android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(pread(fd.get(), &out[0], len, static_cast<off_t>(offset)), static_cast<ssize_t>(len)) << path;
     return out;
 }
 
 inline void WriteBytes(const std::string& path, uint64_t offset, const void* data, size_t len) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << path;
-    ASSERT_EQ(pwrite(fd, data, len, static_cast<off_t>(offset)), static_cast<ssize_t>(len));
-    close(fd);
+    android::base::unique_fd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(pwrite(fd.get(), data, len, static_cast<off_t>(offset)), static_cast<ssize_t>(len)) << path;
 }
 
 template <class Record>

@@ -15,20 +15,13 @@
 
 namespace tarnis_test {
 
-// Writes `content` at `path`, making the directories above it first.
-inline bool PlantFile(const std::string& path, const std::string& content) {
-    RunShell("mkdir -p \"$(dirname '" + path + "')\"");
-    return WriteFile(path, content);
-}
-
 // The whole st_mode of `path` itself, a link not followed; 0 when nothing is there.
 inline unsigned ModeOf(const std::string& path) {
     struct stat st {};
     return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0u;
 }
 
-// A module suite whose module names files or schedules by local time: the
-// zone is UTC (each suite is a program of its own, and all of them want it).
+// A module suite whose module names files or schedules by local time, in UTC.
 class ModBModuleTest : public ModuleTest {
 protected:
     void SetUp() override {
@@ -37,8 +30,7 @@ protected:
         ModuleTest::SetUp();
     }
 
-    // The payloads of the journal's analytics reports, parsed, each checked to
-    // come from app `appId` and source `source`; the raw texts go to `texts`.
+    // The journal's analytics payloads, each checked to come from `appId` and `source`; raw texts to `texts`.
     std::vector<Json::Value> TrelvoPayloads(const std::string& appId, const std::string& source,
                                             std::vector<std::string>* texts = nullptr) {
         std::vector<Json::Value> payloads;
@@ -54,6 +46,15 @@ protected:
             payloads.push_back(payload);
         }
         return payloads;
+    }
+
+    // Plants `content` at device path `path`, executable when `tool`; returns its path below the root.
+    std::string PlantDevice(const std::string& path, const std::string& content, bool tool = false) {
+        const std::string file = Device(path);
+        RunShell("mkdir -p \"$(dirname '" + file + "')\"");
+        EXPECT_TRUE(WriteFile(file, content)) << file;
+        EXPECT_EQ(tool ? chmod(file.c_str(), 0755) : 0, 0) << file;
+        return file;
     }
 
     // Whether the module manager's dump lists `module` as stopped.

@@ -1,12 +1,10 @@
 #include "tests/support/ModuleTest.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <mutex>
 #include <sstream>
 
-#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <host/Host.h>
 
@@ -51,8 +49,7 @@ void ModuleTest::TearDown() {
 
 void ModuleTest::LoadModules() {
     {
-        // As in a fresh process: a module an earlier test removed gets a new
-        // object, as its registration made the first one.
+        // As in a fresh process: a module an earlier test removed gets a new object.
         std::lock_guard<std::recursive_mutex> lock(velmar::kolto::GetModuleListLock());
         for (auto& [name, entry] : velmar::kolto::GetModuleList()) {
             if (entry.instance != nullptr || entry.createInstance == nullptr) continue;
@@ -83,25 +80,15 @@ std::string ModuleTest::Dump(const std::vector<std::string>& args) {
     std::vector<const char*> argv;
     for (const std::string& arg : args) argv.push_back(arg.c_str());
     ssi_->dump(out.get(), argv.data(), static_cast<uint32_t>(argv.size()));
-    lseek(out.get(), 0, SEEK_SET);
-    std::string text;
-    android::base::ReadFdToString(out.get(), &text);
-    return text;
+    return ReadFile("/proc/self/fd/" + std::to_string(out.get()));
 }
 
 std::vector<Json::Value> ModuleTest::JournalEvents() {
-    std::string text;
-    android::base::ReadFileToString(Device("/data/misc/tarnis/events.jsonl"), &text);
+    std::istringstream lines(ReadFile(Device("/data/misc/tarnis/events.jsonl")));
     std::vector<Json::Value> events;
-    std::istringstream lines(text);
-    std::string line;
-    Json::CharReaderBuilder builder;
-    builder["strictRoot"] = true;
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);) {
         Json::Value event;
-        std::string errors;
-        std::istringstream in(line);
-        EXPECT_TRUE(Json::parseFromStream(builder, in, &event, &errors)) << "journal line: " << line << errors;
+        EXPECT_TRUE(Json::Reader(Json::Features::strictMode()).parse(line, event)) << "journal line: " << line;
         events.push_back(event);
     }
     return events;

@@ -19,29 +19,18 @@ class TarnisInternal;
 
 namespace tarnis_test {
 
-// The ground of every module suite. Each test gets a fresh sandbox root, the
-// test clock installed, a capture of every log line, and the daemon's two
-// in-process services (so a module reports as it does in the daemon, and its
-// events land in the root's journal). A suite links one module; LoadModules()
-// loads it as the daemon would, and TearDown removes it again.
-//
-//     class ExampleModuleTest : public tarnis_test::ModuleTest {};
-//     TEST_F(ExampleModuleTest, TicksOnceADay) {
-//         LoadModules();
-//         AdvanceAndSettle(24 * 3600 * 1000);
-//         EXPECT_EQ(JournalEvents().size(), 1u);
-//     }
+// The ground of every module suite: per test a fresh sandbox root, the test
+// clock, a capture of every log line, and the daemon's two in-process services
+// (a module's events land in the root's journal). A suite links one module;
+// LoadModules() loads it as the daemon would, and TearDown removes it again.
 class ModuleTest : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Loads every registered module on the manager thread and returns once
-    // the loading and each module's OnAllModulesLoaded have run.
+    // Loads every registered module; returns once each module's OnAllModulesLoaded has run.
     void LoadModules();
-    // Returns once the manager thread and every running module's thread have
-    // nothing left that is due now (work that work posts included). Fails the
-    // test after a few seconds of real time instead of hanging.
+    // Returns once no module thread has work due now; fails after seconds of real time instead of hanging.
     void WaitIdle();
     // Moves the test clock `ms` ahead and waits until what fell due has run.
     void AdvanceAndSettle(int64_t ms);

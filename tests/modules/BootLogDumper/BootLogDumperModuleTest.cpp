@@ -1,12 +1,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include <android-base/properties.h>
 #include <android-base/stringprintf.h>
 #include <log/log.h>
@@ -39,27 +33,20 @@ protected:
         staging_ = Device(paths::kBootLogDir);
         RunShell("mkdir -p '" + aee_ + "'");
         // The system's tools: stand-in dmesg and logcat, the host's tar and rm.
-        Tool(paths::kSystemDmesg, "#!/bin/sh\necho 'kernel: booted'\n");
-        Tool(paths::kSystemLogcat, "#!/bin/sh\necho \"logcat $*\"\n");
+        PlantDevice(paths::kSystemDmesg, "#!/bin/sh\necho 'kernel: booted'\n", true);
+        PlantDevice(paths::kSystemLogcat, "#!/bin/sh\necho \"logcat $*\"\n", true);
         ASSERT_EQ(symlink(RunShell("command -v tar | tr -d '\\n'").c_str(), Device(paths::kSystemTar).c_str()), 0);
         ASSERT_EQ(symlink(RunShell("command -v rm | tr -d '\\n'").c_str(), Device(paths::kSystemRm).c_str()), 0);
-        ASSERT_TRUE(tarnis_test::PlantFile(Device(paths::kProcPlLk), "preloader and lk\n"));
-        ASSERT_TRUE(WriteFile(Device(paths::kProcBootprof), "boot profile\n"));
+        PlantDevice(paths::kProcPlLk, "preloader and lk\n");
+        PlantDevice(paths::kProcBootprof, "boot profile\n");
     }
-    void Tool(const char* devicePath, const std::string& script) {
-        ASSERT_TRUE(tarnis_test::PlantFile(Device(devicePath), script));
-        ASSERT_EQ(chmod(Device(devicePath).c_str(), 0755), 0);
-    }
-
     std::string aee_;
     std::string staging_;
 };
 
 TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
-    std::vector<std::string> old;
     for (int day = 1; day <= 12; ++day) {
-        old.push_back(android::base::StringPrintf("boot_log_2025_03%02d_101500.gz", day));
-        ASSERT_TRUE(WriteFile(aee_ + "/" + old.back(), "old"));
+        ASSERT_TRUE(WriteFile(aee_ + android::base::StringPrintf("/boot_log_2025_03%02d_101500.gz", day), "old"));
     }
     ASSERT_TRUE(WriteFile(aee_ + "/boot_log_x", "?"));
     ASSERT_TRUE(WriteFile(aee_ + "/db.fatal", "db"));
@@ -76,12 +63,14 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] Mtk BootLopDumper done~", kModuleTag));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", kModuleTag));
 
+    // The nine newest planted and the new one; no staging directory, no partial archive left.
     const std::string archive = "boot_log_2026_0101_070509.gz";
-    std::vector<std::string> expected(old.begin() + 3, old.end());
-    expected.push_back(archive);
-    expected.push_back("db.fatal");
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(tarnis_test::ListDir(aee_), expected);  // no staging directory, no partial archive left
+    EXPECT_EQ(tarnis_test::ListDir(aee_),
+              (std::vector<std::string>{"boot_log_2025_0304_101500.gz", "boot_log_2025_0305_101500.gz",
+                                        "boot_log_2025_0306_101500.gz", "boot_log_2025_0307_101500.gz",
+                                        "boot_log_2025_0308_101500.gz", "boot_log_2025_0309_101500.gz",
+                                        "boot_log_2025_0310_101500.gz", "boot_log_2025_0311_101500.gz",
+                                        "boot_log_2025_0312_101500.gz", archive, "db.fatal"}));
     EXPECT_FALSE(Exists(staging_));
 
     const std::string tar = "tar -zf '" + aee_ + "/" + archive + "' ";
@@ -90,7 +79,7 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
               "kernel: booted\nlogcat -d -v threadtime *:V\npreloader and lk\nboot profile\n");
 }
 
-TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
+TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLogAndNeverCopiesThroughALink) {
     ASSERT_EQ(unlink(Device(paths::kProcPlLk).c_str()), 0);
     // A link planted as the staging directory is replaced, not written through.
     const std::string outside = root_.Sub("outside");
@@ -119,11 +108,8 @@ TEST_F(BootLogDumperModuleTest, WaitsForBootThenStopsWithoutTheBootLoaderLog) {
     EXPECT_EQ(ReadFile(Device(paths::kBootLogKernelLog)), "kernel: booted\n");
     EXPECT_EQ(tarnis_test::ListDir(aee_), std::vector<std::string>{"bootlog"});
     EXPECT_TRUE(tarnis_test::ListDir(outside).empty());
-}
 
-// The staging files are copied into fresh files; a link planted at one's
-// name is refused, not written through.
-TEST_F(BootLogDumperModuleTest, CopyCreatesItsTargetAndRefusesALink) {
+    // Staging files are copied into fresh files; a link planted at one's name is refused.
     const std::string src = root_.Sub("src"), fresh = root_.Sub("fresh"), link = root_.Sub("link");
     ASSERT_TRUE(WriteFile(src, "0123456789"));
     EXPECT_EQ(BootLogDumper::copy_file(src.c_str(), 0, fresh.c_str(), 0), 0);

@@ -1,12 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
 #include <optional>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include <android-base/properties.h>
 #include <dorva/DorvaServiceManager.h>
@@ -14,7 +9,6 @@
 
 #include "modules/KernelTrack/KernelStatsTrack.h"
 #include "platform/binder/IPCThreadState.h"
-#include "modules/KernelTrack/KernelTrackUtils.h"
 #include "tests/support/ModBModuleTest.h"
 #include "utils/Paths.h"
 
@@ -28,34 +22,43 @@ constexpr char kModuleTag[] = "Tarnis-KernelTrackModule";
 constexpr int kI = ANDROID_LOG_INFO;
 constexpr int64_t kMinuteMs = 60 * 1000;
 
-// Field names as the kernel writes them and the report carries them, a few of
-// each table: a misspelt name in the module's tables drops the value.
-const std::map<std::string, std::vector<std::string>> kUserNames = {
-    {"binder_lat_info", {"vip_binder_min_cnt", "rt_binder_m_cnt", "oth_binder_max_ms", "reserved4"}},
-    {"mem_lat_info", {"vip_cma_alloc_lat_l_cnt", "rt_direct_reclaim_lat_avg_us", "oth_slowpath_alloc_lat_max_ms",
-                      "kcompactd_cnt", "page_alloc_cnt"}},
-    {"locking_lat_info", {"vip_mutex_wait_h_cnt", "rt_rwsem_read_wait_f_cnt", "oth_futex_art_wait_max_ms"}},
-    {"sched_lat_info", {"vip_lat_min_cnt", "ss_lat_avg_ms", "irqoff_latency_cnt", "runable_preempt_cnt"}},
-    {"iowait_stat_info", {"iowait_delta_ms", "iowait_high_cnt", "iowait_fg_max_ms", "iowait_sys_bg_total_cnt"}},
-    {"dstate_stat_info", {"dstate_min_thresh_ms", "dstate_ux_total_ms", "dstate_top_app_low_cnt"}},
+// The tables as users see them, in report order: the event, the kernel's file,
+// how many fields the event carries, and a few of their names as the kernel
+// writes them and the report carries them (a misspelt name drops the value).
+struct UserTable {
+    std::string event;
+    const char* file;
+    size_t fields;
+    std::vector<std::string> names;
+};
+const UserTable kUserTables[] = {
+    {"binder_lat_info", paths::kBinderLatInfo, 28,
+     {"vip_binder_min_cnt", "rt_binder_m_cnt", "oth_binder_max_ms", "reserved4"}},
+    {"mem_lat_info", paths::kMemLatInfo, 77, {"vip_cma_alloc_lat_l_cnt", "rt_direct_reclaim_lat_avg_us",
+                                              "oth_slowpath_alloc_lat_max_ms", "kcompactd_cnt", "page_alloc_cnt"}},
+    {"locking_lat_info", paths::kLockingLatInfo, 84,
+     {"vip_mutex_wait_h_cnt", "rt_rwsem_read_wait_f_cnt", "oth_futex_art_wait_max_ms"}},
+    {"sched_lat_info", paths::kSchedLatInfo, 38,
+     {"vip_lat_min_cnt", "ss_lat_avg_ms", "irqoff_latency_cnt", "runable_preempt_cnt"}},
+    {"iowait_stat_info", paths::kIowaitStatInfo, 46,
+     {"iowait_delta_ms", "iowait_high_cnt", "iowait_fg_max_ms", "iowait_sys_bg_total_cnt"}},
+    {"dstate_stat_info", paths::kDstateStatInfo, 46,
+     {"dstate_min_thresh_ms", "dstate_ux_total_ms", "dstate_top_app_low_cnt"}},
 };
 
 // Midnight is local midnight, which the fixture pins to UTC.
 class KernelTrackModuleTest : public tarnis_test::ModBModuleTest {
 protected:
-    void Write(const char* devicePath, const std::string& text) {
-        ASSERT_TRUE(tarnis_test::PlantFile(Device(devicePath), text));
-    }
     std::string Read(const char* devicePath) { return tarnis_test::ReadFile(Device(devicePath)); }
     // The names users see of that table, with value index + 1 (or 0 when `zero`).
     void WriteTable(const std::string& event, bool zero) {
-        const auto& tables = KernelStatsTrack::tables();
-        const auto table = std::find_if(tables.begin(), tables.end(), [&](auto& t) { return t.eventName == event; });
-        ASSERT_NE(table, tables.end()) << event;
-        const std::vector<std::string>& names = kUserNames.at(event);
+        const auto& table = *std::find_if(std::begin(kUserTables), std::end(kUserTables),
+                                          [&](const UserTable& t) { return t.event == event; });
         std::string text;
-        for (size_t i = 0; i < names.size(); ++i) text += names[i] + ":\t" + std::to_string(zero ? 0 : i + 1) + " \n";
-        Write(table->statsFile, text);
+        for (size_t i = 0; i < table.names.size(); ++i) {
+            text += table.names[i] + ":\t" + std::to_string(zero ? 0 : i + 1) + " \n";
+        }
+        PlantDevice(table.file, text);
     }
     std::vector<Json::Value> Events() {
         std::vector<std::string> texts;
@@ -71,29 +74,6 @@ protected:
     }
 };
 
-TEST_F(KernelTrackModuleTest, EveryTableReportsTheNamesUsersSee) {
-    const std::vector<std::pair<std::string, size_t>> sizes = {
-            {"binder_lat_info", 28}, {"mem_lat_info", 77},     {"locking_lat_info", 84},
-            {"sched_lat_info", 38},  {"iowait_stat_info", 46}, {"dstate_stat_info", 46}};
-    ASSERT_EQ(KernelStatsTrack::tables().size(), sizes.size());
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        EXPECT_EQ(KernelStatsTrack::tables()[i].eventName, sizes[i].first);
-        EXPECT_EQ(KernelStatsTrack::tables()[i].fields.size(), sizes[i].second) << sizes[i].first;
-        WriteTable(sizes[i].first, false);
-    }
-    LoadModules();
-    Dump({"KernelTrack"});
-    const std::vector<Json::Value> events = Events();
-    ASSERT_EQ(events.size(), sizes.size());
-    for (const Json::Value& event : events) {
-        const std::vector<std::string>& names = kUserNames.at(event["EVENT_NAME"].asString());
-        EXPECT_EQ(event.size(), names.size() + 1) << event;
-        for (size_t i = 0; i < names.size(); ++i) {
-            EXPECT_EQ(event[names[i]].asInt(), static_cast<int>(i + 1)) << names[i];
-        }
-    }
-}
-
 TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     // Scheduling needs the property exactly "true": here only the dump reports.
     ASSERT_TRUE(android::base::SetProperty("persist.sys.stability.kernel_track_enable", "1"));
@@ -101,18 +81,18 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     EXPECT_TRUE(Logged("OnAllModulesLoaded", "KernelTrack enable error", ANDROID_LOG_ERROR, kModuleTag));
 
     WriteTable("sched_lat_info", false);
-    Write(paths::kSchedLatReset, "");
+    PlantDevice(paths::kSchedLatReset, "");
     // Values all 0: no event, and the counters stay.
     WriteTable("binder_lat_info", true);
-    Write(paths::kBinderLatReset, "untouched");
+    PlantDevice(paths::kBinderLatReset, "untouched");
     // Reported, but its reset node is missing.
-    Write(paths::kMemLatInfo, "kswapd_cnt: 5\nkswapd_cnt: 9\npage_alloc_cnt: 12abc\n"
-                              "slowpath_cnt: 2147483648\nno colon at all\r\njunk: " +
-                                      std::string(4000, '\x01') + "\n");
+    PlantDevice(paths::kMemLatInfo, "kswapd_cnt: 5\nkswapd_cnt: 9\npage_alloc_cnt: 12abc\n"
+                                    "slowpath_cnt: 2147483648\nno colon at all\r\njunk: " +
+                                            std::string(4000, '\x01') + "\n");
     // Read, but none of it can be converted.
-    Write(paths::kLockingLatInfo, "vip_mutex_wait_min_cnt: x\n");
-    Write(paths::kLockingLatReset, "untouched");
-    Write(paths::kIowaitStatInfo, "");
+    PlantDevice(paths::kLockingLatInfo, "vip_mutex_wait_min_cnt: x\n");
+    PlantDevice(paths::kLockingLatReset, "untouched");
+    PlantDevice(paths::kIowaitStatInfo, "");
     AdvanceAndSettle(48 * 60 * kMinuteMs);
     EXPECT_TRUE(Events().empty());
 
@@ -152,7 +132,7 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
                        "Failed to open " + Device(paths::kDstateStatInfo) + ", err No such file or directory"));
 
     // A report the service refuses keeps the counters for the next day.
-    Write(paths::kSchedLatReset, "");
+    PlantDevice(paths::kSchedLatReset, "");
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     Dump({"KernelTrack"});
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
@@ -161,12 +141,11 @@ TEST_F(KernelTrackModuleTest, DumpReportsAtOnceAndResetsWhatItReported) {
     EXPECT_EQ(Read(paths::kSchedLatReset), "");
 }
 
-// Any uid may dump: one other than root and system never wipes the day's
-// counters, and sets off at most one report a minute.
+// Any uid may dump: one other than root and system never wipes the counters, and reports once a minute.
 TEST_F(KernelTrackModuleTest, AnOrdinaryCallersDumpReportsOnceAMinuteAndResetsNothing) {
     LoadModules();
     WriteTable("sched_lat_info", false);
-    Write(paths::kSchedLatReset, "");
+    PlantDevice(paths::kSchedLatReset, "");
     const std::string kept = "kernel stats: reported; counters kept (uid 2000 may not reset them)\n";
     const std::string again = "kernel stats: reported less than a minute ago; not again yet\n";
     struct Step {
@@ -194,10 +173,10 @@ TEST_F(KernelTrackModuleTest, AnOrdinaryCallersDumpReportsOnceAMinuteAndResetsNo
     EXPECT_EQ(log_.Count("[dump] test kernel stats", kModuleTag), 3u);
 }
 
-TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDaily) {
+TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheNamesUsersSee) {
     ASSERT_TRUE(android::base::SetProperty("persist.sys.stability.kernel_track_enable", "true"));
     clock_.SetWallMs(tarnis_test::TestClock::kStartWallMs + (23 * 60 + 30) * kMinuteMs);  // 23:30
-    WriteTable("binder_lat_info", false);
+    for (const UserTable& table : kUserTables) WriteTable(table.event, false);
     LoadModules();
     EXPECT_TRUE(Logged("OnAllModulesLoaded", "KernelTrack enable", ANDROID_LOG_ERROR, kModuleTag));
     EXPECT_TRUE(Logged("OnAllModulesLoaded", "DayMidnight: 0 h", 0, kModuleTag));
@@ -207,13 +186,24 @@ TEST_F(KernelTrackModuleTest, FirstRunAtLocalMidnightThenDaily) {
     EXPECT_TRUE(Events().empty());
     AdvanceAndSettle(1);
     EXPECT_EQ(log_.Count("[scheduleTrackTask] scheduleTrackTask", kModuleTag), 1u);
-    ASSERT_EQ(Events().size(), 1u);
+    const std::vector<Json::Value> events = Events();
+    ASSERT_EQ(events.size(), std::size(kUserTables));
+    ASSERT_EQ(KernelStatsTrack::tables().size(), std::size(kUserTables));
+    for (size_t t = 0; t < events.size(); ++t) {
+        const UserTable& table = kUserTables[t];
+        EXPECT_EQ(events[t]["EVENT_NAME"].asString(), table.event);
+        EXPECT_EQ(KernelStatsTrack::tables()[t].fields.size(), table.fields) << table.event;
+        EXPECT_EQ(events[t].size(), table.names.size() + 1) << events[t];
+        for (size_t i = 0; i < table.names.size(); ++i) {
+            EXPECT_EQ(events[t][table.names[i]].asInt(), static_cast<int>(i + 1)) << table.names[i];
+        }
+    }
     EXPECT_EQ(Read(paths::kBinderLatReset), "");  // no node: nothing made in its place
 
     AdvanceAndSettle(24 * 60 * kMinuteMs - 1);
-    EXPECT_EQ(Events().size(), 1u);
+    EXPECT_EQ(Events().size(), std::size(kUserTables));
     AdvanceAndSettle(1);
-    EXPECT_EQ(Events().size(), 2u);
+    EXPECT_EQ(Events().size(), 2 * std::size(kUserTables));
 }
 
 }  // namespace

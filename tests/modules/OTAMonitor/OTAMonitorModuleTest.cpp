@@ -1,16 +1,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include <android-base/properties.h>
 #include <log/log.h>
 
 #include "modules/OTAMonitor/OTAMonitor.h"
 #include "tests/support/ModABlackBox.h"
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
 #include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
 
@@ -25,10 +21,10 @@ constexpr char kStatus[] = "persist.sys.memory.snapshot.otastatus";
 constexpr char kWaiting[] = "ota_monitor_func: Waiting for ota_status: ";
 constexpr time_t kLogEpoch = 1795000000;
 
-class OTAMonitorModuleTest : public tarnis_test::ModuleTest {
+class OTAMonitorModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         partition_ = Device("/dev/block/by-name/blackbox");
         logDir_ = Device("/data/misc/update_engine_log");
         ASSERT_EQ(system(("mkdir -p '" + logDir_ + "' \"$(dirname '" + partition_ + "')\"").c_str()), 0);
@@ -48,8 +44,7 @@ protected:
         const size_t from = std::min(out.size(), out.find("OTA records"));
         return out.substr(from, out.find("  record 1:", from) - from);
     }
-    // Sets the status and waits until the monitor has handled it and waits
-    // for `next` for the `count`-th time.
+    // Sets the status; returns once the monitor waits for `next` for the `count`-th time.
     void Report(const std::string& status, const std::string& next, size_t count) {
         ASSERT_TRUE(SetProperty(kStatus, status));
         ASSERT_TRUE(WaitFor([&] { return log_.Count(kWaiting + next, kTag, ANDROID_LOG_INFO) >= count; }))
@@ -71,8 +66,6 @@ protected:
         WriteLog("update_engine.20261120-104000",
                  "[2026-11-20 10:40:00.456] snapshot: Merge finished with state MergeCompleted\n", 0);
     }
-
-    bool Stopped() { return Dump({"ModuleManager", "dump"}).find("OTAMonitor\t\tStopped") != std::string::npos; }
 
     std::string partition_, logDir_;
 };
@@ -96,8 +89,7 @@ TEST_F(OTAMonitorModuleTest, ElevenUpdatesOnAFreshV3PartitionWrapIntoSlotZero) {
 
     for (int n = 1; n <= 11; ++n) {
         if (n > 1) Report("ota_start", "ota_complete", n);
-        // The start of the eleventh update reuses slot 0 and writes only its
-        // own three fields there.
+        // The eleventh update's start reuses slot 0, writing only its own three fields there.
         if (n == 11) {
             EXPECT_STREQ(Zone().packageName[0], "ota-1.zip");
         }
@@ -110,8 +102,7 @@ TEST_F(OTAMonitorModuleTest, ElevenUpdatesOnAFreshV3PartitionWrapIntoSlotZero) {
     EXPECT_TRUE(log_.HasLine("save_update_metrics_to_black_box_after_merged: next_index: 1, tgt_slot: _b, "
                              "tgt_build: V816.0.3", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("update_count: 10", kTag, ANDROID_LOG_INFO));
-    // Shown by the service tool before any crash has laid down the log table;
-    // a record without its source fields, below, tells source from target.
+    // Shown by the service tool before any crash has laid down the log table.
     EXPECT_EQ(Shown(), "OTA records: 10 of 10, next index 1\n"
                        "  record 0: ota-11.zip, V816.0.3 (_b) -> V816.0.3 (_b), debuggable 1, "
                        "start 2026-11-20 10:15:00.123, end 2026-11-20 10:31:42.500, merged 2026-11-20 10:40:00.456\n");
@@ -131,13 +122,13 @@ TEST_F(OTAMonitorModuleTest, StartAlreadyReportedCompletesTheSlotFromTheLogs) {
     EXPECT_TRUE(log_.HasLine("file[0]: " + logDir_ + "/update_engine.20261120-104000", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("file[1]: " + logDir_ + "/update_engine.20261120-101500", kTag, ANDROID_LOG_INFO));
     for (const char* line : {"ota_start_time: 2026-11-20 10:15:00.123", "ota_package_name: ota-7.zip",
-                             "ota_end_time: 2026-11-20 10:31:42.500", "ota_merged_time: 2026-11-20 10:40:00.456"}) {
+                             "ota_end_time: 2026-11-20 10:31:42.500", "ota_merged_time: 2026-11-20 10:40:00.456",
+                             "end_time: 2026-11-20 10:31:42.500"}) {
         EXPECT_TRUE(log_.HasLine(line, kTag, ANDROID_LOG_INFO)) << line;
     }
     EXPECT_EQ(Zone().versionCode, 8192u);
     EXPECT_EQ(Shown(), "OTA records: 1 of 10, next index 1\n  record 0: ota-7.zip,  () -> V816.0.3 (_b), debuggable 0, "
                        "start 2026-11-20 10:15:00.123, end 2026-11-20 10:31:42.500, merged 2026-11-20 10:40:00.456\n");
-    EXPECT_TRUE(log_.HasLine("end_time: 2026-11-20 10:31:42.500", kTag, ANDROID_LOG_INFO));
 }
 
 TEST_F(OTAMonitorModuleTest, MissingLogsAndLinesLeaveTheirFieldsEmpty) {
@@ -181,32 +172,29 @@ TEST_F(OTAMonitorModuleTest, MissingLogsAndLinesLeaveTheirFieldsEmpty) {
         EXPECT_STREQ(zone.tgtBuild[i], "V816.0.3");
     }
     EXPECT_EQ(filled, "");
+
+    // The time is the text between the first brackets, cut to the record's 31 characters.
+    EXPECT_EQ(velmar::tarnis::extract_ota_time("no bracket"), nullptr);
+    EXPECT_TRUE(log_.HasLine("cannot find the start flag of timestamp", kTag, ANDROID_LOG_ERROR));
+    EXPECT_STREQ(velmar::tarnis::extract_ota_time("x [] y").get(), "");
+    EXPECT_STREQ(velmar::tarnis::extract_ota_time("[1120/101500.000001:INFO:main.cc(55)] Start").get(),
+                 "1120/101500.000001:INFO:main.cc");
 }
 
 TEST_F(OTAMonitorModuleTest, WithoutAUsablePartitionTheModuleEnds) {
     LoadModules();
-    ASSERT_TRUE(WaitFor([&] { return Stopped(); }));
+    ASSERT_TRUE(WaitFor([&] { return Stopped("OTAMonitor"); }));
     EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox partition is not existed, return directly!", kTag,
                              ANDROID_LOG_ERROR));
 
-    // A version-1 partition has no zone. The module shows as stopped a moment
-    // before its removal is through, and only then can it be loaded again.
+    // A version-1 partition has no zone; the module loads again only once its removal is through.
     ASSERT_TRUE(WaitFor(
         [&] { return log_.HasLine("[~ModuleBase] Bye~ OTAMonitor", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG); }));
     MakePartition(160 << 20);
     ASSERT_EQ(Dump({"ModuleManager", "load", "OTAMonitor"}), "Load module OTAMonitor succeed!\n");
-    ASSERT_TRUE(WaitFor([&] { return Stopped(); }));
+    ASSERT_TRUE(WaitFor([&] { return Stopped("OTAMonitor"); }));
     EXPECT_TRUE(log_.HasLine("ota_monitor_func: blackbox v1 is not support ota record zone, return directly!", kTag,
                              ANDROID_LOG_ERROR));
-}
-
-TEST(OtaTimeTest, TextBetweenTheFirstBracketsCutTo31Characters) {
-    platform::LogCapture log;
-    EXPECT_EQ(velmar::tarnis::extract_ota_time("no bracket"), nullptr);
-    EXPECT_TRUE(log.HasLine("cannot find the start flag of timestamp", kTag, ANDROID_LOG_ERROR));
-    EXPECT_STREQ(velmar::tarnis::extract_ota_time("x [] y").get(), "");
-    EXPECT_STREQ(velmar::tarnis::extract_ota_time("[1120/101500.000001:INFO:main.cc(55)] Start").get(),
-                 "1120/101500.000001:INFO:main.cc");
 }
 
 }  // namespace

@@ -4,9 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include <android-base/properties.h>
 #include <log/log.h>
@@ -26,14 +23,18 @@ constexpr int kW = ANDROID_LOG_WARN;
 constexpr int64_t kMinuteMs = 60 * 1000;
 constexpr char kTimerProperty[] = "persist.sys.stability.dorvad.rescue_space_monitor_timervalue";
 
-class RescueSpaceModuleTest : public tarnis_test::ModuleTest {
+class RescueSpaceModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         base_ = Device("/cache/");
-        // A partition of 100 blocks of which `used_` are taken.
+        // A partition of 100 blocks of which `used_` are taken; none when negative.
         RescueSpaceThread::SetStatfsForTesting([this](const char*, struct statfs* out) {
             ++statfsCalls_;
+            if (used_ < 0) {
+                errno = ENOENT;
+                return -1;
+            }
             *out = {};
             out->f_blocks = 100;
             out->f_bfree = 100 - used_.load();
@@ -41,25 +42,22 @@ protected:
         });
     }
     void TearDown() override {
-        ModuleTest::TearDown();
+        ModBModuleTest::TearDown();
         RescueSpaceThread::SetStatfsForTesting(nullptr);
     }
 
     std::string Plant(const std::string& relative, const std::string& content = "data") {
-        EXPECT_TRUE(tarnis_test::PlantFile(base_ + relative, content));
-        return base_ + relative;
+        return PlantDevice("/cache/" + relative, content);
     }
     // A core dump last changed `ageSeconds` before the test clock's now.
     std::string PlantCore(const std::string& name, int64_t ageSeconds) {
-        const std::string path = Device("/data/nuvilog/stability/nativecrash/coredump/") + name;
-        EXPECT_TRUE(tarnis_test::PlantFile(path, "core"));
+        const std::string path = PlantDevice("/data/nuvilog/stability/nativecrash/coredump/" + name, "core");
         struct timespec times[2] = {};
         times[0].tv_sec = times[1].tv_sec = clock_.WallNowMs() / 1000 - ageSeconds;
         EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
         return path;
     }
-    // The pause is a chain of one-minute steps, each posted when the one
-    // before it ran: time moves a minute at a time, as it would.
+    // The pause is a chain of one-minute sleeps: time moves a minute at a time, as it would.
     void AdvanceMinutes(int minutes) {
         for (int i = 0; i < minutes; ++i) AdvanceAndSettle(kMinuteMs);
     }
@@ -79,8 +77,14 @@ TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles)
     const std::string failkeeper = Plant("dorva/BootFailure/failkeeper.db");
     const std::string recovery = Plant("recovery/last_safemode");
 
-    used_ = 89;
+    // A partition that cannot be measured is not taken for full.
+    used_ = -1;
     LoadModules();
+    EXPECT_TRUE(log_.HasLine("failed to get " + base_ + " diskrate (No such file or directory)\n", kTag, kW));
+    EXPECT_TRUE(log_.HasLine("Unable to open directory " + base_ + "pwlog/: No such file or directory\n", kTag,
+                             ANDROID_LOG_ERROR));
+    used_ = 89;
+    AdvanceMinutes(20);
     EXPECT_TRUE(log_.HasLine("Rescue Partition space is enough, This diskrate is 89\n", kTag, ANDROID_LOG_INFO));
     EXPECT_FALSE(log_.Contains("Level 1:", kTag));
     EXPECT_TRUE(Exists(junk));
@@ -110,15 +114,22 @@ TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles)
     EXPECT_NE(oplog.find(": Unlink file: " + junk + ", size: 4\n"), std::string::npos) << oplog;
 }
 
-TEST_F(RescueSpaceModuleTest, SizeLimitIsFiftyMebibytesExactly) {
+TEST_F(RescueSpaceModuleTest, CoreDumpsOlderThanAnHourGoAndTheSizeLimitIsFiftyMebibytesExactly) {
+    const std::string young = PlantCore("young", 59 * 60);
+    const std::string old = PlantCore("old", 61 * 60);
     const std::string big = Plant("dumpstateTemporary/big");
     ASSERT_EQ(truncate(big.c_str(), 52428800), 0);
     LoadModules();
+    EXPECT_TRUE(log_.HasLine("Coredump space manager system starts!\n", kTag, kW));
+    EXPECT_TRUE(Exists(young));
+    EXPECT_FALSE(Exists(old));
     EXPECT_TRUE(Exists(big));
     EXPECT_FALSE(log_.Contains("Ready to delete", kTag));
 
+    // Twenty minutes later the young core is past the hour as well, and one byte more is over the limit.
     const std::string extra = Plant("dumpstateTemporary/sub/one", "x");
     AdvanceMinutes(20);
+    EXPECT_FALSE(Exists(young));
     EXPECT_TRUE(log_.HasLine("Ready to delete " + base_ + "dumpstateTemporary/ file, size = 52428801 \n", kTag, kW));
     EXPECT_FALSE(Exists(big));
     EXPECT_FALSE(Exists(extra));
@@ -127,30 +138,13 @@ TEST_F(RescueSpaceModuleTest, SizeLimitIsFiftyMebibytesExactly) {
     EXPECT_TRUE(log_.HasLine("Delete file :" + big + " success\n", kTag, ANDROID_LOG_INFO));
 }
 
-TEST_F(RescueSpaceModuleTest, CoreDumpsOlderThanAnHourGo) {
-    const std::string young = PlantCore("young", 59 * 60);
-    const std::string old = PlantCore("old", 61 * 60);
-    LoadModules();
-    EXPECT_TRUE(log_.HasLine("Coredump space manager system starts!\n", kTag, kW));
-    EXPECT_TRUE(Exists(young));
-    EXPECT_FALSE(Exists(old));
-    // Twenty minutes later the young one is past the hour as well.
-    AdvanceMinutes(20);
-    EXPECT_FALSE(Exists(young));
-}
-
-TEST_F(RescueSpaceModuleTest, CoreDumpPassIsOffUnderMtbfTest) {
+TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpinAndMtbfStopsTheCorePass) {
+    ASSERT_TRUE(android::base::SetProperty(kTimerProperty, "abc"));
     ASSERT_TRUE(android::base::SetProperty("persist.mtbf.test", "1"));
     const std::string old = PlantCore("old", 3 * 3600);
     LoadModules();
     EXPECT_TRUE(log_.HasLine("Disable coredump manager.", kTag, kW));
     EXPECT_TRUE(log_.HasLine("data_nuvilog_coredump is 0, mtbf_test_prop is 1\n", kTag, kW));
-    EXPECT_TRUE(Exists(old));
-}
-
-TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpin) {
-    ASSERT_TRUE(android::base::SetProperty(kTimerProperty, "abc"));
-    LoadModules();
     EXPECT_TRUE(log_.HasLine("Rescue partition space manager start!!\n", kTag, kW));
     EXPECT_TRUE(log_.HasLine("An invalid string was read: abc", kTag, kW));
     EXPECT_TRUE(log_.HasLine("Timer value is 20\n", kTag, kW));
@@ -175,6 +169,7 @@ TEST_F(RescueSpaceModuleTest, TimerPropertyPacesTheCycleAndZeroDoesNotSpin) {
     }
     EXPECT_EQ(Dump({"RescueSpace"}),
               "Dumping module RescueSpace: \ncycles: 5\n\n-------------------------------------\n");
+    EXPECT_TRUE(Exists(old));  // five cycles without the core pass
 }
 
 TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryResetWipe) {
@@ -206,6 +201,9 @@ TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryReset
     const std::string loose = Plant("dorva/BootFailure/report");
     const std::string flag = Plant("boot_flag");
     ASSERT_EQ(symlink(outside.c_str(), (base_ + "dirlink").c_str()), 0);
+    // Directories stay, their mode set by their name; one a stranger owns is opened up.
+    for (const char* dir : {"update_engine_log", "mine", "foreign"}) ASSERT_EQ(mkdir((base_ + dir).c_str(), 0700), 0);
+    const bool chowned = geteuid() == 0 && chown((base_ + "foreign").c_str(), 4321, 4321) == 0;
     RescueSpaceThread().FactoryResetWipeRescuePartition();
     EXPECT_TRUE(log_.HasLine("Factory Reset Wipe", kTag, kW));
     EXPECT_FALSE(Exists(loose));
@@ -213,6 +211,10 @@ TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryReset
     EXPECT_TRUE(Exists(base_ + "recovery/keep"));
     EXPECT_TRUE(Exists(base_ + "dorva/BootFailure"));
     EXPECT_EQ(ReadFile(outside + "/precious"), "precious");
+    if (!chowned) GTEST_SKIP() << "changing a file's owner needs root";
+    EXPECT_EQ(ModeOf(base_ + "update_engine_log"), S_IFDIR | 02775u);
+    EXPECT_EQ(ModeOf(base_ + "mine"), S_IFDIR | 0775u);
+    EXPECT_EQ(ModeOf(base_ + "foreign"), S_IFDIR | 0777u);
 }
 
 TEST_F(RescueSpaceModuleTest, OperationLogKeepsTheNewestHundredLines) {
@@ -224,39 +226,6 @@ TEST_F(RescueSpaceModuleTest, OperationLogKeepsTheNewestHundredLines) {
     std::string expected = std::to_string(clock_.WallNowMs() / 1000) + ": newest\n";
     for (int i = 1; i <= 99; ++i) expected += "old " + std::to_string(i) + "\n";
     EXPECT_EQ(ReadFile(path), expected);
-}
-
-TEST_F(RescueSpaceModuleTest, PermissionsFollowTheNameAndOpenUpForStrangers) {
-    ASSERT_EQ(mkdir(base_.c_str(), 0755), 0);
-    const std::string engine = base_ + "update_engine_log";
-    ASSERT_EQ(mkdir(engine.c_str(), 0700), 0);
-    const std::string mine = Plant("mine", "x");
-    const std::string foreign = Plant("foreign", "x");
-    ASSERT_EQ(chmod(mine.c_str(), 0600), 0);
-    if (geteuid() != 0 || chown(foreign.c_str(), 4321, 4321) != 0) {
-        GTEST_SKIP() << "changing a file's owner needs root";
-    }
-    RescueSpaceThread worker;
-    worker.UpdatePermission(engine);
-    worker.UpdatePermission(mine);
-    worker.UpdatePermission(foreign);
-    EXPECT_EQ(ModeOf(engine), S_IFDIR | 02775u);
-    EXPECT_EQ(ModeOf(mine), S_IFREG | 0775u);
-    EXPECT_EQ(ModeOf(foreign), S_IFREG | 0777u);
-}
-
-TEST_F(RescueSpaceModuleTest, FailuresAreLoggedAndStatfsFailureIsNotFull) {
-    RescueSpaceThread::SetStatfsForTesting([](const char*, struct statfs*) {
-        errno = ENOENT;
-        return -1;
-    });
-    RescueSpaceThread worker;
-    std::string base = worker.rescueBase();
-    EXPECT_FALSE(worker.IsPartitionSpaceRatioFull(base));
-    EXPECT_TRUE(log_.HasLine("failed to get " + base + " diskrate (No such file or directory)\n", kTag, kW));
-    EXPECT_EQ(worker.CountDirSize(base + "pwlog/"), 0u);
-    EXPECT_TRUE(log_.HasLine("Unable to open directory " + base + "pwlog/: No such file or directory\n", kTag,
-                             ANDROID_LOG_ERROR));
 }
 
 }  // namespace

@@ -3,14 +3,11 @@
 
 #include <chrono>
 #include <functional>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include <android-base/properties.h>
 #include <log/log.h>
 
-#include "tests/support/ModuleTest.h"
+#include "tests/support/ModBModuleTest.h"
 #include "tests/support/WaitFor.h"
 
 namespace {
@@ -21,10 +18,10 @@ using tarnis_test::ReadFile;
 
 constexpr char kTag[] = "TombstoneMonitor";
 
-class TombstoneMonitorModuleTest : public tarnis_test::ModuleTest {
+class TombstoneMonitorModuleTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
-        ModuleTest::SetUp();
+        ModBModuleTest::SetUp();
         in_ = Device("/data/tombstones/");
         out_ = Device("/data/nuvilog/stability/nativecrash/tombstones/");
         outside_ = elsewhere_.Sub("secret");
@@ -37,8 +34,7 @@ protected:
         const int64_t start = clock_.SteadyNowMs();
         EXPECT_TRUE(WaitFor([&] {
             if (done()) return true;
-            // A second per sleep of the worker: one moved while it is between
-            // two sleeps would pass unseen.
+            // A second per sleep of the worker: one moved between two sleeps would pass unseen.
             clock_.WaitForWaiters(1, std::chrono::milliseconds(100));
             clock_.Advance(1000);
             return false;
@@ -56,8 +52,18 @@ protected:
     std::string in_, out_, outside_;
 };
 
-TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly) {
+TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnlyBetweenTheDefaultDirectories) {
+    // Property directories climbing out of /data or through a link are refused for the defaults.
+    MakeDir(elsewhere_.Sub("in"));
+    MakeDir(elsewhere_.Sub("out"));
+    const std::string climbing = "/data/../../" + elsewhere_.path().substr(elsewhere_.path().rfind('/') + 1);
+    android::base::SetProperty("sys.tombstone.monitor.in.dir", climbing + "/in/");
+    ASSERT_EQ(symlink(elsewhere_.path().c_str(), Device("/data/planted").c_str()), 0);
+    android::base::SetProperty("sys.tombstone.monitor.out.dir", "/data/planted/out/");
     StartWatching();
+    for (const char* reason : {"climbs out of \"/data\"", "passes through a symbolic link"}) {
+        EXPECT_TRUE(log_.Contains(reason + std::string("; using the default /data/"), kTag, ANDROID_LOG_ERROR));
+    }
     ASSERT_TRUE(log_.HasLine("Tombstone Monitor is Start!", kTag, ANDROID_LOG_INFO));
     // The wait for the output directory is over; the listener has the events.
     EXPECT_NE(Dump({"TombstoneMonitor"}).find("TombstoneSetup: finished\nwatching: yes\n"), std::string::npos);
@@ -92,15 +98,19 @@ TEST_F(TombstoneMonitorModuleTest, MirrorsCreateModifyAndDeleteOfTombstonesOnly)
     ASSERT_TRUE(WaitFor([&] { return log_.Contains("remove path " + out_ + "tombstone_x failed!"); }));
 
     EXPECT_EQ(tarnis_test::RunShell("ls -A '" + out_ + "'"), "tombstone_03.pb\n");
+    EXPECT_TRUE(tarnis_test::ListDir(elsewhere_.Sub("out")).empty());
 }
 
-TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
+TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowedAndHostileTombstonesNeitherHoldNorFillTheMirror) {
     // Mirrored before the daemon ran; its mirror is now a link out of the tree.
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_06", "old"));
     MakeDir(out_);
     ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_06").c_str()), 0);
     ASSERT_EQ(symlink(outside_.c_str(), (out_ + "tombstone_05").c_str()), 0);
+    const std::string leftover = out_ + ".tarnis-tmp.tombstone_09.k3v9";
+    ASSERT_TRUE(tarnis_test::WriteFile(leftover, "half"));
     StartWatching();
+    EXPECT_FALSE(Exists(leftover));
 
     // A tombstone that is a link is not read.
     ASSERT_EQ(symlink(outside_.c_str(), (in_ + "tombstone_link").c_str()), 0);
@@ -116,29 +126,18 @@ TEST_F(TombstoneMonitorModuleTest, LinksAreNeverFollowed) {
     ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_05", "crash"));
     // Created, then written: the mirror may be copied empty first.
     ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_05") == "crash"; }));
-    struct stat st;
-    ASSERT_EQ(lstat((out_ + "tombstone_05").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_TRUE(S_ISREG(tarnis_test::ModeOf(out_ + "tombstone_05")));
 
     // Deleting removes the link itself.
     ASSERT_EQ(unlink((in_ + "tombstone_06").c_str()), 0);
     ASSERT_TRUE(WaitFor([&] { return !Exists(out_ + "tombstone_06"); }));
     EXPECT_EQ(ReadFile(outside_), "keep");
-}
-
-TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror) {
-    MakeDir(out_);
-    const std::string leftover = out_ + ".tarnis-tmp.tombstone_09.k3v9";
-    ASSERT_TRUE(tarnis_test::WriteFile(leftover, "half"));
-    StartWatching();
-    EXPECT_FALSE(Exists(leftover));
 
     ASSERT_EQ(mkfifo((in_ + "tombstone_fifo").c_str(), 0600), 0);
     ASSERT_TRUE(
             WaitFor([&] { return log_.HasLine(in_ + "tombstone_fifo is not a regular file, not mirrored", kTag); }));
 
-    // Data at 0 and at 32 MiB of a 256 MiB sparse file: the mirror stops at
-    // 64 MiB and keeps the holes.
+    // Data at 0 and 32 MiB of a 256 MiB sparse file: the mirror stops at 64 MiB and keeps the holes.
     const std::string big = in_ + "tombstone_10", mirror = out_ + "tombstone_10";
     tarnis_test::RunShell("printf head >" + big + "; truncate -s 256M " + big + "; printf tail | dd of=" + big +
                           " bs=1M seek=32 conv=notrunc status=none");
@@ -151,28 +150,6 @@ TEST_F(TombstoneMonitorModuleTest, HostileTombstonesNeitherHoldNorFillTheMirror)
     EXPECT_TRUE(log_.HasLine(big + " is 268435456 bytes, only its first 67108864 are mirrored", kTag));
 }
 
-// A directory from a property that climbs out of /data, or is reached through
-// a link, is refused and the default mirrored instead; the outside is left as
-// it was.
-TEST_F(TombstoneMonitorModuleTest, PropertyDirectoriesLeadingOutOfDataAreRefused) {
-    MakeDir(elsewhere_.Sub("in"));
-    MakeDir(elsewhere_.Sub("out"));
-    ASSERT_TRUE(tarnis_test::WriteFile(elsewhere_.Sub("out/tombstone_07"), "keep"));
-    // Two levels up from the root's /data lies the test's other directory.
-    const std::string climbing = "/data/../../" + elsewhere_.path().substr(elsewhere_.path().rfind('/') + 1);
-    android::base::SetProperty("sys.tombstone.monitor.in.dir", climbing + "/in/");
-    ASSERT_EQ(symlink(elsewhere_.path().c_str(), Device("/data/planted").c_str()), 0);
-    android::base::SetProperty("sys.tombstone.monitor.out.dir", "/data/planted/out/");
-    StartWatching();
-    for (const char* reason : {"climbs out of \"/data\"", "passes through a symbolic link"}) {
-        EXPECT_TRUE(log_.Contains(reason + std::string("; using the default /data/"), kTag, ANDROID_LOG_ERROR));
-    }
-    ASSERT_TRUE(tarnis_test::WriteFile(elsewhere_.Sub("in/tombstone_07"), "outside"));
-    ASSERT_TRUE(tarnis_test::WriteFile(in_ + "tombstone_07", "crash"));
-    ASSERT_TRUE(WaitFor([&] { return ReadFile(out_ + "tombstone_07") == "crash"; }));
-    EXPECT_EQ(ReadFile(elsewhere_.Sub("out/tombstone_07")), "keep");
-}
-
 TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNeverComes) {
     LoadModules();
     const std::string line = "wait " + out_ + " timeout, so exit: No such file or directory";
@@ -180,8 +157,7 @@ TEST_F(TombstoneMonitorModuleTest, EndsAndRemovesItselfWhenTheOutputDirectoryNev
     // 62 checks, each failed one followed by a second's sleep.
     EXPECT_GE(waited, 62 * 1000);
     EXPECT_LE(waited, 63 * 1000);
-    ASSERT_TRUE(WaitFor(
-            [&] { return Dump({"ModuleManager", "dump"}).find("TombstoneMonitor\t\tStopped") != std::string::npos; }));
+    ASSERT_TRUE(WaitFor([&] { return Stopped("TombstoneMonitor"); }));
     const std::string moduleTag = "Tarnis-TombstoneMonitorModule";
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] load TombstoneMonitor", moduleTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] TombstoneMonitor done~", moduleTag, ANDROID_LOG_INFO));
