@@ -52,7 +52,10 @@ const std::string kBsp = "/data/nuvilog/bsp";
 constexpr int64_t kDayMs = 86400000;
 constexpr int kD = ANDROID_LOG_DEBUG, kI = ANDROID_LOG_INFO, kW = ANDROID_LOG_WARN, kE = ANDROID_LOG_ERROR;
 
-void Write(const std::string& path, const std::string& content) { ASSERT_TRUE(tarnis_test::PlantFile(path, content)); }
+void Write(const std::string& path, const std::string& content) {
+    tarnis_test::RunShell("mkdir -p \"$(dirname '" + path + "')\"");
+    ASSERT_TRUE(tarnis_test::WriteFile(path, content));
+}
 
 using Names = std::vector<std::string>;
 using tarnis_test::Exists;
