@@ -337,14 +337,16 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
         ALOGE("refusing dump request %s: not a plain name", StringUtil::ForLog(request).c_str());
         return;
     }
-    const std::string base = paths::Get(velmar::kolto::capture_layout::IsRebootRequest(request)
-                                            ? velmar::kolto::capture_layout::CaptureServerDir(request, abUpdate_)
-                                            : baseDir_);
+    const std::string deviceBase = velmar::kolto::capture_layout::IsRebootRequest(request)
+                                       ? velmar::kolto::capture_layout::CaptureServerDir(request, abUpdate_)
+                                       : baseDir_;
+    const std::string base = paths::Get(deviceBase);
     const std::string requestDir = base + "/" + request + "/";
     MakeCaptureDir(base);
     if (!MakeCaptureDir(requestDir)) return;
-    const std::string path = base + "/" + request + "/" + request + "_" + NamePart("ro.product.device") + "_" +
+    const std::string name = request + "_" + NamePart("ro.product.device") + "_" +
                              NamePart("ro.build.version.incremental") + "_" + LocalTimeForName();
+    const std::string path = requestDir + name;
     ALOGI("dorvad dump to: %s\n", StringUtil::ForLog(path).c_str());
 
     std::vector<DumpAction> steps = CaptureSteps();
@@ -356,7 +358,9 @@ void CaptureServerThread::runCaptureLog(const char* rawRequest) {
             ALOGE("chmod failed: %s\n", strerror(errno));
         }
     }
-    CaptureLogUtil::dump_for_actions(requestDir.c_str(), path.c_str(), steps);
+    // The capture takes device paths, as the archive's placement checks them.
+    const std::string deviceDir = deviceBase + "/" + request + "/";
+    CaptureLogUtil::dump_for_actions(deviceDir.c_str(), (deviceDir + name).c_str(), steps);
 
     const std::string archive = path + ".zip";
     struct stat st {};

@@ -382,7 +382,7 @@ void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, co
             ALOGE("failed to remove %s, error: %s", StringUtil::ForLog(path).c_str(), strerror(errno));
         }
     };
-    if (CapturePackager::Compress(path.c_str(), outDir.c_str(), &attachments, kForActionsCompressSeconds, false,
+    if (CapturePackager::Compress(rawPath, rawOutDir, &attachments, kForActionsCompressSeconds, false,
                                   removeText) != 0) {
         // The archive may come late or not at all: the text and the uid
         // errors stay beside it.

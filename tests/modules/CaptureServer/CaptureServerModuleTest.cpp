@@ -138,6 +138,7 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteLandInTheirBas
     const std::string vold = Device("/data/nuvilog/stability/reboot/") + "/VoldFailed/VoldFailed_host_7_";
     EXPECT_EQ(LastCapturePath().substr(0, vold.size()), vold);
     EXPECT_TRUE(log_.HasLine("dorvad dump to: " + LastCapturePath() + "\n", kTag, ANDROID_LOG_INFO));
+    EXPECT_EQ(log_.Count("goes beside it"), 0u) << "the request's directory was taken for a foreign one";
     EXPECT_EQ(ModeOf(Device("/data/nuvilog/stability/reboot/VoldFailed")), S_IFDIR | 0775u);
     // Missing secure-world logs cannot be made readable; without their log daemon they are the kernel's.
     EXPECT_TRUE(log_.HasLine("chmod failed: No such file or directory\n", kTag, ANDROID_LOG_ERROR));
