@@ -22,6 +22,7 @@
 #include "utils/StringUtil.h"
 #include "utils/dump/CaptureLogUtil.h"
 #include "utils/dump/CapturePackager.h"
+#include "utils/dump/CaptureProgress.h"
 #include "utils/dump/CmdTool.h"
 #include "utils/dump/PersistFiles.h"
 #include "utils/wificond/NetlinkUtils.h"
@@ -63,6 +64,7 @@ binder::Status DorvaNativeDaemon::captureLog(const String16& type, const String1
             return RefusePath("captureLog", 45, why);
         }
     }
+    CaptureProgress progress(IPCThreadState::self()->getCallingPid());
     String16 type16 = type, headline16 = headline, where16 = where;
     std::vector<String16> actions16 = actions, params16 = params, files16 = files;
     CaptureLogUtil::dump_all(type16, headline16, actions16, params16, offline, id, useId, where16, files16,

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include <android-base/unique_fd.h>
@@ -95,6 +96,38 @@ std::string FindNewestArchive(const std::vector<std::string>& dirs, const std::s
         }
     }
     return best;
+}
+
+std::string ProgressFile(int client) { return std::string(paths::kCaptureProgressDir) + "/" + std::to_string(client); }
+
+std::string FormatProgress(const Progress& progress) {
+    return "archive=" + progress.archive + "\nsections=" + std::to_string(progress.done) + "/" +
+           std::to_string(progress.total) + "\n";
+}
+
+bool ParseProgress(const std::string& text, Progress* progress) {
+    Progress read;
+    bool sawSections = false;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        const std::string line = text.substr(start, end - start);
+        start = end + 1;
+        if (line.compare(0, 8, "archive=") == 0) {
+            read.archive = line.substr(8);
+        } else if (line.compare(0, 9, "sections=") == 0) {
+            unsigned long long done = 0, total = 0;
+            char tail = 0;
+            if (sscanf(line.c_str() + 9, "%llu/%llu%c", &done, &total, &tail) != 2 || done > total) return false;
+            read.done = static_cast<size_t>(done);
+            read.total = static_cast<size_t>(total);
+            sawSections = true;
+        }
+    }
+    if (!sawSections) return false;
+    *progress = read;
+    return true;
 }
 
 }  // namespace capture_layout

@@ -41,6 +41,20 @@ std::string CaptureServerDir(const std::string& name, bool abUpdate);
 std::string FindNewestArchive(const std::vector<std::string>& dirs, const std::string& mark, bool atStart,
                               const struct timespec& since);
 
+// What a running capture publishes for the client that ordered it: the
+// archive it goes to, once known (a device path), and its sections done of
+// the total. Replaced whole at each change, never written in place.
+struct Progress {
+    std::string archive;
+    size_t done = 0;
+    size_t total = 0;
+};
+// The file of the capture that the process `client` ordered (a device path).
+std::string ProgressFile(int client);
+std::string FormatProgress(const Progress& progress);
+// False for a text that is not a progress file.
+bool ParseProgress(const std::string& text, Progress* progress);
+
 }  // namespace capture_layout
 }  // namespace kolto
 }  // namespace velmar

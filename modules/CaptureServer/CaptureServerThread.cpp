@@ -32,6 +32,7 @@
 #include "utils/StringUtil.h"
 #include "utils/TempName.h"
 #include "utils/dump/CaptureLogUtil.h"
+#include "utils/dump/CaptureProgress.h"
 #include "utils/dump/DirectoryHelpers.h"
 
 namespace android {
@@ -297,6 +298,10 @@ void CaptureServerThread::Serve(int connection) {
         ++tally_.refused;
     } else {
         ALOGD("dorvad dump begin for dump request: %s\n", StringUtil::ForLog(request).c_str());
+        struct ucred peer {};
+        socklen_t length = sizeof(peer);
+        const pid_t client = getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.pid : 0;
+        CaptureProgress progress(client);
         runCaptureLog(request.c_str());
         // Counted before the answer goes, so that whoever has the answer finds it in the dump.
         ++tally_.served;

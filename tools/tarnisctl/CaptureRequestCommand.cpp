@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +21,7 @@
 #include <cutils/sockets.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
+#include "tools/tarnisctl/ProgressWatch.h"
 #include "utils/CaptureLayout.h"
 #include "utils/Paths.h"
 
@@ -31,11 +33,14 @@ namespace paths = velmar::kolto::paths;
 // A capture runs up to ~25 s of tools, then packs: two minutes is plenty.
 constexpr int kDefaultCaptureTimeoutS = 120;
 constexpr char kResponse[] = "finish";
+// How often the published progress is looked at while the answer is awaited.
+constexpr int64_t kWatchPollMs = 20;
 
 
 int CaptureRequest(const std::vector<std::string>& args) {
     std::string name;
     bool haveName = false;
+    bool protocol = false;
     double timeoutS = RequestedTimeoutMs() > 0 ? RequestedTimeoutMs() / 1000.0 : kDefaultCaptureTimeoutS;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
@@ -54,6 +59,8 @@ int CaptureRequest(const std::vector<std::string>& args) {
                 return UsageError("capture-request: --timeout needs a number of seconds between 0 and 86400, not '" +
                                   value + "'");
             }
+        } else if (arg == "-p") {
+            protocol = true;
         } else if (arg.size() > 1 && arg[0] == '-' && arg != "--") {
             return UsageError("capture-request: unknown option " + arg);
         } else if (!haveName) {
@@ -67,21 +74,20 @@ int CaptureRequest(const std::vector<std::string>& args) {
     // The header has one byte for the length.
     if (name.size() > 255) return UsageError("capture-request: NAME is longer than 255 bytes");
 
+    ProgressWatch watch(ProgressWatch::Choose(protocol));
     const time_t started = time(nullptr);
     android::base::unique_fd fd(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
     if (!fd.ok()) {
         const int error = errno;
-        fprintf(stderr, "tarnisctl: cannot reach the capture server at %s: %s\n",
-                paths::Get(std::string(paths::kSocketDir) + "dorvad").c_str(), strerror(error));
-        return 1;
+        return watch.Fail("tarnisctl: cannot reach the capture server at " +
+                          paths::Get(std::string(paths::kSocketDir) + "dorvad") + ": " + strerror(error));
     }
     std::string request = {'\0', '\0', '\0', static_cast<char>(name.size())};
     request += name;
     // The peer may go away: no SIGPIPE, a failed write says so.
     signal(SIGPIPE, SIG_IGN);
     if (!android::base::WriteFully(fd, request.data(), request.size())) {
-        fprintf(stderr, "tarnisctl: sending the request failed: %s\n", strerror(errno));
-        return 1;
+        return watch.Fail(std::string("tarnisctl: sending the request failed: ") + strerror(errno));
     }
 
     using Clock = std::chrono::steady_clock;
@@ -90,11 +96,13 @@ int CaptureRequest(const std::vector<std::string>& args) {
     while (reply.size() < strlen(kResponse)) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
-            fprintf(stderr, "tarnisctl: no answer from the capture server within %g s\n", timeoutS);
-            return 1;
+            char seconds[32];
+            snprintf(seconds, sizeof(seconds), "%g", timeoutS);
+            return watch.Fail(std::string("tarnisctl: no answer from the capture server within ") + seconds + " s");
         }
         struct pollfd pfd = {fd.get(), POLLIN, 0};
-        const int ready = poll(&pfd, 1, static_cast<int>(left.count()));
+        const int ready = poll(&pfd, 1, static_cast<int>(std::min<int64_t>(left.count(), kWatchPollMs)));
+        watch.Poll();
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) continue;
         char buffer[16];
@@ -102,10 +110,10 @@ int CaptureRequest(const std::vector<std::string>& args) {
         if (n <= 0) break;
         reply.append(buffer, static_cast<size_t>(n));
     }
+    watch.Poll();
     if (reply != kResponse) {
-        fprintf(stderr, "tarnisctl: the capture server closed the connection without finishing (answer: \"%s\")\n",
-                reply.c_str());
-        return 1;
+        return watch.Fail("tarnisctl: the capture server closed the connection without finishing (answer: \"" + reply +
+                          "\")");
     }
 
     namespace layout = velmar::kolto::capture_layout;
@@ -114,19 +122,16 @@ int CaptureRequest(const std::vector<std::string>& args) {
     const struct timespec since = {started - 1, 0};
     const std::string archive = layout::FindNewestArchive({dir + "/" + name}, name + "_", true, since);
     if (archive.empty()) {
-        fprintf(stderr,
-                "tarnisctl: the capture of \"%s\" finished but left no archive: it was too small (under 1024 "
-                "bytes) and deleted, or the name was refused (see the daemon's log)\n",
-                name.c_str());
-        return 1;
+        return watch.Fail("tarnisctl: the capture of \"" + name +
+                          "\" finished but left no archive: it was too small (under 1024 bytes) and deleted, or the "
+                          "name was refused (see the daemon's log)");
     }
-    printf("%s\n", archive.c_str());
-    return 0;
+    return watch.Ok(archive);
 }
 
-CtlCommandRegister gCaptureRequest({"capture-request", "NAME [--timeout S]",
+CtlCommandRegister gCaptureRequest({"capture-request", "NAME [--timeout S] [-p]",
                                     "ask the capture server (socket dorvad) for a quick capture; prints the archive "
-                                    "(waits up to S seconds, default 120)",
+                                    "(waits up to S seconds, default 120). -p: progress as capture -p gives it",
                                     CaptureRequest});
 
 }  // namespace

@@ -36,6 +36,11 @@ int Report(const char* what, const ndk::ScopedAStatus& status);
 inline int Report(const char* what, const android::binder::Status& status) {
     return Report(what, ndk::ScopedAStatus(status));
 }
+// What Report prints, "" for a call that succeeded.
+std::string Describe(const char* what, const ndk::ScopedAStatus& status);
+inline std::string Describe(const char* what, const android::binder::Status& status) {
+    return Describe(what, ndk::ScopedAStatus(status));
+}
 // A failed transport status as a sentence.
 std::string Explain(binder_status_t status);
 

@@ -19,6 +19,7 @@
 #include <host/Utf8.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
+#include "tools/tarnisctl/ProgressWatch.h"
 #include "utils/Paths.h"
 #include "utils/CaptureLayout.h"
 
@@ -38,12 +39,18 @@ constexpr int kCaptureCallMs = 700 * 1000;
 // What the daemon's runners allow a child after its time-out (SIGTERM, then SIGKILL).
 constexpr int kKillGraceMs = 15 * 1000;
 
-android::sp<IDorvaNative> ConnectDorva() {
+// With `why`, the reason goes there instead of to standard error.
+android::sp<IDorvaNative> ConnectDorva(std::string* why = nullptr) {
     const std::string name = platform::ToUtf8(IDorvaNative::descriptor);
     const android::sp<android::IBinder> binder = android::defaultServiceManager()->checkService(IDorvaNative::descriptor);
     if (!binder) {
-        fprintf(stderr, "tarnisctl: service %s is not running below root %s (is tarnisd running?)\n", name.c_str(),
-                platform::GetRoot().c_str());
+        const std::string message = "tarnisctl: service " + name + " is not running below root " +
+                                    platform::GetRoot() + " (is tarnisd running?)";
+        if (why != nullptr) {
+            *why = message;
+        } else {
+            fprintf(stderr, "%s\n", message.c_str());
+        }
         return nullptr;
     }
     return android::interface_cast<IDorvaNative>(binder);
@@ -87,11 +94,14 @@ struct ActionList {
 
 // The daemon names its archive after the type and headline and says nothing
 // back: the tool finds it where the daemon's own placement rules put it.
-int Capture(const std::vector<std::string>& args) {
+int Capture(const std::vector<std::string>& given) {
+    // -p first, as bugreportz takes it, or among the options.
+    const bool first = !given.empty() && given[0] == "-p";
+    const std::vector<std::string> args(given.begin() + (first ? 1 : 0), given.end());
     if (args.size() < 2) return UsageError("capture needs TYPE and HEADLINE");
     const std::string type = args[0], headline = args[1];
     ActionList list;
-    bool offline = false, useId = false, local = false;
+    bool offline = false, useId = false, local = false, protocol = first;
     int32_t id = -1;
     std::string where;
     std::vector<std::string> files;
@@ -104,6 +114,8 @@ int Capture(const std::vector<std::string>& args) {
         const bool hasValue = i + 1 < args.size();
         if (opt == "--offline") {
             offline = true;
+        } else if (opt == "-p") {
+            protocol = true;
         } else if (opt == "--use-id") {
             useId = true;
         } else if (opt == "--local") {
@@ -122,16 +134,23 @@ int Capture(const std::vector<std::string>& args) {
         }
     }
     if (list.actions.empty()) return UsageError("capture needs at least one --action (the daemon runs nothing otherwise)");
-    android::sp<IDorvaNative> service = ConnectDorva();
-    if (!service) return 1;
+    ProgressWatch watch(ProgressWatch::Choose(protocol));
+    std::string why;
+    android::sp<IDorvaNative> service = ConnectDorva(&why);
+    if (!service) return watch.Fail(why);
     RaiseDefaultTimeoutMs(kCaptureCallMs);
 
     struct timespec start;
     clock_gettime(CLOCK_REALTIME, &start);
-    int rc = Report("captureLog", service->captureLog(platform::ToUtf16(type), platform::ToUtf16(headline),
-                                                       ToUtf16(list.actions), ToUtf16(list.params), offline, id,
-                                                       useId, platform::ToUtf16(where), ToUtf16(files), local));
-    if (rc != 0) return rc;
+    std::string refusal;
+    watch.Follow([&] {
+        refusal = Describe("captureLog", service->captureLog(platform::ToUtf16(type), platform::ToUtf16(headline),
+                                                             ToUtf16(list.actions), ToUtf16(list.params), offline,
+                                                             id, useId, platform::ToUtf16(where), ToUtf16(files),
+                                                             local));
+        return 0;
+    });
+    if (!refusal.empty()) return watch.Fail(refusal);
 
     namespace layout = velmar::kolto::capture_layout;
     const std::string base = layout::CaptureBase(type, where, id, local);
@@ -139,13 +158,11 @@ int Capture(const std::vector<std::string>& args) {
     const std::string best =
         layout::FindNewestArchive({dir}, layout::ArchiveMark(type, layout::SanitizeHeadline(headline)), false, start);
     if (best.empty()) {
-        fprintf(stderr,
-                "tarnisctl: the daemon finished the capture but made no archive of it; its log says why "
-                "(a refused type or directory, or no space)\n");
-        return 1;
+        return watch.Fail(
+            "tarnisctl: the daemon finished the capture but made no archive of it; its log says why "
+            "(a refused type or directory, or no space)");
     }
-    printf("%s\n", best.c_str());
-    return 0;
+    return watch.Ok(best);
 }
 
 // ---- tools ----
@@ -378,8 +395,11 @@ int SockFilter(const std::vector<std::string>& args) {
 
 CtlCommandRegister gCapture({"capture",
                              "TYPE HEADLINE [--action A --param P]... [--offline] [--id N [--use-id]] [--where DIR] "
-                             "[--file PATH]... [--local]",
-                             "order a capture (IDorvaNative.captureLog); prints the archive it produced", Capture});
+                             "[--file PATH]... [--local] [-p]",
+                             "order a capture (IDorvaNative.captureLog); prints the archive it produced. -p: "
+                             "BEGIN:<archive>, PROGRESS:<done>/<total> as sections finish, then OK:<archive> or "
+                             "FAIL:<why>",
+                             Capture});
 CtlCommandRegister gRunCommand({"run-command", "ACTION PARAMS TIMEOUT_S",
                                 "run one whitelisted tool (PARAMS comma-separated); prints \"result: N\"", RunCommand});
 CtlCommandRegister gRunBatch({"run-batch", "PATH TIMEOUT_S --action A --param P ...",

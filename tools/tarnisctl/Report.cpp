@@ -37,18 +37,21 @@ std::string Explain(binder_status_t status) {
     }
 }
 
-int Report(const char* what, const ndk::ScopedAStatus& status) {
-    if (status.isOk()) return 0;
-    if (status.getExceptionCode() == EX_TRANSACTION_FAILED) {
-        fprintf(stderr, "%s: %s\n", what, Explain(status.getStatus()).c_str());
-    } else if ((status.getExceptionCode() == EX_SERVICE_SPECIFIC || status.getExceptionCode() == EX_SECURITY) &&
-               !status.getMessage().empty()) {
+std::string Describe(const char* what, const ndk::ScopedAStatus& status) {
+    if (status.isOk()) return "";
+    if (status.getExceptionCode() == EX_TRANSACTION_FAILED) return std::string(what) + ": " + Explain(status.getStatus());
+    if ((status.getExceptionCode() == EX_SERVICE_SPECIFIC || status.getExceptionCode() == EX_SECURITY) &&
+        !status.getMessage().empty()) {
         // The daemon's refusal says which check and why (or which caller may
         // not call what); it is the whole answer.
-        fprintf(stderr, "%s\n", status.getMessage().c_str());
-    } else {
-        fprintf(stderr, "%s: %s\n", what, status.getDescription().c_str());
+        return status.getMessage();
     }
+    return std::string(what) + ": " + status.getDescription();
+}
+
+int Report(const char* what, const ndk::ScopedAStatus& status) {
+    if (status.isOk()) return 0;
+    fprintf(stderr, "%s\n", Describe(what, status).c_str());
     return 1;
 }
 

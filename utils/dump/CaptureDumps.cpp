@@ -26,6 +26,7 @@
 #include "utils/BuildProbes.h"
 #include "utils/dump/CaptureFile.h"
 #include "utils/dump/CapturePackager.h"
+#include "utils/dump/CaptureProgress.h"
 #include "utils/dump/CommandRunner.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/dump/DumpstateClient.h"
@@ -218,6 +219,8 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
     const std::string path = CaptureFile::Create(dirFd.get(), logDir, type, headline, offline, id, useId, &out);
     if (path.empty()) return;
     ALOGI("dump_all path = %s", StringUtil::ForLog(path).c_str());
+    CaptureProgress::Archive(
+        paths::DeviceOf(packs ? CapturePackager::ArchiveFor(path, where.empty() ? nullptr : where.c_str()) : path));
     if (!CaptureFile::WriteHeader(out.get(), path, headline)) return;
     const auto uptime = [&path](int fd) { CommandRunner::RunInto({"uptime"}, fd, path.c_str(), 1); };
     // The core dumps are waited for between uptime and the tools.
@@ -264,14 +267,18 @@ void CaptureDumps::DumpAll(const String16& type16, const String16& headline16, c
         }
     }
     // A capture of one tool runs as it always did: uptime, then the tool.
+    const size_t steps = tools.size() + 1;
     SectionPool sections(out.get(), dirFd.get());
     if (!uptimeFirst && tools.size() > 1) {
         sections.Add(uptime);
     } else if (!uptimeFirst) {
+        CaptureProgress::Sections(0, steps);
         uptime(out.get());
     }
     for (SectionPool::Section& tool : tools) sections.Add(std::move(tool));
-    sections.Run();
+    const size_t before = steps - sections.size();
+    CaptureProgress::Sections(before, steps);
+    sections.Run([before, steps](size_t done, size_t) { CaptureProgress::Sections(before + done, steps); });
 
     std::string bugreport;
     if (wantBugreport) {
@@ -360,13 +367,15 @@ void CaptureDumps::DumpForActions(const char* rawOutDir, const char* rawPath, co
             TEMP_FAILURE_RETRY(open(outDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
         // A file that cannot be opened was reported by the header's write.
         SectionPool sections(out.get(), dir.get());
+        CaptureProgress::Archive(paths::DeviceOf(CapturePackager::ArchiveFor(path, rawOutDir)));
+        CaptureProgress::Sections(0, actions.size());
         for (const DumpAction& action : actions) {
             sections.Add([&path, &action](int fd) {
                 if (!action.title.empty()) CaptureFile::Append(fd, path, action.title + "\n");
                 CommandRunner::RunInto(action.command, fd, path.c_str(), action.timeout);
             });
         }
-        if (out.ok()) sections.Run();
+        if (out.ok()) sections.Run(CaptureProgress::Sections);
     }
 
     AnrTraces anr;

@@ -26,6 +26,7 @@
 
 #include "utils/BuildProbes.h"
 #include "utils/dump/CaptureFile.h"
+#include "utils/dump/CaptureProgress.h"
 #include "utils/dump/CmdTool.h"
 #include "utils/dump/DirectoryHelpers.h"
 #include "utils/ConfinedPath.h"
@@ -401,6 +402,11 @@ int CapturePackager::CompressWithTimeout(const std::string& zipPath, const std::
     return -1;
 }
 
+std::string CapturePackager::ArchiveFor(const std::string& path, const char* where) {
+    base::unique_fd whereFd;
+    return ArchivePath(path, where, &whereFd);
+}
+
 int CapturePackager::Compress(const char* rawPath, const char* rawWhere, std::vector<String16>* files, int timeoutSeconds,
                               bool isRecordInLocal, std::function<void(bool)> afterPack) {
     const std::string path = paths::Get(rawPath);
@@ -441,6 +447,7 @@ int CapturePackager::Compress(const char* rawPath, const char* rawWhere, std::ve
         zipPath += ".mtk";
     }
     if (Contains(path, "_ne_") && !nativeCrashFiles.empty()) CleanNativeCrashFiles(nativeCrashFiles);
+    CaptureProgress::Archive(paths::DeviceOf(zipPath));
     SetOwnerAndMode(zipPath, 0, 0774);
     if (base::GetBoolProperty("persist.sys.nuviofflinedb", false)) CopyToOfflineDatabase(zipPath);
     if (isRecordInLocal && Contains(zipPath, paths::kDorvaDir)) CopyToLocalRecord(zipPath);

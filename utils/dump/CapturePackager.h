@@ -22,6 +22,9 @@ public:
     // go only then.
     static int Compress(const char* path, const char* where, std::vector<String16>* files, int timeoutSeconds,
                         bool isRecordInLocal, std::function<void(bool complete)> afterPack = nullptr);
+    // The archive Compress will make of the capture `path` (file-system
+    // paths, `where` as Compress takes it), before the ".mtk" rename.
+    static std::string ArchiveFor(const std::string& path, const char* where);
     // Starts the worker on `zipPath` and waits for it up to the time-out.
     // Paths are file-system paths. With `zipDirFd`, the archive is made in
     // that open directory under `zipPath`'s last name, never by its path.
