@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -29,6 +30,7 @@ namespace layout = velmar::kolto::capture_layout;
 using velmar::kolto::TempName;
 
 thread_local CaptureProgress* tCurrent = nullptr;
+constexpr std::chrono::milliseconds kMinInterval(10);
 
 bool IsPid(const char* name, pid_t* pid) {
     char* end = nullptr;
@@ -85,9 +87,17 @@ void CaptureProgress::Archive(const std::string& deviceArchive) {
 
 void CaptureProgress::Sections(size_t done, size_t total) {
     if (tCurrent == nullptr) return;
-    tCurrent->progress_.done = done;
-    tCurrent->progress_.total = total;
-    tCurrent->Publish();
+    CaptureProgress& self = *tCurrent;
+    self.progress_.done = done;
+    self.progress_.total = total;
+    if (done == self.shown_.done && total == self.shown_.total) return;
+    // Clients look a few times a second: a quick run of sections is written
+    // once, not once each; a new total and the last section always. What
+    // waits is written when the caller asks again (the pool does while a
+    // section runs long).
+    const bool news = total != self.shown_.total || done == total;
+    if (!news && std::chrono::steady_clock::now() - self.published_ < kMinInterval) return;
+    self.Publish();
 }
 
 // Not synced: the state is for a client following it now, and a crash ends
@@ -99,7 +109,11 @@ void CaptureProgress::Publish() {
     std::string temp;
     base::unique_fd fd = TempName::CreateAt(dir_.get(), name, 0644, &temp);
     const bool written = fd.ok() && fchmod(fd.get(), 0644) == 0 && base::WriteFully(fd.get(), text.data(), text.size());
-    if (written && renameat(dir_.get(), temp.c_str(), dir_.get(), name.c_str()) == 0) return;
+    if (written && renameat(dir_.get(), temp.c_str(), dir_.get(), name.c_str()) == 0) {
+        published_ = std::chrono::steady_clock::now();
+        shown_ = progress_;
+        return;
+    }
     const int error = errno;
     if (fd.ok()) unlinkat(dir_.get(), temp.c_str(), 0);
     // Once per capture: a full disk must not fill the log too.

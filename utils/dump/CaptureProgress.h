@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 
@@ -37,7 +38,9 @@ private:
     pid_t client_;
     base::unique_fd dir_;
     velmar::kolto::capture_layout::Progress progress_;
+    velmar::kolto::capture_layout::Progress shown_;  // what the file says
     bool failed_ = false;
+    std::chrono::steady_clock::time_point published_;
     CaptureProgress* outer_;
 };
 

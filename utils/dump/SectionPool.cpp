@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <exception>
@@ -26,6 +27,7 @@ namespace {
 
 constexpr size_t kMaxWorkers = 16;
 constexpr size_t kCopyBytes = 64 * 1024;
+constexpr std::chrono::milliseconds kReportEvery(10);
 
 std::atomic<size_t> gWorkersForTesting{0};
 
@@ -146,8 +148,14 @@ void SectionPool::Run(const std::function<void(size_t done, size_t total)>& onSe
         base::unique_fd buffer;
         {
             std::unique_lock<std::mutex> guard(lock);
-            // Each section ends within its own time-out.
-            finished.wait(guard, [&] { return slots[i].done; });
+            // Each section ends within its own time-out; meanwhile the
+            // listener hears again where the capture stands.
+            while (!finished.wait_for(guard, kReportEvery, [&] { return slots[i].done; })) {
+                if (!onSection) continue;
+                guard.unlock();
+                onSection(i, total);
+                guard.lock();
+            }
             buffer = std::move(slots[i].buffer);
         }
         if (!buffer.ok()) {

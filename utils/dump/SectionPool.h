@@ -28,7 +28,8 @@ public:
 
     // Runs every section and appends each one's output to the capture, in
     // order, as soon as those before it are in. Returns when all are in.
-    // `onSection`, when given, hears (done, total) after each is appended.
+    // `onSection`, when given, hears (done, total) after each is appended,
+    // and again every few milliseconds while the next one is awaited.
     void Run(const std::function<void(size_t done, size_t total)>& onSection = nullptr);
 
     // How many sections run at once: twice the cores this process may run
