@@ -115,7 +115,6 @@ TEST_F(ToolsOutputTest, EachCommandsJsonFormHasItsFieldsAndFailuresStaySentences
         {"getprop --json", 0, {{"properties", Json::objectValue, {}}}, {"properties", "ro.product.device"}, "host"},
         {"dump --json", 0, {{"modules", Json::arrayValue, {name, text}}}, {"modules", "0", "module"},
          "AndroidCrashMonitor"},
-        {"dump --json -a", 0, {{"modules", Json::arrayValue, {name, text}}}, {}, ""},
         {"dump --json ModuleManager dump", 0,
          {{"modules", Json::arrayValue, {name, {"running", Json::booleanValue, {}}}}}, {"modules", "0", "running"},
          "true"},
