@@ -22,56 +22,12 @@ namespace {
 
 constexpr const char* kJournalDir = "/data/misc/tarnis";
 
-// Appends `text` as a JSON string. jsoncpp would copy bytes that are not
-// UTF-8 into the line as they are (with emitUTF8) or replace them (without),
-// so a caller's stray bytes would make the line unreadable or be lost. Here
-// valid UTF-8 stays as it is and every other byte XX becomes the lone
-// surrogate \udcXX, Python's "surrogateescape": the line is valid JSON in
-// valid UTF-8, and json.loads(line) then .encode("utf-8", "surrogateescape")
-// gives the caller's bytes back. Valid UTF-8 never holds a surrogate, so the
-// escape cannot be confused with text.
-void AppendQuoted(std::string* out, const std::string& text) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    out->push_back('"');
-    size_t pos = 0;
-    while (pos < text.size()) {
-        const auto byte = static_cast<unsigned char>(text[pos]);
-        const size_t length = platform::Utf8SequenceLength(text, pos);
-        if (length == 0) {
-            *out += "\\udc";
-            out->push_back(kHex[byte >> 4]);
-            out->push_back(kHex[byte & 0xF]);
-            ++pos;
-            continue;
-        }
-        switch (byte) {
-            case '"': *out += "\\\""; break;
-            case '\\': *out += "\\\\"; break;
-            case '\b': *out += "\\b"; break;
-            case '\f': *out += "\\f"; break;
-            case '\n': *out += "\\n"; break;
-            case '\r': *out += "\\r"; break;
-            case '\t': *out += "\\t"; break;
-            default:
-                if (byte < 0x20) {
-                    *out += "\\u00";
-                    out->push_back(kHex[byte >> 4]);
-                    out->push_back(kHex[byte & 0xF]);
-                } else {
-                    out->append(text, pos, length);
-                }
-                break;
-        }
-        pos += length;
-    }
-    out->push_back('"');
-}
-
 // The arguments are strings, lists of strings, bools and integers; only the
-// strings need the care above, the rest is written by jsoncpp.
+// strings need care (a caller's stray bytes must survive), the rest is
+// written by jsoncpp.
 void AppendValue(std::string* out, const Json::Value& value, const Json::StreamWriterBuilder& builder) {
     if (value.isString()) {
-        AppendQuoted(out, value.asString());
+        AppendJsonString(out, value.asString());
     } else if (value.isArray()) {
         out->push_back('[');
         for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
@@ -85,7 +41,7 @@ void AppendValue(std::string* out, const Json::Value& value, const Json::StreamW
         for (const std::string& name : value.getMemberNames()) {
             if (!first) out->push_back(',');
             first = false;
-            AppendQuoted(out, name);
+            AppendJsonString(out, name);
             out->push_back(':');
             AppendValue(out, value[name], builder);
         }
@@ -110,7 +66,7 @@ int EventJournal::Record(const char* call, const Json::Value& args) {
     builder["indentation"] = "";
     // Built by hand so that "call" comes first (jsoncpp orders keys by name).
     std::string text = "{\"call\":";
-    AppendQuoted(&text, call);
+    AppendJsonString(&text, call);
     text += ",\"args\":";
     AppendValue(&text, args, builder);
     text += "}\n";

@@ -34,4 +34,41 @@ size_t Utf8SequenceLength(const std::string& text, size_t pos) {
     return len;
 }
 
+void AppendJsonString(std::string* out, const std::string& text) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    out->push_back('"');
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const auto byte = static_cast<unsigned char>(text[pos]);
+        const size_t length = Utf8SequenceLength(text, pos);
+        if (length == 0) {
+            *out += "\\udc";
+            out->push_back(kHex[byte >> 4]);
+            out->push_back(kHex[byte & 0xF]);
+            ++pos;
+            continue;
+        }
+        switch (byte) {
+            case '"': *out += "\\\""; break;
+            case '\\': *out += "\\\\"; break;
+            case '\b': *out += "\\b"; break;
+            case '\f': *out += "\\f"; break;
+            case '\n': *out += "\\n"; break;
+            case '\r': *out += "\\r"; break;
+            case '\t': *out += "\\t"; break;
+            default:
+                if (byte < 0x20) {
+                    *out += "\\u00";
+                    out->push_back(kHex[byte >> 4]);
+                    out->push_back(kHex[byte & 0xF]);
+                } else {
+                    out->append(text, pos, length);
+                }
+                break;
+        }
+        pos += length;
+    }
+    out->push_back('"');
+}
+
 }  // namespace platform

@@ -94,17 +94,12 @@ defprop sys.boot_completed "0"
 # This "device" keeps the daily storage report switched on.
 defprop persist.sys.stability.f2fsTrackEnable "true"
 
-# Log directories the log manager keeps in bounds (see README, "Log directories");
-# a config edited by hand is kept.
+# Log directories the log manager keeps in bounds (see README, "Log directories"):
+# the default configuration that an install puts in place too; a config edited
+# by hand is kept.
 mkdir -p "$ROOT/data/nuvilog/bsp"
 if [ ! -e "$ROOT/system_ext/etc/tarnsys/log_config.json" ]; then
-  cat > "$ROOT/system_ext/etc/tarnsys/log_config.json" <<'LOGCONFIG'
-[
-  {"folderName": "demo_count", "maxLogNumber": 3},
-  {"folderName": "demo_size", "maxSize": 1024},
-  {"folderName": "demo_zip", "compress": true, "maxLogNumber": 5}
-]
-LOGCONFIG
+  cp "$REPO/config/log_config.json" "$ROOT/system_ext/etc/tarnsys/log_config.json"
 fi
 
 # Who may call which method of the daemon's services (binder and SELinux

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <android-base/parseint.h>
+#include <android-base/strings.h>
 #include <binder/IServiceManager.h>
 #include <host/Host.h>
 #include <nuvi/dorva/IDorvaNative.h>
@@ -19,6 +20,7 @@
 #include <host/Utf8.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
+#include "tools/tarnisctl/JsonWriter.h"
 #include "tools/tarnisctl/ProgressWatch.h"
 #include "utils/Paths.h"
 #include "utils/CaptureLayout.h"
@@ -167,7 +169,9 @@ int Capture(const std::vector<std::string>& given) {
 
 // ---- tools ----
 
-int RunCommand(const std::vector<std::string>& args) {
+int RunCommand(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     int32_t timeout = 0;
     if (args.size() != 3 || !ParseInt(args[2], &timeout)) return UsageError("run-command needs ACTION PARAMS TIMEOUT_S");
     android::sp<IDorvaNative> service = ConnectDorva();
@@ -177,11 +181,14 @@ int RunCommand(const std::vector<std::string>& args) {
     const int rc =
         Report("runCommand", service->runCommand(platform::ToUtf16(args[0]), platform::ToUtf16(args[1]), timeout, &result));
     if (rc != 0) return rc;
+    if (json) return JsonWriter().BeginObject().Key("result").Int(result).EndObject().Print();
     printf("result: %d\n", result);
     return 0;
 }
 
-int RunBatch(const std::vector<std::string>& args) {
+int RunBatch(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     int32_t timeout = 0;
     if (args.size() < 2 || !ParseInt(args[1], &timeout)) return UsageError("run-batch needs PATH TIMEOUT_S");
     ActionList list;
@@ -200,13 +207,17 @@ int RunBatch(const std::vector<std::string>& args) {
                           service->captureLogByRunCommand(ToUtf16(list.actions), ToUtf16(list.params),
                                                           platform::ToUtf16(args[0]), timeout));
     if (rc != 0) return rc;
-    printf("%s\n", platform::DevicePath(args[0]).c_str());
+    const std::string file = platform::DevicePath(args[0]);
+    if (json) return JsonWriter().BeginObject().Key("path").String(file).EndObject().Print();
+    printf("%s\n", file.c_str());
     return 0;
 }
 
 // ---- persist files ----
 
-int Persist(const std::vector<std::string>& args) {
+int Persist(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     if (args.empty()) return UsageError("persist needs create, write, read or list");
     const std::string& op = args[0];
     auto wrong = [&](const char* form) { return UsageError("usage: persist " + op + " " + form); };
@@ -226,8 +237,12 @@ int Persist(const std::vector<std::string>& args) {
     if (op == "create") {
         int32_t result = 0;
         const int rc = Report("createFileInPersist", service->createFileInPersist(platform::ToUtf16(args[1]), &result));
-        if (rc == 0) printf("result: %d\n", result);
-        return rc;
+        if (rc != 0) return rc;
+        if (json) {
+            return JsonWriter().BeginObject().Key("path").String(args[1]).Key("result").Int(result).EndObject().Print();
+        }
+        printf("result: %d\n", result);
+        return 0;
     }
     if (op == "write") return Report("writeToPersistFile", service->writeToPersistFile(platform::ToUtf16(args[1]), platform::ToUtf16(args[2])));
     String16 text;
@@ -235,6 +250,20 @@ int Persist(const std::vector<std::string>& args) {
                                 : Report("getFilesFromPersist", service->getFilesFromPersist(&text));
     if (rc != 0) return rc;
     const std::string text8 = platform::ToUtf8(text);
+    if (json) {
+        JsonWriter out;
+        out.BeginObject();
+        if (op == "read") {
+            out.Key("path").String(args[1]).Key("text").String(text8);
+        } else {
+            out.Key("files").BeginArray();
+            if (!text8.empty()) {
+                for (const std::string& path : android::base::Split(text8, ",")) out.String(path);
+            }
+            out.EndArray();
+        }
+        return out.EndObject().Print();
+    }
     if (op == "read") {
         fwrite(text8.data(), 1, text8.size(), stdout);
     } else {
@@ -264,13 +293,30 @@ int DebugPolicy(const std::vector<std::string>& args) {
     return service ? Report("flashDebugPolicy", service->flashDebugPolicy(mode)) : 1;
 }
 
-int StationInfo(const std::vector<std::string>& args) {
+int StationInfo(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     if (args.size() != 2) return UsageError("station-info needs IFNAME and PEER_MAC");
     android::sp<IDorvaNative> service = ConnectDorva();
     if (!service) return 1;
     nuvi::dorva::StationInfo info;
     const int rc = Report("getStationInfo", service->getStationInfo(platform::ToUtf16(args[0]), platform::ToUtf16(args[1]), &info));
     if (rc != 0) return rc;
+    if (json) {
+        JsonWriter out;
+        out.BeginObject().Key("interface").String(args[0]).Key("peer").String(args[1]);
+        out.Key("signal").Int(info.signal).Key("chain_signal_avg").BeginArray();
+        for (int32_t chain : {info.chainSignalAvg0, info.chainSignalAvg1, info.chainSignalAvg2, info.chainSignalAvg3}) {
+            out.Int(chain);
+        }
+        out.EndArray();
+        const std::pair<const char*, int32_t> rates[] = {
+            {"tx_mcs", info.txMcs}, {"tx_vht_mcs", info.txVhtMcs}, {"tx_he_mcs", info.txHeMcs},
+            {"tx_eht_mcs", info.txEhtMcs}, {"rx_mcs", info.rxMcs}, {"rx_vht_mcs", info.rxVhtMcs},
+            {"rx_he_mcs", info.rxHeMcs}, {"rx_eht_mcs", info.rxEhtMcs}};
+        for (const auto& [name, value] : rates) out.Key(name).Int(value);
+        return out.EndObject().Print();
+    }
     printf("signal: %d\nchain_signal_avg: %d %d %d %d\n", info.signal, info.chainSignalAvg0, info.chainSignalAvg1,
            info.chainSignalAvg2, info.chainSignalAvg3);
     printf("tx_mcs: %d\ntx_vht_mcs: %d\ntx_he_mcs: %d\ntx_eht_mcs: %d\n", info.txMcs, info.txVhtMcs, info.txHeMcs,
@@ -313,6 +359,16 @@ bool ParsePayload(const std::string& text, std::vector<uint8_t>* out) {
     return true;
 }
 
+std::string Hex(const uint8_t* data, size_t size) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string hex;
+    for (size_t i = 0; i < size; ++i) {
+        hex.push_back(kHex[data[i] >> 4]);
+        hex.push_back(kHex[data[i] & 0xF]);
+    }
+    return hex;
+}
+
 void PrintPacket(int index, const uint8_t* data, size_t size) {
     printf("packet %d: %zu bytes\n", index, size);
     for (size_t i = 0; i < size; i += 16) {
@@ -323,7 +379,9 @@ void PrintPacket(int index, const uint8_t* data, size_t size) {
     fflush(stdout);
 }
 
-int SockFilter(const std::vector<std::string>& args) {
+int SockFilter(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     if (args.empty()) return UsageError("sock-filter needs IFNAME");
     const std::string ifname = args[0];
     std::string srcMac, dstMac;
@@ -375,6 +433,10 @@ int SockFilter(const std::vector<std::string>& args) {
         return 1;
     }
     std::vector<uint8_t> buffer(65536);
+    // Packets as they come in the text form; the JSON form is one document,
+    // printed when the last one is in.
+    JsonWriter out;
+    out.BeginObject().Key("interface").String(ifname).Key("packets").BeginArray();
     for (int seen = 0; seen < count;) {
         struct pollfd pfd = {socket->get(), POLLIN, 0};
         const int n = poll(&pfd, 1, waitS * 1000);
@@ -388,9 +450,15 @@ int SockFilter(const std::vector<std::string>& args) {
             perror("tarnisctl: reading the filtered socket");
             return 1;
         }
-        PrintPacket(++seen, buffer.data(), static_cast<size_t>(got));
+        ++seen;
+        if (json) {
+            out.BeginObject().Key("size").Int(got).Key("hex").String(Hex(buffer.data(), static_cast<size_t>(got)));
+            out.EndObject();
+        } else {
+            PrintPacket(seen, buffer.data(), static_cast<size_t>(got));
+        }
     }
-    return 0;
+    return json ? out.EndArray().EndObject().Print() : 0;
 }
 
 CtlCommandRegister gCapture({"capture",
@@ -400,21 +468,21 @@ CtlCommandRegister gCapture({"capture",
                              "BEGIN:<archive>, PROGRESS:<done>/<total> as sections finish, then OK:<archive> or "
                              "FAIL:<why>",
                              Capture});
-CtlCommandRegister gRunCommand({"run-command", "ACTION PARAMS TIMEOUT_S",
+CtlCommandRegister gRunCommand({"run-command", "[--json] ACTION PARAMS TIMEOUT_S",
                                 "run one whitelisted tool (PARAMS comma-separated); prints \"result: N\"", RunCommand});
-CtlCommandRegister gRunBatch({"run-batch", "PATH TIMEOUT_S --action A --param P ...",
+CtlCommandRegister gRunBatch({"run-batch", "[--json] PATH TIMEOUT_S --action A --param P ...",
                               "run whitelisted tools into the file PATH (captureLogByRunCommand)", RunBatch});
-CtlCommandRegister gPersist({"persist", "create|write|read|list [PATH [CONTENT]]",
+CtlCommandRegister gPersist({"persist", "[--json] create|write|read|list [PATH [CONTENT]]",
                              "create, write, read or list files of the persist partition", Persist});
 CtlCommandRegister gCoreFilter({"core-filter", "PID on|off", "set a process's core-dump filter (0x39 on, 0x35 off)",
                                 CoreFilter});
 CtlCommandRegister gDebugPolicy({"debug-policy", "MODE",
                                  "flash the debug-policy images (1: apdp/msadp, else the signed ones)", DebugPolicy});
-CtlCommandRegister gStationInfo({"station-info", "IFNAME PEER_MAC", "print a Wi-Fi station's statistics (nl80211)",
-                                 StationInfo});
+CtlCommandRegister gStationInfo({"station-info", "[--json] IFNAME PEER_MAC",
+                                 "print a Wi-Fi station's statistics (nl80211)", StationInfo});
 CtlCommandRegister gWipeRescue({"wipe-rescue", "", "wipe the rescue partition as a factory reset does", WipeRescue});
 CtlCommandRegister gSockFilter({"sock-filter",
-                                "IFNAME [--src-mac M] [--dst-mac M] [--src-ip A] [--dst-ip A] [--protocol N] "
+                                "[--json] IFNAME [--src-mac M] [--dst-mac M] [--src-ip A] [--dst-ip A] [--protocol N] "
                                 "[--src-port N] [--dst-port N] [--payload TEXT|hex:HEX] [--extra N] [--count N] "
                                 "[--wait S]",
                                 "attach a packet filter and print the first N packets it passes (default 1, "

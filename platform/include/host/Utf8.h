@@ -14,6 +14,16 @@ namespace platform {
 // journal escape what does not pass.
 size_t Utf8SequenceLength(const std::string& text, size_t pos);
 
+// Appends `text` as a JSON string (RFC 8259), for the event journal and the
+// tools' output alike. Valid UTF-8 stays as it is and every other byte XX
+// becomes the lone surrogate \udcXX, Python's "surrogateescape": the result
+// is valid JSON in valid UTF-8, and a reader that keeps lone surrogates (or
+// json.loads(line) then .encode("utf-8", "surrogateescape")) gets the bytes
+// back. jsoncpp would copy such bytes through or replace them, losing them
+// or the document. Valid UTF-8 never holds a surrogate, so the escape cannot
+// be confused with text.
+void AppendJsonString(std::string* out, const std::string& text);
+
 // The interfaces carry UTF-16 and the daemon works in UTF-8; these convert
 // whole strings, embedded NULs included.
 inline std::string ToUtf8(const android::String16& text) {
