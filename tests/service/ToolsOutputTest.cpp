@@ -136,6 +136,13 @@ TEST_F(ToolsOutputTest, EachCommandsJsonFormHasItsFieldsAndFailuresStaySentences
         {"run-command --json cat /proc/version 5", 0, {{"result", Json::intValue, {}}}, {"result"}, "0"},
         {"run-batch --json /data/batch.txt 5 --action cat --param /proc/version", 0,
          {{"path", Json::stringValue, {}}}, {"path"}, root.Sub("data/batch.txt")},
+        {"capture --json demo h --action getprop --param ro.product.device", 0, {{"archive", Json::stringValue, {}}},
+         {},
+         ""},
+        {"capture-request --json BootFailure", 0, {{"archive", Json::stringValue, {}}}, {}, ""},
+        {"capture --json ../x h --action getprop", 1, {}, {},
+         "tarnisctl: the daemon finished the capture but made no archive of it; its log says why (a refused type or "
+         "directory, or no space)"},
         {"dump --json NoSuchModule", 1, {}, {}, "Module NoSuchModule not found!!"},
         {"dump --json ModuleManager load NoSuchModule", 1, {}, {},
          "Load module NoSuchModule failed! See Logcat for details."},

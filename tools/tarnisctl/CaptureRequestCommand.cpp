@@ -21,6 +21,7 @@
 #include <cutils/sockets.h>
 
 #include "tools/tarnisctl/CtlCommand.h"
+#include "tools/tarnisctl/JsonWriter.h"
 #include "tools/tarnisctl/ProgressWatch.h"
 #include "utils/CaptureLayout.h"
 #include "utils/Paths.h"
@@ -37,7 +38,9 @@ constexpr char kResponse[] = "finish";
 constexpr int64_t kWatchPollMs = 20;
 
 
-int CaptureRequest(const std::vector<std::string>& args) {
+int CaptureRequest(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     std::string name;
     bool haveName = false;
     bool protocol = false;
@@ -74,7 +77,10 @@ int CaptureRequest(const std::vector<std::string>& args) {
     // The header has one byte for the length.
     if (name.size() > 255) return UsageError("capture-request: NAME is longer than 255 bytes");
 
-    ProgressWatch watch(ProgressWatch::Choose(protocol));
+    if (json && protocol) {
+        return UsageError("capture-request: -p and --json are two ways of printing the result; choose one");
+    }
+    ProgressWatch watch(ProgressWatch::Choose(protocol), json);
     const time_t started = time(nullptr);
     android::base::unique_fd fd(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
     if (!fd.ok()) {
@@ -129,7 +135,7 @@ int CaptureRequest(const std::vector<std::string>& args) {
     return watch.Ok(archive);
 }
 
-CtlCommandRegister gCaptureRequest({"capture-request", "NAME [--timeout S] [-p]",
+CtlCommandRegister gCaptureRequest({"capture-request", "[--json] NAME [--timeout S] [-p]",
                                     "ask the capture server (socket dorvad) for a quick capture; prints the archive "
                                     "(waits up to S seconds, default 120). -p: progress as capture -p gives it",
                                     CaptureRequest});

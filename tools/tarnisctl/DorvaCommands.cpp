@@ -97,9 +97,11 @@ struct ActionList {
 // The daemon names its archive after the type and headline and says nothing
 // back: the tool finds it where the daemon's own placement rules put it.
 int Capture(const std::vector<std::string>& given) {
+    std::vector<std::string> args = given;
+    const bool json = TakeJsonOption(&args);
     // -p first, as bugreportz takes it, or among the options.
-    const bool first = !given.empty() && given[0] == "-p";
-    const std::vector<std::string> args(given.begin() + (first ? 1 : 0), given.end());
+    const bool first = !args.empty() && args[0] == "-p";
+    if (first) args.erase(args.begin());
     if (args.size() < 2) return UsageError("capture needs TYPE and HEADLINE");
     const std::string type = args[0], headline = args[1];
     ActionList list;
@@ -136,7 +138,8 @@ int Capture(const std::vector<std::string>& given) {
         }
     }
     if (list.actions.empty()) return UsageError("capture needs at least one --action (the daemon runs nothing otherwise)");
-    ProgressWatch watch(ProgressWatch::Choose(protocol));
+    if (json && protocol) return UsageError("capture: -p and --json are two ways of printing the result; choose one");
+    ProgressWatch watch(ProgressWatch::Choose(protocol), json);
     std::string why;
     android::sp<IDorvaNative> service = ConnectDorva(&why);
     if (!service) return watch.Fail(why);
@@ -462,7 +465,8 @@ int SockFilter(const std::vector<std::string>& given) {
 }
 
 CtlCommandRegister gCapture({"capture",
-                             "TYPE HEADLINE [--action A --param P]... [--offline] [--id N [--use-id]] [--where DIR] "
+                             "[--json] TYPE HEADLINE [--action A --param P]... [--offline] [--id N [--use-id]] "
+                             "[--where DIR] "
                              "[--file PATH]... [--local] [-p]",
                              "order a capture (IDorvaNative.captureLog); prints the archive it produced. -p: "
                              "BEGIN:<archive>, PROGRESS:<done>/<total> as sections finish, then OK:<archive> or "

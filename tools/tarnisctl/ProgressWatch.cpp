@@ -11,6 +11,7 @@
 
 #include <android-base/file.h>
 
+#include "tools/tarnisctl/JsonWriter.h"
 #include "utils/CaptureLayout.h"
 #include "utils/Paths.h"
 
@@ -34,7 +35,7 @@ ProgressWatch::Mode ProgressWatch::Choose(bool protocol) {
     return isatty(STDERR_FILENO) ? Mode::kBar : Mode::kQuiet;
 }
 
-ProgressWatch::ProgressWatch(Mode mode) : mode_(mode) {
+ProgressWatch::ProgressWatch(Mode mode, bool json) : mode_(mode), json_(json) {
     // A file left by an earlier process with this pid is older than us.
     clock_gettime(CLOCK_REALTIME, &start_);
     start_.tv_sec -= 1;
@@ -89,6 +90,8 @@ int ProgressWatch::Ok(const std::string& archive) {
     ClearBar();
     if (mode_ == Mode::kProtocol) {
         printf("OK:%s\n", archive.c_str());
+    } else if (json_) {
+        return JsonWriter().BeginObject().Key("archive").String(archive).EndObject().Print();
     } else {
         printf("%s\n", archive.c_str());
     }

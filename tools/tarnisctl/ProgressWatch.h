@@ -21,7 +21,8 @@ public:
     // The protocol when asked for; else a bar when standard error is a terminal.
     static Mode Choose(bool protocol);
 
-    explicit ProgressWatch(Mode mode);
+    // With `json`, the archive goes out as {"archive": PATH}.
+    explicit ProgressWatch(Mode mode, bool json = false);
 
     // Runs `work` (which returns the command's status) on a thread of its
     // own and follows the capture until it returns.
@@ -39,6 +40,7 @@ private:
     void ClearBar();
 
     Mode mode_;
+    bool json_;
     struct timespec start_;
     bool begun_ = false;
     size_t done_ = 0;
