@@ -17,7 +17,6 @@
 #include "platform/LogCapture.h"
 #include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
-#include "tests/support/ManagerThread.h"
 
 using namespace velmar::kolto;
 using tarnis_test::CountExact;
@@ -85,8 +84,7 @@ TEST(BroadcastTest, MalformedPeerJsonStillDeliversTheAction) {
         EXPECT_EQ(intent.action, "tarnis.test.BAD");
         EXPECT_TRUE(intent.extras.empty());
     }
-    // The empty body, "{not json" and the deep one are not JSON; "{\"extras\":5}"
-    // and "[1,2]" have no extras array.
+    // "{\"extras\":5}" and "[1,2]" are JSON, without an extras array.
     EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] ConvertStringToJson failed!", kInternalTag, ANDROID_LOG_ERROR),
               3u);
     EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] extras is null or not the valid array! intent will no extra info",
@@ -169,9 +167,6 @@ TEST(BroadcastTest, MatchingHonoursActionAndInternalMarker) {
     EXPECT_TRUE(InternalBroadcastManager::sendBroadcast(Intent("tarnis.test.MATCH"), false));
     ASSERT_TRUE(internalOnly.Wait(1));
     local.unregisterReceiver(&anyLocal);
-    InternalBroadcastManager::unregisterReceiver(&internalOnly);
-    // With every receiver gone, nobody listens to the action any more.
-    EXPECT_FALSE(local.sendBroadcast(Intent("tarnis.test.MATCH"), true));
 }
 
 TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregistered) {

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -26,6 +25,7 @@
 
 using namespace velmar::kolto;
 using tarnis_test::TempDir;
+using tarnis_test::WriteFile;
 
 namespace {
 
@@ -38,28 +38,22 @@ struct Event {
 };
 
 // What the listener hands over, kept apart from it so that it exists before
-// the listener's thread does.
+// the listener's thread does and is read after the listener is gone.
 class Recorder {
 public:
     void Add(Event event) {
         std::unique_lock<std::mutex> guard(lock_);
         events_.push_back(std::move(event));
-        if (events_.size() == 1 && holdFirst_) {
-            entered_.set_value();
-            // Bounded, so that a test that fails before releasing it still ends.
-            cond_.wait_for(guard, std::chrono::seconds(10), [this] { return released_; });
-        }
+        if (events_.size() > 1 || !release_.valid()) return;
+        guard.unlock();
+        entered_.set_value();
+        release_.wait_for(std::chrono::seconds(10));
     }
-    // The first event keeps the listener's thread until Release(), so that
-    // what happens meanwhile queues up in the kernel.
-    std::future<void> HoldFirst() {
-        holdFirst_ = true;
+    // The first event keeps the listener's thread (ten seconds at most) until
+    // `release` is set, so that what happens meanwhile queues up in the kernel.
+    std::future<void> HoldFirst(std::shared_future<void> release) {
+        release_ = std::move(release);
         return entered_.get_future();
-    }
-    void Release() {
-        std::lock_guard<std::mutex> guard(lock_);
-        released_ = true;
-        cond_.notify_all();
     }
     // True once an event from `path` named `name` arrived.
     bool WaitFor(const std::string& path, const std::optional<std::string>& name) {
@@ -69,9 +63,6 @@ public:
                                [&](const Event& event) { return event.path == path && event.name == name; });
         });
     }
-    bool WaitForCount(size_t count) {
-        return tarnis_test::WaitFor([&] { return Events().size() >= count; });
-    }
     std::vector<Event> Events() {
         std::lock_guard<std::mutex> guard(lock_);
         return events_;
@@ -79,10 +70,8 @@ public:
 
 private:
     std::mutex lock_;
-    std::condition_variable cond_;
     std::vector<Event> events_;
-    bool holdFirst_ = false;
-    bool released_ = false;
+    std::shared_future<void> release_;
     std::promise<void> entered_;
 };
 
@@ -107,12 +96,6 @@ private:
     const bool stopOnEvent_;
 };
 
-void Touch(const std::string& path) {
-    const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0) << path;
-    close(fd);
-}
-
 void MakeDirs(const std::vector<std::string>& dirs) {
     for (const std::string& dir : dirs) ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
 }
@@ -128,7 +111,7 @@ bool DeleteWithin(FileEventListener* listener, const std::string& wakeDir) {
         deleted.set_value();
     });
     const bool inTime = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
-    if (!inTime) Touch(wakeDir + "/wake");
+    if (!inTime) tarnis_test::WriteFile(wakeDir + "/wake", "");
     deleter.join();
     return inTime;
 }
@@ -145,13 +128,13 @@ protected:
 TEST_F(FileEventListenerTest, NamesTheFileOnlyForEventsInsideAWatchedDirectory) {
     const std::string file = tmp.Sub("watched.txt");
     const std::string dir = tmp.Sub("dir");
-    ASSERT_TRUE(tarnis_test::WriteFile(file, "a"));
+    ASSERT_TRUE(WriteFile(file, "a"));
     MakeDirs({dir});
     RecordingListener listener(&recorder, {}, IN_MODIFY | IN_CREATE, {file, dir});
 
-    ASSERT_TRUE(tarnis_test::WriteFile(file, "changed"));
+    ASSERT_TRUE(WriteFile(file, "changed"));
     ASSERT_TRUE(recorder.WaitFor(file, std::nullopt));
-    Touch(dir + "/inside.log");
+    ASSERT_TRUE(WriteFile(dir + "/inside.log", ""));
     ASSERT_TRUE(recorder.WaitFor(dir, std::string("inside.log")));
     for (const Event& event : recorder.Events()) {
         if (event.path == file) {
@@ -181,7 +164,7 @@ TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchabl
     EXPECT_NE(listener.addWatching(tmp.path(), IN_DELETE), 0);
     EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + tmp.path() + " failed! error: Already Watched",
                                 kTag, ANDROID_LOG_INFO));
-    Touch(tmp.Sub("created"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("created"), ""));
     EXPECT_TRUE(recorder.WaitFor(tmp.path(), std::string("created")));
 
     EXPECT_TRUE(listener.removeWatching(tmp.path()));
@@ -192,7 +175,7 @@ TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchabl
     EXPECT_EQ(listener.addWatching(tmp.path(), IN_CREATE), 0);
     EXPECT_EQ(listener.addWatching(slashed, IN_CREATE), 0);
     EXPECT_TRUE(listener.removeWatching(tmp.path()));
-    Touch(tmp.Sub("again"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("again"), ""));
     EXPECT_TRUE(recorder.WaitFor(slashed, std::string("again")));
 }
 
@@ -210,8 +193,8 @@ TEST_F(FileEventListenerTest, AWatchNeverFollowsALinkSwappedInForItsDirectory) {
     ASSERT_EQ(rename(tmp.Sub("link").c_str(), tmp.Sub("logs").c_str()), 0);
     EXPECT_EQ(listener.addWatching(tmp.Sub("logs"), fd, IN_CREATE), 0);
     close(fd);
-    Touch(tmp.Sub("outside/planted"));
-    Touch(tmp.Sub("moved/ours"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("outside/planted"), ""));
+    ASSERT_TRUE(WriteFile(tmp.Sub("moved/ours"), ""));
     ASSERT_TRUE(recorder.WaitFor(tmp.Sub("logs"), std::string("ours")));
     for (const Event& event : recorder.Events()) EXPECT_NE(event.name, std::string("planted"));
 }
@@ -220,16 +203,17 @@ TEST_F(FileEventListenerTest, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWar
     const std::string kept = tmp.Sub("kept");
     const std::string dropped = tmp.Sub("dropped");
     MakeDirs({kept, dropped});
-    std::future<void> held = recorder.HoldFirst();
+    std::promise<void> release;
+    std::future<void> held = recorder.HoldFirst(release.get_future().share());
     RecordingListener listener(&recorder, {}, IN_CREATE, {kept, dropped});
 
-    Touch(kept + "/first");
+    ASSERT_TRUE(WriteFile(kept + "/first", ""));
     ASSERT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    Touch(dropped + "/x");
-    Touch(dropped + "/y");
+    ASSERT_TRUE(WriteFile(dropped + "/x", ""));
+    ASSERT_TRUE(WriteFile(dropped + "/y", ""));
     EXPECT_TRUE(listener.removeWatching(dropped));
-    Touch(kept + "/last");
-    recorder.Release();
+    ASSERT_TRUE(WriteFile(kept + "/last", ""));
+    release.set_value();
     // Kernel order: by the time "last" arrives the others were read.
     ASSERT_TRUE(recorder.WaitFor(kept, std::string("last")));
     for (const Event& event : recorder.Events()) EXPECT_EQ(event.path, kept);
@@ -248,9 +232,9 @@ TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralRe
     std::vector<std::string> names;
     for (int i = 0; i < 200; ++i) {
         names.push_back("f" + std::to_string(1000 + i) + std::string(i % 77, 'x'));
-        Touch(tmp.Sub(names.back()));
+        ASSERT_TRUE(WriteFile(tmp.Sub(names.back()), ""));
     }
-    ASSERT_TRUE(recorder.WaitForCount(names.size()));
+    ASSERT_TRUE(recorder.WaitFor(tmp.path(), names.back()));
     const std::vector<Event> events = recorder.Events();
     ASSERT_EQ(events.size(), names.size());
     for (size_t i = 0; i < names.size(); ++i) {
@@ -262,7 +246,7 @@ TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralRe
 TEST_F(FileEventListenerTest, DestructionEndsTheWaitAndLogsTheCleanup) {
     auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
     // Once an event went through, the loop is back waiting.
-    Touch(tmp.Sub("one"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("one"), ""));
     ASSERT_TRUE(recorder.WaitFor(tmp.path(), std::string("one")));
     ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup...", kTag, ANDROID_LOG_DEBUG));
@@ -276,9 +260,9 @@ TEST_F(FileEventListenerTest, DestructionEndsTheWaitAndLogsTheCleanup) {
 
 TEST_F(FileEventListenerTest, StopFromTheEventEndsDispatching) {
     auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()}, true);
-    Touch(tmp.Sub("a"));
-    Touch(tmp.Sub("b"));
-    ASSERT_TRUE(recorder.WaitForCount(1));
+    ASSERT_TRUE(WriteFile(tmp.Sub("a"), ""));
+    ASSERT_TRUE(WriteFile(tmp.Sub("b"), ""));
+    ASSERT_TRUE(recorder.WaitFor(tmp.path(), std::string("a")));
     EXPECT_TRUE(DeleteWithin(listener, tmp.path()));
     EXPECT_EQ(recorder.Events().size(), 1u);
 }
@@ -307,7 +291,7 @@ TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillClean
                                 ANDROID_LOG_ERROR));
     EXPECT_NE(added, 0);
     EXPECT_FALSE(listener->removeWatching(tmp.path()));
-    Touch(tmp.Sub("unseen"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("unseen"), ""));
     ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
     EXPECT_TRUE(recorder.Events().empty());

@@ -17,11 +17,18 @@
 #include "framework/IntentFilter.h"
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisHandler.h"
+#include "tests/support/LooperIdle.h"
 #include "tests/support/WaitFor.h"
 
 // What the framework and service suites record from other threads: tasks
 // that ran, broadcasts received, and a looper held busy meanwhile.
 namespace tarnis_test {
+
+// Once every looper has run what is due, work that work posted included (a
+// marker task posted "now" would jump ahead of the "now" messages queued).
+inline void DrainManagerThread() {
+    ASSERT_TRUE(WaitAllLoopersIdle(std::chrono::seconds(10))) << "the manager thread stayed busy";
+}
 
 // Entries made from any thread, in order; the waits give up after ten seconds.
 class Journal {

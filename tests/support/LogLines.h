@@ -49,17 +49,12 @@ inline std::string Literal(const std::string& text) {
 // decimal integer (with an optional minus sign).
 inline std::vector<long> NumbersInLines(const platform::LogCapture& capture, const std::string& before,
                                         const std::string& after, const std::string& tag, int prio) {
+    const std::regex re(Literal(before) + "(-?[0-9]+)" + Literal(after));
     std::vector<long> numbers;
+    std::smatch match;
     for (const platform::LogLine& line : capture.Lines()) {
-        const std::string& text = line.text;
-        if (line.tag != tag || line.prio != prio) continue;
-        if (text.size() <= before.size() + after.size()) continue;
-        if (text.compare(0, before.size(), before) != 0) continue;
-        if (text.compare(text.size() - after.size(), after.size(), after) != 0) continue;
-        const std::string number = text.substr(before.size(), text.size() - before.size() - after.size());
-        const size_t digits = number[0] == '-' ? 1 : 0;
-        if (number.size() == digits || number.find_first_not_of("0123456789", digits) != std::string::npos) continue;
-        numbers.push_back(std::stol(number));
+        if (line.tag != tag || line.prio != prio || !std::regex_match(line.text, match, re)) continue;
+        numbers.push_back(std::stol(match[1]));
     }
     return numbers;
 }

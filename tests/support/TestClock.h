@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -11,58 +12,123 @@
 
 namespace tarnis_test {
 
-// A clock that moves only when the test moves it. Threads that wait on it (the
-// message loop's timed waits, SleepMs) are woken by Advance() and the setters,
-// so a delayed message due in 24 hours is dispatched as soon as the test
-// advances the clock by 24 hours, with no real waiting.
-//
-//     TestClock clock;
-//     clock.Install();
-//     handler.postDelayed(task, 24 * 3600 * 1000);
-//     clock.Advance(24 * 3600 * 1000);
+// A clock that moves only when the test moves it: threads waiting on it (the
+// message loop's timed waits, SleepMs) wake when it is moved, so a day passes
+// on it with no real waiting.
 class TestClock : public velmar::kolto::Clock {
 public:
     // One hour after boot on 2026-01-01 00:00:00 UTC.
     static constexpr int64_t kStartSteadyMs = 3600 * 1000;
     static constexpr int64_t kStartWallMs = 1767225600000;
 
-    explicit TestClock(int64_t steadyMs = kStartSteadyMs, int64_t wallMs = kStartWallMs);
+    explicit TestClock(int64_t steadyMs = kStartSteadyMs, int64_t wallMs = kStartWallMs)
+        : steadyMs_(steadyMs), wallMs_(wallMs) {}
     // Puts back the clock it replaced (when installed), then lets every thread
     // still waiting on it go; they wake as from a spurious wake-up.
-    ~TestClock() override;
+    ~TestClock() override {
+        if (installed_ && &velmar::kolto::GetClock() == this) velmar::kolto::SetClockForTesting(previous_);
+        ChangeAndWake([this] { released_ = true; });
+        std::unique_lock<std::mutex> guard(mutex_);
+        changed_.wait(guard, [this] { return waiters_.empty(); });
+    }
     TestClock(const TestClock&) = delete;
     TestClock& operator=(const TestClock&) = delete;
 
     // Makes this the process's clock until it is destroyed.
-    void Install();
+    void Install() {
+        previous_ = velmar::kolto::SetClockForTesting(this);
+        installed_ = true;
+    }
 
-    int64_t SteadyNowMs() override;
-    int64_t WallNowMs() override;
-    int64_t WallNowUs() override;
+    int64_t SteadyNowMs() override {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return steadyMs_;
+    }
+    int64_t WallNowMs() override {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return wallMs_;
+    }
     // Blocks until the clock has been moved `ms` ahead, or, after
     // SetAdvanceOnSleep(true), moves it by `ms` itself and returns.
-    void SleepMs(int64_t ms) override;
+    void SleepMs(int64_t ms) override {
+        std::unique_lock<std::mutex> guard(mutex_);
+        const int64_t deadline = steadyMs_ + ms;
+        const bool advance = advanceOnSleep_;
+        guard.unlock();
+        if (ms <= 0) return;
+        if (advance) return Advance(ms);
+        std::mutex mutex;
+        std::condition_variable cond;
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!WaitUntilMs(cond, lock, deadline)) {
+        }
+    }
+    // The caller holds `lock` until cond.wait() releases it. The entry is made
+    // under our mutex with the look at the time, so a waker that moves the time
+    // afterwards finds it, and takes `lock` before it notifies: by then this
+    // thread is inside the wait.
     bool WaitUntilMs(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
-                     int64_t deadlineMs) override;
+                     int64_t deadlineMs) override {
+        Waiter self{&cond, lock.mutex(), 0, 0};
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (released_ || steadyMs_ >= deadlineMs) return true;
+            self.generation = generation_;
+            waiters_.push_back(&self);
+            ++waitsBegun_;
+            changed_.notify_all();
+        }
+        cond.wait(lock);
+        // A waker may be about to take `lock` to reach this entry: give the
+        // lock up while waiting for it to finish with the entry.
+        lock.unlock();
+        std::unique_lock<std::mutex> guard(mutex_);
+        waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &self));
+        changed_.wait(guard, [&self] { return self.pins == 0; });
+        const bool reached = released_ || steadyMs_ >= deadlineMs;
+        changed_.notify_all();
+        guard.unlock();
+        lock.lock();
+        return reached;
+    }
 
     // Moves the steady and the wall clock `ms` ahead and wakes every waiter.
-    void Advance(int64_t ms);
-    // Steady time never goes back: false (and no change) when `ms` is earlier.
-    bool SetSteadyMs(int64_t ms);
+    void Advance(int64_t ms) {
+        ChangeAndWake([this, ms] {
+            steadyMs_ += ms;
+            wallMs_ += ms;
+        });
+    }
     // The wall clock may jump either way, as a user or the network sets it.
-    void SetWallMs(int64_t ms);
-    void SetAdvanceOnSleep(bool advance);
+    void SetWallMs(int64_t ms) {
+        ChangeAndWake([this, ms] { wallMs_ = ms; });
+    }
+    void SetAdvanceOnSleep(bool advance) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        advanceOnSleep_ = advance;
+    }
 
     // True once at least `count` threads are waiting on this clock having seen
     // its latest time (so everything that fell due has been acted on); false
     // after `timeout` of real time.
-    bool WaitForWaiters(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    bool WaitForWaiters(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> guard(mutex_);
+        return changed_.wait_for(guard, timeout, [this, count] {
+            size_t current = 0;
+            for (const Waiter* waiter : waiters_) current += waiter->generation == generation_;
+            return current >= count;
+        });
+    }
     // True once `count` waits have begun on this clock since it was made (a
     // taker woken by a new message waits again); false after `timeout`.
-    bool WaitForWaitsBegun(uint64_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
-    // Threads waiting on the clock now, and waits begun since it was made.
-    size_t Waiters();
-    uint64_t WaitsBegun();
+    bool WaitForWaitsBegun(uint64_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> guard(mutex_);
+        return changed_.wait_for(guard, timeout, [this, count] { return waitsBegun_ >= count; });
+    }
+    uint64_t WaitsBegun() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return waitsBegun_;
+    }
 
 private:
     struct Waiter {
@@ -72,9 +138,27 @@ private:
         // Wakers that still hold this entry; the waiter leaves once it is 0.
         int pins;
     };
+
     // Bumps the generation after `change`, then wakes every waiter.
     template <class Change>
-    void ChangeAndWake(Change change);
+    void ChangeAndWake(Change change) {
+        std::vector<Waiter*> woken;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            change();
+            ++generation_;
+            woken = waiters_;
+            for (Waiter* waiter : woken) ++waiter->pins;
+        }
+        for (Waiter* waiter : woken) {
+            // Never under our own mutex: waiters take it while holding theirs.
+            { std::lock_guard<std::mutex> theirs(*waiter->mutex); }
+            waiter->cond->notify_all();
+        }
+        std::lock_guard<std::mutex> guard(mutex_);
+        for (Waiter* waiter : woken) --waiter->pins;
+        changed_.notify_all();
+    }
 
     std::mutex mutex_;
     std::condition_variable changed_;
