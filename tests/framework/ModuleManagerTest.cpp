@@ -55,14 +55,13 @@ class TestModule : public ModuleBase {
 public:
     bool OnInit() override {
         events().Add("init:" + name);
-        return true;
+        return name != "Flaky" || gFlakyInitOk.load();
     }
     void OnAllModulesLoaded() override { events().Add("loaded:" + name + "@" + ThreadName()); }
     void dump(int fd, const char** args, unsigned int argc) override {
         std::string text = name + " argc=" + std::to_string(argc);
         for (unsigned i = 0; i < argc; ++i) text += std::string(" ") + args[i];
-        text += "\n";
-        if (write(fd, text.data(), text.size()) < 0) return;
+        android::base::WriteStringToFd(text + "\n", fd);
     }
 };
 
@@ -70,14 +69,11 @@ class AlphaModule : public TestModule {};
 class ZebraModule : public TestModule {};
 class FirstModule : public TestModule {};
 
+// Its OnInit fails until gFlakyInitOk is set.
 class FlakyModule : public TestModule {
 public:
     FlakyModule() { ++gFlakyCreated; }
     ~FlakyModule() override { events().Add("gone:Flaky"); }
-    bool OnInit() override {
-        events().Add("init:" + name);
-        return gFlakyInitOk.load();
-    }
 };
 
 TARNIS_MODULE_REGISTER(ZebraModuleRegister, ZebraModule, "Zebra", 0);
