@@ -150,13 +150,12 @@ TEST_F(FileEventListenerTest, NamesTheFileOnlyForEventsInsideAWatchedDirectory) 
 
 TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchableOneIsLogged) {
     const std::string missing = tmp.Sub("missing");
+    const std::string enoent = "error: No such file or directory";
     RecordingListener listener(&recorder, {missing, tmp.path()}, IN_CREATE);
-    EXPECT_TRUE(capture.HasLine("[FileEventListener] add file watch failed! path: " + missing +
-                                    ", error: No such file or directory",
-                                kTag, ANDROID_LOG_ERROR));
-    EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + missing +
-                                    " failed! error: No such file or directory",
-                                kTag, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.HasLine("[FileEventListener] add file watch failed! path: " + missing + ", " + enoent, kTag,
+                                ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + missing + " failed! " + enoent, kTag,
+                                ANDROID_LOG_ERROR));
     EXPECT_FALSE(listener.removeWatching(missing));
 
     // Had the second call reached the kernel, its mask would replace the

@@ -5,6 +5,7 @@
 
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
+#include "tests/support/WaitFor.h"
 
 namespace tarnis_test {
 
@@ -19,16 +20,14 @@ bool WaitAllLoopersIdle(std::chrono::milliseconds timeout) {
         }
         return true;
     };
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     std::vector<uint64_t> first, second;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (snapshot(&first)) {
+    return WaitFor(
+        [&] {
+            if (!snapshot(&first)) return false;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            if (snapshot(&second) && first == second) return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+            return snapshot(&second) && first == second;
+        },
+        timeout);
 }
 
 }  // namespace tarnis_test

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -40,23 +41,14 @@ public:
         installed_ = true;
     }
 
-    int64_t SteadyNowMs() override {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return steadyMs_;
-    }
-    int64_t WallNowMs() override {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return wallMs_;
-    }
+    int64_t SteadyNowMs() override { return steadyMs_; }
+    int64_t WallNowMs() override { return wallMs_; }
     // Blocks until the clock has been moved `ms` ahead, or, after
     // SetAdvanceOnSleep(true), moves it by `ms` itself and returns.
     void SleepMs(int64_t ms) override {
-        std::unique_lock<std::mutex> guard(mutex_);
         const int64_t deadline = steadyMs_ + ms;
-        const bool advance = advanceOnSleep_;
-        guard.unlock();
         if (ms <= 0) return;
-        if (advance) return Advance(ms);
+        if (advanceOnSleep_) return Advance(ms);
         std::mutex mutex;
         std::condition_variable cond;
         std::unique_lock<std::mutex> lock(mutex);
@@ -103,10 +95,7 @@ public:
     void SetWallMs(int64_t ms) {
         ChangeAndWake([this, ms] { wallMs_ = ms; });
     }
-    void SetAdvanceOnSleep(bool advance) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        advanceOnSleep_ = advance;
-    }
+    void SetAdvanceOnSleep(bool advance) { advanceOnSleep_ = advance; }
 
     // True once at least `count` threads are waiting on this clock having seen
     // its latest time (so everything that fell due has been acted on); false
@@ -125,10 +114,7 @@ public:
         std::unique_lock<std::mutex> guard(mutex_);
         return changed_.wait_for(guard, timeout, [this, count] { return waitsBegun_ >= count; });
     }
-    uint64_t WaitsBegun() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return waitsBegun_;
-    }
+    uint64_t WaitsBegun() { return waitsBegun_; }
 
 private:
     struct Waiter {
@@ -162,11 +148,13 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    int64_t steadyMs_;
-    int64_t wallMs_;
+    // Read without the mutex; changed under it, so that waiters see a change
+    // together with the generation that wakes them.
+    std::atomic<int64_t> steadyMs_;
+    std::atomic<int64_t> wallMs_;
     uint64_t generation_ = 0;
-    uint64_t waitsBegun_ = 0;
-    bool advanceOnSleep_ = false;
+    std::atomic<uint64_t> waitsBegun_{0};
+    std::atomic<bool> advanceOnSleep_{false};
     bool released_ = false;
     std::vector<Waiter*> waiters_;
     bool installed_ = false;
