@@ -100,27 +100,38 @@ void MakeDirs(const std::vector<std::string>& dirs) {
     for (const std::string& dir : dirs) ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
 }
 
-// Deletes the listener on a helper thread; false when that took more than
-// five seconds. A file is then created in `wakeDir` so that a loop stuck in
-// a read lets go and the test fails instead of hanging.
-bool DeleteWithin(FileEventListener* listener, const std::string& wakeDir) {
-    std::promise<void> deleted;
-    std::future<void> done = deleted.get_future();
-    std::thread deleter([listener, &deleted] {
-        delete listener;
-        deleted.set_value();
-    });
-    const bool inTime = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
-    if (!inTime) tarnis_test::WriteFile(wakeDir + "/wake", "");
-    deleter.join();
-    return inTime;
-}
-
 class FileEventListenerTest : public ::testing::Test {
 protected:
+    // A listener's destructor waits for its loop: the test's listener goes
+    // through DeleteWithin too, so that a loop that never ends fails the test.
+    void TearDown() override {
+        if (listener != nullptr) {
+            EXPECT_TRUE(DeleteWithin(listener));
+        }
+    }
+    // Deletes the listener on a helper thread; false when that took more than
+    // five seconds. A file is then created in every directory of the sandbox
+    // so that a loop stuck in a read lets go and the test ends.
+    bool DeleteWithin(FileEventListener* going) {
+        std::promise<void> deleted;
+        std::future<void> done = deleted.get_future();
+        std::thread deleter([going, &deleted] {
+            delete going;
+            deleted.set_value();
+        });
+        const bool inTime = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        if (!inTime) {
+            WriteFile(tmp.Sub("wake"), "");
+            for (const std::string& name : tarnis_test::ListDir(tmp.path())) WriteFile(tmp.Sub(name + "/wake"), "");
+        }
+        deleter.join();
+        return inTime;
+    }
+
     platform::LogCapture capture;
     TempDir tmp;
     Recorder recorder;
+    RecordingListener* listener = nullptr;
 };
 
 }  // namespace
@@ -130,7 +141,7 @@ TEST_F(FileEventListenerTest, NamesTheFileOnlyForEventsInsideAWatchedDirectory) 
     const std::string dir = tmp.Sub("dir");
     ASSERT_TRUE(WriteFile(file, "a"));
     MakeDirs({dir});
-    RecordingListener listener(&recorder, {}, IN_MODIFY | IN_CREATE, {file, dir});
+    listener = new RecordingListener(&recorder, {}, IN_MODIFY | IN_CREATE, {file, dir});
 
     ASSERT_TRUE(WriteFile(file, "changed"));
     ASSERT_TRUE(recorder.WaitFor(file, std::nullopt));
@@ -151,29 +162,29 @@ TEST_F(FileEventListenerTest, NamesTheFileOnlyForEventsInsideAWatchedDirectory) 
 TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchableOneIsLogged) {
     const std::string missing = tmp.Sub("missing");
     const std::string enoent = "error: No such file or directory";
-    RecordingListener listener(&recorder, {missing, tmp.path()}, IN_CREATE);
+    listener = new RecordingListener(&recorder, {missing, tmp.path()}, IN_CREATE);
     EXPECT_TRUE(capture.HasLine("[FileEventListener] add file watch failed! path: " + missing + ", " + enoent, kTag,
                                 ANDROID_LOG_ERROR));
     EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + missing + " failed! " + enoent, kTag,
                                 ANDROID_LOG_ERROR));
-    EXPECT_FALSE(listener.removeWatching(missing));
+    EXPECT_FALSE(listener->removeWatching(missing));
 
     // Had the second call reached the kernel, its mask would replace the
     // first and creations would go unreported.
-    EXPECT_NE(listener.addWatching(tmp.path(), IN_DELETE), 0);
+    EXPECT_NE(listener->addWatching(tmp.path(), IN_DELETE), 0);
     EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + tmp.path() + " failed! error: Already Watched",
                                 kTag, ANDROID_LOG_INFO));
     ASSERT_TRUE(WriteFile(tmp.Sub("created"), ""));
     EXPECT_TRUE(recorder.WaitFor(tmp.path(), std::string("created")));
 
-    EXPECT_TRUE(listener.removeWatching(tmp.path()));
-    EXPECT_FALSE(listener.removeWatching(tmp.path()));
+    EXPECT_TRUE(listener->removeWatching(tmp.path()));
+    EXPECT_FALSE(listener->removeWatching(tmp.path()));
     // Another spelling of the directory shares its descriptor, which has to
     // outlive the removal of the first.
     const std::string slashed = tmp.path() + "/";
-    EXPECT_EQ(listener.addWatching(tmp.path(), IN_CREATE), 0);
-    EXPECT_EQ(listener.addWatching(slashed, IN_CREATE), 0);
-    EXPECT_TRUE(listener.removeWatching(tmp.path()));
+    EXPECT_EQ(listener->addWatching(tmp.path(), IN_CREATE), 0);
+    EXPECT_EQ(listener->addWatching(slashed, IN_CREATE), 0);
+    EXPECT_TRUE(listener->removeWatching(tmp.path()));
     ASSERT_TRUE(WriteFile(tmp.Sub("again"), ""));
     EXPECT_TRUE(recorder.WaitFor(slashed, std::string("again")));
 }
@@ -181,8 +192,8 @@ TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchabl
 TEST_F(FileEventListenerTest, AWatchNeverFollowsALinkSwappedInForItsDirectory) {
     MakeDirs({tmp.Sub("outside"), tmp.Sub("logs")});
     ASSERT_EQ(symlink(tmp.Sub("outside").c_str(), tmp.Sub("link").c_str()), 0);
-    RecordingListener listener(&recorder, {}, IN_CREATE);
-    EXPECT_NE(listener.addWatching(tmp.Sub("link"), IN_CREATE | IN_ONLYDIR), 0);
+    listener = new RecordingListener(&recorder, {}, IN_CREATE);
+    EXPECT_NE(listener->addWatching(tmp.Sub("link"), IN_CREATE | IN_ONLYDIR), 0);
 
     // Checked and opened first, then swapped for the link before the watch:
     // the watch still lands on the directory that was checked.
@@ -190,7 +201,7 @@ TEST_F(FileEventListenerTest, AWatchNeverFollowsALinkSwappedInForItsDirectory) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(rename(tmp.Sub("logs").c_str(), tmp.Sub("moved").c_str()), 0);
     ASSERT_EQ(rename(tmp.Sub("link").c_str(), tmp.Sub("logs").c_str()), 0);
-    EXPECT_EQ(listener.addWatching(tmp.Sub("logs"), fd, IN_CREATE), 0);
+    EXPECT_EQ(listener->addWatching(tmp.Sub("logs"), fd, IN_CREATE), 0);
     close(fd);
     ASSERT_TRUE(WriteFile(tmp.Sub("outside/planted"), ""));
     ASSERT_TRUE(WriteFile(tmp.Sub("moved/ours"), ""));
@@ -204,13 +215,13 @@ TEST_F(FileEventListenerTest, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWar
     MakeDirs({kept, dropped});
     std::promise<void> release;
     std::future<void> held = recorder.HoldFirst(release.get_future().share());
-    RecordingListener listener(&recorder, {}, IN_CREATE, {kept, dropped});
+    listener = new RecordingListener(&recorder, {}, IN_CREATE, {kept, dropped});
 
     ASSERT_TRUE(WriteFile(kept + "/first", ""));
     ASSERT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     ASSERT_TRUE(WriteFile(dropped + "/x", ""));
     ASSERT_TRUE(WriteFile(dropped + "/y", ""));
-    EXPECT_TRUE(listener.removeWatching(dropped));
+    EXPECT_TRUE(listener->removeWatching(dropped));
     ASSERT_TRUE(WriteFile(kept + "/last", ""));
     release.set_value();
     // Kernel order: by the time "last" arrives the others were read.
@@ -226,7 +237,7 @@ TEST_F(FileEventListenerTest, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWar
 
 // Then the loop waits, and deleting the listener ends that wait.
 TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralReads) {
-    auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
+    listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
     // Names of 4 to 80 bytes: an event takes 16 to 96 bytes, so a read holds
     // a varying number of them and the last one rarely ends the buffer.
     std::vector<std::string> names;
@@ -241,7 +252,7 @@ TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralRe
         EXPECT_EQ(events[i].name, names[i]) << i;
         EXPECT_EQ(events[i].path, tmp.path());
     }
-    ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
+    ASSERT_TRUE(DeleteWithin(std::exchange(listener, nullptr)));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup...", kTag, ANDROID_LOG_DEBUG));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
 }
@@ -250,13 +261,13 @@ TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralRe
 // to wait; a stop from an event ends dispatching there and then.
 TEST_F(FileEventListenerTest, DeletionRightAfterConstructionOrAfterAStopFromAnEventEndsTheLoop) {
     for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(DeleteWithin(new RecordingListener(&recorder, {tmp.path()}, IN_CREATE), tmp.path())) << i;
+        ASSERT_TRUE(DeleteWithin(new RecordingListener(&recorder, {tmp.path()}, IN_CREATE))) << i;
     }
-    auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()}, true);
+    listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()}, true);
     ASSERT_TRUE(WriteFile(tmp.Sub("a"), ""));
     ASSERT_TRUE(WriteFile(tmp.Sub("b"), ""));
     ASSERT_TRUE(recorder.WaitFor(tmp.path(), std::string("a")));
-    EXPECT_TRUE(DeleteWithin(listener, tmp.path()));
+    EXPECT_TRUE(DeleteWithin(std::exchange(listener, nullptr)));
     EXPECT_EQ(recorder.Events().size(), 1u);
 }
 
@@ -275,7 +286,7 @@ TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillClean
     // Every descriptor taken, so that inotify_init1 fails with EMFILE.
     std::vector<int> taken;
     for (int fd = dup(0); fd >= 0; fd = dup(0)) taken.push_back(fd);
-    auto* listener = new RecordingListener(&recorder, {tmp.path()}, IN_CREATE);
+    listener = new RecordingListener(&recorder, {tmp.path()}, IN_CREATE);
     const int added = listener->addWatching(tmp.path(), IN_CREATE);
     for (int fd : taken) close(fd);
     setrlimit(RLIMIT_NOFILE, &saved);
@@ -285,7 +296,7 @@ TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillClean
     EXPECT_NE(added, 0);
     EXPECT_FALSE(listener->removeWatching(tmp.path()));
     ASSERT_TRUE(WriteFile(tmp.Sub("unseen"), ""));
-    ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
+    ASSERT_TRUE(DeleteWithin(std::exchange(listener, nullptr)));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
     EXPECT_TRUE(recorder.Events().empty());
 }

@@ -64,7 +64,7 @@ protected:
     void SetUp() override { clock.Install(); }
     void TearDown() override {
         blocker.Release();
-        delete thread;
+        EXPECT_TRUE(DeleteInTime());
     }
     void Start(const char* name, std::function<void(TarnisMessage*)> callback = nullptr) {
         thread = TarnisHandlerThread::create(name);
@@ -247,7 +247,7 @@ TEST_F(MessageLoop, QuitDropsWhatIsQueuedAndEndsAWaitAtOnce) {
 
         thread->quit();
         busyWith.Release();
-        EXPECT_TRUE(tarnis_test::WaitFor([this] { return thread->hasExited(); }));
+        ASSERT_TRUE(tarnis_test::WaitFor([this] { return thread->hasExited(); }));
         EXPECT_EQ(thread->getLooper(), nullptr);
         EXPECT_FALSE(thread->quitSafely());
         ASSERT_TRUE(DeleteInTime());
@@ -271,7 +271,8 @@ TEST_F(MessageLoop, AHandlerWithoutALiveLooperDropsWhatItSends) {
             ADD_FAILURE() << "dispatched without a live looper";
         });
         if (kind == std::string("after looping")) LooperTid(*orphan);
-        delete gone;
+        thread = gone;
+        ASSERT_TRUE(DeleteInTime());
 
         platform::LogCapture log;
         auto token = std::make_shared<int>(0);
