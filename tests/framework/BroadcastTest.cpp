@@ -31,8 +31,7 @@ const char kLocalTag[] = "Tarnis-LocalBroadcastManager";
 
 }  // namespace
 
-// What the peer is sent: every type with its code, in key order. What the
-// peer sends back is read by the refusal cases below.
+// What the peer is sent: every type with its code, in key order.
 TEST(BroadcastTest, ExtrasSerialiseInKeyOrderWithTypeCodes) {
     Intent intent("tarnis.test.SERIALISE");
     Json::Value json(Json::objectValue);
@@ -65,9 +64,8 @@ TEST(BroadcastTest, ExtrasSerialiseInKeyOrderWithTypeCodes) {
               1u);
 }
 
-// What the peer sends: a body that is no JSON object with an extras array
-// still delivers the action; an element that does not make a well-typed
-// extra is left out with a line and the rest delivered.
+// What the peer sends: a body without an extras array still delivers the action;
+// an element that does not make a well-typed extra is left out with a line.
 TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
     InternalReceiver receiver("tarnis.test.PEER");
     platform::LogCapture capture;
@@ -173,8 +171,7 @@ TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregister
     {
         tarnis_test::LooperBlocker blocker;
         blocker.Block(*ModuleManager::GetManagerHandler());
-        // Counted only from here: a pass of an earlier test may still log its
-        // closing line until the blocker runs.
+        // Counted from here: an earlier pass may log its closing line until the blocker runs.
         capture.emplace();
         TarnisMessageQueue& queue = ModuleManager::GetManagerLooper()->queue();
         const size_t queued = queue.size();
@@ -220,8 +217,7 @@ TEST(BroadcastTest, SlowReceiverIsNamedInAWarning) {
 
 namespace {
 
-// What one receiver saw, kept outside it so that it can be read after the
-// receiver is gone.
+// What one receiver saw, kept outside it so that it can be read once it is gone.
 struct DeliveryState {
     std::promise<void> entered;
     std::shared_future<void> release;
@@ -230,9 +226,8 @@ struct DeliveryState {
     std::atomic<int> callsAfterUnregister{0};
 };
 
-// Uses its own members before and after the caller-controlled pause, as any
-// receiver does, so that a call on a destroyed receiver is a use after free
-// (caught by the sanitizers) as well as a count.
+// Uses its own members on both sides of the pause, as any receiver does: a call
+// on a destroyed receiver is a use after free for the sanitizers as well as a count.
 class TouchingReceiver : public BroadcastReceiver {
 public:
     explicit TouchingReceiver(std::shared_ptr<DeliveryState> state) : state_(std::move(state)) {}
@@ -262,9 +257,8 @@ TEST(BroadcastTest, UnregisteringWaitsForACallUnderWayAndNoCallFollows) {
     ASSERT_TRUE(local.sendBroadcast(Intent("tarnis.test.UNREGISTER"), false));
     ASSERT_EQ(state->entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 
-    // Another thread unregisters and destroys the receiver while its
-    // onReceive runs on the manager thread: it must not get past the
-    // unregistering while the call is under way.
+    // Another thread unregisters and destroys the receiver while its onReceive
+    // runs: it must not get past the unregistering while the call is under way.
     std::promise<void> unregistered;
     std::future<void> done = unregistered.get_future();
     std::thread other([&] {
@@ -282,9 +276,8 @@ TEST(BroadcastTest, UnregisteringWaitsForACallUnderWayAndNoCallFollows) {
     EXPECT_EQ(state->callsAfterUnregister.load(), 0);
     EXPECT_FALSE(local.sendBroadcast(Intent("tarnis.test.UNREGISTER"), false));
 
-    // Receivers unregistered and destroyed here while the manager thread may
-    // be delivering to them: between its look at the record and the call is
-    // the window a missing wait would leave open.
+    // Receivers destroyed while the manager thread may be delivering to them:
+    // between its look at the record and the call is the window to guard.
     std::vector<std::shared_ptr<DeliveryState>> states;
     for (int i = 0; i < 1000; ++i) {
         auto state = std::make_shared<DeliveryState>();
@@ -317,8 +310,7 @@ TEST(BroadcastTest, AReceiverMayUnregisterItselfFromItsOwnOnReceive) {
         EXPECT_TRUE(local.sendBroadcast(Intent("tarnis.test.SELF"), false));
         EXPECT_TRUE(local.sendBroadcast(Intent("tarnis.test.SELF"), false));
     }
-    // Called once, without waiting for itself; the second delivery of the
-    // same pass finds it unregistered.
+    // Called once, without waiting for itself; the pass's second delivery finds it gone.
     ASSERT_TRUE(receiver.Wait(1));
     DrainManagerThread();
     EXPECT_EQ(receiver.Received().size(), 1u);

@@ -75,9 +75,8 @@ private:
     std::promise<void> entered_;
 };
 
-// Paths given as `added` are watched only once the recorder is in place;
-// an event on the others may come before, so a test touches them only after
-// it has called the listener (which orders the two for ThreadSanitizer).
+// Paths given as `added` are watched once the recorder is in place; a test
+// touches the others only after calling the listener (an order TSan sees).
 class RecordingListener : public FileEventListener {
 public:
     RecordingListener(Recorder* recorder, std::vector<std::string> paths, uint32_t mask,
@@ -102,16 +101,13 @@ void MakeDirs(const std::vector<std::string>& dirs) {
 
 class FileEventListenerTest : public ::testing::Test {
 protected:
-    // A listener's destructor waits for its loop: the test's listener goes
-    // through DeleteWithin too, so that a loop that never ends fails the test.
     void TearDown() override {
         if (listener != nullptr) {
             EXPECT_TRUE(DeleteWithin(listener));
         }
     }
-    // Deletes the listener on a helper thread; false when that took more than
-    // five seconds. A file is then created in every directory of the sandbox
-    // so that a loop stuck in a read lets go and the test ends.
+    // A destructor waits for the loop: false after five seconds, when a file in
+    // every directory of the sandbox wakes a loop stuck in a read so that it ends.
     bool DeleteWithin(FileEventListener* going) {
         std::promise<void> deleted;
         std::future<void> done = deleted.get_future();
@@ -169,8 +165,7 @@ TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchabl
                                 ANDROID_LOG_ERROR));
     EXPECT_FALSE(listener->removeWatching(missing));
 
-    // Had the second call reached the kernel, its mask would replace the
-    // first and creations would go unreported.
+    // Had it reached the kernel, its mask would replace the first one's.
     EXPECT_NE(listener->addWatching(tmp.path(), IN_DELETE), 0);
     EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + tmp.path() + " failed! error: Already Watched",
                                 kTag, ANDROID_LOG_INFO));
@@ -179,8 +174,7 @@ TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchabl
 
     EXPECT_TRUE(listener->removeWatching(tmp.path()));
     EXPECT_FALSE(listener->removeWatching(tmp.path()));
-    // Another spelling of the directory shares its descriptor, which has to
-    // outlive the removal of the first.
+    // Another spelling shares the descriptor, which outlives the first one's removal.
     const std::string slashed = tmp.path() + "/";
     EXPECT_EQ(listener->addWatching(tmp.path(), IN_CREATE), 0);
     EXPECT_EQ(listener->addWatching(slashed, IN_CREATE), 0);
@@ -238,8 +232,7 @@ TEST_F(FileEventListenerTest, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWar
 // Then the loop waits, and deleting the listener ends that wait.
 TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralReads) {
     listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
-    // Names of 4 to 80 bytes: an event takes 16 to 96 bytes, so a read holds
-    // a varying number of them and the last one rarely ends the buffer.
+    // Names of 4 to 80 bytes: a read holds a varying number of events of 16 to 96 bytes.
     std::vector<std::string> names;
     for (int i = 0; i < 200; ++i) {
         names.push_back("f" + std::to_string(1000 + i) + std::string(i % 77, 'x'));
@@ -273,9 +266,8 @@ TEST_F(FileEventListenerTest, DeletionRightAfterConstructionOrAfterAStopFromAnEv
 
 TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillCleansUp) {
 #if defined(__SANITIZE_ADDRESS__)
-    // UndefinedBehaviorSanitizer (built with AddressSanitizer here) opens a
-    // pipe to check memory it inspects; with every descriptor taken it
-    // reports valid objects as having no type.
+    // UndefinedBehaviorSanitizer (built with AddressSanitizer here) needs a pipe to
+    // inspect memory; with every descriptor taken it reports valid objects as typeless.
     GTEST_SKIP() << "skipped: the sanitizer runtime needs descriptors of its own";
 #endif
     rlimit saved{};

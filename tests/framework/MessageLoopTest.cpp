@@ -56,9 +56,8 @@ struct CountedObject : Object {
     std::atomic<int>* deleted;
 };
 
-// A handler thread on the test clock, with a journal of what ran and a
-// blocker to pile messages up behind a task; the thread goes at the end of
-// the test unless the test deleted it itself.
+// A handler thread on the test clock, a journal of what ran and a blocker to
+// pile messages up behind a task; the thread goes within a bound at the end.
 class MessageLoop : public ::testing::Test {
 protected:
     void SetUp() override { clock.Install(); }
@@ -103,9 +102,8 @@ protected:
 
 }  // namespace
 
-// Messages for now run newest first; delayed ones by due time, equal times in
-// the order sent, each exactly when due and not a millisecond before; a
-// removed one never runs.
+// Messages for now run newest first; delayed ones by due time, equal times in the
+// order sent, each exactly when due and not a millisecond before; a removed one never.
 TEST_F(MessageLoop, OrderAndDueTimesOfQueuedMessages) {
     Start("LoopOrder");
     blocker.Block(*handler);
@@ -127,8 +125,7 @@ TEST_F(MessageLoop, OrderAndDueTimesOfQueuedMessages) {
     AddLater("soon", 30);
     ASSERT_TRUE(clock.WaitForWaitsBegun(waits + 1));
 
-    // Each step waits until the loop has looked at the new time and gone back
-    // to waiting: whatever fell due has run by then, and nothing else has.
+    // Each step waits until the loop went back to waiting: what fell due ran, nothing else.
     const List order = {"now-2", "now-1", "soon", "hour-1", "hour-2", "day", "day+1ms"};
     const struct {
         int64_t advanceMs;
@@ -164,8 +161,7 @@ TEST_F(MessageLoop, CallbackMessagesAndPriorityQueue) {
     ASSERT_TRUE(journal.WaitForSize(3));
     EXPECT_EQ(journal.Entries(), (List{"7", "task", "5+obj"}));
 
-    // A priority message reaches a loop that waits on its normal queue,
-    // whether that is empty or holds a message due in a day.
+    // A priority message reaches a loop waiting on an empty queue or on one due in a day.
     handler->sendMessage(TarnisMessage::obtain(8, nullptr, TarnisMessage::kFlagPriority));
     ASSERT_TRUE(journal.WaitForSize(4));
     TarnisMessageRef tomorrow = AddLater("tomorrow", kDayMs);
@@ -178,9 +174,8 @@ TEST_F(MessageLoop, CallbackMessagesAndPriorityQueue) {
     EXPECT_EQ(deleted.load(), 1);
 }
 
-// A safe quit runs what is queued, delayed messages as they fall due and not
-// before; the destructor's quit is not safe: it ends the wait for a message
-// due tomorrow, which never runs.
+// A safe quit runs what is queued, delayed messages as they fall due; the destructor's
+// quit is not safe: it ends the wait for a message due tomorrow, which never runs.
 TEST_F(MessageLoop, QuitSafelyRunsWhatFallsDueUntilTheThreadIsDestroyed) {
     Start("LoopSafe");
     const int tid = LooperTid(*handler);
@@ -223,9 +218,8 @@ TEST_F(MessageLoop, QuitSafelyRunsWhatFallsDueUntilTheThreadIsDestroyed) {
     for (const auto& line : lines) EXPECT_EQ(CountExact(capture, line.text, line.tag, line.prio), 1u) << line.text;
 }
 
-// A quit that is not safe ends the loop at once, whether it waits for a
-// delayed message or is busy with a task, and drops what is queued with the
-// tasks and payloads it holds.
+// A quit that is not safe ends the loop at once, waiting or busy, and drops what
+// is queued with the tasks and payloads it holds.
 TEST_F(MessageLoop, QuitDropsWhatIsQueuedAndEndsAWaitAtOnce) {
     for (bool busy : {false, true}) {
         SCOPED_TRACE(busy ? "quit while busy" : "quit while waiting");
@@ -321,14 +315,12 @@ TEST_F(MessageLoop, PrepareTwiceAndMyLooperWithoutPrepare) {
               1u);
     EXPECT_EQ(CountExact(capture, "[prepare] TarnisLooper::prepare has been called.", kLooperTag, ANDROID_LOG_ERROR),
               1u);
-    // The registry held the only share: the looper went with its removal, on
-    // the worker's thread.
+    // The registry held the only share: the looper went with it, on the worker's thread.
     EXPECT_EQ(CountExact(capture, LooperGone(workerTid), kLooperTag, ANDROID_LOG_DEBUG), 1u);
 }
 
-// A message back from the pool has let go of its payloads and carries nothing
-// of its former use (target, due time, task) to misroute it; a reference to
-// that use neither finds nor removes the message in its next one.
+// A message back from the pool has let go of its payloads and keeps nothing of its
+// former use; a reference to that use neither finds nor removes it in the next one.
 TEST_F(MessageLoop, ARecycledMessageIsResetAndAStaleReferenceMissesItsNextUse) {
     Start("LoopReuse", [this](TarnisMessage* msg) { journal.Add(std::to_string(msg->what)); });
     std::atomic<int> deleted{0};

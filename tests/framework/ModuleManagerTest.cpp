@@ -93,8 +93,7 @@ std::string Dump(std::vector<const char*> args) {
     return out;
 }
 
-// Loads the modules once per process and keeps the log and the events of
-// that pass, before any test reloads modules.
+// Loads the modules once per process, keeping that pass's log and events.
 struct LoadPass {
     platform::LogCapture log;
     std::vector<std::string> events;
@@ -120,8 +119,7 @@ const char kSep[] = "\n-------------------------------------\n";
 
 TEST(ModuleManager, LoadsByPriorityThenNameAndRemovesFailedModules) {
     const LoadPass& pass = LoadOnce();
-    // Every OnInit of the pass returns before any OnAllModulesLoaded runs, and
-    // the failed module never gets one.
+    // Every OnInit returns before any OnAllModulesLoaded, which the failed module never gets.
     ASSERT_GE(pass.events.size(), 4u);
     EXPECT_EQ(std::vector<std::string>(pass.events.begin(), pass.events.begin() + 4),
               (std::vector<std::string>{"init:First", "init:Alpha", "init:Flaky", "init:Zebra"}));
@@ -202,8 +200,7 @@ TEST(ModuleManager, LoadCommandReloadsOnlyRemovedModules) {
     EXPECT_EQ(Dump({"Flaky"}), std::string("Dumping module Flaky: \nFlaky argc=1 Flaky\n") + kSep);
 }
 
-// The module ends its one-shot work and removes itself safely, with work due
-// now still queued and a daily task waiting.
+// A module removes itself safely, with work due now queued and a daily task waiting.
 TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread) {
     LoadOnce();
     if (Dump({"Flaky"}) == "Module Flaky is not running\n") {
@@ -258,8 +255,7 @@ TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
     EXPECT_EQ(CountExact(log, "[operator()] module Ghost not found!!!", kTag, ANDROID_LOG_ERROR), 1u);
 }
 
-// The blocking half of a module: its own named thread, a stop that ends a
-// day's sleep, and results that reach the module's thread until the stop.
+// A module's blocking half: a named thread, a stop that ends its waits, results until then.
 TEST(ModuleWorker, RunsNamedStopEndsItsWaitsAndResultsReachTheModuleThread) {
     std::unique_ptr<TarnisHandlerThread> module(TarnisHandlerThread::create("WorkerHome"));
     std::atomic<pthread_t> handlerThread{};

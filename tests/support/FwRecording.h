@@ -24,8 +24,7 @@
 // that ran, broadcasts received, and a looper held busy meanwhile.
 namespace tarnis_test {
 
-// Once every looper has run what is due, work that work posted included (a
-// marker task posted "now" would jump ahead of the "now" messages queued).
+// Once every looper ran what is due (a marker task would jump the "now" messages).
 inline void DrainManagerThread() {
     ASSERT_TRUE(WaitAllLoopersIdle(std::chrono::seconds(10))) << "the manager thread stayed busy";
 }
@@ -87,9 +86,8 @@ public:
     ~InternalReceiver() override { velmar::kolto::InternalBroadcastManager::unregisterReceiver(this); }
 };
 
-// Holds a looper's thread inside a task until Release() or its end, so that
-// what is sent meanwhile piles up in the queue. The task keeps its own share
-// of the release: it may still be waking up when the blocker is gone.
+// Holds a looper's thread in a task until Release() or its end, so that what is
+// sent meanwhile piles up; the task keeps its share of the release past the blocker.
 class LooperBlocker {
 public:
     ~LooperBlocker() { Release(); }

@@ -14,8 +14,7 @@
 namespace tarnis_test {
 
 // Captured lines (of that tag and priority, when given) whose whole text is
-// `text`: a changed word, a missing argument or trailing text all count as a
-// miss, where LogCapture::Count would take a part.
+// `text`, where LogCapture::Count would take a part.
 inline size_t CountExact(const platform::LogCapture& capture, const std::string& text, const std::string& tag = "",
                          int prio = 0) {
     size_t count = 0;
@@ -44,9 +43,8 @@ inline std::string Literal(const std::string& text) {
     return std::regex_replace(text, special, R"(\$&)");
 }
 
-// For lines that carry a measured time or an id: the number N of every line
-// of that tag and priority whose whole text is `before` + N + `after`, N a
-// decimal integer (with an optional minus sign).
+// For lines that carry a measured time or an id: the integer N of every line of
+// that tag and priority whose whole text is `before` + N + `after`.
 inline std::vector<long> NumbersInLines(const platform::LogCapture& capture, const std::string& before,
                                         const std::string& after, const std::string& tag, int prio) {
     const std::regex re(Literal(before) + "(-?[0-9]+)" + Literal(after));

@@ -13,9 +13,8 @@
 
 namespace tarnis_test {
 
-// A clock that moves only when the test moves it: threads waiting on it (the
-// message loop's timed waits, SleepMs) wake when it is moved, so a day passes
-// on it with no real waiting.
+// A clock that moves only when the test moves it: threads waiting on it wake
+// when it is moved, so a day passes on it with no real waiting.
 class TestClock : public velmar::kolto::Clock {
 public:
     // One hour after boot on 2026-01-01 00:00:00 UTC.
@@ -55,10 +54,8 @@ public:
         while (!WaitUntilMs(cond, lock, deadline)) {
         }
     }
-    // The caller holds `lock` until cond.wait() releases it. The entry is made
-    // under our mutex with the look at the time, so a waker that moves the time
-    // afterwards finds it, and takes `lock` before it notifies: by then this
-    // thread is inside the wait.
+    // The entry is made with the look at the time, so a later waker finds it;
+    // the waker takes `lock` before it notifies, by when this thread waits.
     bool WaitUntilMs(std::condition_variable& cond, std::unique_lock<std::mutex>& lock,
                      int64_t deadlineMs) override {
         Waiter self{&cond, lock.mutex(), 0, 0};
@@ -71,8 +68,7 @@ public:
             changed_.notify_all();
         }
         cond.wait(lock);
-        // A waker may be about to take `lock` to reach this entry: give the
-        // lock up while waiting for it to finish with the entry.
+        // A waker may be about to take `lock` for this entry: let go meanwhile.
         lock.unlock();
         std::unique_lock<std::mutex> guard(mutex_);
         waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &self));
@@ -97,9 +93,8 @@ public:
     }
     void SetAdvanceOnSleep(bool advance) { advanceOnSleep_ = advance; }
 
-    // True once at least `count` threads are waiting on this clock having seen
-    // its latest time (so everything that fell due has been acted on); false
-    // after `timeout` of real time.
+    // True once `count` threads wait on this clock having seen its latest time
+    // (so what fell due was acted on); false after `timeout` of real time.
     bool WaitForWaiters(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> guard(mutex_);
         return changed_.wait_for(guard, timeout, [this, count] {
@@ -148,8 +143,7 @@ private:
 
     std::mutex mutex_;
     std::condition_variable changed_;
-    // Read without the mutex; changed under it, so that waiters see a change
-    // together with the generation that wakes them.
+    // Read without the mutex, changed under it together with the generation.
     std::atomic<int64_t> steadyMs_;
     std::atomic<int64_t> wallMs_;
     uint64_t generation_ = 0;
