@@ -200,43 +200,49 @@ TEST(ModuleManager, LoadCommandReloadsOnlyRemovedModules) {
     EXPECT_EQ(Dump({"Flaky"}), std::string("Dumping module Flaky: \nFlaky argc=1 Flaky\n") + kSep);
 }
 
-// A module removes itself safely, with work due now queued and a daily task waiting.
+// A module removes itself, with work due now queued and a daily task waiting.
 TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread) {
     LoadOnce();
-    if (Dump({"Flaky"}) == "Module Flaky is not running\n") {
-        gFlakyInitOk = true;
-        ASSERT_EQ(Dump({"ModuleManager", "load", "Flaky"}), "Load module Flaky succeed!\n");
-        gFlakyInitOk = false;
-    }
-    platform::LogCapture log;
-    const size_t gone = events().Count("gone:Flaky");
-    TarnisHandlerThread* thread;
-    {
-        std::lock_guard<std::recursive_mutex> guard(GetModuleListLock());
-        thread = GetModuleList().at("Flaky").instance->handlerThread;
-    }
-    ASSERT_NE(thread, nullptr);
-    auto handler = std::make_shared<TarnisHandler>(thread->getLooper(), nullptr);
-    TarnisMessageRef tomorrow = handler->postDelayed([] { events().Add("flaky-late"); }, 24L * 3600 * 1000);
-    handler->post([handler] {
-        handler->post([] { events().Add("flaky-due"); });
-        removeModule("Flaky", true);
-    });
-    ASSERT_TRUE(events().WaitForCount("gone:Flaky", gone + 1));
+    for (bool safely : {true, false}) {
+        SCOPED_TRACE(safely ? "removed safely" : "removed at once");
+        if (Dump({"Flaky"}) == "Module Flaky is not running\n") {
+            gFlakyInitOk = true;
+            ASSERT_EQ(Dump({"ModuleManager", "load", "Flaky"}), "Load module Flaky succeed!\n");
+            gFlakyInitOk = false;
+        }
+        platform::LogCapture log;
+        const size_t due = events().Count("flaky-due");
+        const size_t gone = events().Count("gone:Flaky");
+        TarnisHandlerThread* thread;
+        {
+            std::lock_guard<std::recursive_mutex> guard(GetModuleListLock());
+            thread = GetModuleList().at("Flaky").instance->handlerThread;
+        }
+        ASSERT_NE(thread, nullptr);
+        auto handler = std::make_shared<TarnisHandler>(thread->getLooper(), nullptr);
+        TarnisMessageRef tomorrow = handler->postDelayed([] { events().Add("flaky-late"); }, 24L * 3600 * 1000);
+        handler->post([handler, safely] {
+            handler->post([] { events().Add("flaky-due"); });
+            removeModule("Flaky", safely);
+        });
+        ASSERT_TRUE(events().WaitForCount("gone:Flaky", gone + 1));
 
-    // The manager thread was not held until tomorrow: it takes work at once.
-    auto answered = std::make_shared<std::promise<void>>();
-    ModuleManager::GetManagerHandler()->post([answered] { answered->set_value(); });
-    ASSERT_EQ(answered->get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(Dump({"Flaky"}), "Module Flaky is not running\n");
-    // What was due still ran; the task due tomorrow went with the thread.
-    EXPECT_EQ(events().Count("flaky-due"), 1u);
-    EXPECT_EQ(events().Count("flaky-late"), 0u);
-    EXPECT_FALSE(handler->hasMessage(tomorrow));
-    EXPECT_EQ(CountExact(log, "[quit] Looper stops waiting for delayed messages", "Tarnis-TarnisLooper",
-                         ANDROID_LOG_DEBUG),
-              1u);
-    EXPECT_EQ(CountExact(log, "[~ModuleBase] Bye~ Flaky", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG), 1u);
+        // The manager thread was not held until tomorrow: it takes work at once.
+        auto answered = std::make_shared<std::promise<void>>();
+        ModuleManager::GetManagerHandler()->post([answered] { answered->set_value(); });
+        ASSERT_EQ(answered->get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        EXPECT_EQ(Dump({"Flaky"}), "Module Flaky is not running\n");
+        // Removed safely, what was due still ran; the task due tomorrow went with the thread.
+        if (safely) {
+            EXPECT_EQ(events().Count("flaky-due"), due + 1);
+        }
+        EXPECT_EQ(events().Count("flaky-late"), 0u);
+        EXPECT_FALSE(handler->hasMessage(tomorrow));
+        EXPECT_EQ(CountExact(log, "[quit] Looper stops waiting for delayed messages", "Tarnis-TarnisLooper",
+                             ANDROID_LOG_DEBUG),
+                  safely ? 1u : 0u);
+        EXPECT_EQ(CountExact(log, "[~ModuleBase] Bye~ Flaky", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG), 1u);
+    }
 }
 
 TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
