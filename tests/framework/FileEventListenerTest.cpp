@@ -267,7 +267,7 @@ TEST_F(FileEventListenerTest, DeletionRightAfterConstructionOrAfterAStopFromAnEv
 TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillCleansUp) {
 #if defined(__SANITIZE_ADDRESS__)
     // UndefinedBehaviorSanitizer (built with AddressSanitizer here) needs a pipe to
-    // inspect memory; with every descriptor taken it reports valid objects as typeless.
+    // check memory; with every descriptor taken it reports valid objects as typeless.
     GTEST_SKIP() << "skipped: the sanitizer runtime needs descriptors of its own";
 #endif
     rlimit saved{};
