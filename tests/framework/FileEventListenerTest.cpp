@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -26,6 +25,7 @@
 
 using namespace velmar::kolto;
 using tarnis_test::TempDir;
+using tarnis_test::WriteFile;
 
 namespace {
 
@@ -38,28 +38,22 @@ struct Event {
 };
 
 // What the listener hands over, kept apart from it so that it exists before
-// the listener's thread does.
+// the listener's thread does and is read after the listener is gone.
 class Recorder {
 public:
     void Add(Event event) {
         std::unique_lock<std::mutex> guard(lock_);
         events_.push_back(std::move(event));
-        if (events_.size() == 1 && holdFirst_) {
-            entered_.set_value();
-            // Bounded, so that a test that fails before releasing it still ends.
-            cond_.wait_for(guard, std::chrono::seconds(10), [this] { return released_; });
-        }
+        if (events_.size() > 1 || !release_.valid()) return;
+        guard.unlock();
+        entered_.set_value();
+        release_.wait_for(std::chrono::seconds(10));
     }
-    // The first event keeps the listener's thread until Release(), so that
-    // what happens meanwhile queues up in the kernel.
-    std::future<void> HoldFirst() {
-        holdFirst_ = true;
+    // The first event keeps the listener's thread (ten seconds at most) until
+    // `release` is set, so that what happens meanwhile queues up in the kernel.
+    std::future<void> HoldFirst(std::shared_future<void> release) {
+        release_ = std::move(release);
         return entered_.get_future();
-    }
-    void Release() {
-        std::lock_guard<std::mutex> guard(lock_);
-        released_ = true;
-        cond_.notify_all();
     }
     // True once an event from `path` named `name` arrived.
     bool WaitFor(const std::string& path, const std::optional<std::string>& name) {
@@ -69,9 +63,6 @@ public:
                                [&](const Event& event) { return event.path == path && event.name == name; });
         });
     }
-    bool WaitForCount(size_t count) {
-        return tarnis_test::WaitFor([&] { return Events().size() >= count; });
-    }
     std::vector<Event> Events() {
         std::lock_guard<std::mutex> guard(lock_);
         return events_;
@@ -79,16 +70,13 @@ public:
 
 private:
     std::mutex lock_;
-    std::condition_variable cond_;
     std::vector<Event> events_;
-    bool holdFirst_ = false;
-    bool released_ = false;
+    std::shared_future<void> release_;
     std::promise<void> entered_;
 };
 
-// Paths given as `added` are watched only once the recorder is in place;
-// an event on the others may come before, so a test touches them only after
-// it has called the listener (which orders the two for ThreadSanitizer).
+// Paths given as `added` are watched once the recorder is in place; a test
+// touches the others only after calling the listener (an order TSan sees).
 class RecordingListener : public FileEventListener {
 public:
     RecordingListener(Recorder* recorder, std::vector<std::string> paths, uint32_t mask,
@@ -107,37 +95,39 @@ private:
     const bool stopOnEvent_;
 };
 
-void Touch(const std::string& path) {
-    const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0) << path;
-    close(fd);
-}
-
 void MakeDirs(const std::vector<std::string>& dirs) {
     for (const std::string& dir : dirs) ASSERT_EQ(mkdir(dir.c_str(), 0755), 0) << dir;
 }
 
-// Deletes the listener on a helper thread; false when that took more than
-// five seconds. A file is then created in `wakeDir` so that a loop stuck in
-// a read lets go and the test fails instead of hanging.
-bool DeleteWithin(FileEventListener* listener, const std::string& wakeDir) {
-    std::promise<void> deleted;
-    std::future<void> done = deleted.get_future();
-    std::thread deleter([listener, &deleted] {
-        delete listener;
-        deleted.set_value();
-    });
-    const bool inTime = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
-    if (!inTime) Touch(wakeDir + "/wake");
-    deleter.join();
-    return inTime;
-}
-
 class FileEventListenerTest : public ::testing::Test {
 protected:
+    void TearDown() override {
+        if (listener != nullptr) {
+            EXPECT_TRUE(DeleteWithin(listener));
+        }
+    }
+    // A destructor waits for the loop: false after five seconds, when a file in
+    // every directory of the sandbox wakes a loop stuck in a read so that it ends.
+    bool DeleteWithin(FileEventListener* going) {
+        std::promise<void> deleted;
+        std::future<void> done = deleted.get_future();
+        std::thread deleter([going, &deleted] {
+            delete going;
+            deleted.set_value();
+        });
+        const bool inTime = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        if (!inTime) {
+            WriteFile(tmp.Sub("wake"), "");
+            for (const std::string& name : tarnis_test::ListDir(tmp.path())) WriteFile(tmp.Sub(name + "/wake"), "");
+        }
+        deleter.join();
+        return inTime;
+    }
+
     platform::LogCapture capture;
     TempDir tmp;
     Recorder recorder;
+    RecordingListener* listener = nullptr;
 };
 
 }  // namespace
@@ -145,13 +135,13 @@ protected:
 TEST_F(FileEventListenerTest, NamesTheFileOnlyForEventsInsideAWatchedDirectory) {
     const std::string file = tmp.Sub("watched.txt");
     const std::string dir = tmp.Sub("dir");
-    ASSERT_TRUE(tarnis_test::WriteFile(file, "a"));
+    ASSERT_TRUE(WriteFile(file, "a"));
     MakeDirs({dir});
-    RecordingListener listener(&recorder, {}, IN_MODIFY | IN_CREATE, {file, dir});
+    listener = new RecordingListener(&recorder, {}, IN_MODIFY | IN_CREATE, {file, dir});
 
-    ASSERT_TRUE(tarnis_test::WriteFile(file, "changed"));
+    ASSERT_TRUE(WriteFile(file, "changed"));
     ASSERT_TRUE(recorder.WaitFor(file, std::nullopt));
-    Touch(dir + "/inside.log");
+    ASSERT_TRUE(WriteFile(dir + "/inside.log", ""));
     ASSERT_TRUE(recorder.WaitFor(dir, std::string("inside.log")));
     for (const Event& event : recorder.Events()) {
         if (event.path == file) {
@@ -167,40 +157,37 @@ TEST_F(FileEventListenerTest, NamesTheFileOnlyForEventsInsideAWatchedDirectory) 
 
 TEST_F(FileEventListenerTest, APathWatchedTwiceKeepsItsFirstWatchAndAnUnwatchableOneIsLogged) {
     const std::string missing = tmp.Sub("missing");
-    RecordingListener listener(&recorder, {missing, tmp.path()}, IN_CREATE);
-    EXPECT_TRUE(capture.HasLine("[FileEventListener] add file watch failed! path: " + missing +
-                                    ", error: No such file or directory",
-                                kTag, ANDROID_LOG_ERROR));
-    EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + missing +
-                                    " failed! error: No such file or directory",
-                                kTag, ANDROID_LOG_ERROR));
-    EXPECT_FALSE(listener.removeWatching(missing));
+    const std::string enoent = "error: No such file or directory";
+    listener = new RecordingListener(&recorder, {missing, tmp.path()}, IN_CREATE);
+    EXPECT_TRUE(capture.HasLine("[FileEventListener] add file watch failed! path: " + missing + ", " + enoent, kTag,
+                                ANDROID_LOG_ERROR));
+    EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + missing + " failed! " + enoent, kTag,
+                                ANDROID_LOG_ERROR));
+    EXPECT_FALSE(listener->removeWatching(missing));
 
-    // Had the second call reached the kernel, its mask would replace the
-    // first and creations would go unreported.
-    EXPECT_NE(listener.addWatching(tmp.path(), IN_DELETE), 0);
+    // Had it reached the kernel, its mask would replace the first one's.
+    EXPECT_NE(listener->addWatching(tmp.path(), IN_DELETE), 0);
     EXPECT_TRUE(capture.HasLine("[addWatching] addWatching for " + tmp.path() + " failed! error: Already Watched",
                                 kTag, ANDROID_LOG_INFO));
-    Touch(tmp.Sub("created"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("created"), ""));
     EXPECT_TRUE(recorder.WaitFor(tmp.path(), std::string("created")));
 
-    EXPECT_TRUE(listener.removeWatching(tmp.path()));
-    EXPECT_FALSE(listener.removeWatching(tmp.path()));
-    // Another spelling of the directory shares its descriptor, which has to
-    // outlive the removal of the first.
+    EXPECT_TRUE(listener->removeWatching(tmp.path()));
+    EXPECT_FALSE(listener->removeWatching(tmp.path()));
+    // Another spelling shares the descriptor, which outlives the first one's removal.
     const std::string slashed = tmp.path() + "/";
-    EXPECT_EQ(listener.addWatching(tmp.path(), IN_CREATE), 0);
-    EXPECT_EQ(listener.addWatching(slashed, IN_CREATE), 0);
-    EXPECT_TRUE(listener.removeWatching(tmp.path()));
-    Touch(tmp.Sub("again"));
+    EXPECT_EQ(listener->addWatching(tmp.path(), IN_CREATE), 0);
+    EXPECT_EQ(listener->addWatching(slashed, IN_CREATE), 0);
+    EXPECT_TRUE(listener->removeWatching(tmp.path()));
+    ASSERT_TRUE(WriteFile(tmp.Sub("again"), ""));
     EXPECT_TRUE(recorder.WaitFor(slashed, std::string("again")));
 }
 
 TEST_F(FileEventListenerTest, AWatchNeverFollowsALinkSwappedInForItsDirectory) {
     MakeDirs({tmp.Sub("outside"), tmp.Sub("logs")});
     ASSERT_EQ(symlink(tmp.Sub("outside").c_str(), tmp.Sub("link").c_str()), 0);
-    RecordingListener listener(&recorder, {}, IN_CREATE);
-    EXPECT_NE(listener.addWatching(tmp.Sub("link"), IN_CREATE | IN_ONLYDIR), 0);
+    listener = new RecordingListener(&recorder, {}, IN_CREATE);
+    EXPECT_NE(listener->addWatching(tmp.Sub("link"), IN_CREATE | IN_ONLYDIR), 0);
 
     // Checked and opened first, then swapped for the link before the watch:
     // the watch still lands on the directory that was checked.
@@ -208,10 +195,10 @@ TEST_F(FileEventListenerTest, AWatchNeverFollowsALinkSwappedInForItsDirectory) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(rename(tmp.Sub("logs").c_str(), tmp.Sub("moved").c_str()), 0);
     ASSERT_EQ(rename(tmp.Sub("link").c_str(), tmp.Sub("logs").c_str()), 0);
-    EXPECT_EQ(listener.addWatching(tmp.Sub("logs"), fd, IN_CREATE), 0);
+    EXPECT_EQ(listener->addWatching(tmp.Sub("logs"), fd, IN_CREATE), 0);
     close(fd);
-    Touch(tmp.Sub("outside/planted"));
-    Touch(tmp.Sub("moved/ours"));
+    ASSERT_TRUE(WriteFile(tmp.Sub("outside/planted"), ""));
+    ASSERT_TRUE(WriteFile(tmp.Sub("moved/ours"), ""));
     ASSERT_TRUE(recorder.WaitFor(tmp.Sub("logs"), std::string("ours")));
     for (const Event& event : recorder.Events()) EXPECT_NE(event.name, std::string("planted"));
 }
@@ -220,16 +207,17 @@ TEST_F(FileEventListenerTest, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWar
     const std::string kept = tmp.Sub("kept");
     const std::string dropped = tmp.Sub("dropped");
     MakeDirs({kept, dropped});
-    std::future<void> held = recorder.HoldFirst();
-    RecordingListener listener(&recorder, {}, IN_CREATE, {kept, dropped});
+    std::promise<void> release;
+    std::future<void> held = recorder.HoldFirst(release.get_future().share());
+    listener = new RecordingListener(&recorder, {}, IN_CREATE, {kept, dropped});
 
-    Touch(kept + "/first");
+    ASSERT_TRUE(WriteFile(kept + "/first", ""));
     ASSERT_EQ(held.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    Touch(dropped + "/x");
-    Touch(dropped + "/y");
-    EXPECT_TRUE(listener.removeWatching(dropped));
-    Touch(kept + "/last");
-    recorder.Release();
+    ASSERT_TRUE(WriteFile(dropped + "/x", ""));
+    ASSERT_TRUE(WriteFile(dropped + "/y", ""));
+    EXPECT_TRUE(listener->removeWatching(dropped));
+    ASSERT_TRUE(WriteFile(kept + "/last", ""));
+    release.set_value();
     // Kernel order: by the time "last" arrives the others were read.
     ASSERT_TRUE(recorder.WaitFor(kept, std::string("last")));
     for (const Event& event : recorder.Events()) EXPECT_EQ(event.path, kept);
@@ -241,53 +229,45 @@ TEST_F(FileEventListenerTest, EventsOfAWatchRemovedWhileQueuedAreDroppedWithAWar
     EXPECT_EQ(wds, std::vector<long>(3, wds[0]));
 }
 
+// Then the loop waits, and deleting the listener ends that wait.
 TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralReads) {
-    RecordingListener listener(&recorder, {}, IN_CREATE, {tmp.path()});
-    // Names of 4 to 80 bytes: an event takes 16 to 96 bytes, so a read holds
-    // a varying number of them and the last one rarely ends the buffer.
+    listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
+    // Names of 4 to 80 bytes: a read holds a varying number of events of 16 to 96 bytes.
     std::vector<std::string> names;
     for (int i = 0; i < 200; ++i) {
         names.push_back("f" + std::to_string(1000 + i) + std::string(i % 77, 'x'));
-        Touch(tmp.Sub(names.back()));
+        ASSERT_TRUE(WriteFile(tmp.Sub(names.back()), ""));
     }
-    ASSERT_TRUE(recorder.WaitForCount(names.size()));
+    ASSERT_TRUE(recorder.WaitFor(tmp.path(), names.back()));
     const std::vector<Event> events = recorder.Events();
     ASSERT_EQ(events.size(), names.size());
     for (size_t i = 0; i < names.size(); ++i) {
         EXPECT_EQ(events[i].name, names[i]) << i;
         EXPECT_EQ(events[i].path, tmp.path());
     }
-}
-
-TEST_F(FileEventListenerTest, DestructionEndsTheWaitAndLogsTheCleanup) {
-    auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()});
-    // Once an event went through, the loop is back waiting.
-    Touch(tmp.Sub("one"));
-    ASSERT_TRUE(recorder.WaitFor(tmp.path(), std::string("one")));
-    ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
+    ASSERT_TRUE(DeleteWithin(std::exchange(listener, nullptr)));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup...", kTag, ANDROID_LOG_DEBUG));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
-    // Right after construction the loop may not have started yet, or be
-    // about to wait.
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_TRUE(DeleteWithin(new RecordingListener(&recorder, {tmp.path()}, IN_CREATE), tmp.path())) << i;
-    }
 }
 
-TEST_F(FileEventListenerTest, StopFromTheEventEndsDispatching) {
-    auto* listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()}, true);
-    Touch(tmp.Sub("a"));
-    Touch(tmp.Sub("b"));
-    ASSERT_TRUE(recorder.WaitForCount(1));
-    EXPECT_TRUE(DeleteWithin(listener, tmp.path()));
+// Right after construction the loop may not have started yet, or be about
+// to wait; a stop from an event ends dispatching there and then.
+TEST_F(FileEventListenerTest, DeletionRightAfterConstructionOrAfterAStopFromAnEventEndsTheLoop) {
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(DeleteWithin(new RecordingListener(&recorder, {tmp.path()}, IN_CREATE))) << i;
+    }
+    listener = new RecordingListener(&recorder, {}, IN_CREATE, {tmp.path()}, true);
+    ASSERT_TRUE(WriteFile(tmp.Sub("a"), ""));
+    ASSERT_TRUE(WriteFile(tmp.Sub("b"), ""));
+    ASSERT_TRUE(recorder.WaitFor(tmp.path(), std::string("a")));
+    EXPECT_TRUE(DeleteWithin(std::exchange(listener, nullptr)));
     EXPECT_EQ(recorder.Events().size(), 1u);
 }
 
 TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillCleansUp) {
 #if defined(__SANITIZE_ADDRESS__)
-    // UndefinedBehaviorSanitizer (built with AddressSanitizer here) opens a
-    // pipe to check memory it inspects; with every descriptor taken it
-    // reports valid objects as having no type.
+    // UndefinedBehaviorSanitizer (built with AddressSanitizer here) needs a pipe to
+    // check memory; with every descriptor taken it reports valid objects as typeless.
     GTEST_SKIP() << "skipped: the sanitizer runtime needs descriptors of its own";
 #endif
     rlimit saved{};
@@ -298,7 +278,7 @@ TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillClean
     // Every descriptor taken, so that inotify_init1 fails with EMFILE.
     std::vector<int> taken;
     for (int fd = dup(0); fd >= 0; fd = dup(0)) taken.push_back(fd);
-    auto* listener = new RecordingListener(&recorder, {tmp.path()}, IN_CREATE);
+    listener = new RecordingListener(&recorder, {tmp.path()}, IN_CREATE);
     const int added = listener->addWatching(tmp.path(), IN_CREATE);
     for (int fd : taken) close(fd);
     setrlimit(RLIMIT_NOFILE, &saved);
@@ -307,8 +287,8 @@ TEST_F(FileEventListenerTest, AListenerWithoutInotifyRefusesWatchesAndStillClean
                                 ANDROID_LOG_ERROR));
     EXPECT_NE(added, 0);
     EXPECT_FALSE(listener->removeWatching(tmp.path()));
-    Touch(tmp.Sub("unseen"));
-    ASSERT_TRUE(DeleteWithin(listener, tmp.path()));
+    ASSERT_TRUE(WriteFile(tmp.Sub("unseen"), ""));
+    ASSERT_TRUE(DeleteWithin(std::exchange(listener, nullptr)));
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
     EXPECT_TRUE(recorder.Events().empty());
 }

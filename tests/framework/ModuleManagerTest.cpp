@@ -2,11 +2,16 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,13 +21,13 @@
 #include "framework/ModuleBase.h"
 #include "framework/ModuleManager.h"
 #include "framework/ModuleRegister.h"
+#include "framework/ModuleWorker.h"
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
 #include "platform/LogCapture.h"
 #include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
-#include "tests/support/ManagerThread.h"
 
 using namespace velmar::kolto;
 using tarnis_test::CountExact;
@@ -50,14 +55,13 @@ class TestModule : public ModuleBase {
 public:
     bool OnInit() override {
         events().Add("init:" + name);
-        return true;
+        return name != "Flaky" || gFlakyInitOk.load();
     }
     void OnAllModulesLoaded() override { events().Add("loaded:" + name + "@" + ThreadName()); }
     void dump(int fd, const char** args, unsigned int argc) override {
         std::string text = name + " argc=" + std::to_string(argc);
         for (unsigned i = 0; i < argc; ++i) text += std::string(" ") + args[i];
-        text += "\n";
-        if (write(fd, text.data(), text.size()) < 0) return;
+        android::base::WriteStringToFd(text + "\n", fd);
     }
 };
 
@@ -65,14 +69,11 @@ class AlphaModule : public TestModule {};
 class ZebraModule : public TestModule {};
 class FirstModule : public TestModule {};
 
+// Its OnInit fails until gFlakyInitOk is set.
 class FlakyModule : public TestModule {
 public:
     FlakyModule() { ++gFlakyCreated; }
     ~FlakyModule() override { events().Add("gone:Flaky"); }
-    bool OnInit() override {
-        events().Add("init:" + name);
-        return gFlakyInitOk.load();
-    }
 };
 
 TARNIS_MODULE_REGISTER(ZebraModuleRegister, ZebraModule, "Zebra", 0);
@@ -84,20 +85,15 @@ TARNIS_MODULE_REGISTER(FirstModuleRegister, FirstModule, "First", 0x80000000u);
 TARNIS_MODULE_REGISTER(AlphaCopyModuleRegister, ZebraModule, "Alpha", 5);
 
 std::string Dump(std::vector<const char*> args) {
-    int fd = memfd_create("dump", 0);
-    EXPECT_GE(fd, 0);
-    ModuleManager::dump(fd, args.data(), static_cast<unsigned>(args.size()));
+    android::base::unique_fd fd(memfd_create("dump", MFD_CLOEXEC));
+    ModuleManager::dump(fd.get(), args.data(), static_cast<unsigned>(args.size()));
+    lseek(fd.get(), 0, SEEK_SET);
     std::string out;
-    lseek(fd, 0, SEEK_SET);
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fd);
+    EXPECT_TRUE(android::base::ReadFdToString(fd.get(), &out));
     return out;
 }
 
-// Loads the modules once per process and keeps the log and the events of
-// that pass, before any test reloads modules.
+// Loads the modules once per process, keeping that pass's log and events.
 struct LoadPass {
     platform::LogCapture log;
     std::vector<std::string> events;
@@ -123,19 +119,10 @@ const char kSep[] = "\n-------------------------------------\n";
 
 TEST(ModuleManager, LoadsByPriorityThenNameAndRemovesFailedModules) {
     const LoadPass& pass = LoadOnce();
-    std::vector<std::string> inits;
-    size_t lastInit = 0, firstLoaded = SIZE_MAX;
-    for (size_t i = 0; i < pass.events.size(); ++i) {
-        if (pass.events[i].rfind("init:", 0) == 0 && inits.size() < 4) {
-            inits.push_back(pass.events[i]);
-            lastInit = i;
-        }
-        if (pass.events[i].rfind("loaded:", 0) == 0 && firstLoaded == SIZE_MAX) firstLoaded = i;
-    }
-    EXPECT_EQ(inits, (std::vector<std::string>{"init:First", "init:Alpha", "init:Flaky", "init:Zebra"}));
-    // Every OnInit of the pass returns before any OnAllModulesLoaded runs, and
-    // the failed module never gets one.
-    EXPECT_LT(lastInit, firstLoaded);
+    // Every OnInit returns before any OnAllModulesLoaded, which the failed module never gets.
+    ASSERT_GE(pass.events.size(), 4u);
+    EXPECT_EQ(std::vector<std::string>(pass.events.begin(), pass.events.begin() + 4),
+              (std::vector<std::string>{"init:First", "init:Alpha", "init:Flaky", "init:Zebra"}));
     EXPECT_EQ(std::count(pass.events.begin(), pass.events.end(), "loaded:Flaky@Flaky"), 0);
 
     std::vector<std::pair<std::string, int>> lines = {
@@ -213,9 +200,9 @@ TEST(ModuleManager, LoadCommandReloadsOnlyRemovedModules) {
     EXPECT_EQ(Dump({"Flaky"}), std::string("Dumping module Flaky: \nFlaky argc=1 Flaky\n") + kSep);
 }
 
+// A module removes itself, with work due now queued and a daily task waiting.
 TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread) {
     LoadOnce();
-    constexpr long kDayMs = 24L * 3600 * 1000;
     for (bool safely : {true, false}) {
         SCOPED_TRACE(safely ? "removed safely" : "removed at once");
         if (Dump({"Flaky"}) == "Module Flaky is not running\n") {
@@ -233,9 +220,7 @@ TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread
         }
         ASSERT_NE(thread, nullptr);
         auto handler = std::make_shared<TarnisHandler>(thread->getLooper(), nullptr);
-        TarnisMessageRef tomorrow = handler->postDelayed([] { events().Add("flaky-late"); }, kDayMs);
-        // The module ends its one-shot work and removes itself, with work due
-        // now still queued and the daily task waiting.
+        TarnisMessageRef tomorrow = handler->postDelayed([] { events().Add("flaky-late"); }, 24L * 3600 * 1000);
         handler->post([handler, safely] {
             handler->post([] { events().Add("flaky-due"); });
             removeModule("Flaky", safely);
@@ -247,9 +232,7 @@ TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread
         ModuleManager::GetManagerHandler()->post([answered] { answered->set_value(); });
         ASSERT_EQ(answered->get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
         EXPECT_EQ(Dump({"Flaky"}), "Module Flaky is not running\n");
-
-        // Removed safely, the module still ran what was due; the task due
-        // tomorrow went with its thread either way.
+        // Removed safely, what was due still ran; the task due tomorrow went with the thread.
         if (safely) {
             EXPECT_EQ(events().Count("flaky-due"), due + 1);
         }
@@ -259,9 +242,6 @@ TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread
                              ANDROID_LOG_DEBUG),
                   safely ? 1u : 0u);
         EXPECT_EQ(CountExact(log, "[~ModuleBase] Bye~ Flaky", "Tarnis-ModuleBase", ANDROID_LOG_DEBUG), 1u);
-        EXPECT_EQ(CountExact(log, "[~TarnisHandlerThread] ~TarnisHandlerThread Done", "Tarnis-HandlerThread",
-                             ANDROID_LOG_DEBUG),
-                  1u);
     }
 }
 
@@ -274,12 +254,63 @@ TEST(ModuleManager, RefusesDuplicateNamesAndUnknownRemovals) {
               1u);
     {
         std::lock_guard<std::recursive_mutex> guard(GetModuleListLock());
-        const ModulePrio& alpha = GetModuleList().at("Alpha");
-        EXPECT_EQ(alpha.prio, 0u);
-        EXPECT_NE(dynamic_cast<AlphaModule*>(alpha.instance), nullptr);
-        EXPECT_EQ(GetModuleList().size(), 4u);
+        EXPECT_NE(dynamic_cast<AlphaModule*>(GetModuleList().at("Alpha").instance), nullptr);
     }
     removeModule("Ghost", false);
     tarnis_test::DrainManagerThread();
     EXPECT_EQ(CountExact(log, "[operator()] module Ghost not found!!!", kTag, ANDROID_LOG_ERROR), 1u);
+}
+
+// A module's blocking half: a named thread, a stop that ends its waits, results until then.
+TEST(ModuleWorker, RunsNamedStopEndsItsWaitsAndResultsReachTheModuleThread) {
+    std::unique_ptr<TarnisHandlerThread> module(TarnisHandlerThread::create("WorkerHome"));
+    std::atomic<pthread_t> handlerThread{};
+    std::atomic<pthread_t> workerThread{};
+    std::atomic<bool> posted{false};
+    std::string threadName;
+    std::atomic<bool> sleepEnded{false};
+    {
+        ModuleWorker worker("ALongWorkerNameIsCut", module->getLooper());
+        EXPECT_EQ(worker.Describe(), "ALongWorkerNameIsCut: not started");
+        ASSERT_TRUE(worker.Start([&](StopSignal& stop) {
+            threadName = ThreadName();
+            workerThread = pthread_self();
+            worker.PostToModule([&] {
+                handlerThread = pthread_self();
+                posted = true;
+            });
+            sleepEnded = !stop.Sleep(24L * 3600 * 1000);
+        }));
+        EXPECT_FALSE(worker.Start([](StopSignal&) {}));
+        ASSERT_TRUE(tarnis_test::WaitFor([&] { return posted.load(); }));
+        EXPECT_EQ(worker.Describe(), "ALongWorkerNameIsCut: running");
+        worker.Stop();
+        EXPECT_TRUE(sleepEnded);
+        EXPECT_EQ(worker.state(), ModuleWorker::State::kStopped);
+        bool late = false;
+        worker.PostToModule([&] { late = true; });
+        module.reset();
+        EXPECT_FALSE(late);
+    }
+    EXPECT_EQ(threadName, "ALongWorkerName");
+    EXPECT_FALSE(pthread_equal(handlerThread.load(), workerThread.load()));
+}
+
+TEST(ModuleWorker, WorkThatEndsByItselfIsFinishedAndTheDestructorJoinsWhatRuns) {
+    std::atomic<bool> ran{false};
+    ModuleWorker done("Done", nullptr);
+    ASSERT_TRUE(done.Start([&](StopSignal&) { ran = true; }));
+    ASSERT_TRUE(tarnis_test::WaitFor([&] { return done.state() == ModuleWorker::State::kFinished; }));
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(done.Describe(), "Done: finished");
+
+    std::atomic<bool> returned{false};
+    {
+        ModuleWorker blocked("Blocked", nullptr);
+        blocked.Start([&](StopSignal& stop) {
+            while (!stop.Requested()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            returned = true;
+        });
+    }
+    EXPECT_TRUE(returned);
 }

@@ -17,11 +17,17 @@
 #include "framework/IntentFilter.h"
 #include "framework/InternalBroadcastManager.h"
 #include "framework/TarnisHandler.h"
+#include "tests/support/LooperIdle.h"
 #include "tests/support/WaitFor.h"
 
 // What the framework and service suites record from other threads: tasks
 // that ran, broadcasts received, and a looper held busy meanwhile.
 namespace tarnis_test {
+
+// Once every looper ran what is due (a marker task would jump the "now" messages).
+inline void DrainManagerThread() {
+    ASSERT_TRUE(WaitAllLoopersIdle(std::chrono::seconds(10))) << "the manager thread stayed busy";
+}
 
 // Entries made from any thread, in order; the waits give up after ten seconds.
 class Journal {
@@ -80,9 +86,8 @@ public:
     ~InternalReceiver() override { velmar::kolto::InternalBroadcastManager::unregisterReceiver(this); }
 };
 
-// Holds a looper's thread inside a task until Release() or its end, so that
-// what is sent meanwhile piles up in the queue. The task keeps its own share
-// of the release: it may still be waking up when the blocker is gone.
+// Holds a looper's thread in a task until Release() or its end, so that what is
+// sent meanwhile piles up; the task keeps its share of the release past the blocker.
 class LooperBlocker {
 public:
     ~LooperBlocker() { Release(); }

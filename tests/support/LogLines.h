@@ -14,8 +14,7 @@
 namespace tarnis_test {
 
 // Captured lines (of that tag and priority, when given) whose whole text is
-// `text`: a changed word, a missing argument or trailing text all count as a
-// miss, where LogCapture::Count would take a part.
+// `text`, where LogCapture::Count would take a part.
 inline size_t CountExact(const platform::LogCapture& capture, const std::string& text, const std::string& tag = "",
                          int prio = 0) {
     size_t count = 0;
@@ -44,22 +43,16 @@ inline std::string Literal(const std::string& text) {
     return std::regex_replace(text, special, R"(\$&)");
 }
 
-// For lines that carry a measured time or an id: the number N of every line
-// of that tag and priority whose whole text is `before` + N + `after`, N a
-// decimal integer (with an optional minus sign).
+// For lines that carry a measured time or an id: the integer N of every line of
+// that tag and priority whose whole text is `before` + N + `after`.
 inline std::vector<long> NumbersInLines(const platform::LogCapture& capture, const std::string& before,
                                         const std::string& after, const std::string& tag, int prio) {
+    const std::regex re(Literal(before) + "(-?[0-9]+)" + Literal(after));
     std::vector<long> numbers;
+    std::smatch match;
     for (const platform::LogLine& line : capture.Lines()) {
-        const std::string& text = line.text;
-        if (line.tag != tag || line.prio != prio) continue;
-        if (text.size() <= before.size() + after.size()) continue;
-        if (text.compare(0, before.size(), before) != 0) continue;
-        if (text.compare(text.size() - after.size(), after.size(), after) != 0) continue;
-        const std::string number = text.substr(before.size(), text.size() - before.size() - after.size());
-        const size_t digits = number[0] == '-' ? 1 : 0;
-        if (number.size() == digits || number.find_first_not_of("0123456789", digits) != std::string::npos) continue;
-        numbers.push_back(std::stol(number));
+        if (line.tag != tag || line.prio != prio || !std::regex_match(line.text, match, re)) continue;
+        numbers.push_back(std::stol(match[1]));
     }
     return numbers;
 }

@@ -5,36 +5,29 @@
 
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
+#include "tests/support/WaitFor.h"
 
 namespace tarnis_test {
-namespace {
-
-using velmar::kolto::TarnisLooperManager;
-
-// The dispatch counts of all loopers when every one is idle (ended ones
-// count as idle), else false.
-bool Snapshot(std::vector<uint64_t>* counts) {
-    counts->clear();
-    for (const auto& looper : TarnisLooperManager::getInstance().loopers()) {
-        if (!looper->hasEnded() && !looper->isIdle()) return false;
-        counts->push_back(looper->dispatched());
-    }
-    return true;
-}
-
-}  // namespace
 
 bool WaitAllLoopersIdle(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::vector<uint64_t> first, second;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (Snapshot(&first)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            if (Snapshot(&second) && first == second) return true;
+    // The dispatch counts of all loopers when every one is idle (ended ones
+    // count as idle), else false.
+    const auto snapshot = [](std::vector<uint64_t>* counts) {
+        counts->clear();
+        for (const auto& looper : velmar::kolto::TarnisLooperManager::getInstance().loopers()) {
+            if (!looper->hasEnded() && !looper->isIdle()) return false;
+            counts->push_back(looper->dispatched());
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+        return true;
+    };
+    std::vector<uint64_t> first, second;
+    return WaitFor(
+        [&] {
+            if (!snapshot(&first)) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            return snapshot(&second) && first == second;
+        },
+        timeout);
 }
 
 }  // namespace tarnis_test
