@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -31,6 +32,8 @@ using velmar::kolto::TempName;
 
 thread_local CaptureProgress* tCurrent = nullptr;
 constexpr std::chrono::milliseconds kMinInterval(10);
+constexpr int64_t kSweepSeconds = 60;
+std::atomic<int64_t> gLastSweep{0};
 
 bool IsPid(const char* name, pid_t* pid) {
     char* end = nullptr;
@@ -67,8 +70,15 @@ CaptureProgress::CaptureProgress(pid_t client) : client_(client), outer_(tCurren
         return;
     }
     fchmod(dir_.get(), 0755);
-    TempName::RemoveLeftovers(dir_.get(), paths::kCaptureProgressDir);
-    RemoveGone(dir_.get());
+    // Once a minute at most: the files of clients gone since are few, and a
+    // capture ordered right after another need not wait for their removal.
+    const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                            std::chrono::steady_clock::now().time_since_epoch()).count();
+    int64_t last = gLastSweep.load();
+    if ((last == 0 || now - last >= kSweepSeconds) && gLastSweep.compare_exchange_strong(last, now)) {
+        TempName::RemoveLeftovers(dir_.get(), paths::kCaptureProgressDir);
+        RemoveGone(dir_.get());
+    }
     Publish();
 }
 
