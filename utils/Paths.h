@@ -28,7 +28,7 @@ struct RescueOrCache {
 inline constexpr char kDorvaDir[] = "/data/dorva/";  // default base of captures
 inline constexpr char kLocalRecordDir[] = "/data/nuvilog/stability/reboot/";
 // One file per running capture, named after the pid of the client that ordered it.
-inline constexpr char kCaptureProgressDir[] = "/data/misc/tarnis/progress";
+inline constexpr char kCaptureProgressDir[] = "/data/misc/tarnis";
 inline constexpr char kOfflineDbDir[] = "/data/nuvilog/";
 // Marks the native-crash files whose core dumps a capture waits for.
 inline constexpr char kNativeCrashDir[] = "/data/nuvilog/stability/nativecrash";

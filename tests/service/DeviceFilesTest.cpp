@@ -81,7 +81,8 @@ struct Code {
         services.insert(platform::ToUtf8(nuvi::dorva::IDorvaNative::descriptor));
         for (const char* path :
              {paths::kDorvaDir, paths::kOfflineDbDir, paths::kRescueBase.rescue, paths::kRescueBase.cache,
-              paths::kCaptureServerDir.rescue, paths::kCaptureServerDir.cache, paths::kPersistDir, paths::kBlackbox}) {
+              paths::kCaptureServerDir.rescue, paths::kCaptureServerDir.cache, paths::kPersistDir, paths::kBlackbox,
+              paths::kCaptureProgressDir}) {
             std::string dir = path;
             while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
             devicePaths.insert(dir);
