@@ -8,15 +8,13 @@
 #include <cstring>
 #include <functional>
 #include <regex>
-#include <thread>
 #include <tuple>
 
 #include <android-base/properties.h>
-#include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
 
-#include "platform/Sockets.h"
 #include "tests/support/DumpSandbox.h"
+#include "tests/support/R4ReservedPeer.h"
 #include "tests/support/TestClock.h"
 #include "utils/dump/CaptureFile.h"
 
@@ -29,46 +27,16 @@ using android::base::SetProperty;
 
 namespace {
 
-// One connection on the root's reserved "dumpstate" socket (at any depth): request in, the test's reply out.
-class FakeDumpstate {
-public:
-    // `readsRequest`: the client writes a request before it reads the reply.
-    FakeDumpstate(bool readsRequest, std::function<std::string()> answer)
-        : path_(platform::ReservedSocketPath("dumpstate")) {
-        RunShell("mkdir -p \"$(dirname '" + path_ + "')\"");
-        listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        struct sockaddr_un address;
-        socklen_t length = 0;
-        android::base::unique_fd dirFd;
-        EXPECT_TRUE(platform::MakeUnixAddress(path_, &address, &length, &dirFd)) << strerror(errno);
-        EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), length), 0) << strerror(errno);
-        EXPECT_EQ(listen(listener_.get(), 1), 0);
-        thread_ = std::thread([this, readsRequest, answer] {
-            android::base::unique_fd fd(accept(listener_.get(), nullptr, nullptr));
-            if (!fd.ok()) return;
-            char buffer[1024] = {};
-            const ssize_t n = readsRequest ? recv(fd.get(), buffer, sizeof(buffer) - 1, 0) : 0;
-            request_.assign(buffer, n > 0 ? static_cast<size_t>(n) : 0);
-            const std::string reply = answer();
-            send(fd.get(), reply.data(), reply.size(), MSG_NOSIGNAL);
-        });
-    }
-    ~FakeDumpstate() {
-        shutdown(listener_.get(), SHUT_RDWR);
-        Request();
-        unlink(path_.c_str());
-    }
-    std::string Request() {
-        if (thread_.joinable()) thread_.join();
-        return request_;
-    }
-
-private:
-    std::string path_;
-    android::base::unique_fd listener_;
-    std::thread thread_;
-    std::string request_;
-};
+// The dumpstate service's part: the request into `request` (null: the client writes none), then `answer()`.
+std::function<void(int)> Dumpstate(std::string* request, std::function<std::string()> answer) {
+    return [request, answer](int fd) {
+        char buffer[1024] = {};
+        const ssize_t n = request != nullptr ? recv(fd, buffer, sizeof(buffer) - 1, 0) : 0;
+        if (request != nullptr) request->assign(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+        const std::string reply = answer();
+        send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+    };
+}
 
 class CaptureDumpsTest : public CaptureSandboxTest {
 protected:
@@ -273,17 +241,18 @@ TEST_F(CaptureDumpsTest, BugreportFromTheDumpstateService) {
          "echo \"$TARNIS_ROOT\" > \"$TARNIS_ROOT/service-ran\"\nexec sleep 30\n");
     const std::string logDir = Path("/data/dorva//anr/online");
     const std::string report = logDir + "/tarnBugreport-1.zip";
-    FakeDumpstate server(true, [&] {
+    std::string request;
+    ReservedPeer server("dumpstate", Dumpstate(&request, [&] {
         // A real report takes a while: long enough for the service to start.
         for (int i = 0; i < 200 && ReadFile(marker).empty(); ++i) usleep(10 * 1000);
         WriteFile(report, "bugreport bytes");
         WriteFile(logDir + "/tarnBugreport-1.tmp", "leftover");
         return report;
-    });
+    }));
     DumpAll("anr", "bug", List({"tarnbugreport", "do_dumpheap"}), List({"full", ""}), false);
-    // Request() waits for the fake's thread: only once the daemon was there.
+    server.Stop();
     ASSERT_TRUE(Logged(log_, "recv response from dumpstate: " + report, ANDROID_LOG_INFO));
-    EXPECT_EQ(server.Request(), logDir + "|full");
+    EXPECT_EQ(request, logDir + "|full");
     // The report went into the archive, then was removed with its leftovers.
     EXPECT_EQ(attached_, "/data/dorva//anr/online/tarnBugreport-1.zip\n");
     const std::string names = Names("/data/dorva//anr/online");
@@ -307,9 +276,11 @@ TEST_F(CaptureDumpsTest, FullReportReplyIsAtMost511BytesAndMustNameAFile) {
     const std::pair<std::string, std::string> replies[] = {{report + "Z", report + "\n"},
                                                             {"/data/dorva/none.zip", ""}};
     for (const auto& r : replies) {
-        FakeDumpstate server(true, [&] { return r.first; });
+        std::string request;
+        ReservedPeer server("dumpstate", Dumpstate(&request, [&] { return r.first; }));
         DumpAll("hangTemp", "report", List({"tarnbugreport"}), List({"full"}), false);
-        EXPECT_EQ(server.Request(), Path("/data/dorva//hangTemp/online") + "|full");
+        server.Stop();
+        EXPECT_EQ(request, Path("/data/dorva//hangTemp/online") + "|full");
         EXPECT_EQ(attached_, r.second);
     }
     EXPECT_TRUE(Logged(log_, "recv response from dumpstate: /data/dorva/none.zip", ANDROID_LOG_INFO));
@@ -326,10 +297,10 @@ TEST_F(CaptureDumpsTest, LiteBugreportBelowARootDeeperThanASocketAddressAllows) 
     EXPECT_EQ(errno, EINVAL);
     std::string zipProperty;
     {
-        FakeDumpstate server(false, [&] {
+        ReservedPeer server("dumpstate", Dumpstate(nullptr, [&] {
             zipProperty = GetProperty("sys.nuvi.bm_zip", "");
             return std::string(255, 'k');
-        });
+        }));
         CaptureLogUtil::dump_lite_bugreport("boot_1", "/data/dorva/lite.txt");
     }
     EXPECT_EQ(zipProperty, "@boot_1");
@@ -415,15 +386,6 @@ TEST_F(CaptureDumpsTest, AnrTracesOfThisBuildWhileTheWatchdogStampIsRecent) {
     EXPECT_TRUE(Logged(log_, "failed to get watchdog timestamp prop ", ANDROID_LOG_WARN));
 }
 
-TEST_F(CaptureDumpsTest, DumpByPowerRunsOnlyWhitelistedActions) {
-    CaptureLogUtil::dump_by_power(List({"ps", "sh"}), List({"-o,pid", "-c,echo bad"}), "/data/dorva/by_power", 5);
-    const std::string text = ReadFile(Path("/data/dorva/by_power"));
-    EXPECT_NE(text.find("------ (ps -o pid) in 5s ------\n"), std::string::npos);
-    EXPECT_EQ(text.find("bad"), std::string::npos);
-    EXPECT_TRUE(Logged(log_, "dump_by_power: action 'sh' not in SUPPORT_ACTION whitelist, skipping"));
-    EXPECT_TRUE(Logged(log_, "dump begin path=" + Path("/data/dorva/by_power") + " (ps -o,pid)"));
-}
-
 TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrough) {
     TempDir outside;
     const std::string victim = outside.Sub("victim");
@@ -452,11 +414,12 @@ TEST_F(CaptureDumpsTest, LinksPlantedBelowTheTypeDirectoriesAreNeverWrittenThrou
 TEST_F(CaptureDumpsTest, LogDirectorySwappedForALinkMidCapture) {
     TempDir outside;
     const std::string online = Path("/data/dorva//anr/online");
-    FakeDumpstate server(true, [&] {
+    std::string request;
+    ReservedPeer server("dumpstate", Dumpstate(&request, [&] {
         EXPECT_EQ(rename(online.c_str(), (online + ".moved").c_str()), 0);
         EXPECT_EQ(symlink(outside.path().c_str(), online.c_str()), 0);
         return std::string();
-    });
+    }));
     DumpAll("anr", "h", List({"tarnbugreport", "ps"}), List({"full", "-o,pid"}), false);
     const std::string path = LineMatching(log_, "dump_all path = (.*)").substr(strlen("dump_all path = "));
     const std::string name = path.substr(path.find_last_of('/') + 1);

@@ -69,8 +69,8 @@ TEST_F(SectionPoolTest, SectionsRunTogetherAndAreAppendedInTheOrderAsked) {
     EXPECT_EQ(ReadFile(path).substr(ReadFile(path).size() - 2), "cc");
 }
 
-// What a capture's tools write reads the same run together as one after
-// another; only the measured times and the children's pids differ.
+// What a capture's tools write reads the same run together as one after another; only the measured times and
+// the children's pids differ. A tool off the whitelist runs in neither.
 TEST_F(SectionPoolTest, ACaptureReadsTheSameRunTogetherAsInTurn) {
     MakeDirs({"/data/dorva"});
     const std::string a = Make("/data/in/a", "alpha\n");
@@ -89,6 +89,10 @@ TEST_F(SectionPoolTest, ACaptureReadsTheSameRunTogetherAsInTurn) {
     EXPECT_NE(inTurn.find("alpha\n"), std::string::npos);
     EXPECT_LT(inTurn.find("alpha\n"), inTurn.find(std::string(100000, 'b')));
     EXPECT_NE(inTurn.find("Exit code 1"), std::string::npos);
+    EXPECT_NE(inTurn.find("------ (cat " + a + ") in 5s ------\nalpha\n"), std::string::npos) << inTurn;
+    EXPECT_EQ(inTurn.find("(rm"), std::string::npos) << inTurn;
+    EXPECT_EQ(CountExact(log_, "dump_by_power: action 'rm' not in SUPPORT_ACTION whitelist, skipping", "dorvad"), 2u);
+    EXPECT_TRUE(Logged(log_, "dump begin path=" + Path("/data/dorva/in_turn") + " (cat " + a + ")"));
 }
 
 }  // namespace
