@@ -1,7 +1,5 @@
-// The bytes on the wire: parcels, the frames that carry them, and the agreement of both backends. The
-// NDK-backend classes are written by hand (the host's aidl tool has no NDK backend); the C++-backend ones it
-// generates share their codes and parcel layout, so each backend's services are called through the other's
-// proxies.
+// Parcels, the frames that carry them, and the agreement of both backends: the hand-written NDK-backend classes
+// (the host's aidl tool has none) share codes and layout with the generated C++ ones; each calls the other's.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -44,8 +42,7 @@ using android::binder::Status;
 
 namespace {
 
-// The types the generated classes of this daemon's own interfaces use that
-// AidlAgreementTest (and ServiceTest's filtered socket) do not carry.
+// The types of this daemon's interfaces that AidlAgreementTest (and ServiceTest's filtered socket) do not carry.
 TEST(ParcelTest, EveryOtherTypeRoundTripsInOrder) {
     Parcel p;
     const String16 astral(u"caf\u00e9 \U0001F600");

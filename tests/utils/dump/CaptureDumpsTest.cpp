@@ -483,8 +483,7 @@ TEST_F(SectionPoolTest, SectionsRunTogetherAndAreAppendedInTheOrderAsked) {
     EXPECT_EQ(ReadFile(path).substr(ReadFile(path).size() - 2), "cc");
 }
 
-// What a capture's tools write reads the same run together as one after another; only the measured times and
-// the children's pids differ. A tool off the whitelist runs in neither.
+// Run together or in turn, a capture reads the same but for times and pids; a tool off the whitelist runs in neither.
 TEST_F(SectionPoolTest, ACaptureReadsTheSameRunTogetherAsInTurn) {
     MakeDirs({"/data/dorva"});
     const std::string a = Make("/data/in/a", "alpha\n");
