@@ -163,8 +163,7 @@ bool Parse(const std::string& text, Json::Value* document, std::string* why) {
     return reader->parse(text.data(), text.data() + text.size(), document, why);
 }
 
-// The bug-report protocol of `capture -p`: BEGIN with the archive, section counts rising to the total (at least
-// `counts` of them seen), OK with the same archive; returns it.
+// `capture -p`: BEGIN with the archive, at least `counts` section counts rising to the total, OK with it; returns it.
 std::string FollowedArchive(const std::string& out, size_t counts) {
     std::istringstream lines(out);
     std::string line, begun;
@@ -370,9 +369,8 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     EXPECT_EQ(Ctl("persist write " + dir + "/a HE"), "");
     EXPECT_EQ(Ctl("persist read " + dir + "/a"), "HEllo");
 
-    // Nothing outside the directory is made, written or read: not by "..",
-    // not through a link at the name or on the way. How each kind of path is
-    // judged is PathsTest's; here every method that takes one refuses.
+    // Nothing outside the directory is made, written or read, by ".." or a link at the name or on the way (how
+    // each kind of path is judged is PathsTest's; here every method that takes one refuses).
     ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
     ASSERT_EQ(symlink(root_.Sub("outside").c_str(), (local + "/link").c_str()), 0);
     ASSERT_EQ(symlink(root_.path().c_str(), (local + "/up").c_str()), 0);

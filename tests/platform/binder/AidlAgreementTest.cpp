@@ -339,6 +339,7 @@ protected:
         return AIBinder_dump(proxy_->asBinder().get(), fd, args, 1);
     }
 
+    platform::LogCapture capture_;
     std::shared_ptr<EchoSsi> impl_;
     std::string path_;
     std::shared_ptr<ITarnisSsi> proxy_;
@@ -346,7 +347,6 @@ protected:
 };
 
 TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
-    platform::LogCapture capture;
     // Not ignored: a send to a socket without a reader would kill this process if the relay let SIGPIPE through.
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
     int fds[2];
@@ -354,7 +354,7 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     close(fds[0]);
     EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
     close(fds[1]);
-    EXPECT_EQ(capture.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
+    EXPECT_EQ(capture_.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
                                 std::to_string(getpid()) + " uid " + std::to_string(getuid()) +
                                 ": the reader went away after 0 of 8 bytes",
                             "", ANDROID_LOG_ERROR),
@@ -364,7 +364,6 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
 
 TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
-    platform::LogCapture capture;
     // Two stuck dumps from this uid, more than its share of the pool, each into a full pipe nobody reads.
     int pipes[2][2];
     for (auto& fds : pipes) {
@@ -380,7 +379,7 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     EXPECT_EQ(CallAs(kShellUid), 0);
     for (auto& dump : dumps) EXPECT_EQ(dump.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     for (auto& dump : dumps) EXPECT_EQ(dump.get(), android::TIMED_OUT);
-    EXPECT_EQ(capture.Count("the output was not drained within 3000 ms; gave up after 0 of 8 bytes", "",
+    EXPECT_EQ(capture_.Count("the output was not drained within 3000 ms; gave up after 0 of 8 bytes", "",
                             ANDROID_LOG_ERROR),
               2u);
     for (auto& fds : pipes) {
@@ -394,7 +393,6 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
 // of its longest-idle ones, is turned away only when all are busy, and never locks another uid out.
 TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
-    platform::LogCapture capture;
     const auto start = std::chrono::steady_clock::now();
     const size_t share = BinderProcess::kMaxConnections / BinderProcess::kUidShareDivisor;
     const size_t total = share + 144;
@@ -434,12 +432,12 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     EXPECT_EQ(CallAs(kShellUid + 1), 0);  // another uid is served while the share is held
     // One line each, at a bounded rate (five a window of 10 s): the rest are counted, not logged.
     const size_t windows = (std::chrono::steady_clock::now() - start) / std::chrono::seconds(10) + 1;
-    const size_t lines = capture.Count("binder: evicted the oldest idle connection of uid 2000 (pid " +
+    const size_t lines = capture_.Count("binder: evicted the oldest idle connection of uid 2000 (pid " +
                                            std::to_string(holder.pid()) + ", idle for ",
                                        "", ANDROID_LOG_INFO);
     EXPECT_TRUE(lines >= 1 && lines <= 5 * windows) << lines << " in " << windows;
-    EXPECT_TRUE(capture.Contains(" ms) from " + kSsiName + " to admit a newcomer of uid 2000"));
-    EXPECT_TRUE(AwaitLine(capture,
+    EXPECT_TRUE(capture_.Contains(" ms) from " + kSsiName + " to admit a newcomer of uid 2000"));
+    EXPECT_TRUE(AwaitLine(capture_,
                           "binder: refused a connection from pid " + std::to_string(holder.pid()) +
                               ": too many connections from uid 2000",
                           ANDROID_LOG_WARN));
@@ -447,13 +445,13 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     // Stalled half-way, the busy ones are closed in time (before the holder goes).
     SetTimeouts(60000, 200);
     EXPECT_TRUE(AwaitConnections(1)) << Connections();
-    EXPECT_TRUE(AwaitLine(capture, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
+    EXPECT_TRUE(AwaitLine(capture_, "stalled mid-transaction for more than 200 ms", ANDROID_LOG_WARN));
     ASSERT_TRUE(holder.Say('x'));
     EXPECT_EQ(holder.Exit(), 0);
     // Idle ones are closed too; a proxy whose pooled connection went so reconnects without its caller noticing.
     SetTimeouts(200, 200);
     EXPECT_TRUE(AwaitConnections(0)) << Connections();
-    EXPECT_TRUE(AwaitLine(capture, "idle for more than 200 ms", ANDROID_LOG_INFO));
+    EXPECT_TRUE(AwaitLine(capture_, "idle for more than 200 ms", ANDROID_LOG_INFO));
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
 }
 
@@ -481,7 +479,6 @@ TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
     }
     // Full: uid 2000 holds two, five other uids and our proxy one each.
     ASSERT_TRUE(AwaitConnections(8)) << Connections();
-    platform::LogCapture capture;
     // A ninth caller: uid 2000 holds the most and gives one up.
     EXPECT_EQ(CallAs(kShellUid + 9), 0);
     std::string ends;
@@ -492,15 +489,14 @@ TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
     }
     EXPECT_EQ(ends, "ekkkkk");  // only uid 2000 lost a connection
     // Logged through its own ration, apart from a uid's evictions for itself.
-    EXPECT_TRUE(AwaitLine(capture, "binder: evicted the oldest idle connection of uid 2000 (pid " +
+    EXPECT_TRUE(AwaitLine(capture_, "binder: evicted the oldest idle connection of uid 2000 (pid " +
                                        std::to_string(holders[0]->pid()) + ", idle for "));
-    EXPECT_TRUE(capture.Contains(" ms) from " + kSsiName + " to admit a newcomer of uid 2009"));
+    EXPECT_TRUE(capture_.Contains(" ms) from " + kSsiName + " to admit a newcomer of uid 2009"));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
 TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
-    platform::LogCapture capture;
     const size_t uidBudget = BinderProcess::kMaxBufferedBytes / BinderProcess::kUidShareDivisor;
     PlatChild hog(kShellUid, [&](PlatChild& parent) {
         // Each connection sends all but the last byte of a largest transaction.
@@ -521,7 +517,7 @@ TEST_F(HostileClientTest, UnfinishedTransactionsOfOneUidStayWithinItsBudget) {
     });
     ASSERT_EQ(hog.Hear(), 'y');
     const std::string exceeded = "unfinished transactions of uid 2000 exceed " + std::to_string(uidBudget) + " bytes";
-    EXPECT_TRUE(AwaitLine(capture, exceeded, ANDROID_LOG_ERROR));
+    EXPECT_TRUE(AwaitLine(capture_, exceeded, ANDROID_LOG_ERROR));
     EXPECT_LE(Buffered(), uidBudget);
     // Another uid's call, large itself, is served meanwhile.
     std::string big(256 * 1024, 'q');  // 512 KiB as UTF-16
