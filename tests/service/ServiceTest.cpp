@@ -155,14 +155,6 @@ protected:
     tarnis_test::Daemon daemon{root};
 };
 
-// One document and nothing after it, as a strict reader takes it.
-bool Parse(const std::string& text, Json::Value* document, std::string* why) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    return reader->parse(text.data(), text.data() + text.size(), document, why);
-}
-
 // `capture -p`: BEGIN with the archive, at least `counts` section counts rising to the total, OK with it; returns it.
 std::string FollowedArchive(const std::string& out, size_t counts) {
     std::istringstream lines(out);
@@ -669,12 +661,15 @@ TEST_F(ToolsOutputTest, EachCommandsJsonFormAndFailuresStaySentences) {
         EXPECT_EQ(c.status == 0 ? err : out, "");
     }
 
-    // Where values vary: read by a strict reader, the members a script relies on.
+    // Where values vary: one document and nothing after it, as a strict reader takes it; the members scripts use.
+    Json::CharReaderBuilder strict;
+    Json::CharReaderBuilder::strictMode(&strict.settings_);
+    const std::unique_ptr<Json::CharReader> reader(strict.newCharReader());
     const auto read = [&](const std::string& args) {
         std::string out, err;
         Json::Value document;
         EXPECT_EQ(Ctl(args, &out, &err), 0) << err;
-        EXPECT_TRUE(Parse(out, &document, &err)) << err << "\n" << out;
+        EXPECT_TRUE(reader->parse(out.data(), out.data() + out.size(), &document, &err)) << err << "\n" << out;
         return document;
     };
     EXPECT_EQ(read("getprop --json " + kProperty)["name"], kProperty);

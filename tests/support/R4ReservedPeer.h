@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -36,6 +37,9 @@ public:
             for (;;) {
                 android::base::unique_fd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
                 if (!client.ok()) return;
+                // A client that connects and then says nothing costs ten seconds, not a hung test.
+                const timeval patience{10, 0};
+                setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
                 serve(client.get());
             }
         });

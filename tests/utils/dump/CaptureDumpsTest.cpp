@@ -98,7 +98,6 @@ void Write(int fd, const std::string& text) { ASSERT_EQ(write(fd, text.data(), t
 
 const char kAnrStart[] = "==================Start Get data/anr log for BootMonitor======================\n";
 
-
 using CapturePackagerTest = CaptureSandboxTest;
 using DirectoryHelpersTest = CaptureSandboxTest;
 
