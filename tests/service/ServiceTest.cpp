@@ -43,6 +43,7 @@
 #include "service/DorvaNativeDaemon.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
+#include "tests/support/DumpSandbox.h"
 #include "tests/support/FwDaemon.h"
 #include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
@@ -348,9 +349,7 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     // The first listing makes the missing directory and lists nothing.
     EXPECT_EQ(Ctl("persist list", &status), "");
     EXPECT_EQ(status, 0);
-    struct stat st;
-    ASSERT_EQ(stat(local.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(tarnis_test::ModeOf(local), 0755u);
 
     EXPECT_EQ(Ctl("persist create " + dir + "/a"), "result: 0\n");
     EXPECT_EQ(Ctl("persist create " + dir + "/missing/b"), "result: -1\n");
@@ -424,9 +423,7 @@ TEST_F(DorvaNativeDaemonTest, DeviceHelpers) {
         EXPECT_EQ(ReadFile(byName + "msadp"), msa);
     }
     EXPECT_TRUE(log.HasLine("flash debugpolicy cmd[3] ret=0\n", "dorvad", 3));
-    struct stat st;
-    ASSERT_EQ(stat((images + "dp_MSA_signed.mbn").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    EXPECT_EQ(tarnis_test::ModeOf(images + "dp_MSA_signed.mbn"), 0777u);
 
     // No station here (and maybe no nl80211): every value keeps its default.
     EXPECT_EQ(Ctl("station-info tarnis-none0 aa:bb:cc:dd:ee:ff", &status),
