@@ -37,8 +37,7 @@ std::string Read(const fs::path& path) {
     return tarnis_test::ReadFile(path);
 }
 
-// The first group of every match of `pattern` in `text`, line by line;
-// lines that begin with '#' are comments in all of these files.
+// The first group of every match of `pattern` in `text`, line by line; '#' begins a comment in all these files.
 std::vector<std::string> Grab(const std::string& text, const std::string& pattern) {
     std::vector<std::string> out;
     const std::regex re(pattern);
@@ -50,8 +49,7 @@ std::vector<std::string> Grab(const std::string& text, const std::string& patter
     return out;
 }
 
-// What the daemon's own code says, read from its headers where a header
-// holds the name and from its sources where only a source does.
+// What the daemon's code names, read from a header where one holds the name, else from the sources.
 struct Code {
     std::set<std::string> literals;  // every string literal of the daemon's sources
     std::set<std::string> services;  // what main registers
@@ -87,6 +85,8 @@ struct Code {
             while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
             devicePaths.insert(dir);
         }
+        // Init makes the capture progress's parent, for the journal too; the daemon makes what is below it.
+        devicePaths.insert(fs::path(paths::kCaptureProgressDir).parent_path());
     }
 };
 

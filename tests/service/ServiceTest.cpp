@@ -1,6 +1,5 @@
-// The daemon's services, served from this process below a fresh root and called through tarnisctl in another
-// process (the wire, the real caller's uid), or in-process where a test needs a caller it cannot become;
-// then the daemon and its tool as real processes, driven as a user would from a shell.
+// The daemon's services through tarnisctl in another process (the wire, the caller's uid), or in-process for a
+// caller a test cannot become; then tarnisd and its tool as processes, from a shell, by scripts and installed.
 // GCC 12 warns falsely inside <regex> under the sanitizers' optimisation.
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <arpa/inet.h>
@@ -17,12 +16,16 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
+#include <android-base/properties.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <dorva/DorvaServiceManager.h>
@@ -40,6 +43,7 @@
 #include "service/DorvaNativeDaemon.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
+#include "tests/support/DumpSandbox.h"
 #include "tests/support/FwDaemon.h"
 #include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
@@ -51,6 +55,7 @@ using aidl::velmar::system::tarnis::common::TarnisInternal;
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;
 using android::DorvaNativeDaemon;
 using namespace velmar::kolto;
+using tarnis_test::BuiltTool;
 using tarnis_test::Holds;
 using tarnis_test::ReadFile;
 using tarnis_test::RunShell;
@@ -91,22 +96,55 @@ protected:
 
 using DorvaNativeDaemonTest = ServiceTest;
 
-// tarnisd on a root the sandbox script laid out, with a stale capture socket and a logcat worth keeping.
+// Quotes, a backslash, a tab and another control character; the property also ends in a byte that is no UTF-8.
+const std::string kText = "say \"hi\" \\ \tthen\x01 end";
+const std::string kProperty = "tarnis.test.odd";
+const std::string kPersist = "/mnt/vendor/persist/stability/odd";
+
+// tarnisd on a root the sandbox script laid out, with a stale capture socket, a logcat worth keeping, a persist
+// file and a property of awkward text; every module running (the service answers before the load is through).
 class DaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
         const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
         ASSERT_EQ(system(("TARNIS_BUILD_DIR=" TARNIS_BUILD_DIR " " + prepare + " >/dev/null").c_str()), 0);
+        platform::SetRoot(root.path());
+        ASSERT_TRUE(android::base::SetProperty(kProperty, kText + "\xff"));
+        ASSERT_TRUE(WriteFile(root.path() + kPersist, kText));
         // A socket file as a daemon that died leaves it.
         ASSERT_TRUE(android::WireIo::Bind(root.Sub("dev/socket/dorvad")).ok());
         ASSERT_TRUE(WriteFile(root.Sub("bin/logcat"), "#!/bin/sh\nhead -c 6000 /dev/urandom | base64\n"));
         ASSERT_EQ(chmod(root.Sub("bin/logcat").c_str(), 0755), 0);
         ASSERT_TRUE(daemon.Start());
+        const auto loaded = [&] { return daemon.Run("dump ModuleManager dump").find("Stopped") == std::string::npos; };
+        ASSERT_TRUE(WaitFor(loaded));
+    }
+    void TearDown() override { platform::SetRoot("/"); }
+
+    // tarnisctl with `args`: exit status, standard output, the first line of standard error.
+    int Ctl(const std::string& args, std::string* out, std::string* err) {
+        const std::string errFile = root.Sub("ctl.err");
+        int status = -1;
+        *out = RunShell(daemon.Ctl() + " " + args + " 2>" + errFile, &status);
+        *err = ReadFile(errFile);
+        err->erase(std::min(err->find('\n'), err->size()));
+        return status;
+    }
+
+    // What bash completion offers for a command line whose last word is being completed.
+    std::string Complete(const std::string& words) {
+        const std::string script = root.Sub("complete.sh");
+        EXPECT_TRUE(WriteFile(script, "source " TARNIS_SOURCE_DIR "/completion/tarnisctl.bash\nCOMP_WORDS=(" +
+                                          BuiltTool("tarnisctl") + " " + words +
+                                          ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_tarnisctl\n"
+                                          "echo \"${COMPREPLY[*]}\"\n"));
+        return RunShell("bash " + script + " 2>&1");
     }
 
     TempDir root;
     tarnis_test::Daemon daemon{root};
 };
+using ToolsOutputTest = DaemonTest;
 
 // A root of its own, bare, for faults of the start and of the tool.
 class DaemonAlone : public ::testing::Test {
@@ -118,9 +156,8 @@ protected:
     tarnis_test::Daemon daemon{root};
 };
 
-// The bug-report protocol of `capture -p`: BEGIN with the archive, section counts rising to the total (at least
-// `counts` of them seen), OK with the same archive; returns it.
-std::string FollowedArchive(const std::string& out, size_t counts = 1) {
+// `capture -p`: BEGIN with the archive, at least `counts` section counts rising to the total, OK with it; returns it.
+std::string FollowedArchive(const std::string& out, size_t counts) {
     std::istringstream lines(out);
     std::string line, begun;
     size_t last = 0, total = 0, seen = 0;
@@ -312,9 +349,7 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     // The first listing makes the missing directory and lists nothing.
     EXPECT_EQ(Ctl("persist list", &status), "");
     EXPECT_EQ(status, 0);
-    struct stat st;
-    ASSERT_EQ(stat(local.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(tarnis_test::ModeOf(local), 0755u);
 
     EXPECT_EQ(Ctl("persist create " + dir + "/a"), "result: 0\n");
     EXPECT_EQ(Ctl("persist create " + dir + "/missing/b"), "result: -1\n");
@@ -325,9 +360,8 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     EXPECT_EQ(Ctl("persist write " + dir + "/a HE"), "");
     EXPECT_EQ(Ctl("persist read " + dir + "/a"), "HEllo");
 
-    // Nothing outside the directory is made, written or read: not by "..",
-    // not through a link at the name or on the way. How each kind of path is
-    // judged is PathsTest's; here every method that takes one refuses.
+    // Nothing outside the directory is made, written or read, by ".." or a link at the name or on the way (how
+    // each kind of path is judged is PathsTest's; here every method that takes one refuses).
     ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
     ASSERT_EQ(symlink(root_.Sub("outside").c_str(), (local + "/link").c_str()), 0);
     ASSERT_EQ(symlink(root_.path().c_str(), (local + "/up").c_str()), 0);
@@ -389,9 +423,7 @@ TEST_F(DorvaNativeDaemonTest, DeviceHelpers) {
         EXPECT_EQ(ReadFile(byName + "msadp"), msa);
     }
     EXPECT_TRUE(log.HasLine("flash debugpolicy cmd[3] ret=0\n", "dorvad", 3));
-    struct stat st;
-    ASSERT_EQ(stat((images + "dp_MSA_signed.mbn").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    EXPECT_EQ(tarnis_test::ModeOf(images + "dp_MSA_signed.mbn"), 0777u);
 
     // No station here (and maybe no nl80211): every value keeps its default.
     EXPECT_EQ(Ctl("station-info tarnis-none0 aa:bb:cc:dd:ee:ff", &status),
@@ -438,16 +470,9 @@ TEST_F(DorvaNativeDaemonTest, TheFilteredSocketReachesTheClient) {
 }
 
 TEST_F(DaemonTest, ServesEveryModuleSurvivesHostileCallersRunsOncePerRootAndStopsCleanly) {
-    // Every module is listed, each running once the load (which the service does not wait for) is through.
-    std::string modules;
-    ASSERT_TRUE(WaitFor([&] {
-        modules = daemon.Run("dump ModuleManager dump");
-        return modules.find("Stopped") == std::string::npos;
-    })) << modules;
+    const std::string modules = daemon.Run("dump ModuleManager dump");
     const std::string header = "Current Modules:\n-------------------------\nName \t\t Status\n";
     ASSERT_EQ(modules.compare(0, header.size(), header), 0) << modules;
-    // Header and ten modules, none of them "Stopped".
-    EXPECT_EQ(std::count(modules.begin(), modules.end(), '\n'), 3 + 10) << modules;
     EXPECT_EQ(daemon.Out(), "TarnisSsiImpl impl ready!\n");
 
     // Nested past any parser's patience: the tool warns and sends it; the daemon refuses it with a line.
@@ -486,26 +511,20 @@ TEST_F(DaemonTest, CapturesOrderedFromAShellEndAsZips) {
     EXPECT_EQ(ReadFile(root.Sub("system/etc/tarnis/caller_policy.conf")), android::CallerPolicy::kDefaultRules);
     int status = -1;
     // The slow tool holds the third section back while the first two are in.
-    const std::string archive = FollowedArchive(daemon.Run("capture -p demo 'a/b:c' --action getprop --param "
-                                                           "ro.product.device --action top --param -b,-n,2,-d,0.5 "
-                                                           "--action df --param ''",
-                                                           &status),
-                                                2) +
-                                "\n";
-    ASSERT_EQ(status, 0) << archive;
-    // The text went into the archive and is gone from the directory.
-    const std::string dir = root.Sub("data/dorva/demo/online/");
-    ASSERT_EQ(archive.compare(0, dir.size(), dir), 0) << archive;
-    const std::string zip = archive.substr(0, archive.size() - 1);
-    ASSERT_EQ(zip.compare(zip.size() - 4, 4, ".zip"), 0) << archive;
+    const std::string zip = FollowedArchive(daemon.Run("capture -p demo 'a/b:c' --action getprop --param "
+                                                       "ro.product.device --action top --param -b,-n,2,-d,0.5 "
+                                                       "--action df --param ''",
+                                                       &status),
+                                            2);
+    ASSERT_EQ(status, 0) << zip;
+    // The text went into the archive, named for the capture, and is gone from the directory.
+    const std::string dir = root.Sub("data/dorva/demo/online/"), name = "null_demo_aXbXc_host_";
+    ASSERT_EQ(zip.compare(0, dir.size() + name.size(), dir + name), 0) << zip;
+    ASSERT_EQ(zip.compare(zip.size() - 4, 4, ".zip"), 0) << zip;
     EXPECT_EQ(RunShell("ls " + dir), zip.substr(dir.size()) + "\n");
-    const std::string name = zip.substr(dir.size(), zip.size() - dir.size() - 4);
-    EXPECT_EQ(name.compare(0, 20, "null_demo_aXbXc_host"), 0) << name;
-    EXPECT_EQ(RunShell("unzip -Z1 " + zip), name + "\n");
+    EXPECT_EQ(RunShell("unzip -Z1 " + zip), zip.substr(dir.size(), zip.size() - dir.size() - 4) + "\n");
     // The tools run are the sandbox's, found on the PATH the daemon set up.
     EXPECT_TRUE(Holds(RunShell("unzip -p " + zip), "s ------\nhost\n[getprop: "));
-    daemon.Run("capture ../x h --action getprop", &status);
-    EXPECT_EQ(status, 1);
     const std::string refused = daemon.Run("capture demo h --action getprop --file /etc/passwd -p", &status);
     EXPECT_EQ(refused.compare(0, 16, "FAIL:captureLog:"), 0) << refused;
     EXPECT_EQ(status, 1);
@@ -519,12 +538,6 @@ TEST_F(DaemonTest, CapturesOrderedFromAShellEndAsZips) {
     ASSERT_EQ(lstat(root.Sub("dev/socket/dorvad").c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0666u);
-    const std::string kept = FollowedArchive(daemon.Run("capture-request -p BootFailure --timeout 60", &status)) + "\n";
-    EXPECT_EQ(status, 0);
-    // This sandbox is an A/B device: the archive is kept on the rescue partition.
-    const std::string prefix = root.Sub("mnt/rescue/dorva/BootFailure/BootFailure_");
-    ASSERT_EQ(kept.compare(0, prefix.size(), prefix), 0) << kept;
-    EXPECT_EQ(RunShell("unzip -tq '" + kept.substr(0, kept.size() - 1) + "' >/dev/null && echo ok"), "ok\n");
     // A name that would leave the base is answered; the tool says nothing came of it.
     EXPECT_TRUE(Holds(daemon.Run("capture-request ../x", &status), "finished but left no archive"));
     EXPECT_EQ(status, 1);
@@ -596,4 +609,123 @@ TEST_F(DaemonAlone, TheToolGivesUpOnASilentServiceWithASentence) {
     EXPECT_EQ(daemon.Run("dump", &status), "tarnisctl: service " + kSsiName + " is not running below root " +
                                              root.path() + " (is tarnisd running?)\n");
     EXPECT_EQ(status, 1);
+}
+
+// Each form is one strict document; a failure prints none and keeps its sentence and exit status.
+TEST_F(ToolsOutputTest, EachCommandsJsonFormAndFailuresStaySentences) {
+    const std::string persist = "{\"path\":\"" + kPersist;
+    const struct {
+        std::string args;
+        int status;
+        std::string said;  // the document, or for a failure the sentence on standard error
+    } cases[] = {
+        // The byte that is no UTF-8 travels as the surrogate escape the journal uses, the rest as RFC 8259 spells it.
+        {"getprop --json " + kProperty, 0,
+         "{\"name\":\"" + kProperty + "\",\"value\":\"say \\\"hi\\\" \\\\ \\tthen\\u0001 end\\udcff\"}"},
+        {"dump --json CaptureServer", 0,
+         R"({"module":"CaptureServer","text":"dorvad: running\nrequests: 0 served, 0 refused, 0 dropped\n"})"},
+        {"dump --json ModuleManager", 0,
+         R"({"text":"Tarnis ModuleManager:\nload <module name> \t\t Load a module that is not running\n)"
+         R"(dump \t\t Get Current Modules Status.\n"})"},
+        {"dump --json ModuleManager dump", 0,
+         R"({"modules":[{"module":"AndroidCrashMonitor","running":true},{"module":"BootLogDumper","running":true},)"
+         R"({"module":"BootMonitor","running":true},{"module":"CaptureServer","running":true},)"
+         R"({"module":"F2fsTrack","running":true},{"module":"KernelTrack","running":true},)"
+         R"({"module":"LogManager","running":true},{"module":"OTAMonitor","running":true},)"
+         R"({"module":"RescueSpace","running":true},{"module":"TombstoneMonitor","running":true}]})"},
+        {"station-info --json tarnis-none0 aa:bb:cc:dd:ee:ff", 0,
+         R"({"interface":"tarnis-none0","peer":"aa:bb:cc:dd:ee:ff","signal":0,"chain_signal_avg":[0,0,0,0],)"
+         R"("tx_mcs":-1,"tx_vht_mcs":-1,"tx_he_mcs":-1,"tx_eht_mcs":-1,"rx_mcs":-1,"rx_vht_mcs":-1,"rx_he_mcs":-1,)"
+         R"("rx_eht_mcs":-1})"},
+        {"persist --json list", 0, "{\"files\":[\"" + kPersist + "\"]}"},
+        {"persist --json read " + kPersist, 0, persist + R"(","text":"say \"hi\" \\ \tthen\u0001 end"})"},
+        {"persist --json create " + kPersist + "2", 0, persist + "2\",\"result\":0}"},
+        {"run-command --json cat /proc/version 5", 0, R"({"result":0})"},
+        {"run-batch --json /data/batch.txt 5 --action cat --param /proc/version", 0,
+         "{\"path\":\"" + root.Sub("data/batch.txt") + "\"}"},
+        {"capture --json ../x h --action getprop", 1,
+         "tarnisctl: the daemon finished the capture but made no archive of it; its log says why (a refused type or "
+         "directory, or no space)"},
+        {"dump --json NoSuchModule", 1, "Module NoSuchModule not found!!"},
+        {"dump --json ModuleManager load NoSuchModule", 1, "Load module NoSuchModule failed! See Logcat for details."},
+        {"getprop --json a b c", 2, "tarnisctl: getprop takes at most NAME and DEFAULT"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        std::string out, err;
+        ASSERT_EQ(Ctl(c.args, &out, &err), c.status) << out << err;
+        EXPECT_EQ(c.status == 0 ? out : err, c.status == 0 ? c.said + "\n" : c.said);
+        EXPECT_EQ(c.status == 0 ? err : out, "");
+    }
+
+    // Where values vary: one document and nothing after it, as a strict reader takes it; the members scripts use.
+    Json::CharReaderBuilder strict;
+    Json::CharReaderBuilder::strictMode(&strict.settings_);
+    const std::unique_ptr<Json::CharReader> reader(strict.newCharReader());
+    const auto read = [&](const std::string& args) {
+        std::string out, err;
+        Json::Value document;
+        EXPECT_EQ(Ctl(args, &out, &err), 0) << err;
+        EXPECT_TRUE(reader->parse(out.data(), out.data() + out.size(), &document, &err)) << err << "\n" << out;
+        return document;
+    };
+    EXPECT_EQ(read("getprop --json " + kProperty)["name"], kProperty);
+    EXPECT_EQ(read("getprop --json")["properties"]["ro.product.device"], "host");
+    const Json::Value modules = read("dump --json")["modules"];
+    EXPECT_EQ(modules[0]["module"], "AndroidCrashMonitor");
+    for (const Json::Value& module : modules) EXPECT_TRUE(module["text"].isString()) << module;
+    const std::string capture =
+        read("capture --json demo h --action getprop --param ro.product.device")["archive"].asString();
+    EXPECT_EQ(capture.rfind(root.Sub("data/dorva/demo/online/null_demo_h_host_"), 0), 0u) << capture;
+    // This sandbox is an A/B device: the archive is kept on the rescue partition.
+    const std::string kept = read("capture-request --json BootFailure")["archive"].asString();
+    EXPECT_EQ(kept.rfind(root.Sub("mnt/rescue/dorva/BootFailure/BootFailure_"), 0), 0u) << kept;
+    EXPECT_EQ(RunShell("unzip -tq '" + kept + "' >/dev/null && echo ok"), "ok\n");
+}
+
+// What an install puts where, and that the installed tarnisctl runs and finds its sibling for the JSON commands.
+TEST_F(ToolsOutputTest, InstallPutsToolsInitServiceConfigAndCompletionInPlace) {
+    TempDir prefix;
+    int status = -1;
+    const std::string said =
+        RunShell("cmake --install " TARNIS_BUILD_DIR " --prefix " + prefix.path() + " 2>&1", &status);
+    ASSERT_EQ(status, 0) << said;
+    for (const char* tool : {"tarnisd", "tarnisctl", "tarnisctl-json", "tarnis-blackbox"}) {
+        EXPECT_EQ(access(prefix.Sub(std::string("bin/") + tool).c_str(), X_OK), 0) << tool;
+    }
+    const std::string source = TARNIS_SOURCE_DIR;
+    EXPECT_EQ(ReadFile(prefix.Sub("etc/init/tarnisd.rc")), ReadFile(source + "/init/tarnisd.rc"));
+    // The one default configuration, as the sandbox got it.
+    EXPECT_EQ(ReadFile(prefix.Sub("etc/tarnsys/log_config.json")),
+              ReadFile(root.Sub("system_ext/etc/tarnsys/log_config.json")));
+    EXPECT_EQ(ReadFile(prefix.Sub("share/bash-completion/completions/tarnisctl")),
+              ReadFile(source + "/completion/tarnisctl.bash"));
+
+    const std::string installed = prefix.Sub("bin/tarnisctl");
+    EXPECT_EQ(RunShell(installed + " --version", &status).rfind("tarnisctl ", 0), 0u);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(RunShell(installed + " --root " + root.path() + " event reportSimpleEvent 7 x 2>&1", &status), "");
+    EXPECT_EQ(status, 0);
+}
+
+// Commands and their options from the tool's help, modules from the daemon on the line's root, none without one.
+TEST_F(ToolsOutputTest, CompletionAsksTheToolAndTheDaemon) {
+    TempDir empty;
+    const std::string r = "--root " + root.path() + " ";
+    const struct {
+        std::string words;
+        std::string offered;
+    } cases[] = {
+        {"st", "station-info"},
+        {"--r", "--root"},
+        {"--timeout 3 pe", "persist"},
+        {r + "getprop --", "--help --json"},
+        {r + "persist --json r", "read"},
+        {r + "core-filter 12 o", "on off"},
+        {r + "dump ''", "ModuleManager AndroidCrashMonitor BootLogDumper BootMonitor CaptureServer F2fsTrack "
+                        "KernelTrack LogManager OTAMonitor RescueSpace TombstoneMonitor"},
+        {"--root=" + root.path() + " dump ModuleManager load Res", "RescueSpace"},
+        {"--root " + empty.path() + " dump ''", "ModuleManager"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Complete(c.words), c.offered + "\n") << c.words;
 }

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,7 +11,6 @@
 #include <functional>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,6 +25,7 @@
 #include "modules/BootMonitor/BootMonitorThread.h"
 #include "tests/support/ModABlackBox.h"
 #include "tests/support/ModBModuleTest.h"
+#include "tests/support/R4ReservedPeer.h"
 #include "tests/support/WaitFor.h"
 #include "utils/BlackBoxLayout.h"
 
@@ -53,37 +52,6 @@ constexpr char kBfr[] = "BootFailReport";
 
 std::string At(long seconds) { return std::to_string(TestClock::kStartWallMs / 1000 + seconds); }
 
-// A peer on the reserved socket NAME serving each connection with `serve`, until the object goes.
-class FakeServer {
-public:
-    FakeServer(const std::string& name, std::function<void(int)> serve) : path_(platform::ReservedSocketPath(name)) {
-        RunShell("mkdir -p \"$(dirname '" + path_ + "')\"");
-        listen_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        struct sockaddr_un address {};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, path_.c_str(), sizeof(address.sun_path) - 1);
-        EXPECT_EQ(bind(listen_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(listen_.get(), 4), 0);
-        thread_ = std::thread([this, serve = std::move(serve)] {
-            for (;;) {
-                unique_fd client(accept4(listen_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-                if (!client.ok()) return;
-                serve(client.get());
-            }
-        });
-    }
-    ~FakeServer() {
-        shutdown(listen_.get(), SHUT_RDWR);
-        thread_.join();
-        unlink(path_.c_str());
-    }
-
-private:
-    const std::string path_;
-    unique_fd listen_;
-    std::thread thread_;
-};
-
 class BootMonitorTest : public tarnis_test::ModBModuleTest {
 protected:
     void SetUp() override {
@@ -94,7 +62,7 @@ protected:
         dir_ = Device("/cache/dorva/UnhealthyBootLog/");
         count_ = Device("/cache/boot_flag");
         // The light dump service fills the file whose path the daemon recorded.
-        dumpstate_ = std::make_unique<FakeServer>("dumpstate", [this](int fd) {
+        dumpstate_ = std::make_unique<tarnis_test::ReservedPeer>("dumpstate", [this](int fd) {
             std::string target;
             android::base::ReadFileToString(Device("/cache/dorva/bootmonitor_log.txt"), &target);
             WriteFile(target, std::string(fill_, 'z'));
@@ -146,7 +114,7 @@ protected:
 
     std::string dir_, count_;
     std::atomic<size_t> fill_{0};
-    std::unique_ptr<FakeServer> dumpstate_;
+    std::unique_ptr<tarnis_test::ReservedPeer> dumpstate_;
     BootMonitorThread monitor_;
 };
 
@@ -191,7 +159,7 @@ TEST_F(BootMonitorTest, EarlierFailuresBringTheFirstCaptureForwardUntilTheBootCo
 TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
     WriteFile(count_, "5");
     std::string received;
-    FakeServer uncrypt("uncrypt", [&](int fd) {
+    tarnis_test::ReservedPeer uncrypt("uncrypt", [&](int fd) {
         char request[36] = {};
         android::base::ReadFully(fd, request, sizeof(request));
         received.assign(request, sizeof(request));
@@ -200,6 +168,7 @@ TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
     });
     SetProperty("init.svc.uncrypt", "running");  // busy for all 30 looks
     EXPECT_EQ(RunLoop(), 0);
+    uncrypt.Stop();  // gone: the second run finds nobody listening
     EXPECT_EQ(received, std::string("\0\0\0\x20", 4) + "BootFailure\n--reason=BootMonitor");
     EXPECT_EQ(ElapsedMs(), 31 * 1000);
     EXPECT_TRUE(log_.HasLine("stuck in boot loop, capture bugreport...", kBm, kW));
@@ -212,7 +181,6 @@ TEST_F(BootMonitorTest, BootLoopLeavesTheRecoveryCommandWithUncrypt) {
     // Nobody listening: thirty tries a second apart, and recovery still.
     SetProperty("init.svc.uncrypt", "stopped");
     SetProperty("sys.powerctl", "");
-    unlink(platform::ReservedSocketPath("uncrypt").c_str());
     WriteFile(count_, "7");
     const int64_t before = ElapsedMs();
     EXPECT_EQ(RunLoop(), 0);
