@@ -85,8 +85,6 @@ struct Code {
             while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
             devicePaths.insert(dir);
         }
-        // Init makes the capture progress's parent, for the journal too; the daemon makes what is below it.
-        devicePaths.insert(fs::path(paths::kCaptureProgressDir).parent_path());
     }
 };
 
