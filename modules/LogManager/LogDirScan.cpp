@@ -214,7 +214,6 @@ void LogDirState::Reset(ScanResult&& scan, dev_t dev, ino_t ino, int64_t nowMs, 
         }
     }
     arrivals_.clear();
-    stale_.clear();
     valid_ = true;
     dev_ = dev;
     ino_ = ino;
@@ -246,8 +245,6 @@ std::optional<uint64_t> LogDirState::SizeOf(const std::string& name) const {
     if (found == entries_.end()) return std::nullopt;
     return found->second.size;
 }
-
-void LogDirState::MarkStale(const std::string& name) { stale_.push_back(name); }
 
 void LogDirState::Note(int dirFd, const std::string& name, const LogConfig& config, int64_t nowMs, bool arrived) {
     EntryInfo info;
@@ -298,8 +295,6 @@ void LogDirState::Remeasure(int dirFd, const LogConfig& config, int64_t nowMs, c
                                    [nowMs](const auto& a) { return nowMs - a.second >= kArrivalWindowMs; }),
                     arrivals_.end());
     for (const auto& [name, at] : arrivals_) add(name);
-    for (const std::string& name : stale_) add(name);
-    stale_.clear();
     for (const std::string& name : names) Remeasure(dirFd, name, config);
 }
 

@@ -103,8 +103,7 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
 //   - the last eight that arrived (were created or moved in) within the
 //     last minute, whatever their names: an entry dated in the past (a dump
 //     collected after the fact) is still being filled right after it
-//     appears;
-//   - an entry whose removal failed part-way.
+//     appears.
 // Anything else that changes without an event is caught by the next full
 // reading, which also comes periodically.
 class LogDirState {
@@ -136,8 +135,6 @@ public:
     void Remeasure(int dirFd, const LogConfig& config, int64_t nowMs, const std::string& arriving);
     // The name is gone from the directory.
     void Forget(const std::string& name);
-    // The removal of `name` failed part-way: measured again at the next check.
-    void MarkStale(const std::string& name);
 
     const Entries& entries() const { return entries_; }
     uint64_t total() const { return total_; }
@@ -158,7 +155,6 @@ private:
     std::set<std::string> filtered_;
     // Latest last; each with its arrival time.
     std::vector<std::pair<std::string, int64_t>> arrivals_;
-    std::vector<std::string> stale_;
     bool valid_ = false;
     dev_t dev_ = 0;
     ino_t ino_ = 0;

@@ -119,16 +119,17 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
     size_t failed = 0;
     const auto oldest = [&] { return failed == 0 ? entries.begin() : entries.upper_bound(failedUpTo); };
     const auto left = [&] { return entries.size() - failed; };
-    const auto remove = [&](int fd, const std::string& fileName, const std::string& fullPath) {
-        const Removal removal = DeleteFileUpdateDirConfig(fd, fullPath, &total, state.SizeOf(fileName));
-        if (removal == Removal::kFailed) {
-            state.MarkStale(fileName);
+    const auto removeOldest = [&](const std::string& fileName, const std::string& fullPath) {
+        if (DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, state.SizeOf(fileName)) != Removal::kFailed) {
+            state.Forget(fileName);
+            return;
+        }
+        // What is left of it counts until it can go.
+        state.Note(dirFd.get(), fileName, config, GetClock().SteadyNowMs(), false);
+        if (state.SizeOf(fileName)) {
             failedUpTo = fileName;
             ++failed;
-            return false;
         }
-        state.Forget(fileName);
-        return true;
     };
     const bool reuseOpen = IsReuseOpen("CheckAndClean");
     const uint64_t reuseLimit = config.reuseMaxSize << 10;
@@ -166,7 +167,7 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
               static_cast<unsigned long>(ageMs > 0 ? ageMs : 0));
         if (!reuseOpen || config.reuseMaxSize == 0) {
             ALOGI("[%s] Delete File By Inital Logic.", "CheckAndClean");
-            remove(dirFd.get(), fileName, fullPath);
+            removeOldest(fileName, fullPath);
             continue;
         }
         std::vector<std::string> reuseNames;
@@ -175,7 +176,7 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
         const uint64_t entrySize = EntrySizeAt(dirFd.get(), fileName);
         if (entrySize > reuseLimit) {
             ALOGI("[%s] Log %s size is too large to move file.", "CheckAndClean", Esc(fileName).c_str());
-            remove(dirFd.get(), fileName, fullPath);
+            removeOldest(fileName, fullPath);
             break;
         }
         const uint64_t reuseBefore = reuseTotal;
@@ -190,7 +191,7 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
                                                               &reuseTotal, std::nullopt);
             reuseNames.erase(reuseNames.begin());
             if (removal == Removal::kFailed) {
-                remove(dirFd.get(), fileName, fullPath);
+                removeOldest(fileName, fullPath);
                 stop = true;
                 break;
             }
@@ -232,7 +233,7 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
             ALOGW("[%s] Move file %s to A/B reused partition %s failed,error: %s", "CheckAndClean",
                   Esc(fullPath).c_str(), Esc(reuseFullPath).c_str(), strerror(errno));
         }
-        remove(dirFd.get(), fileName, fullPath);
+        removeOldest(fileName, fullPath);
     }
 
     if (config.compress && left() != 0) CompressEntries(devicePath, dirFd.get(), config, state, failedUpTo);
