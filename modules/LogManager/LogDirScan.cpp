@@ -213,7 +213,10 @@ void LogDirState::Reset(ScanResult&& scan, dev_t dev, ino_t ino, int64_t nowMs, 
             if (!Contains(name, ".zip")) unpacked_.insert(unpacked_.end(), name);
         }
     }
-    arrivals_.clear();
+    // Those still there may still be filling.
+    arrivals_.erase(std::remove_if(arrivals_.begin(), arrivals_.end(),
+                                   [this](const auto& a) { return entries_.count(a.first) == 0; }),
+                    arrivals_.end());
     valid_ = true;
     dev_ = dev;
     ino_ = ino;
@@ -261,13 +264,12 @@ void LogDirState::Note(int dirFd, const std::string& name, const LogConfig& conf
             break;
     }
     Put(name, info);
-    if (!arrived) return;
-    for (auto it = arrivals_.begin(); it != arrivals_.end(); ++it) {
-        if (it->first == name) {
-            arrivals_.erase(it);
-            break;
-        }
-    }
+    if (arrived) Arrived(name, nowMs);
+}
+
+void LogDirState::Arrived(const std::string& name, int64_t nowMs) {
+    const auto same = [&name](const auto& a) { return a.first == name; };
+    arrivals_.erase(std::remove_if(arrivals_.begin(), arrivals_.end(), same), arrivals_.end());
     arrivals_.emplace_back(name, nowMs);
     if (arrivals_.size() > kArrivalsRemeasured) arrivals_.erase(arrivals_.begin());
 }
@@ -285,16 +287,20 @@ void LogDirState::Remeasure(int dirFd, const std::string& name, const LogConfig&
 }
 
 void LogDirState::Remeasure(int dirFd, const LogConfig& config, int64_t nowMs, const std::string& arriving) {
-    // Each at most once, and not the one that is measured as it arrives.
-    std::vector<std::string> names;
-    const auto add = [&names, &arriving](const std::string& name) {
-        if (name != arriving && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
-    };
-    for (auto it = entries_.rbegin(); it != entries_.rend() && names.size() < kNewestRemeasured; ++it) add(it->first);
     arrivals_.erase(std::remove_if(arrivals_.begin(), arrivals_.end(),
                                    [nowMs](const auto& a) { return nowMs - a.second >= kArrivalWindowMs; }),
                     arrivals_.end());
-    for (const auto& [name, at] : arrivals_) add(name);
+    const auto arrived = [this, &arriving](const std::string& name) {
+        return name == arriving || std::any_of(arrivals_.begin(), arrivals_.end(),
+                                               [&name](const auto& a) { return a.first == name; });
+    };
+    std::vector<std::string> names;
+    for (auto it = entries_.rbegin(); it != entries_.rend() && names.size() < kNewestRemeasured; ++it) {
+        if (!arrived(it->first)) names.push_back(it->first);
+    }
+    for (const auto& [name, at] : arrivals_) {
+        if (name != arriving) names.push_back(name);
+    }
     for (const std::string& name : names) Remeasure(dirFd, name, config);
 }
 

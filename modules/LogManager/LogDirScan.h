@@ -96,14 +96,15 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
 // Events tell of names, not of bytes: a file growing inside an entry is
 // never reported. So at each check some entries are measured again, those a
 // log directory's writers may still be adding to:
-//   - the two newest by name (not counting the entry whose arrival started
-//     the check, measured as it arrives): loggers name entries after the
-//     time they start them and write into the newest, which gets its last
-//     lines while the next one starts;
 //   - the last eight that arrived (were created or moved in) within the
 //     last minute, whatever their names: an entry dated in the past (a dump
 //     collected after the fact) is still being filled right after it
-//     appears.
+//     appears;
+//   - the two newest by name of the others: loggers name entries after the
+//     time they start them and write into the newest, which gets its last
+//     lines while the next one starts (an archive another process drops in
+//     meanwhile, dated later, does not stand in for them).
+// The entry whose arrival started the check is measured as it arrives.
 // Anything else that changes without an event is caught by the next full
 // reading, which also comes periodically.
 class LogDirState {
@@ -130,6 +131,8 @@ public:
     // Looks at `name` again as the check's reading would (its lines
     // included); `arrived` when an event said it was created or moved in.
     void Note(int dirFd, const std::string& name, const LogConfig& config, int64_t nowMs, bool arrived);
+    // An event said `name` was created or moved in.
+    void Arrived(const std::string& name, int64_t nowMs);
     // Measures again what may still change (see above), as the check finds
     // it before `arriving` (the entry that started it, noted next) is in.
     void Remeasure(int dirFd, const LogConfig& config, int64_t nowMs, const std::string& arriving);

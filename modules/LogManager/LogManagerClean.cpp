@@ -263,6 +263,7 @@ bool LogManager::MeasureForCheck(const std::string& devicePath, int dirFd, const
     }
     if (!scan.closed) ALOGE("[%s] Close Dir failed!", "CheckAndClean");
     state.Reset(std::move(scan), dir.st_dev, dir.st_ino, nowMs, config.compress);
+    if (arrived) state.Arrived(*arrived, nowMs);
     return true;
 }
 
