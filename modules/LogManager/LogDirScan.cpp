@@ -205,12 +205,13 @@ bool LogDirState::NeedsFullReading(dev_t dev, ino_t ino, int64_t nowMs) const {
 void LogDirState::Reset(ScanResult&& scan, dev_t dev, ino_t ino, int64_t nowMs, bool trackUnpacked) {
     entries_ = std::move(scan.entries);
     total_ = scan.total;
-    filtered_ = std::set<std::string>(scan.filtered.begin(), scan.filtered.end());
-    trackUnpacked_ = trackUnpacked;
-    unpacked_.clear();
+    filtered_.reset();
+    if (!scan.filtered.empty()) filtered_ = std::make_unique<Names>(scan.filtered.begin(), scan.filtered.end());
+    unpacked_.reset();
     if (trackUnpacked) {
+        unpacked_ = std::make_unique<Names>();
         for (const auto& [name, info] : entries_) {
-            if (!Contains(name, ".zip")) unpacked_.insert(unpacked_.end(), name);
+            if (!Contains(name, ".zip")) unpacked_->insert(unpacked_->end(), name);
         }
     }
     // Those still there may still be filling.
@@ -230,7 +231,7 @@ void LogDirState::Put(const std::string& name, const EntryInfo& info) {
         it->second = info;
     }
     total_ += info.size;
-    if (trackUnpacked_ && !Contains(name, ".zip")) unpacked_.insert(name);
+    if (unpacked_ && !Contains(name, ".zip")) unpacked_->insert(name);
 }
 
 void LogDirState::Forget(const std::string& name) {
@@ -239,8 +240,8 @@ void LogDirState::Forget(const std::string& name) {
         total_ -= std::min(total_, found->second.size);
         entries_.erase(found);
     }
-    unpacked_.erase(name);
-    filtered_.erase(name);
+    if (unpacked_) unpacked_->erase(name);
+    if (filtered_) filtered_->erase(name);
 }
 
 std::optional<uint64_t> LogDirState::SizeOf(const std::string& name) const {
@@ -255,7 +256,8 @@ void LogDirState::Note(int dirFd, const std::string& name, const LogConfig& conf
         case Seen::kTemporary:
             return;
         case Seen::kFiltered:
-            filtered_.insert(name);
+            if (!filtered_) filtered_ = std::make_unique<Names>();
+            filtered_->insert(name);
             return;
         case Seen::kVanished:
             Forget(name);

@@ -143,19 +143,23 @@ public:
     uint64_t total() const { return total_; }
     std::optional<uint64_t> SizeOf(const std::string& name) const;
     // The entries that are no archive, by name; only when tracked.
-    const std::set<std::string>& unpacked() const { return unpacked_; }
-    const std::set<std::string>& filtered() const { return filtered_; }
+    const std::set<std::string>& unpacked() const { return unpacked_ ? *unpacked_ : kNone; }
+    // Names the ramdump filter leaves out: counted only by the size report.
+    const std::set<std::string>& filtered() const { return filtered_ ? *filtered_ : kNone; }
 
 private:
     void Put(const std::string& name, const EntryInfo& info);
     void Remeasure(int dirFd, const std::string& name, const LogConfig& config);
 
+    using Names = std::set<std::string>;
+    static inline const Names kNone;
+
     Entries entries_;
     uint64_t total_ = 0;
-    std::set<std::string> unpacked_;
-    bool trackUnpacked_ = false;
-    // Names the ramdump filter leaves out: counted only by the size report.
-    std::set<std::string> filtered_;
+    // Both made only where needed (a record that packs entries, a name
+    // filtered out): most directories hold neither.
+    std::unique_ptr<Names> unpacked_;
+    std::unique_ptr<Names> filtered_;
     // Latest last; each with its arrival time.
     std::vector<std::pair<std::string, int64_t>> arrivals_;
     bool valid_ = false;
