@@ -119,8 +119,7 @@ public:
     // True unless what is kept may be trusted for the directory open with
     // this identity at `nowMs` (steady clock).
     bool NeedsFullReading(dev_t dev, ino_t ino, int64_t nowMs) const;
-    // Lost track (a lost event, a new watch, a changed configuration): the
-    // next check reads the directory in full.
+    // The directory could not be read: the next check reads it in full.
     void Invalidate() { valid_ = false; }
     bool Valid() const { return valid_; }
     // Starts over from a full reading of the directory with this identity.

@@ -327,8 +327,7 @@ void LogManager::watchByConfigs(const std::vector<LogConfig>& configs) {
     // with no event: the first check after it reads the directory in full.
     for (const auto& [path, dir] : watched) {
         listener_->Watch(path, dir.get(), kWatchMask);
-        auto known = dirStates_.find(path);
-        if (known != dirStates_.end()) known->second.Invalidate();
+        dirStates_.erase(path);
     }
 }
 
@@ -357,9 +356,7 @@ void LogManager::OnFileEvent(uint32_t mask, std::optional<std::string> name, con
 
 void LogManager::OnEventsLost() {
     ALOGW("[%s] file events were lost: each log directory is read in full at its next check", "OnEventsLost");
-    Post([this] {
-        for (auto& [path, state] : dirStates_) state.Invalidate();
-    });
+    Post([this] { dirStates_.clear(); });
 }
 
 }  // namespace kolto

@@ -88,10 +88,10 @@ private:
     // the directory's kept state is up to date afterwards without a reading
     // in full (the size map may then take its total).
     bool CheckAndClean(const std::string& devicePath, const std::optional<std::string>& arrived = std::nullopt);
-    // Brings the kept state of a directory up to date for a check; false
-    // when the directory could not be read.
+    // Brings `state`, what is known of the directory, up to date for a
+    // check; false when the directory could not be read.
     bool MeasureForCheck(const std::string& devicePath, int dirFd, const LogConfig& config,
-                         const std::optional<std::string>& arrived, bool* full);
+                         const std::optional<std::string>& arrived, logscan::LogDirState& state, bool* full);
     // An event that only changes what is known: nothing is checked.
     void NoteEvent(const std::string& devicePath, const std::string& name, bool gone);
     enum class Removal { kRemoved, kVanished, kFailed };
@@ -107,9 +107,9 @@ private:
     // Packs the entries of `state` past `after` (those before it could not
     // be removed in this check).
     void CompressEntries(const std::string& devicePath, int dirFd, const LogConfig& config,
-                         const logscan::LogDirState& state, const std::string& after);
+                         logscan::LogDirState& state, const std::string& after);
     // What a successful packing of `name` changes in what is known.
-    void NotePacked(const std::string& deviceDir, int dirFd, const std::string& name);
+    static void NotePacked(logscan::LogDirState& state, const LogConfig& config, int dirFd, const std::string& name);
     // Opens the entry's directory below its root again: for a compression
     // that runs later than the check that chose it.
     bool CompressEntry(const std::string& deviceFullPath);
@@ -135,7 +135,8 @@ private:
     // The directories whose first check has run (and swept what a killed
     // compression left there).
     std::set<std::string> swept_;
-    // What is known of each directory checked so far; the module's thread only.
+    // What is known of each watched directory that had a check since its
+    // watch was added; the module's thread only.
     std::map<std::string, logscan::LogDirState> dirStates_;
     bool measureFully_ = false;
 

@@ -89,9 +89,11 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
     // What a compression killed with the daemon left behind; later ones are
     // this thread's own and finish before the next check.
     if (swept_.insert(devicePath).second) TempName::RemoveLeftovers(dirFd.get(), devicePath);
+    // Before its watch, nothing would keep what a check learns up to date.
+    LogDirState unwatched;
+    LogDirState& state = listener_ ? dirStates_[devicePath] : unwatched;
     bool full = false;
-    if (!MeasureForCheck(devicePath, dirFd.get(), config, arrived, &full)) return false;
-    LogDirState& state = dirStates_[devicePath];
+    if (!MeasureForCheck(devicePath, dirFd.get(), config, arrived, state, &full)) return false;
     const LogDirState::Entries& entries = state.entries();
     uint64_t total = state.total();
     const uint64_t sizeBefore = total;
@@ -244,8 +246,7 @@ bool LogManager::CheckAndClean(const std::string& devicePath, const std::optiona
 }
 
 bool LogManager::MeasureForCheck(const std::string& devicePath, int dirFd, const LogConfig& config,
-                                 const std::optional<std::string>& arrived, bool* full) {
-    LogDirState& state = dirStates_[devicePath];
+                                 const std::optional<std::string>& arrived, LogDirState& state, bool* full) {
     struct stat dir {};
     const int64_t nowMs = GetClock().SteadyNowMs();
     *full = measureFully_ || fstat(dirFd, &dir) != 0 || state.NeedsFullReading(dir.st_dev, dir.st_ino, nowMs);
@@ -278,7 +279,7 @@ void LogManager::NoteEvent(const std::string& devicePath, const std::string& nam
     std::string why;
     const unique_fd dirFd = config ? OpenLogDir(devicePath, &why) : unique_fd();
     if (!dirFd.ok()) {
-        found->second.Invalidate();
+        dirStates_.erase(found);
         return;
     }
     found->second.Note(dirFd.get(), name, *config, GetClock().SteadyNowMs(), true);

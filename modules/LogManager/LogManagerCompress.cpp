@@ -50,7 +50,7 @@ using android::base::unique_fd;
 using namespace logscan;
 
 void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const LogConfig& config,
-                                 const LogDirState& state, const std::string& after) {
+                                 LogDirState& state, const std::string& after) {
     // The newest entry may still be written to.
     const bool newestToo = !(config.compressLatestAfterSec == 0 && (config.delayCompress || listener_));
     const std::string& newest = state.entries().rbegin()->first;
@@ -79,7 +79,7 @@ void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const
             continue;
         }
         if (CompressAt(dirFd, names[i], fullPath)) {
-            NotePacked(devicePath, dirFd, names[i]);
+            NotePacked(state, config, dirFd, names[i]);
             ALOGD("[%s] Compressed: %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         } else {
             ALOGE("[%s] Compress the path: %s returned error!", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
@@ -97,17 +97,17 @@ bool LogManager::CompressEntry(const std::string& deviceFullPath) {
         return false;
     }
     if (!CompressAt(dirFd.get(), deviceFullPath.substr(slash + 1), deviceFullPath)) return false;
-    NotePacked(deviceDir, dirFd.get(), deviceFullPath.substr(slash + 1));
+    auto known = dirStates_.find(deviceDir);
+    std::optional<LogConfig> config = FindConfig(deviceDir);
+    if (known != dirStates_.end() && known->second.Valid() && config) {
+        NotePacked(known->second, *config, dirFd.get(), deviceFullPath.substr(slash + 1));
+    }
     return true;
 }
 
-void LogManager::NotePacked(const std::string& deviceDir, int dirFd, const std::string& name) {
-    auto found = dirStates_.find(deviceDir);
-    if (found == dirStates_.end() || !found->second.Valid()) return;
-    std::optional<LogConfig> config = FindConfig(deviceDir);
-    if (!config) return;
-    found->second.Forget(name);
-    found->second.Note(dirFd, name + ".zip", *config, GetClock().SteadyNowMs(), false);
+void LogManager::NotePacked(LogDirState& state, const LogConfig& config, int dirFd, const std::string& name) {
+    state.Forget(name);
+    state.Note(dirFd, name + ".zip", config, GetClock().SteadyNowMs(), false);
 }
 
 void LogManager::RunDelayedCompress(std::string devicePath) {
