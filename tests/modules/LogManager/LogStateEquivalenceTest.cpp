@@ -84,14 +84,15 @@ private:
     std::promise<void> release_;
 };
 
-// The bytes at or below `path`: of its files, and of its directories too
-// when `dirsToo`.
-int64_t Bytes(const std::string& path, bool dirsToo) {
+// The bytes at or below `path` as the log manager counts them: of its files
+// and directories, not of what else is there.
+int64_t Bytes(const std::string& path) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) return -1;
-    if (!S_ISDIR(st.st_mode)) return S_ISREG(st.st_mode) ? st.st_size : 0;
-    int64_t sum = dirsToo ? st.st_size : 0;
-    for (const std::string& name : tarnis_test::ListDir(path)) sum += Bytes(path + "/" + name, dirsToo);
+    int64_t sum = S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) ? st.st_size : 0;
+    for (const std::string& name : S_ISDIR(st.st_mode) ? tarnis_test::ListDir(path) : std::vector<std::string>()) {
+        sum += Bytes(path + "/" + name);
+    }
     return sum;
 }
 
@@ -119,7 +120,7 @@ protected:
     std::vector<std::string> Listing(const std::string& dir) {
         std::vector<std::string> out;
         for (const std::string& name : tarnis_test::ListDir(Device(dir))) {
-            out.push_back(name + " " + std::to_string(Bytes(Device(dir) + "/" + name, false)));
+            out.push_back(name + " " + std::to_string(Bytes(Device(dir) + "/" + name)));
         }
         return out;
     }
@@ -289,7 +290,7 @@ TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
         auto last = std::find_if(lines.rbegin(), lines.rend(), [&](auto& l) { return l.text.rfind(prefix, 0) == 0; });
         int64_t difference = last == lines.rend() ? -1 : std::stoll(last->text.substr(prefix.size()));
         for (const std::string& name : tarnis_test::ListDir(Device(dir))) {
-            difference -= Bytes(Device(dir) + "/" + name, true);
+            difference -= Bytes(Device(dir) + "/" + name);
         }
         return difference;
     };
