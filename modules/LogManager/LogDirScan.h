@@ -82,7 +82,7 @@ struct ScanResult {
     int error = 0;
     uint64_t total = 0;
     std::map<std::string, EntryInfo> entries;  // what each entry counted for
-    std::vector<std::string> filtered;
+    std::vector<std::string> filtered;         // names the ramdump filter left out
 };
 
 ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::string>& names, const char* op,

@@ -356,6 +356,7 @@ void LogManager::OnFileEvent(uint32_t mask, std::optional<std::string> name, con
 
 void LogManager::OnEventsLost() {
     ALOGW("[%s] file events were lost: each log directory is read in full at its next check", "OnEventsLost");
+    // Ahead of the events still queued: the checks they start read in full.
     Post([this] { dirStates_.clear(); });
 }
 
