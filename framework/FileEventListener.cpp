@@ -193,7 +193,16 @@ void FileEventListener::listenLoop() {
     stateCond.notify_all();
 }
 
+void FileEventListener::OnQueueOverflow() {
+    ALOGW("[%s] %s: the event queue overflowed, events were lost", "listenLoop", StringUtil::ForLog(name).c_str());
+}
+
 void FileEventListener::dispatch(uint32_t mask, int wd, std::optional<std::string> file) {
+    // Of no watch (its descriptor is -1): not to be looked up, or removed.
+    if ((mask & IN_Q_OVERFLOW) != 0) {
+        OnQueueOverflow();
+        return;
+    }
     std::string path;
     {
         std::lock_guard<std::mutex> guard(watchLock);

@@ -40,6 +40,11 @@ public:
     // `mask` is the inotify mask, `name` the file inside a watched directory
     // when the event carries one, `path` the watched path it came from.
     virtual void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) = 0;
+    // The kernel's queue of events overflowed (IN_Q_OVERFLOW): events of any
+    // watched path were dropped, so whatever was learnt from them may be
+    // out of date. Called on the listener's thread, in order with the
+    // events; the default only logs it.
+    virtual void OnQueueOverflow();
     virtual ~FileEventListener();
 
     FileEventListener(const FileEventListener&) = delete;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cinttypes>
@@ -131,6 +132,39 @@ bool CompareTimeStrExpired(const std::string& name, uint32_t maxValidDay, int64_
     return folderTime <= expiredTime;
 }
 
+Seen MeasureEntry(int dirFd, const std::string& name, const LogConfig& config, const char* op, const char* prefix,
+                  int unknownPrio, EntryInfo* info) {
+    // An archive being written, or left by a killed compression: not a log
+    // entry, never counted, deleted or packed as one.
+    if (TempName::Is(name)) return Seen::kTemporary;
+    if (config.watchSSRRamdumpHack && !IsRamdumpName(name)) {
+        ALOGD("[%s] %sOldRamdumpFileFormatHack: fileName %s not matched regex, skip!", op, prefix, Esc(name).c_str());
+        return Seen::kFiltered;
+    }
+    struct stat st {};
+    if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(name).c_str());
+        return Seen::kVanished;
+    }
+    *info = EntryInfo();
+    if (S_ISREG(st.st_mode)) {
+        if (Contains(name, ".zip")) ALOGD("[%s] %sDetected zipped log %s", op, prefix, Esc(name).c_str());
+        *info = {static_cast<uint64_t>(st.st_size), EntryKind::kFile};
+    } else if (S_ISDIR(st.st_mode)) {
+        const int64_t size = FileUtil::TreeSizeAt(dirFd, name.c_str(), st.st_size);
+        if (size < 0) {
+            ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(name).c_str());
+            return Seen::kVanished;
+        }
+        *info = {static_cast<uint64_t>(size), EntryKind::kDir};
+    } else {
+        __android_log_print(unknownPrio, LOG_TAG,
+                            "[%s] %sOnly directory with date named is allowed, but unknown file %s was detected!!", op,
+                            prefix, Esc(name).c_str());
+    }
+    return Seen::kCounted;
+}
+
 ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::string>& names, const char* op,
                          const char* prefix, int unknownPrio) {
     ScanResult result;
@@ -147,36 +181,12 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
     while (struct dirent* entry = readdir(dir.get())) {
         if (IsDotOrDotDot(entry->d_name)) continue;
         const std::string fileName = entry->d_name;
-        // An archive being written, or left by a killed compression: not a
-        // log entry, never counted, deleted or packed as one.
-        if (TempName::Is(fileName)) continue;
-        if (config.watchSSRRamdumpHack && !IsRamdumpName(fileName)) {
-            ALOGD("[%s] %sOldRamdumpFileFormatHack: fileName %s not matched regex, skip!", op, prefix,
-                  Esc(fileName).c_str());
-            continue;
-        }
-        struct stat st {};
-        if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(fileName).c_str());
-            continue;
-        }
-        if (S_ISREG(st.st_mode)) {
-            if (Contains(fileName, ".zip")) ALOGD("[%s] %sDetected zipped log %s", op, prefix, Esc(fileName).c_str());
-            result.total += static_cast<uint64_t>(st.st_size);
-            result.sizes[fileName] = static_cast<uint64_t>(st.st_size);
-        } else if (S_ISDIR(st.st_mode)) {
-            const int64_t size = FileUtil::TreeSizeAt(fd, entry->d_name, st.st_size);
-            if (size < 0) {
-                ALOGI("[%s] %s%s vanished while checking, skipped", op, prefix, Esc(fileName).c_str());
-                continue;
-            }
-            result.total += static_cast<uint64_t>(size);
-            result.sizes[fileName] = static_cast<uint64_t>(size);
-        } else {
-            __android_log_print(unknownPrio, LOG_TAG,
-                                "[%s] %sOnly directory with date named is allowed, but unknown file %s was detected!!",
-                                op, prefix, Esc(fileName).c_str());
-        }
+        EntryInfo info;
+        const Seen seen = MeasureEntry(fd, fileName, config, op, prefix, unknownPrio, &info);
+        if (seen == Seen::kFiltered) result.filtered.push_back(fileName);
+        if (seen != Seen::kCounted) continue;
+        result.total += info.size;
+        result.entries.emplace(fileName, info);
         names.push_back(fileName);
     }
     if (closedir(dir.release()) != 0) {
@@ -184,6 +194,116 @@ ScanResult ScanDirectory(int dirFd, const LogConfig& config, std::vector<std::st
         result.error = errno;
     }
     return result;
+}
+
+bool LogDirState::NeedsFullReading(dev_t dev, ino_t ino, int64_t nowMs) const {
+    // Another directory at the same path (the old one removed or moved
+    // away) sent its events to a watch that is gone.
+    return !valid_ || dev != dev_ || ino != ino_ || nowMs - readMs_ >= kFullPeriodMs || nowMs < readMs_;
+}
+
+void LogDirState::Reset(ScanResult&& scan, dev_t dev, ino_t ino, int64_t nowMs, bool trackUnpacked) {
+    entries_ = std::move(scan.entries);
+    total_ = scan.total;
+    filtered_.reset();
+    if (!scan.filtered.empty()) filtered_ = std::make_unique<Names>(scan.filtered.begin(), scan.filtered.end());
+    unpacked_.reset();
+    if (trackUnpacked) {
+        unpacked_ = std::make_unique<Names>();
+        for (const auto& [name, info] : entries_) {
+            if (!Contains(name, ".zip")) unpacked_->insert(unpacked_->end(), name);
+        }
+    }
+    // Those still there may still be filling.
+    arrivals_.erase(std::remove_if(arrivals_.begin(), arrivals_.end(),
+                                   [this](const auto& a) { return entries_.count(a.first) == 0; }),
+                    arrivals_.end());
+    valid_ = true;
+    dev_ = dev;
+    ino_ = ino;
+    readMs_ = nowMs;
+}
+
+void LogDirState::Put(const std::string& name, const EntryInfo& info) {
+    auto [it, inserted] = entries_.emplace(name, info);
+    if (!inserted) {
+        total_ -= std::min(total_, it->second.size);
+        it->second = info;
+    }
+    total_ += info.size;
+    if (unpacked_ && !Contains(name, ".zip")) unpacked_->insert(name);
+}
+
+void LogDirState::Forget(const std::string& name) {
+    auto found = entries_.find(name);
+    if (found != entries_.end()) {
+        total_ -= std::min(total_, found->second.size);
+        entries_.erase(found);
+    }
+    if (unpacked_) unpacked_->erase(name);
+    if (filtered_) filtered_->erase(name);
+}
+
+std::optional<uint64_t> LogDirState::SizeOf(const std::string& name) const {
+    auto found = entries_.find(name);
+    if (found == entries_.end()) return std::nullopt;
+    return found->second.size;
+}
+
+void LogDirState::Note(int dirFd, const std::string& name, const LogConfig& config, int64_t nowMs, bool arrived) {
+    EntryInfo info;
+    switch (MeasureEntry(dirFd, name, config, "CheckAndClean", "", ANDROID_LOG_WARN, &info)) {
+        case Seen::kTemporary:
+            return;
+        case Seen::kFiltered:
+            if (!filtered_) filtered_ = std::make_unique<Names>();
+            filtered_->insert(name);
+            return;
+        case Seen::kVanished:
+            Forget(name);
+            return;
+        case Seen::kCounted:
+            break;
+    }
+    Put(name, info);
+    if (arrived) Arrived(name, nowMs);
+}
+
+void LogDirState::Arrived(const std::string& name, int64_t nowMs) {
+    const auto same = [&name](const auto& a) { return a.first == name; };
+    arrivals_.erase(std::remove_if(arrivals_.begin(), arrivals_.end(), same), arrivals_.end());
+    arrivals_.emplace_back(name, nowMs);
+    if (arrivals_.size() > kArrivalsRemeasured) arrivals_.erase(arrivals_.begin());
+}
+
+void LogDirState::Remeasure(int dirFd, const std::string& name, const LogConfig& config) {
+    auto found = entries_.find(name);
+    // A link or a fifo stays what it is until an event says otherwise.
+    if (found == entries_.end() || found->second.kind == EntryKind::kOther) return;
+    EntryInfo info;
+    if (MeasureEntry(dirFd, name, config, "CheckAndClean", "", ANDROID_LOG_WARN, &info) == Seen::kCounted) {
+        Put(name, info);
+    } else {
+        Forget(name);
+    }
+}
+
+void LogDirState::Remeasure(int dirFd, const LogConfig& config, int64_t nowMs, const std::string& arriving) {
+    arrivals_.erase(std::remove_if(arrivals_.begin(), arrivals_.end(),
+                                   [nowMs](const auto& a) { return nowMs - a.second >= kArrivalWindowMs; }),
+                    arrivals_.end());
+    const auto arrived = [this, &arriving](const std::string& name) {
+        return name == arriving || std::any_of(arrivals_.begin(), arrivals_.end(),
+                                               [&name](const auto& a) { return a.first == name; });
+    };
+    std::vector<std::string> names;
+    for (auto it = entries_.rbegin(); it != entries_.rend() && names.size() < kNewestRemeasured; ++it) {
+        if (!arrived(it->first)) names.push_back(it->first);
+    }
+    for (const auto& [name, at] : arrivals_) {
+        if (name != arriving) names.push_back(name);
+    }
+    for (const std::string& name : names) Remeasure(dirFd, name, config);
 }
 
 }  // namespace logscan

@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,6 +57,8 @@ constexpr char kActionVendorReady[] = "velmar.tarnis.logmgr.vendor_is_ready";
 constexpr char kActionConfigChanged[] = "velmar.tarnis.logmgr.config_changed";
 constexpr long kLogDirRetryMs = 30 * 1000;
 constexpr long kSdcardRetryMs = 10 * 60 * 1000;
+static_assert(LogManager::kWatchMask ==
+              (IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_ONLYDIR));
 
 }  // namespace
 
@@ -96,6 +99,12 @@ void LogManager::OnAllModulesLoaded() {
 void LogManager::Post(std::function<void()> task) {
     std::lock_guard<std::mutex> guard(handlerLock_);
     if (handler_) handler_->post(std::move(task));
+}
+
+void LogManager::PostInOrder(std::function<void()> task) {
+    // post() puts a task at the head of the queue; one due now goes after
+    // those already queued. What the events tell must be learnt in their order.
+    PostDelayed(std::move(task), 0);
 }
 
 TarnisMessageRef LogManager::PostDelayed(std::function<void()> task, long delayMs) {
@@ -166,6 +175,8 @@ bool LogManager::initConfig() {
         std::lock_guard<std::mutex> guard(stateLock_);
         configs_ = std::move(list);
     }
+    // Records may have changed what each directory counts.
+    dirStates_.clear();
     watchByConfigs(configs_);
     if (!vendorReady_) ALOGW("[%s] Vendor maybe not ready while init config", "initConfig");
     Intent changed(kActionConfigChanged);
@@ -200,8 +211,8 @@ void LogManager::CheckSdcardReady() {
         if (Contains(config.folderPath, paths::kSdcardDir)) onSdcard.push_back(config);
     }
     for (const LogConfig& config : onSdcard) {
-        CheckAndClean(config.folderPath);
-        updatePathSizeMap(config.folderPath, config);
+        const bool fromState = CheckAndClean(config.folderPath);
+        updatePathSizeMap(config.folderPath, config, fromState);
     }
     watchByConfigs(onSdcard);
 }
@@ -260,6 +271,7 @@ void LogManager::AppendConfigs(std::vector<LogConfig> added) {
         for (LogConfig& config : added) configs_.push_back(std::move(config));
         LogManagerUtil::SetParents(configs_);
     }
+    dirStates_.clear();
     watchByConfigs(std::vector<LogConfig>(configs_.begin() + static_cast<long>(first), configs_.end()));
 }
 
@@ -305,27 +317,47 @@ void LogManager::watchByConfigs(const std::vector<LogConfig>& configs) {
     }
     if (!listener_) {
         for (const auto& [path, dir] : watched) {
-            CheckAndClean(path);
-            if (std::optional<LogConfig> found = FindConfig(path)) updatePathSizeMap(path, *found);
+            const bool fromState = CheckAndClean(path);
+            if (std::optional<LogConfig> found = FindConfig(path)) updatePathSizeMap(path, *found, fromState);
         }
         listener_ = std::make_unique<LogMgrFileEventListener>(this);
     }
     // The watch goes on the directory checked above, whatever its path
-    // leads to by now.
-    for (const auto& [path, dir] : watched) listener_->Watch(path, dir.get(), kWatchMask);
+    // leads to by now. What changed there before it was in place came
+    // with no event: the first check after it reads the directory in full.
+    for (const auto& [path, dir] : watched) {
+        listener_->Watch(path, dir.get(), kWatchMask);
+        dirStates_.erase(path);
+    }
 }
 
-void LogManager::OnFileEvent(uint32_t, std::optional<std::string> name, const std::string& devicePath) {
+void LogManager::OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& devicePath) {
+    // An entry removed or moved away (by us or by another process) leaves
+    // less to clean: what is known of it goes, and no check starts.
+    if (name && (mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        PostInOrder([this, devicePath, name = *name] { NoteEvent(devicePath, name, true); });
+        return;
+    }
     // Our own archives, and the hidden names they are written under first
-    // (".tarnis-tmp.<entry>.zip.<random>"): packing must not start another check.
-    if (name && Contains(*name, ".zip")) return;
+    // (".tarnis-tmp.<entry>.zip.<random>"): packing must not start another
+    // check. An archive another process puts there still counts.
+    if (name && Contains(*name, ".zip")) {
+        if (!TempName::Is(*name)) PostInOrder([this, devicePath, name = *name] { NoteEvent(devicePath, name, false); });
+        return;
+    }
     __android_log_print(ANDROID_LOG_DEBUG, kListenerTag, "[%s] fileName: %s, basePath: %s", "OnFileEvent",
                         name ? Esc(*name).c_str() : "", Esc(devicePath).c_str());
-    Post([this, devicePath] {
-        CheckAndClean(devicePath);
+    PostInOrder([this, devicePath, name = std::move(name)] {
+        const bool fromState = CheckAndClean(devicePath, name);
         ALOGD("[%s] CheckAndClean %s", "operator()", Esc(devicePath).c_str());
-        if (std::optional<LogConfig> config = FindConfig(devicePath)) updatePathSizeMap(devicePath, *config);
+        if (std::optional<LogConfig> config = FindConfig(devicePath)) updatePathSizeMap(devicePath, *config, fromState);
     });
+}
+
+void LogManager::OnEventsLost() {
+    ALOGW("[%s] file events were lost: each log directory is read in full at its next check", "OnEventsLost");
+    // Ahead of the events still queued: the checks they start read in full.
+    Post([this] { dirStates_.clear(); });
 }
 
 }  // namespace kolto

@@ -63,40 +63,39 @@ void ReportTrelvo(const char* op, const Json::Value& payload) {
 
 using namespace logscan;
 
-void LogManager::CheckAndClean(const std::string& devicePath) {
+bool LogManager::CheckAndClean(const std::string& devicePath, const std::optional<std::string>& arrived) {
     std::optional<LogConfig> found = FindConfig(devicePath);
     if (!found) {
         ALOGE("[%s] get config failed for %s", "CheckAndClean", Esc(devicePath).c_str());
-        return;
+        return false;
     }
     const LogConfig& config = *found;
     const std::string refusal = LogManagerUtil::Refusal(config, devicePath);
     if (!refusal.empty()) {
         ALOGE("[%s] %s, not cleaned", "CheckAndClean", refusal.c_str());
-        return;
+        return false;
     }
     if (!config.children.empty()) {
         ALOGD("[%s] found children items, ignore master folder clean", "CheckAndClean");
-        return;
+        return false;
     }
     ALOGI("[%s] Start Checking %s", "CheckAndClean", Esc(devicePath).c_str());
     std::string why;
     const unique_fd dirFd = OpenLogDir(devicePath, &why);
     if (!dirFd.ok()) {
         ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
-        return;
+        return false;
     }
     // What a compression killed with the daemon left behind; later ones are
     // this thread's own and finish before the next check.
     if (swept_.insert(devicePath).second) TempName::RemoveLeftovers(dirFd.get(), devicePath);
-    std::vector<std::string> names;
-    const ScanResult scan = ScanDirectory(dirFd.get(), config, names, "CheckAndClean", "", ANDROID_LOG_WARN);
-    if (!scan.opened) {
-        ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
-        return;
-    }
-    if (!scan.closed) ALOGE("[%s] Close Dir failed!", "CheckAndClean");
-    uint64_t total = scan.total;
+    // Before its watch, nothing would keep what a check learns up to date.
+    LogDirState unwatched;
+    LogDirState& state = listener_ ? dirStates_[devicePath] : unwatched;
+    bool full = false;
+    if (!MeasureForCheck(devicePath, dirFd.get(), config, arrived, state, &full)) return false;
+    const LogDirState::Entries& entries = state.entries();
+    uint64_t total = state.total();
     const uint64_t sizeBefore = total;
     // In range: the record was refused above otherwise.
     const uint64_t limit = config.maxSize << 10;
@@ -110,13 +109,30 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
             event["folderPath"] = devicePath;
             ReportTrelvo("reportLogMonitorEvent", event);
         }
-        return;
+        return !full;
     }
-    if (names.empty()) {
+    if (entries.empty()) {
         ALOGI("[%s] %s is empty, no need clean!", "CheckAndClean", Esc(devicePath).c_str());
-        return;
+        return !full;
     }
-    std::sort(names.begin(), names.end());
+    // The entries this check could not remove are the oldest: the ones up to
+    // `failedUpTo` are passed over until the next check.
+    std::string failedUpTo;
+    size_t failed = 0;
+    const auto oldest = [&] { return failed == 0 ? entries.begin() : entries.upper_bound(failedUpTo); };
+    const auto left = [&] { return entries.size() - failed; };
+    const auto removeOldest = [&](const std::string& fileName, const std::string& fullPath) {
+        if (DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, state.SizeOf(fileName)) != Removal::kFailed) {
+            state.Forget(fileName);
+            return;
+        }
+        // What is left of it counts until it can go.
+        state.Note(dirFd.get(), fileName, config, GetClock().SteadyNowMs(), false);
+        if (state.SizeOf(fileName)) {
+            failedUpTo = fileName;
+            ++failed;
+        }
+    };
     const bool reuseOpen = IsReuseOpen("CheckAndClean");
     const uint64_t reuseLimit = config.reuseMaxSize << 10;
     std::string reusePath = std::string(paths::kReuseLogRoot) + "/";
@@ -129,31 +145,31 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
     for (;;) {
         const int64_t nowMs = GetClock().WallNowMs();
         int64_t ageMs = 0;
-        const bool dueCount = config.maxLogNumber != 0 && names.size() > config.maxLogNumber;
+        const bool dueCount = config.maxLogNumber != 0 && left() > config.maxLogNumber;
         const bool dueSize = config.maxSize != 0 && total > limit;
-        const bool dueAge = !dueCount && !dueSize && config.maxValidDay != 0 && !names.empty() &&
-                            CompareTimeStrExpired(names.front(), config.maxValidDay, nowMs, &ageMs);
+        const bool dueAge = !dueCount && !dueSize && config.maxValidDay != 0 && left() != 0 &&
+                            CompareTimeStrExpired(oldest()->first, config.maxValidDay, nowMs, &ageMs);
         if (!dueCount && !dueSize && !dueAge) break;
         dueToSize = dueSize;
-        if (names.empty()) {
+        if (left() == 0) {
             // Nothing left to delete, compress or report on: the limits
             // are over by what no longer can be removed.
             ALOGD("[%s] %s is clean, should not enter clean loop again!", "CheckAndClean", Esc(devicePath).c_str());
-            return;
+            return !full;
         }
-        const std::string fileName = names.front();
+        const std::string fileName = oldest()->first;
         const std::string fullPath = devicePath + "/" + fileName;
         const std::string reuseFullPath = reusePath + "/" + fileName;
         ALOGI("[%s] fullPath: %s; reusePath: %s; reuseFullPath: %s", "CheckAndClean", Esc(fullPath).c_str(),
               Esc(reusePath).c_str(), Esc(reuseFullPath).c_str());
         ALOGI("[%s] Clean Start: fileName %s, fileNameList size %zu, totalSize %zu, NowTime %ld(ms), "
               "MaxOffsetTime %lu(ms), time offset %lu(ms)",
-              "CheckAndClean", Esc(fileName).c_str(), names.size(), static_cast<size_t>(total),
-              static_cast<long>(nowMs), static_cast<unsigned long>(config.maxValidDay * static_cast<uint64_t>(kDayMs)),
+              "CheckAndClean", Esc(fileName).c_str(), left(), static_cast<size_t>(total), static_cast<long>(nowMs),
+              static_cast<unsigned long>(config.maxValidDay * static_cast<uint64_t>(kDayMs)),
               static_cast<unsigned long>(ageMs > 0 ? ageMs : 0));
         if (!reuseOpen || config.reuseMaxSize == 0) {
             ALOGI("[%s] Delete File By Inital Logic.", "CheckAndClean");
-            DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
+            removeOldest(fileName, fullPath);
             continue;
         }
         std::vector<std::string> reuseNames;
@@ -162,7 +178,7 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         const uint64_t entrySize = EntrySizeAt(dirFd.get(), fileName);
         if (entrySize > reuseLimit) {
             ALOGI("[%s] Log %s size is too large to move file.", "CheckAndClean", Esc(fileName).c_str());
-            DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
+            removeOldest(fileName, fullPath);
             break;
         }
         const uint64_t reuseBefore = reuseTotal;
@@ -173,9 +189,11 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
         // back from the logs while a cleaning runs.
         while (IsReuseOpen("CheckAndClean") && reuseTotal + entrySize > reuseLimit && !reuseNames.empty()) {
             ALOGI("[%s] Start delete A/B reused partition file: %s", "CheckAndClean", Esc(reuseNames.front()).c_str());
-            if (!DeleteFileUpdateDirConfig(reuseFd.get(), reusePath + "/" + reuseNames.front(), &reuseTotal,
-                                           reuseNames)) {
-                DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
+            const Removal removal = DeleteFileUpdateDirConfig(reuseFd.get(), reusePath + "/" + reuseNames.front(),
+                                                              &reuseTotal, std::nullopt);
+            reuseNames.erase(reuseNames.begin());
+            if (removal == Removal::kFailed) {
+                removeOldest(fileName, fullPath);
                 stop = true;
                 break;
             }
@@ -217,34 +235,77 @@ void LogManager::CheckAndClean(const std::string& devicePath) {
             ALOGW("[%s] Move file %s to A/B reused partition %s failed,error: %s", "CheckAndClean",
                   Esc(fullPath).c_str(), Esc(reuseFullPath).c_str(), strerror(errno));
         }
-        DeleteFileUpdateDirConfig(dirFd.get(), fullPath, &total, names, &scan.sizes);
+        removeOldest(fileName, fullPath);
     }
 
-    if (config.compress && !names.empty()) CompressEntries(devicePath, dirFd.get(), config, names);
-    if (dueToSize) ReportSizeCleaning(devicePath, dirFd.get(), sizeBefore, reuseOpen, reuseClearSize, reuseMoveSize);
+    if (config.compress && left() != 0) CompressEntries(devicePath, dirFd.get(), config, state, failedUpTo);
+    if (dueToSize) {
+        ReportSizeCleaning(devicePath, dirFd.get(), state, sizeBefore, reuseOpen, reuseClearSize, reuseMoveSize);
+    }
+    return !full;
 }
 
-void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, uint64_t before, bool reuseOpen,
-                                    int64_t cleared, int64_t moved) {
-    uint64_t after = 0;
-    android::base::unique_fd own(openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const int fd = own.get();
-    ScopedDir dir = AdoptDir(own);
-    if (!dir) {
+bool LogManager::MeasureForCheck(const std::string& devicePath, int dirFd, const LogConfig& config,
+                                 const std::optional<std::string>& arrived, LogDirState& state, bool* full) {
+    struct stat dir {};
+    const int64_t nowMs = GetClock().SteadyNowMs();
+    *full = measureFully_ || fstat(dirFd, &dir) != 0 || state.NeedsFullReading(dir.st_dev, dir.st_ino, nowMs);
+    if (!*full) {
+        state.Remeasure(dirFd, config, nowMs, arrived ? *arrived : std::string());
+        if (arrived) state.Note(dirFd, *arrived, config, nowMs, true);
+        return true;
+    }
+    std::vector<std::string> names;
+    ScanResult scan = ScanDirectory(dirFd, config, names, "CheckAndClean", "", ANDROID_LOG_WARN);
+    if (!scan.opened) {
         ALOGE("[%s] can not open dir %s", "CheckAndClean", Esc(devicePath).c_str());
-    } else {
-        while (struct dirent* entry = readdir(dir.get())) {
-            if (IsDotOrDotDot(entry->d_name) || TempName::Is(entry->d_name)) continue;
-            struct stat st {};
-            if (fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-            if (S_ISDIR(st.st_mode)) {
-                const int64_t size = FileUtil::TreeSizeAt(fd, entry->d_name, st.st_size);
-                if (size > 0) after += static_cast<uint64_t>(size);
-            } else if (S_ISREG(st.st_mode) && Contains(entry->d_name, ".zip")) {
-                after += static_cast<uint64_t>(st.st_size);
-            }
+        state.Invalidate();
+        return false;
+    }
+    if (!scan.closed) ALOGE("[%s] Close Dir failed!", "CheckAndClean");
+    state.Reset(std::move(scan), dir.st_dev, dir.st_ino, nowMs, config.compress);
+    if (arrived) state.Arrived(*arrived, nowMs);
+    return true;
+}
+
+void LogManager::NoteEvent(const std::string& devicePath, const std::string& name, bool gone) {
+    auto found = dirStates_.find(devicePath);
+    if (found == dirStates_.end() || !found->second.Valid()) return;
+    if (gone) {
+        found->second.Forget(name);
+        return;
+    }
+    std::optional<LogConfig> config = FindConfig(devicePath);
+    std::string why;
+    const unique_fd dirFd = config ? OpenLogDir(devicePath, &why) : unique_fd();
+    if (!dirFd.ok()) {
+        dirStates_.erase(found);
+        return;
+    }
+    found->second.Note(dirFd.get(), name, *config, GetClock().SteadyNowMs(), true);
+}
+
+
+
+void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, const LogDirState& state,
+                                    uint64_t before, bool reuseOpen, int64_t cleared, int64_t moved) {
+    // Directories and archives count; so do those the ramdump filter leaves
+    // out, which nothing else measures.
+    uint64_t after = 0;
+    const auto add = [&after](const std::string& name, const EntryInfo& info) {
+        if (info.kind == EntryKind::kDir || (info.kind == EntryKind::kFile && Contains(name, ".zip"))) {
+            after += info.size;
         }
-        if (closedir(dir.release()) != 0) ALOGE("[%s] Close Dir failed! error: %s", "CheckAndClean", strerror(errno));
+    };
+    for (const auto& [name, info] : state.entries()) add(name, info);
+    for (const std::string& name : state.filtered()) {
+        struct stat st {};
+        if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        const int64_t size = S_ISDIR(st.st_mode) ? FileUtil::TreeSizeAt(dirFd, name.c_str(), st.st_size) : st.st_size;
+        EntryInfo info{size > 0 ? static_cast<uint64_t>(size) : 0, EntryKind::kOther};
+        if (S_ISDIR(st.st_mode)) info.kind = EntryKind::kDir;
+        if (S_ISREG(st.st_mode)) info.kind = EntryKind::kFile;
+        add(name, info);
     }
     LogManagerEvent event;
     event.dirFullPath = devicePath;
@@ -258,22 +319,16 @@ void LogManager::ReportSizeCleaning(const std::string& devicePath, int dirFd, ui
     ReportTrelvo("reportLogMgrEvent", json);
 }
 
-bool LogManager::DeleteFileUpdateDirConfig(int dirFd, const std::string& devicePath, uint64_t* total,
-                                           std::vector<std::string>& names,
-                                           const std::map<std::string, uint64_t>* sizes) {
+LogManager::Removal LogManager::DeleteFileUpdateDirConfig(int dirFd, const std::string& devicePath, uint64_t* total,
+                                                          std::optional<uint64_t> known) {
     const std::string name = devicePath.substr(devicePath.find_last_of('/') + 1);
     struct stat st {};
     if (dirFd >= 0 && fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
         // Another process cleaned it first: what it held is gone all the same.
         ALOGI("[%s] %s vanished before its removal, skipped", "DeleteFileUpdateDirConfig",
               Esc(paths::Get(devicePath)).c_str());
-        if (!names.empty()) {
-            auto known =
-                sizes != nullptr ? sizes->find(names.front()) : std::map<std::string, uint64_t>::const_iterator();
-            if (sizes != nullptr && known != sizes->end()) *total = *total > known->second ? *total - known->second : 0;
-            names.erase(names.begin());
-        }
-        return true;
+        if (known) *total = *total > *known ? *total - *known : 0;
+        return Removal::kVanished;
     }
     unsigned long removed = 0;
     // Through the directory the check opened: a component renamed or
@@ -283,14 +338,12 @@ bool LogManager::DeleteFileUpdateDirConfig(int dirFd, const std::string& deviceP
     if (result == 0) {
         ALOGI("[%s] DeleteDirectoryOrFile succeed, removed size %zu bytes (%zu MB)", "DeleteFileUpdateDirConfig",
               static_cast<size_t>(removed), static_cast<size_t>(removed >> 20));
-        if (!names.empty()) names.erase(names.begin());
         *total = *total > removed ? *total - removed : 0;
-        return true;
+        return Removal::kRemoved;
     }
     ALOGE("[%s] remove %s failed! error:%s. skipped this file for now..., ", "DeleteFileUpdateDirConfig",
           Esc(paths::Get(devicePath)).c_str(), strerror(errno));
-    if (!names.empty()) names.erase(names.begin());
-    return false;
+    return Removal::kFailed;
 }
 
 uint64_t LogManager::getDirTotalSize(const std::string& devicePath, std::vector<std::string>& names,
@@ -311,7 +364,15 @@ uint64_t LogManager::getDirTotalSize(const std::string& devicePath, std::vector<
     return scan.total;
 }
 
-void LogManager::updatePathSizeMap(const std::string& devicePath, const LogConfig& config) {
+void LogManager::updatePathSizeMap(const std::string& devicePath, const LogConfig& config, bool fromState) {
+    auto known = fromState ? dirStates_.find(devicePath) : dirStates_.end();
+    if (known != dirStates_.end()) {
+        ALOGD("[%s] update pathSizeMap for %s, totalSize: %zu", "updatePathSizeMap", Esc(devicePath).c_str(),
+              static_cast<size_t>(known->second.total()));
+        std::lock_guard<std::mutex> guard(stateLock_);
+        pathSizeMap_[devicePath] = known->second.total();
+        return;
+    }
     std::vector<std::string> names;
     std::string why;
     const unique_fd dirFd = OpenLogDir(devicePath, &why);

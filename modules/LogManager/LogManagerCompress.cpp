@@ -50,13 +50,19 @@ using android::base::unique_fd;
 using namespace logscan;
 
 void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const LogConfig& config,
-                                 const std::vector<std::string>& names) {
-    size_t count = names.size();
+                                 LogDirState& state, const std::string& after) {
     // The newest entry may still be written to.
-    if (config.compressLatestAfterSec == 0 && (config.delayCompress || listener_)) --count;
-    for (size_t i = 0; i < count; ++i) {
+    const bool newestToo = !(config.compressLatestAfterSec == 0 && (config.delayCompress || listener_));
+    const std::string& newest = state.entries().rbegin()->first;
+    // A copy: packing changes the state.
+    std::vector<std::string> names;
+    for (auto it = after.empty() ? state.unpacked().begin() : state.unpacked().upper_bound(after);
+         it != state.unpacked().end(); ++it) {
+        if (newestToo || *it != newest) names.push_back(*it);
+    }
+    for (size_t i = 0; i < names.size(); ++i) {
         const std::string fullPath = devicePath + "/" + names[i];
-        if (Contains(names[i], ".zip") || fullPath == pendingCompressPath_) continue;
+        if (fullPath == pendingCompressPath_) continue;
         ALOGD("[%s] Compress loop: fullPath %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         if (listener_ && config.compressLatestAfterSec != 0) {
             if (!pendingCompressPath_.empty()) {
@@ -73,6 +79,7 @@ void LogManager::CompressEntries(const std::string& devicePath, int dirFd, const
             continue;
         }
         if (CompressAt(dirFd, names[i], fullPath)) {
+            NotePacked(state, config, dirFd, names[i]);
             ALOGD("[%s] Compressed: %s", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
         } else {
             ALOGE("[%s] Compress the path: %s returned error!", "CheckAndClean", Esc(paths::Get(fullPath)).c_str());
@@ -89,7 +96,18 @@ bool LogManager::CompressEntry(const std::string& deviceFullPath) {
         ALOGE("[%s] %s, %s not compressed", "Compress", why.c_str(), Esc(deviceFullPath).c_str());
         return false;
     }
-    return CompressAt(dirFd.get(), deviceFullPath.substr(slash + 1), deviceFullPath);
+    if (!CompressAt(dirFd.get(), deviceFullPath.substr(slash + 1), deviceFullPath)) return false;
+    auto known = dirStates_.find(deviceDir);
+    std::optional<LogConfig> config = FindConfig(deviceDir);
+    if (known != dirStates_.end() && known->second.Valid() && config) {
+        NotePacked(known->second, *config, dirFd.get(), deviceFullPath.substr(slash + 1));
+    }
+    return true;
+}
+
+void LogManager::NotePacked(LogDirState& state, const LogConfig& config, int dirFd, const std::string& name) {
+    state.Forget(name);
+    state.Note(dirFd, name + ".zip", config, GetClock().SteadyNowMs(), false);
 }
 
 void LogManager::RunDelayedCompress(std::string devicePath) {

@@ -29,6 +29,8 @@ void LogMgrFileEventListener::OnFileEvent(uint32_t mask, std::optional<std::stri
     manager_->OnFileEvent(mask, std::move(name), path);
 }
 
+void LogMgrFileEventListener::OnQueueOverflow() { manager_->OnEventsLost(); }
+
 int LogMgrFileEventListener::Watch(const std::string& devicePath, int dirFd, uint32_t mask) {
     const int result = addWatching(devicePath, dirFd, mask);
     if (result != 0) {

@@ -22,6 +22,7 @@ public:
     ~LogMgrFileEventListener() override;
 
     void OnFileEvent(uint32_t mask, std::optional<std::string> name, const std::string& path) override;
+    void OnQueueOverflow() override;
 
     // Watches the directory the manager opened below its root as `dirFd`,
     // reported as `devicePath`; 0 on success, the failure logged otherwise.
