@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -34,6 +35,7 @@ using velmar::kolto::TarnisHandlerThread;
 
 constexpr char kBsp[] = "/data/nuvilog/bsp";
 constexpr char kTag[] = "Tarnis-LogManager";
+constexpr std::chrono::seconds kBound(20);
 
 // A log manager on a thread of its own, given a configuration of one record.
 class Manager {
@@ -58,19 +60,18 @@ public:
     LogManager& manager() { return *manager_; }
     // Once it returns, the thread has run everything posted before.
     void Drain() {
-        std::promise<void> done;
-        marker_->postDelayed([&done] { done.set_value(); }, 0);
-        done.get_future().wait();
+        auto done = std::make_shared<std::promise<void>>();
+        marker_->postDelayed([done] { done->set_value(); }, 0);
+        EXPECT_EQ(done->get_future().wait_for(kBound), std::future_status::ready) << "the manager's thread is stuck";
     }
-    // Keeps the thread from running anything until Release().
+    // Keeps the thread from running anything until Release() (or the bound).
     void Hold() {
-        std::promise<void> entered;
-        marker_->post([this, &entered] {
-            std::future<void> go = release_.get_future();
-            entered.set_value();
-            go.wait();
+        auto entered = std::make_shared<std::promise<void>>();
+        marker_->post([go = release_.get_future().share(), entered] {
+            entered->set_value();
+            go.wait_for(kBound);
         });
-        entered.get_future().wait();
+        EXPECT_EQ(entered->get_future().wait_for(kBound), std::future_status::ready);
     }
     void Release() {
         release_.set_value();
@@ -84,8 +85,7 @@ private:
     std::promise<void> release_;
 };
 
-// The bytes at or below `path` as the log manager counts them: of its files
-// and directories, not of what else is there.
+// The bytes at or below `path` as the log manager counts them: files and directories only.
 int64_t Bytes(const std::string& path) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) return -1;
@@ -124,9 +124,7 @@ protected:
         }
         return out;
     }
-    // What the checks of `dir` decided, as their lines say: what they removed
-    // and packed, the counts and sizes they went by, the total the size map
-    // took; and the size reports so far.
+    // What the checks of `dir` decided, as their lines say, and the size reports so far.
     std::vector<std::string> Decisions(const platform::LogCapture& lines, const std::string& dir) {
         static const char* kDecisive[] = {"Clean Start", "[DeleteFileUpdateDirConfig]", "Compress",
                                           "is clean",    "is empty",                    "update pathSizeMap"};
@@ -147,10 +145,8 @@ protected:
     }
 };
 
-// Two managers, one going by what it keeps of its directory and one reading
-// it in full at every check, follow the same random histories in two
-// identical directories: they must remove and pack the same entries for the
-// same reasons, and leave the same trees.
+// One manager going by what it keeps, one reading in full at every check, on the same random histories in two
+// identical directories: the same entries removed and packed for the same reasons, the same trees left.
 TEST_F(LogStateEquivalenceTest, KeptStateDecidesAsAFullReadingWould) {
     for (unsigned seed = 1; seed <= 12; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
@@ -206,8 +202,7 @@ TEST_F(LogStateEquivalenceTest, KeptStateDecidesAsAFullReadingWould) {
             ASSERT_EQ(listing, Listing(dirs[1]));
             std::vector<std::string> entries;
             for (const std::string& line : listing) entries.push_back(line.substr(0, line.find(' ')));
-            // Another process removes an entry, adds files to the two newest
-            // and to the one made last, drops an archive in; then a new entry.
+            // Another process removes an entry, grows the two newest and the last made, drops an archive in.
             if (!entries.empty() && pick(0, 3) == 0) {
                 const std::string gone = entries[static_cast<size_t>(pick(0, static_cast<int>(entries.size()) - 1))];
                 steps.push_back([=](const std::string& dir) { FileUtil::DeleteDirectoryOrFile(dir + "/" + gone, 0); });
@@ -241,10 +236,8 @@ TEST_F(LogStateEquivalenceTest, KeptStateDecidesAsAFullReadingWould) {
     }
 }
 
-// Held in its first event while the kernel's queue overflows, a listener
-// hears of the overflow once let go. Told of lost events, the log manager
-// reads its directory in full at the next check, which catches what no event
-// reported (a file added to an old entry).
+// A listener held while the kernel's queue overflows hears of it once; told of lost events, the log manager reads
+// in full at its next check and so sees what no event reported (a file added to an old entry).
 TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
     std::string text;
     ASSERT_TRUE(android::base::ReadFileToString("/proc/sys/fs/inotify/max_queued_events", &text));
@@ -262,8 +255,7 @@ TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
     auto held = std::make_unique<Held>();
     held->go = letGo.get_future().share();
     ASSERT_EQ(held->addWatching(root_.path(), IN_CREATE | IN_DELETE), 0);
-    // Past the queue's end by more than the events read before the first one
-    // was handed over.
+    // Past the queue's end by more than was read before the first event was handed over.
     for (int i = 0; i < queue / 2 + 100; ++i) {
         ASSERT_TRUE(WriteStringToFile("", root_.Sub("f")));
         ASSERT_EQ(unlink(root_.Sub("f").c_str()), 0);
@@ -279,8 +271,7 @@ TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
         ASSERT_TRUE(WriteStringToFile("x", entry + "/log"));
     }
     std::unique_ptr<Manager> manager = Start(dir, "\"maxLogNumber\":50", false);
-    // What the size map takes at the check of a new entry, less what the
-    // entries hold.
+    // The size map's total at the check of a new entry, less what the entries hold.
     const auto check = [&](int day) {
         manager->Hold();
         EXPECT_EQ(mkdir((Device(dir) + "/2025-12-" + std::to_string(day)).c_str(), 0755), 0);
