@@ -220,11 +220,11 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
                                                   ",\"totalSizeBefore\":" + std::to_string(before) + "}\n"});
 
     // A report the service refuses is logged under the reporting operation.
-    const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     // Grown out of sight first: the check may run before a new file's bytes are in.
     Write(Bsp("demo_size/" + left.back() + "/more"), std::string(8192, 'x'));
     ASSERT_EQ(mkdir(Bsp("demo_size/" + Dated(9)).c_str(), 0755), 0);
+    const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
     EXPECT_TRUE(tarnis_test::WaitFor([&] { return Logged(kE, refused); }));
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
     Settle();
@@ -263,8 +263,7 @@ TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
         Write(Staged("demo_parent/b/" + Dated(i)), "b");
     }
     Write(Staged("demo_parent/loose.txt"), "kept");
-    Write(Staged("demo_push/a.log"), std::string(3000, 'a'));
-    Write(Staged("demo_push/b.log"), std::string(3000, 'b'));
+    for (const char c : {'a', 'b'}) Write(Staged(std::string("demo_push/") + c + ".log"), std::string(3000, c));
     // A limit of 0 is exceeded by any directory that is not empty.
     Write(Staged("demo_push0/c.log"), "c");
     tarnis_test::TempDir outside;
@@ -537,7 +536,6 @@ TEST_F(LogManagerTest, TheConfigGrowsFromTheWireAndIsReadAgainOnceTheVendorIsRea
 
 TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
     Start("{\"folderName\": \"demo_object\"}");
-    Settle();
     EXPECT_FALSE(Logged(kE, "[initConfig] Config is invalid!!"));
     ASSERT_EQ(Announced().size(), 1u);
     EXPECT_EQ(Announced()[0]["folderName"].asString(), "demo_object");
@@ -547,8 +545,7 @@ TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
 TEST_F(LogManagerTest, SdcardDirectoriesAreCleanedOnceTheSdcardAppears) {
     Start("[{\"folderPath\":\"/sdcard/demo_card\",\"maxLogNumber\":1}]");
     EXPECT_TRUE(Logged(kI, "[CheckSdcardReady] Sdcard not ready, schedule next check in 10 mins later"));
-    Write(Device("/sdcard/demo_card/" + Dated(1)), "1");
-    Write(Device("/sdcard/demo_card/" + Dated(2)), "2");
+    for (int i = 1; i <= 2; ++i) Write(Device("/sdcard/demo_card/" + Dated(i)), std::to_string(i));
     Advance(600000);
     EXPECT_TRUE(Logged(kI, "[CheckSdcardReady] Sdcard is Ready, trigger sdcard ready callback"));
     EXPECT_EQ(List(Device("/sdcard/demo_card")), Dated({2}));
