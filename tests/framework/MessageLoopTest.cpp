@@ -47,7 +47,6 @@ int LooperTid(TarnisHandler& handler) {
     return *tid;
 }
 
-// The line a looper leaves when it is destroyed on the thread `tid`.
 std::string LooperGone(long tid) { return "[~TarnisLooper] ~TarnisLooper tid " + std::to_string(tid); }
 
 struct CountedObject : Object {

@@ -61,7 +61,6 @@ using Names = std::vector<std::string>;
 using tarnis_test::Exists;
 Names List(const std::string& dir) { return tarnis_test::ListDir(dir); }
 
-// Log entries are named after the time they were made.
 std::string Dated(int i) { return "2025-11-23_10-00-0" + std::to_string(i); }
 std::vector<std::string> Dated(std::initializer_list<int> numbers) {
     std::vector<std::string> names;
@@ -140,7 +139,6 @@ protected:
         return texts;
     }
 
-    // The configurations the peer was told of, in order.
     std::vector<Json::Value> Announced() {
         std::lock_guard<std::mutex> guard(peer_->lock);
         std::vector<Json::Value> out;
@@ -252,7 +250,6 @@ TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) 
     EXPECT_EQ(List(Bsp("demo_age")), (Names{"2026-01-10_00-00-00"}));
 }
 
-// The first check of each kind of record, all in one run.
 TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
     for (const char* name : {"notes.txt", "ramdump_2025-11-01_10-00-00.elf", "ramdump_modem_2025-11-01_10-00-00.elf",
                              "ramdump_modem_2025-11-2_9-0-0_x.elf", "ramdump_x_2025-11-03_10-00-00"}) {
@@ -428,7 +425,6 @@ TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
     EXPECT_EQ(tarnis_test::ReadFile(entry + "/log"), data);
     EXPECT_EQ(List(root_.Sub("full")), (Names{"2025-12-01_00-00-00"}));
 
-    // Without the limit the same entry packs and goes.
     ASSERT_TRUE(LogManager::Compress("/full/2025-12-01_00-00-00"));
     EXPECT_EQ(List(root_.Sub("full")), (Names{"2025-12-01_00-00-00.zip"}));
 }
