@@ -100,7 +100,9 @@ void MakeDirs(const std::vector<std::string>& dirs) {
 class FileEventListenerTest : public ::testing::Test {
 protected:
     void TearDown() override {
-        if (listener != nullptr) EXPECT_TRUE(DeleteWithin(listener));
+        if (listener != nullptr) {
+            EXPECT_TRUE(DeleteWithin(listener));
+        }
     }
     // A destructor waits for the loop: false after five seconds, when a file in
     // every directory of the sandbox wakes a loop stuck in a read so that it ends.

@@ -226,7 +226,9 @@ TEST_F(MessageLoop, QuitDropsWhatIsQueuedAndEndsAWaitAtOnce) {
         }
         AddLater("tomorrow", kDayMs, token);
         AddLater("later", kDayMs + 1, token);
-        if (!busy) ASSERT_TRUE(clock.WaitForWaiters(1));
+        if (!busy) {
+            ASSERT_TRUE(clock.WaitForWaiters(1));
+        }
 
         thread->quit();
         busyWith.Release();

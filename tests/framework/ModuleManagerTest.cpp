@@ -233,7 +233,9 @@ TEST(ModuleManager, ARemovedModuleWaitingADayForATaskDoesNotHoldTheManagerThread
         ASSERT_EQ(answered->get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
         EXPECT_EQ(Dump({"Flaky"}), "Module Flaky is not running\n");
         // Removed safely, what was due still ran; the task due tomorrow went with the thread.
-        if (safely) EXPECT_EQ(events().Count("flaky-due"), due + 1);
+        if (safely) {
+            EXPECT_EQ(events().Count("flaky-due"), due + 1);
+        }
         EXPECT_EQ(events().Count("flaky-late"), 0u);
         EXPECT_FALSE(handler->hasMessage(tomorrow));
         EXPECT_EQ(CountExact(log, "[quit] Looper stops waiting for delayed messages", "Tarnis-TarnisLooper",

@@ -79,7 +79,9 @@ TEST(LogConfigTest, MembersReadUpToTheLargestNumbersAndOnesOfTheWrongKindFailThe
         SCOPED_TRACE(c.text);
         LogConfig read;
         EXPECT_EQ(ReadRecord(c.text, read), c.ok);
-        if (c.ok) EXPECT_EQ(read.folderName + read.folderPath, c.strings);
+        if (c.ok) {
+            EXPECT_EQ(read.folderName + read.folderPath, c.strings);
+        }
     }
     EXPECT_FALSE(ReadRecord("[1]", record, &why));
     EXPECT_EQ(why, "the record is not a JSON object but [1]");
