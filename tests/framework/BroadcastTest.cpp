@@ -64,8 +64,7 @@ TEST(BroadcastTest, ExtrasSerialiseInKeyOrderWithTypeCodes) {
               1u);
 }
 
-// What the peer sends: a body without an extras array still delivers the action;
-// an element that does not make a well-typed extra is left out with a line.
+// A body without an extras array still delivers the action; an ill-typed element is left out with a line.
 TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
     InternalReceiver receiver("tarnis.test.PEER");
     platform::LogCapture capture;
@@ -136,9 +135,7 @@ TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
         "[putExtraByJson] Unknown Type! value is not the supported type. Supported type: int boot string "
         "float int64_t Json::Value, current type is 9",
     };
-    for (const char* line : skipped) {
-        EXPECT_EQ(CountExact(capture, line, kInternalTag, ANDROID_LOG_ERROR), 1u) << line;
-    }
+    for (const char* line : skipped) EXPECT_EQ(CountExact(capture, line, kInternalTag, ANDROID_LOG_ERROR), 1u) << line;
     EXPECT_EQ(capture.Count("[putExtraByJson] ", kInternalTag, ANDROID_LOG_ERROR), std::size(skipped));
 }
 
@@ -226,8 +223,7 @@ struct DeliveryState {
     std::atomic<int> callsAfterUnregister{0};
 };
 
-// Uses its own members on both sides of the pause, as any receiver does: a call
-// on a destroyed receiver is a use after free for the sanitizers as well as a count.
+// Touches its own members around the pause: a call on a destroyed one is a use after free, and a count.
 class TouchingReceiver : public BroadcastReceiver {
 public:
     explicit TouchingReceiver(std::shared_ptr<DeliveryState> state) : state_(std::move(state)) {}
@@ -257,8 +253,7 @@ TEST(BroadcastTest, UnregisteringWaitsForACallUnderWayAndNoCallFollows) {
     ASSERT_TRUE(local.sendBroadcast(Intent("tarnis.test.UNREGISTER"), false));
     ASSERT_EQ(state->entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
 
-    // Another thread unregisters and destroys the receiver while its onReceive
-    // runs: it must not get past the unregistering while the call is under way.
+    // Unregistered and destroyed on another thread mid-call: the unregistering must wait for the call.
     std::promise<void> unregistered;
     std::future<void> done = unregistered.get_future();
     std::thread other([&] {
@@ -276,8 +271,7 @@ TEST(BroadcastTest, UnregisteringWaitsForACallUnderWayAndNoCallFollows) {
     EXPECT_EQ(state->callsAfterUnregister.load(), 0);
     EXPECT_FALSE(local.sendBroadcast(Intent("tarnis.test.UNREGISTER"), false));
 
-    // Receivers destroyed while the manager thread may be delivering to them:
-    // between its look at the record and the call is the window to guard.
+    // Destroyed while the manager thread may be delivering: between its look and the call is the window.
     std::vector<std::shared_ptr<DeliveryState>> states;
     for (int i = 0; i < 1000; ++i) {
         auto state = std::make_shared<DeliveryState>();

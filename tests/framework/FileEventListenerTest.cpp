@@ -37,8 +37,7 @@ struct Event {
     std::string path;
 };
 
-// What the listener hands over, kept apart from it so that it exists before
-// the listener's thread does and is read after the listener is gone.
+// Kept apart from the listener: it exists before the listener's thread and is read after it is gone.
 class Recorder {
 public:
     void Add(Event event) {
@@ -75,8 +74,7 @@ private:
     std::promise<void> entered_;
 };
 
-// Paths given as `added` are watched once the recorder is in place; a test
-// touches the others only after calling the listener (an order TSan sees).
+// `added` paths are watched once the recorder is in place; others are touched after the call (TSan sees it).
 class RecordingListener : public FileEventListener {
 public:
     RecordingListener(Recorder* recorder, std::vector<std::string> paths, uint32_t mask,
@@ -250,8 +248,7 @@ TEST_F(FileEventListenerTest, ManyEventsOfMixedLengthsArriveInOrderOverSeveralRe
     EXPECT_TRUE(capture.HasLine("[~FileEventListener] Cleanup Done!", kTag, ANDROID_LOG_DEBUG));
 }
 
-// Right after construction the loop may not have started yet, or be about
-// to wait; a stop from an event ends dispatching there and then.
+// Right after construction the loop may not have started, or be about to wait; a stop from an event ends it.
 TEST_F(FileEventListenerTest, DeletionRightAfterConstructionOrAfterAStopFromAnEventEndsTheLoop) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_TRUE(DeleteWithin(new RecordingListener(&recorder, {tmp.path()}, IN_CREATE))) << i;

@@ -47,7 +47,6 @@ int LooperTid(TarnisHandler& handler) {
     return *tid;
 }
 
-// The line a looper leaves when it is destroyed on the thread `tid`.
 std::string LooperGone(long tid) { return "[~TarnisLooper] ~TarnisLooper tid " + std::to_string(tid); }
 
 struct CountedObject : Object {
@@ -56,8 +55,7 @@ struct CountedObject : Object {
     std::atomic<int>* deleted;
 };
 
-// A handler thread on the test clock, a journal of what ran and a blocker to
-// pile messages up behind a task; the thread goes within a bound at the end.
+// A handler thread on the test clock, a journal of what ran, a blocker to pile messages up behind.
 class MessageLoop : public ::testing::Test {
 protected:
     void SetUp() override { clock.Install(); }
@@ -70,8 +68,7 @@ protected:
         ASSERT_NE(thread->getLooper(), nullptr);
         handler = std::make_unique<TarnisHandler>(thread->getLooper(), std::move(callback));
     }
-    // Quit and joined on a helper thread. False after ten seconds, with the
-    // clock moved two days on so that a loop still waiting lets go.
+    // False after ten seconds, the clock then moved two days on so that a loop still waiting lets go.
     bool DeleteInTime() {
         std::promise<void> deleted;
         std::future<void> done = deleted.get_future();
@@ -88,9 +85,7 @@ protected:
     TarnisMessageRef AddLater(const std::string& entry, int64_t delayMs, std::shared_ptr<int> token = nullptr) {
         return handler->postDelayed([this, entry, token] { journal.Add(entry); }, delayMs);
     }
-    void Add(const std::string& entry) {
-        handler->post([this, entry] { journal.Add(entry); });
-    }
+    void Add(const std::string& entry) { handler->post([this, entry] { journal.Add(entry); }); }
 
     TestClock clock;
     platform::LogCapture capture;
@@ -102,8 +97,7 @@ protected:
 
 }  // namespace
 
-// Messages for now run newest first; delayed ones by due time, equal times in the
-// order sent, each exactly when due and not a millisecond before; a removed one never.
+// Now: newest first; delayed: by due time, ties in the order sent, not a millisecond early; removed: never.
 TEST_F(MessageLoop, OrderAndDueTimesOfQueuedMessages) {
     Start("LoopOrder");
     blocker.Block(*handler);
@@ -119,8 +113,7 @@ TEST_F(MessageLoop, OrderAndDueTimesOfQueuedMessages) {
     EXPECT_FALSE(handler->removeMessage(removed, false));
     blocker.Release();
     ASSERT_TRUE(clock.WaitForWaiters(1));
-    // Due before the hour waited for: the taker wakes and waits again (moving
-    // the clock would wake it whatever the queue did: its waits are counted).
+    // Due before the hour waited for: the taker waits anew (counted, as moving the clock would wake it anyway).
     const uint64_t waits = clock.WaitsBegun();
     AddLater("soon", 30);
     ASSERT_TRUE(clock.WaitForWaitsBegun(waits + 1));
@@ -174,8 +167,7 @@ TEST_F(MessageLoop, CallbackMessagesAndPriorityQueue) {
     EXPECT_EQ(deleted.load(), 1);
 }
 
-// A safe quit runs what is queued, delayed messages as they fall due; the destructor's
-// quit is not safe: it ends the wait for a message due tomorrow, which never runs.
+// The destructor's quit is not safe: it ends the wait for a message due tomorrow, which never runs.
 TEST_F(MessageLoop, QuitSafelyRunsWhatFallsDueUntilTheThreadIsDestroyed) {
     Start("LoopSafe");
     const int tid = LooperTid(*handler);
@@ -218,8 +210,7 @@ TEST_F(MessageLoop, QuitSafelyRunsWhatFallsDueUntilTheThreadIsDestroyed) {
     for (const auto& line : lines) EXPECT_EQ(CountExact(capture, line.text, line.tag, line.prio), 1u) << line.text;
 }
 
-// A quit that is not safe ends the loop at once, waiting or busy, and drops what
-// is queued with the tasks and payloads it holds.
+// What is dropped lets go of the tasks and payloads it holds.
 TEST_F(MessageLoop, QuitDropsWhatIsQueuedAndEndsAWaitAtOnce) {
     for (bool busy : {false, true}) {
         SCOPED_TRACE(busy ? "quit while busy" : "quit while waiting");
@@ -254,8 +245,7 @@ TEST_F(MessageLoop, QuitDropsWhatIsQueuedAndEndsAWaitAtOnce) {
     }
 }
 
-// No looper at all, a thread that ended after looping, or one quit before its
-// loop started: nothing is kept or run, and each call says why.
+// No looper, one that ended after looping, or one quit before its loop started: each call says why.
 TEST_F(MessageLoop, AHandlerWithoutALiveLooperDropsWhatItSends) {
     for (const char* kind : {"no looper", "after looping", "quit at once"}) {
         SCOPED_TRACE(kind);
@@ -319,8 +309,7 @@ TEST_F(MessageLoop, PrepareTwiceAndMyLooperWithoutPrepare) {
     EXPECT_EQ(CountExact(capture, LooperGone(workerTid), kLooperTag, ANDROID_LOG_DEBUG), 1u);
 }
 
-// A message back from the pool has let go of its payloads and keeps nothing of its
-// former use; a reference to that use neither finds nor removes it in the next one.
+// Back from the pool, a message has let go of its payloads and keeps nothing of its former use.
 TEST_F(MessageLoop, ARecycledMessageIsResetAndAStaleReferenceMissesItsNextUse) {
     Start("LoopReuse", [this](TarnisMessage* msg) { journal.Add(std::to_string(msg->what)); });
     std::atomic<int> deleted{0};

@@ -61,7 +61,6 @@ using Names = std::vector<std::string>;
 using tarnis_test::Exists;
 Names List(const std::string& dir) { return tarnis_test::ListDir(dir); }
 
-// Log entries are named after the time they were made.
 std::string Dated(int i) { return "2025-11-23_10-00-0" + std::to_string(i); }
 std::vector<std::string> Dated(std::initializer_list<int> numbers) {
     std::vector<std::string> names;
@@ -140,7 +139,6 @@ protected:
         return texts;
     }
 
-    // The configurations the peer was told of, in order.
     std::vector<Json::Value> Announced() {
         std::lock_guard<std::mutex> guard(peer_->lock);
         std::vector<Json::Value> out;
@@ -220,11 +218,11 @@ TEST_F(LogManagerTest, SizeLimitDeletesOldestFirstAndReportsBeforeAndAfter) {
                                                   ",\"totalSizeBefore\":" + std::to_string(before) + "}\n"});
 
     // A report the service refuses is logged under the reporting operation.
-    const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
     android::DorvaServiceManager::getInstance().setResultForTesting(1);
     // Grown out of sight first: the check may run before a new file's bytes are in.
     Write(Bsp("demo_size/" + left.back() + "/more"), std::string(8192, 'x'));
     ASSERT_EQ(mkdir(Bsp("demo_size/" + Dated(9)).c_str(), 0755), 0);
+    const std::string refused = "[reportLogMgrEvent] Failed to connect Trelvo Binder!!";
     EXPECT_TRUE(tarnis_test::WaitFor([&] { return Logged(kE, refused); }));
     android::DorvaServiceManager::getInstance().setResultForTesting(0);
     Settle();
@@ -252,7 +250,6 @@ TEST_F(LogManagerTest, AgeLimitStopsAtAnUndatedEntryAndFollowsTheInjectedClock) 
     EXPECT_EQ(List(Bsp("demo_age")), (Names{"2026-01-10_00-00-00"}));
 }
 
-// The first check of each kind of record, all in one run.
 TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
     for (const char* name : {"notes.txt", "ramdump_2025-11-01_10-00-00.elf", "ramdump_modem_2025-11-01_10-00-00.elf",
                              "ramdump_modem_2025-11-2_9-0-0_x.elf", "ramdump_x_2025-11-03_10-00-00"}) {
@@ -263,8 +260,7 @@ TEST_F(LogManagerTest, TheFirstCheckFollowsEachKindOfRecord) {
         Write(Staged("demo_parent/b/" + Dated(i)), "b");
     }
     Write(Staged("demo_parent/loose.txt"), "kept");
-    Write(Staged("demo_push/a.log"), std::string(3000, 'a'));
-    Write(Staged("demo_push/b.log"), std::string(3000, 'b'));
+    for (const char c : {'a', 'b'}) Write(Staged(std::string("demo_push/") + c + ".log"), std::string(3000, c));
     // A limit of 0 is exceeded by any directory that is not empty.
     Write(Staged("demo_push0/c.log"), "c");
     tarnis_test::TempDir outside;
@@ -429,7 +425,6 @@ TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
     EXPECT_EQ(tarnis_test::ReadFile(entry + "/log"), data);
     EXPECT_EQ(List(root_.Sub("full")), (Names{"2025-12-01_00-00-00"}));
 
-    // Without the limit the same entry packs and goes.
     ASSERT_TRUE(LogManager::Compress("/full/2025-12-01_00-00-00"));
     EXPECT_EQ(List(root_.Sub("full")), (Names{"2025-12-01_00-00-00.zip"}));
 }
@@ -537,7 +532,6 @@ TEST_F(LogManagerTest, TheConfigGrowsFromTheWireAndIsReadAgainOnceTheVendorIsRea
 
 TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
     Start("{\"folderName\": \"demo_object\"}");
-    Settle();
     EXPECT_FALSE(Logged(kE, "[initConfig] Config is invalid!!"));
     ASSERT_EQ(Announced().size(), 1u);
     EXPECT_EQ(Announced()[0]["folderName"].asString(), "demo_object");
@@ -547,8 +541,7 @@ TEST_F(LogManagerTest, AJsonConfigThatIsNotAnArrayIsAnEmptyList) {
 TEST_F(LogManagerTest, SdcardDirectoriesAreCleanedOnceTheSdcardAppears) {
     Start("[{\"folderPath\":\"/sdcard/demo_card\",\"maxLogNumber\":1}]");
     EXPECT_TRUE(Logged(kI, "[CheckSdcardReady] Sdcard not ready, schedule next check in 10 mins later"));
-    Write(Device("/sdcard/demo_card/" + Dated(1)), "1");
-    Write(Device("/sdcard/demo_card/" + Dated(2)), "2");
+    for (int i = 1; i <= 2; ++i) Write(Device("/sdcard/demo_card/" + Dated(i)), std::to_string(i));
     Advance(600000);
     EXPECT_TRUE(Logged(kI, "[CheckSdcardReady] Sdcard is Ready, trigger sdcard ready callback"));
     EXPECT_EQ(List(Device("/sdcard/demo_card")), Dated({2}));
