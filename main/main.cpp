@@ -22,7 +22,7 @@
 #include "utils/dump/CaptureFile.h"
 #include "service/TarnisInternal.h"
 #include "service/TarnisSsiImpl.h"
-#include "TarnisVersion.h"
+#include "tarnis_generated/TarnisVersion.h"
 
 using aidl::velmar::system::tarnis::common::TarnisInternal;
 using aidl::velmar::system::tarnis::common::TarnisSsiImpl;

@@ -23,7 +23,7 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
-#include "TarnisVersion.h"
+#include "tarnis_generated/TarnisVersion.h"
 #include "tools/tarnis-blackbox/BlackBoxImage.h"
 #include "utils/BlackBoxPartition.h"
 

@@ -8,7 +8,7 @@
 #include <host/Host.h>
 #include <log/log.h>
 
-#include "TarnisVersion.h"
+#include "tarnis_generated/TarnisVersion.h"
 #include "tools/tarnisctl/CtlCommand.h"
 
 namespace tarnisctl {
