@@ -62,9 +62,8 @@ protected:
     void DumpAll(const std::string& type, const std::string& headline, std::vector<String16> actions,
                  std::vector<String16> params, bool offline, int id = -1, bool useId = false,
                  std::vector<String16> files = {}, const std::string& whereText = "", bool recordInLocal = false) {
-        String16 type16 = platform::ToUtf16(type), headline16 = platform::ToUtf16(headline);
-        String16 where = platform::ToUtf16(whereText);
-        CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, recordInLocal);
+        CaptureLogUtil::dump_all(platform::ToUtf16(type), platform::ToUtf16(headline), actions, params, offline, id,
+                                 useId, platform::ToUtf16(whereText), files, recordInLocal);
         attached_.clear();
         for (const String16& file : files) attached_ += platform::ToUtf8(file) + "\n";
     }
@@ -149,7 +148,6 @@ TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
     const auto badWhere = [](const std::string& shown) {
         return "where '" + shown + "' is not a directory on the data, rescue or cache partition";
     };
-    // The rescue-party base may not be left out.
     const std::tuple<std::string, std::string, std::string> refused[] = {  // type, where, refusal
         {"a\nforged", "", badType("a\\x0aforged")}, {"../x", "", badType("../x")}, {"", "", badType("")},
         {".", "", badType(".")}, {"..", "", badType("..")}, {"a/b", "", badType("a/b")},
@@ -456,8 +454,7 @@ TEST_F(SectionPoolTest, SectionsRunTogetherAndAreAppendedInTheOrderAsked) {
     std::atomic<bool> firstSawLast{false};
     std::vector<std::pair<size_t, size_t>> progress;
     SectionPool pool(out.get(), dir.get());
-    // The first section ends only once the last has begun: it finishes
-    // last and still comes first.
+    // The first section ends only once the last has begun: it finishes last and still comes first.
     pool.Add([&](int fd) {
         firstSawLast = WaitFor([&] { return lastStarted.load(); }, std::chrono::seconds(10));
         Write(fd, "one\n");
