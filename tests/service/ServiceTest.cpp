@@ -91,8 +91,7 @@ TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
     tarnis_test::InternalReceiver receiver("tarnis.test.TOOL");
     int status = -1;
     Ctl("intent tarnis.test.TOOL '{\"extras\":[{\"key\":\"dir\",\"value_type\":2,\"value\":\"/data/x\"},"
-        "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'",
-        &status);
+        "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'", &status);
     EXPECT_EQ(status, 0);
     ASSERT_TRUE(receiver.Wait(1));
     EXPECT_EQ(receiver.Received()[0].getStringExtra("dir"), "/data/x");

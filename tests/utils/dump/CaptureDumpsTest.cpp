@@ -62,8 +62,9 @@ protected:
     void DumpAll(const std::string& type, const std::string& headline, std::vector<String16> actions,
                  std::vector<String16> params, bool offline, int id = -1, bool useId = false,
                  std::vector<String16> files = {}, const std::string& whereText = "", bool recordInLocal = false) {
-        CaptureLogUtil::dump_all(platform::ToUtf16(type), platform::ToUtf16(headline), actions, params, offline, id,
-                                 useId, platform::ToUtf16(whereText), files, recordInLocal);
+        String16 type16 = platform::ToUtf16(type), headline16 = platform::ToUtf16(headline);
+        String16 where = platform::ToUtf16(whereText);
+        CaptureLogUtil::dump_all(type16, headline16, actions, params, offline, id, useId, where, files, recordInLocal);
         attached_.clear();
         for (const String16& file : files) attached_ += platform::ToUtf8(file) + "\n";
     }
