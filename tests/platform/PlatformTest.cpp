@@ -87,9 +87,8 @@ TEST(LogRateLimiterTest, ABurstPerWindowThenTheCountOfWhatWasHeldBack) {
     for (const Step& step : steps) {
         uint64_t suppressed = 99;
         EXPECT_EQ(limiter.Allow(step.nowMs, &suppressed), step.allowed) << step.nowMs;
-        if (step.allowed) {
-            EXPECT_EQ(suppressed, step.suppressed) << step.nowMs;
-        }
+        if (!step.allowed) continue;
+        EXPECT_EQ(suppressed, step.suppressed) << step.nowMs;
     }
     EXPECT_EQ(platform::LogRateLimiter::Summary(0), "");
     EXPECT_EQ(platform::LogRateLimiter::Summary(1), " (suppressed 1 such line)");
@@ -198,16 +197,14 @@ TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
     const std::string payload(20000, 'p');
     std::multiset<std::string> expected;
     std::vector<std::thread> threads;
+    auto& dsm = DorvaServiceManager::getInstance();
     for (int t = 0; t < 8; ++t) {
         for (int i = 0; i < 50; ++i) {
             expected.insert(R"({"call":"reportTrelvoEvent","args":[")" + std::to_string(t) + R"(",")" +
                             std::to_string(i) + R"(",")" + payload + R"(",0]})");
         }
         threads.emplace_back([&, t] {
-            for (int i = 0; i < 50; ++i) {
-                DorvaServiceManager::getInstance().reportTrelvoEvent(std::to_string(t), std::to_string(i), payload,
-                                                                     0);
-            }
+            for (int i = 0; i < 50; ++i) dsm.reportTrelvoEvent(std::to_string(t), std::to_string(i), payload, 0);
         });
     }
     for (auto& th : threads) th.join();
@@ -215,8 +212,7 @@ TEST_F(JournalTest, ConcurrentWritersNeverInterleave) {
     EXPECT_TRUE(std::multiset<std::string>(lines.begin(), lines.end()) == expected) << lines.size() << " lines";
 }
 
-// Callers pass bytes, not always text: each call stays one line of valid JSON in valid UTF-8, from which
-// Python's surrogateescape gives the bytes back exactly.
+// Callers pass bytes: each call stays one line of valid JSON, from which surrogateescape gives them back exactly.
 TEST_F(JournalTest, AnyBytesStayOneValidLineAndRoundTrip) {
     std::string all;
     for (int b = 0; b < 256; ++b) all += static_cast<char>(b);

@@ -51,8 +51,7 @@ const std::string kText = "say \"hi\" \\ \tthen\x01 end";
 const std::string kProperty = "tarnis.test.odd";
 const std::string kPersist = "/mnt/vendor/persist/stability/odd";
 
-// tarnisd on a root the sandbox script laid out, with a stale capture socket, a logcat worth keeping, a persist
-// file and a property of awkward text; every module running (the service answers before the load is through).
+// tarnisd on the sandbox script's root, with a stale socket, a persist file and a property of awkward text.
 class DaemonTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -67,7 +66,7 @@ protected:
         ASSERT_EQ(chmod(root.Sub("bin/logcat").c_str(), 0755), 0);
         ASSERT_TRUE(daemon.Start());
         const auto loaded = [&] { return daemon.Run("dump ModuleManager dump").find("Stopped") == std::string::npos; };
-        ASSERT_TRUE(WaitFor(loaded));
+        ASSERT_TRUE(WaitFor(loaded));  // the service answers before every module is loaded
     }
     void TearDown() override { platform::SetRoot("/"); }
 
@@ -163,8 +162,7 @@ TEST_F(DaemonTest, ServesEveryModuleSurvivesHostileCallersRunsOncePerRootAndStop
     const std::string log = daemon.Log();
     EXPECT_TRUE(Holds(log, "E Tarnis-JsonUtil: "));
     EXPECT_TRUE(Holds(log, "I tarnisd : tarnisd: SIGTERM received; withdrawing the services and exiting"));
-    // A fresh daemon takes the root over.
-    EXPECT_TRUE(daemon.Start());
+    EXPECT_TRUE(daemon.Start());  // a fresh daemon takes the root over
 }
 
 // Captures ordered from a shell, through the service and the capture socket, end as zip archives.
@@ -173,11 +171,9 @@ TEST_F(DaemonTest, CapturesOrderedFromAShellEndAsZips) {
     EXPECT_EQ(ReadFile(root.Sub("system/etc/tarnis/caller_policy.conf")), android::CallerPolicy::kDefaultRules);
     int status = -1;
     // The slow tool holds the third section back while the first two are in.
-    const std::string zip = FollowedArchive(daemon.Run("capture -p demo 'a/b:c' --action getprop --param "
-                                                       "ro.product.device --action top --param -b,-n,2,-d,0.5 "
-                                                       "--action df --param ''",
-                                                       &status),
-                                            2);
+    const std::string order = "capture -p demo 'a/b:c' --action getprop --param ro.product.device --action top "
+                              "--param -b,-n,2,-d,0.5 --action df --param ''";
+    const std::string zip = FollowedArchive(daemon.Run(order, &status), 2);
     ASSERT_EQ(status, 0) << zip;
     // The text went into the archive, named for the capture, and is gone from the directory.
     const std::string dir = root.Sub("data/dorva/demo/online/"), name = "null_demo_aXbXc_host_";
@@ -265,7 +261,6 @@ TEST_F(DaemonAlone, TheToolGivesUpOnASilentServiceWithASentence) {
     EXPECT_EQ(status, 1);
     EXPECT_EQ(RunShell(daemon.Ctl() + " --timeout soon dump 2>&1 | head -1"),
               "tarnisctl: --timeout needs a number of seconds between 0 and 86400, not 'soon'\n");
-    // With nobody there at all, it says that instead.
     silent.reset();
     unlink(android::ServiceManager::SocketPath(kSsiName).c_str());
     EXPECT_EQ(daemon.Run("dump", &status), "tarnisctl: service " + kSsiName + " is not running below root " +

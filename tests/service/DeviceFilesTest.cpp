@@ -21,8 +21,7 @@
 #include "tests/support/TempDir.h"
 #include "utils/Paths.h"
 
-// The device files (Android.bp, the init service, the SELinux policy, the VINTF fragment) cannot be built
-// here, so nothing else notices when a name in them stops being one the daemon uses, or the reverse.
+// The device files (Android.bp, init, SELinux, VINTF) cannot be built here: only this notices a name drifting.
 namespace {
 
 namespace fs = std::filesystem;
@@ -66,9 +65,7 @@ struct Code {
             }
         }
         const std::regex literal(R"re("((?:[^"\\\n]|\\.)*)")re");
-        for (std::sregex_iterator it(all.begin(), all.end(), literal), end; it != end; ++it) {
-            literals.insert((*it)[1]);
-        }
+        for (std::sregex_iterator it(all.begin(), all.end(), literal), end; it != end; ++it) literals.insert((*it)[1]);
         for (const std::string& arg : Grab(all, R"(android_get_control_socket\(\s*(\w+)\s*\))")) {
             const std::vector<std::string> value = Grab(all, "\\b" + arg + R"re(\s*\[\]\s*=\s*"([^"]+)")re");
             controlSockets.insert(value.empty() ? arg : value.front());
@@ -146,9 +143,7 @@ TEST(DeviceFilesTest, TheDeviceFilesAndTheCodeNameTheSameThings) {
     for (const std::string& property : files.properties) {
         const size_t dollar = property.find('$');
         EXPECT_TRUE(Contains(code.literals, property.substr(0, dollar))) << property;
-        if (dollar != std::string::npos) {
-            EXPECT_TRUE(Contains(code.literals, property.substr(dollar + 1))) << property;
-        }
+        EXPECT_TRUE(dollar == std::string::npos || Contains(code.literals, property.substr(dollar + 1))) << property;
     }
     // Every source, corpus and device file the blueprints name exists.
     for (const fs::path& dir : {kSource, kSource / "aidl"}) {
@@ -164,8 +159,7 @@ TEST(DeviceFilesTest, TheDeviceFilesAndTheCodeNameTheSameThings) {
     // ...and every service and socket of the code is in the device files.
     for (const std::string& service : code.services) {
         EXPECT_TRUE(Contains(files.serviceContexts, service)) << service;
-        // Only the AIDL services are VINTF instances; the classic one is
-        // registered under its bare descriptor.
+        // Only the AIDL services are VINTF instances; the classic one is registered under its bare descriptor.
         EXPECT_EQ(Contains(files.vintf, service), Contains(code.ndkServices, service)) << service;
     }
     ASSERT_FALSE(code.controlSockets.empty());

@@ -1,5 +1,4 @@
-// The daemon's services through tarnisctl in another process (the wire, the caller's uid), or in-process for a
-// caller a test cannot become.
+// The daemon's services through tarnisctl (the wire, the caller's uid), or in-process for a caller we cannot be.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -92,16 +91,14 @@ TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
     tarnis_test::InternalReceiver receiver("tarnis.test.TOOL");
     int status = -1;
     Ctl("intent tarnis.test.TOOL '{\"extras\":[{\"key\":\"dir\",\"value_type\":2,\"value\":\"/data/x\"},"
-        "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'",
-        &status);
+        "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'", &status);
     EXPECT_EQ(status, 0);
     ASSERT_TRUE(receiver.Wait(1));
     EXPECT_EQ(receiver.Received()[0].getStringExtra("dir"), "/data/x");
     EXPECT_EQ(receiver.Received()[0].getExtra<int32_t>("n", 0), 12);
 }
 
-// A document too deep for the JSON reader, an action that would forge a log line: the daemon answers OK,
-// logs one bounded, printable line and still delivers the action as it came.
+// Too deep for the JSON reader, forging a log line: answered OK, logged in one bounded printable line, delivered.
 TEST_F(ServiceTest, HostileMessageFromThePeerIsLoggedPrintablyAndStillDelivered) {
     const std::string action = "tarnis.test.HOSTILE\n11-23 00:00:00.000 1 1 E Tarnis: forged\xff";
     tarnis_test::InternalReceiver receiver(action);
@@ -111,11 +108,9 @@ TEST_F(ServiceTest, HostileMessageFromThePeerIsLoggedPrintablyAndStillDelivered)
     EXPECT_EQ(receiver.Received()[0].action, action);
     EXPECT_TRUE(receiver.Received()[0].extras.empty());
     EXPECT_EQ(capture.Count("SSI received message"), 1u);
-    EXPECT_EQ(tarnis_test::CountExact(capture,
-                                      "SSI received message: action tarnis.test.HOSTILE\\x0a11-23 00:00:00.000 1 1 E "
-                                      "Tarnis: forged\\xff json " +
-                                          std::string(1001, '[') + std::string(23, ']') + "...[978 more bytes]",
-                                      "", ANDROID_LOG_INFO),
+    EXPECT_EQ(tarnis_test::CountExact(capture, "SSI received message: action tarnis.test.HOSTILE\\x0a11-23 "
+                                               "00:00:00.000 1 1 E Tarnis: forged\\xff json " + std::string(1001, '[') +
+                                               std::string(23, ']') + "...[978 more bytes]", "", ANDROID_LOG_INFO),
               1u);
 }
 
@@ -142,8 +137,7 @@ TEST_F(ServiceTest, ReportsReachTheJournalAndOnlyAnalyticsReportLibraryFailure) 
     EXPECT_TRUE(ssi_->reportTrelvoEvent("app", "pkg", "{}", 0).isOk());
 }
 
-// tarnisctl starts without jsoncpp (and the C++ runtime it brings) and hands the JSON commands to
-// tarnisctl-json beside it; one copied away alone says what it is missing.
+// tarnisctl starts without jsoncpp and hands JSON commands to tarnisctl-json; copied away alone, it says so.
 TEST_F(ServiceTest, TheToolStartsLeanAndHandsJsonCommandsToItsSibling) {
     const std::string tool = tarnis_test::BuiltTool("tarnisctl");
     int status = -1;
@@ -226,8 +220,7 @@ TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
     {
         android::IPCThreadState::ScopedIdentity shell(DorvaNativeDaemon::kShellUid, getpid());
         int32_t result = 7;
-        android::binder::Status st =
-            daemon_->runCommand(platform::ToUtf16("cat"), platform::ToUtf16("/dev/null"), 5, &result);
+        auto st = daemon_->runCommand(platform::ToUtf16("cat"), platform::ToUtf16("/dev/null"), 5, &result);
         EXPECT_STREQ(st.toString8().string(),
                      "Status(-8, EX_SERVICE_SPECIFIC): '-1: runCommand:145: Command not allowed for shell user'");
         EXPECT_EQ(result, 7);
@@ -267,8 +260,7 @@ TEST_F(DorvaNativeDaemonTest, PersistFilesAreListedCreatedWrittenAndRead) {
     EXPECT_EQ(Ctl("persist write " + dir + "/a HE"), "");
     EXPECT_EQ(Ctl("persist read " + dir + "/a"), "HEllo");
 
-    // Nothing outside the directory is made, written or read, by ".." or a link at the name or on the way (how
-    // each kind of path is judged is PathsTest's; here every method that takes one refuses).
+    // Nothing outside is touched through ".." or a link (PathsTest judges paths; here every method refuses).
     ASSERT_TRUE(WriteFile(root_.Sub("outside"), "keep"));
     ASSERT_EQ(symlink(root_.Sub("outside").c_str(), (local + "/link").c_str()), 0);
     ASSERT_EQ(symlink(root_.path().c_str(), (local + "/up").c_str()), 0);
@@ -300,10 +292,7 @@ TEST_F(DorvaNativeDaemonTest, DeviceHelpers) {
     // The core-dump filter of a live process, then of one that does not exist.
     pid_t child = fork();
     ASSERT_GE(child, 0);
-    if (child == 0) {
-        pause();
-        _exit(0);
-    }
+    while (child == 0) pause();
     const std::string pid = std::to_string(child);
     // The kernel shows in hexadecimal the "39" and "35" it was given.
     for (const auto& [mode, shown] : {std::pair{"on", "00000027\n"}, std::pair{"off", "00000023\n"}}) {
@@ -349,8 +338,7 @@ TEST_F(DorvaNativeDaemonTest, DeviceHelpers) {
 // The filtered socket crosses to the client as a descriptor; the client reads what the program lets through.
 TEST_F(DorvaNativeDaemonTest, TheFilteredSocketReachesTheClient) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
-    // ' ' at payload byte 4 is the 8-byte header the program reads as a TCP data offset. Sent until the
-    // client has what it waits for, so that the moment the filter is attached does not matter.
+    // ' ' at payload byte 4 reads as a TCP data offset of 8; sent until heard, so attach timing does not matter.
     std::atomic<bool> done{false};
     std::thread sender([&done] {
         int fd = socket(AF_INET, SOCK_DGRAM, 0);

@@ -84,8 +84,7 @@ TEST_P(OpensslReadsWhatWeWrite, KeyUnderRsaAndDataUnderAes) {
 
 // Empty, a block and a byte, two blocks, a tail just past a read chunk, a few megabytes.
 INSTANTIATE_TEST_SUITE_P(Sizes, OpensslReadsWhatWeWrite,
-                         ::testing::Values(size_t{0}, size_t{5}, size_t{17}, size_t{32}, size_t{(1 << 20) + 5},
-                                           size_t{3000001}));
+                         ::testing::ValuesIn(std::vector<size_t>{0, 5, 17, 32, (1 << 20) + 5, 3000001}));
 
 // Blocks are the stream's however a pipe's writer splits it; an unusable key or output fails.
 TEST(AesEncryptFile, PipeInPiecesMatchesRegularFileAndFailuresAreSaid) {

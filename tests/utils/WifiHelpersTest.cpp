@@ -222,17 +222,8 @@ TEST(NetlinkUtilsTest, StartFindsNl80211OrSaysWhyNot) {
 
 namespace {
 
-bool RawSocketsRefused() {
-    unique_fd probe(socket(AF_PACKET, SOCK_RAW, htons(0x0800)));
-    return probe.get() < 0 && (errno == EPERM || errno == EACCES);
-}
-
 sockaddr_in Loopback(unsigned port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return addr;
+    return sockaddr_in{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
 // A UDP socket on 127.0.0.1 on a port the kernel chooses: two runs at once never see each other's datagrams.
@@ -307,7 +298,8 @@ TEST(SocketFilterTest, ProgramSkipsALinkHeaderOnlyWhereOneComes) {
 }
 
 TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
-    if (RawSocketsRefused()) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
+    const unique_fd raw(socket(AF_PACKET, SOCK_RAW, htons(0x0800)));
+    if (!raw.ok() && (errno == EPERM || errno == EACCES)) GTEST_SKIP() << "skipped: needs root (raw packet sockets)";
     platform::LogCapture capture;
     SocketFilter nowhere(nullptr, nullptr, 0, 0, 0, 0, 0, nullptr, 0, 0, "tarnis-none0");
     EXPECT_FALSE(nowhere.attach().ok());
@@ -325,9 +317,7 @@ TEST(SocketFilterTest, AttachOnLoopbackDeliversOnlyMatchingDatagramsCut) {
                         static_cast<unsigned>(bytes.size()), extra, "lo");
     // Refused traffic flowing while the socket is made must not reach the client either.
     std::atomic<bool> quiet{false};
-    std::thread noise([&] {
-        while (!quiet) SendTo(sender.get(), port, "XRN1 noise");
-    });
+    std::thread noise([&] { while (!quiet) SendTo(sender.get(), port, "XRN1 noise"); });
     unique_fd fd(filter.attach());
     quiet = true;
     noise.join();

@@ -1,5 +1,4 @@
-// The binder stand-in's parcels and the frames that carry them, and the agreement of the hand-written NDK-backend
-// classes (the host's aidl tool has none) with the generated C++ ones.
+// Parcels, their frames, and the hand-written NDK-backend classes (the host's aidl has none) against generated C++.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -277,12 +276,9 @@ class Ssi : public Bn {
     }
 };
 
-// ITarnisSsiIntl and ITarnisIntl.
 template <typename Bn, typename R>
 class Messages : public Bn {
-    R transferMessage(const std::string& action, const std::string& json) override {
-        return Answer<R>("transferMessage", action, json);
-    }
+    R transferMessage(const std::string& a, const std::string& j) override { return Answer<R>(__func__, a, j); }
 };
 
 // A received descriptor must be close-on-exec: a service's children inherit nothing a caller sent.

@@ -1,5 +1,4 @@
-// The binder stand-in between processes: the registry, the transport, and clients that misbehave. They may not take
-// the server down, hold its threads or lock other callers out, and leave its descriptors and threads as they were.
+// Misbehaving binder clients may not take the server down, hold its threads, lock others out or leak its fds.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -57,8 +56,7 @@ protected:
         ASSERT_EQ(system(("mkdir -p " + path.substr(0, path.rfind('/'))).c_str()), 0);
         ASSERT_TRUE(tarnis_test::WriteFile(path, content));
     }
-    // An EchoSsi under kSsiName, served by two threads, one uid's share: a client that held one for good
-    // would starve everybody else at once.
+    // Two threads, one uid's share: a client that held one for good would starve everybody else at once.
     static std::shared_ptr<EchoSsi> Serve() {
         auto impl = ndk::SharedRefBase::make<EchoSsi>();
         EXPECT_EQ(AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()), STATUS_OK);
@@ -331,11 +329,9 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     close(fds[0]);
     EXPECT_EQ(Dump(fds[1]), android::DEAD_OBJECT);
     close(fds[1]);
-    EXPECT_EQ(capture_.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + " for pid " +
-                                std::to_string(getpid()) + " uid " + std::to_string(getuid()) +
-                                ": the reader went away after 0 of 8 bytes",
-                            "", ANDROID_LOG_ERROR),
-              1u);
+    const std::string who = " for pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid());
+    EXPECT_EQ(capture_.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + who +
+                                 ": the reader went away after 0 of 8 bytes", "", ANDROID_LOG_ERROR), 1u);
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // the thread is back in the pool
 }
 
@@ -357,8 +353,7 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     for (auto& dump : dumps) EXPECT_EQ(dump.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     for (auto& dump : dumps) EXPECT_EQ(dump.get(), android::TIMED_OUT);
     EXPECT_EQ(capture_.Count("the output was not drained within 3000 ms; gave up after 0 of 8 bytes", "",
-                            ANDROID_LOG_ERROR),
-              2u);
+                             ANDROID_LOG_ERROR), 2u);
     for (auto& fds : pipes) {
         close(fds[0]);
         close(fds[1]);
@@ -366,8 +361,7 @@ TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) 
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // both threads are back
 }
 
-// A uid that leaks connections (most callers of a phone share one) makes room for its newcomers at the cost
-// of its longest-idle ones, is turned away only when all are busy, and never locks another uid out.
+// A leaking uid (most callers of a phone share one) evicts its own idle connections and never locks others out.
 TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     const auto start = std::chrono::steady_clock::now();
@@ -384,8 +378,7 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
         // A proxy of the same uid is served; the oldest idle one went for it.
         if (!Served(path_)) return 3;
         if (!Ended(held[total - share], kConnectMs)) return 4;
-        // Every connection of the uid busy (half a transaction each): the newcomer is turned away with the
-        // reason. The proxy's is replaced only once a pool thread closed it: until then it is not idle.
+        // All busy (half a transaction each): a newcomer is refused; the proxy's was not idle till a thread closed it.
         if (!parent.Say('p') || parent.Hear() != 'g') return 5;
         held.push_back(WireIo::Connect(path_, kConnectMs));
         const WireHeader header{WireIo::kRequestMagic, FIRST_CALL_TRANSACTION, 64, 0};
@@ -410,14 +403,11 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     // One line each, at a bounded rate (five a window of 10 s): the rest are counted, not logged.
     const size_t windows = (std::chrono::steady_clock::now() - start) / std::chrono::seconds(10) + 1;
     const size_t lines = capture_.Count("binder: evicted the oldest idle connection of uid 2000 (pid " +
-                                           std::to_string(holder.pid()) + ", idle for ",
-                                       "", ANDROID_LOG_INFO);
+                                           std::to_string(holder.pid()) + ", idle for ", "", ANDROID_LOG_INFO);
     EXPECT_TRUE(lines >= 1 && lines <= 5 * windows) << lines << " in " << windows;
     EXPECT_TRUE(capture_.Contains(" ms) from " + kSsiName + " to admit a newcomer of uid 2000"));
-    EXPECT_TRUE(AwaitLine(capture_,
-                          "binder: refused a connection from pid " + std::to_string(holder.pid()) +
-                              ": too many connections from uid 2000",
-                          ANDROID_LOG_WARN));
+    EXPECT_TRUE(AwaitLine(capture_, "binder: refused a connection from pid " + std::to_string(holder.pid()) +
+                                        ": too many connections from uid 2000", ANDROID_LOG_WARN));
 
     // Stalled half-way, the busy ones are closed in time (before the holder goes).
     SetTimeouts(60000, 200);
@@ -432,8 +422,7 @@ TEST_F(HostileClientTest, IdleConnectionsOfOneUidNeitherLockOthersOutNorLast) {
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());
 }
 
-// Many uids fill a service whose cap a low descriptor limit made small: a newcomer is let in at the cost of
-// an idle connection of the uid that holds the most.
+// A service full of many uids (low fd limit) admits a newcomer by evicting from the uid that holds the most.
 TEST_F(HostileClientTest, AFullServiceMakesRoomForANewcomer) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     rlimit saved{};
@@ -517,8 +506,7 @@ TEST_F(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
         dup2(err, STDERR_FILENO);
         auto impl = ndk::SharedRefBase::make<EchoSsi>();
         if (AServiceManager_addService(impl->asBinder().get(), kSsiName.c_str()) != STATUS_OK) return 2;
-        // Logged before descriptors run out and threads start: UBSan opens a pipe on its first stream type
-        // check, libbase makes its logging lock on the first line (tests/tsan.supp).
+        // Before fds run out: UBSan's first type check opens a pipe, libbase's first line its lock (tsan.supp).
         LOG(INFO) << "server of " << kSsiName << " ready, pid " << static_cast<uint64_t>(getpid());
         BinderProcess::self().setMaxThreads(2);
         ABinderProcess_startThreadPool();
@@ -555,8 +543,7 @@ TEST_F(DescriptorExhaustionTest, AnEmfileFloodCostsBoundedCpuAndLogLines) {
     }
     EXPECT_GE(told, 1u);
     flood.clear();
-    // With descriptors back, the service answers again once its pause is over
-    // (a client that comes too early is turned away with the reason).
+    // With descriptors back, it answers again once its pause is over (an early client is told why).
     ASSERT_TRUE(server.Say('r'));
     EXPECT_TRUE(WaitFor([&] { return Served(socketPath); }, kDeadline)) << BpBinder::LastError();
     ASSERT_TRUE(server.Say('q'));

@@ -149,7 +149,6 @@ TEST_F(CaptureDumpsTest, RefusesBadListsTypesWheresAndOverlongPaths) {
     const auto badWhere = [](const std::string& shown) {
         return "where '" + shown + "' is not a directory on the data, rescue or cache partition";
     };
-    // The rescue-party base may not be left out.
     const std::tuple<std::string, std::string, std::string> refused[] = {  // type, where, refusal
         {"a\nforged", "", badType("a\\x0aforged")}, {"../x", "", badType("../x")}, {"", "", badType("")},
         {".", "", badType(".")}, {"..", "", badType("..")}, {"a/b", "", badType("a/b")},
@@ -456,8 +455,7 @@ TEST_F(SectionPoolTest, SectionsRunTogetherAndAreAppendedInTheOrderAsked) {
     std::atomic<bool> firstSawLast{false};
     std::vector<std::pair<size_t, size_t>> progress;
     SectionPool pool(out.get(), dir.get());
-    // The first section ends only once the last has begun: it finishes
-    // last and still comes first.
+    // The first section ends only once the last has begun: it finishes last and still comes first.
     pool.Add([&](int fd) {
         firstSawLast = WaitFor([&] { return lastStarted.load(); }, std::chrono::seconds(10));
         Write(fd, "one\n");

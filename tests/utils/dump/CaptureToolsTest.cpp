@@ -52,14 +52,11 @@ bool CmdToolLogged(const platform::LogCapture& log, const std::string& text, int
 
 pid_t Sleeper() {
     const pid_t pid = fork();
-    if (pid == 0) {
-        for (;;) pause();
-    }
+    while (pid == 0) pause();
     return pid;
 }
 
-// As init of its own pid namespace: a child reaped behind the ChildWait's back, a newcomer given its pid.
-// Returns 0 when the ChildWait never touched the newcomer, else the number of the check that failed.
+// As init of a pid namespace: 0 if a ChildWait whose child was reaped elsewhere left the pid's newcomer alone.
 int SignalAfterThePidWasReused() {
     const pid_t first = Sleeper();
     ChildWait wait(first);
@@ -291,8 +288,7 @@ TEST_F(DirectoryHelpersTest, CreateDirIfNeededMakesOrCorrectsOnlyRealDirectories
     EXPECT_EQ(android::create_dir_if_needed((made + "/").c_str(), 0750), 0);
     EXPECT_EQ(ModeOf(made), 0750u);
     EXPECT_TRUE(Logged(log_, made + "/perm 700 expected 750", ANDROID_LOG_WARN));
-    // Already right: nothing to say.
-    log_.Clear();
+    log_.Clear();  // already right: nothing to say
     EXPECT_EQ(android::create_dir_if_needed(made.c_str(), 0750), 0);
     EXPECT_EQ(log_.Count("perm", "dorvad"), 0u);
     // A file, or a link planted in the directory's place: refused, the link's target's mode untouched.
@@ -458,7 +454,6 @@ TEST_F(CmdToolTest, SplitsParametersAndReportsInTheLog) {
     EXPECT_EQ(ReadFile(out), "1\n" + longest + "\n");
     unlink(out.c_str());
 
-    // The child refuses 1024 bytes; a missing tool and an empty name fail at exec.
     const std::tuple<std::string, std::string, std::string> failures[] = {  // program, parameters, child's line
         {script, std::string(1024, 'p'), "*** param too long: 1024 bytes"},
         {"tarnis-no-such-tool", "", "*** exec(tarnis-no-such-tool): No such file or directory"},
@@ -545,9 +540,7 @@ TEST_F(ChildWaitTest, ReportsAFailedWaitInTheRunnersWords) {
 
 // A child reaped elsewhere may have its pid reused; only the pidfd still names the child that ended.
 TEST_F(ChildWaitTest, NeverSignalsAProcessThatReusedThePid) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "skipped: needs root (a pid namespace of its own, where a pid can be handed out again)";
-    }
+    if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root (a pid namespace of its own, where pids are reused)";
     const pid_t lab = fork();
     ASSERT_GE(lab, 0);
     if (lab == 0) {
@@ -561,8 +554,6 @@ TEST_F(ChildWaitTest, NeverSignalsAProcessThatReusedThePid) {
     int status = 0;
     ASSERT_EQ(waitpid(lab, &status, 0), lab);
     ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77) {
-        GTEST_SKIP() << "skipped: needs root with CAP_SYS_ADMIN (unshare(CLONE_NEWPID) was refused)";
-    }
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "skipped: needs CAP_SYS_ADMIN (unshare(CLONE_NEWPID) refused)";
     EXPECT_EQ(WEXITSTATUS(status), 0) << "check " << WEXITSTATUS(status) << " failed";
 }
