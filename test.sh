@@ -60,6 +60,15 @@ else
 fi
 
 run_suite plain build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# The device build's link against the seam, read from the plain build's objects.
+echo "=== seam"
+if scripts/seam-check.sh build; then
+  passed=$((passed + 1))
+else
+  echo "=== seam FAILED"
+  failed=$((failed + 1))
+  status=1
+fi
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite asan-ubsan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \

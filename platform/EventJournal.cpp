@@ -15,7 +15,7 @@
 #include <log/log.h>
 #include <host/Utf8.h>
 
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 
 namespace platform {
 namespace {

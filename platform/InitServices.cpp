@@ -17,7 +17,7 @@
 #include <host/Host.h>
 #include <log/log.h>
 
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 
 extern char** environ;
 

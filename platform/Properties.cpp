@@ -19,13 +19,12 @@
 #include <host/Host.h>
 #include <host/WaitForProperty.h>
 
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 #include "platform/InitServices.h"
 
 namespace platform {
 namespace {
 
-constexpr size_t kMaxNameLength = 256;
 constexpr char kStoreDir[] = "/dev/__properties__";
 
 bool ReadValue(const std::string& key, std::string* value) {
@@ -117,16 +116,6 @@ bool WaitOnStore(std::chrono::milliseconds timeout, Ready ready) {
 }  // namespace
 
 std::string PropertyStoreDir() { return DevicePath(kStoreDir); }
-
-bool IsValidPropertyName(const std::string& key) {
-    if (key.empty() || key.size() > kMaxNameLength || key[0] == '.') return false;
-    for (char c : key) {
-        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                        c == '.' || c == '_' || c == '-' || c == ':' || c == '@';
-        if (!ok) return false;
-    }
-    return true;
-}
 
 std::map<std::string, std::string> ListProperties() {
     std::map<std::string, std::string> result;

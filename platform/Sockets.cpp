@@ -14,7 +14,7 @@
 #include <cutils/sockets.h>
 #include <host/Host.h>
 
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 #include "platform/Sockets.h"
 
 namespace platform {

@@ -19,7 +19,7 @@
 #include "platform/binder/BinderProcess.h"
 #include "platform/binder/BpBinder.h"
 #include "platform/binder/WireIo.h"
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 
 namespace android {
 namespace {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string.h>
 #include <sys/types.h>
 
 namespace android {
@@ -23,5 +24,19 @@ pid_t SpawnChild(int (*body)(void* arg), void* arg);
 // purpose: a sanitizer hooks calls to noreturn functions and, finding the
 // child on a stack it does not know, writes a warning into the tool's output.
 void ExitChild(int status);
+
+// The text of `error` for a spawned child to write, which must take no lock:
+// glibc's strerror may take the locale's, where strerrordesc_np reads a
+// constant table (and gives null for a number it does not know); bionic has
+// no strerrordesc_np, and its strerror reads a constant table for every
+// known number.
+inline const char* ChildErrorText(int error) {
+#if defined(__BIONIC__)
+    return strerror(error);
+#else
+    const char* text = strerrordesc_np(error);
+    return text != nullptr ? text : "Unknown error";
+#endif
+}
 
 }  // namespace android

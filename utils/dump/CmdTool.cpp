@@ -54,8 +54,7 @@ int RunLiteChild(void* raw) {
     }
     ALOGD(CMDTOOL "*** (%s): %s\n", plan->program, plan->paramsForLog);
     execvp(plan->program, plan->argv);
-    // strerrordesc_np reads a constant table: no locale lock in the child.
-    ALOGE(CMDTOOL "*** exec(%s): %s\n", plan->program, strerrordesc_np(errno));
+    ALOGE(CMDTOOL "*** exec(%s): %s\n", plan->program, ChildErrorText(errno));
     ExitChild(-1);
     return -1;
 }

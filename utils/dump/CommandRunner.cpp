@@ -110,7 +110,7 @@ int RunChild(void* raw) {
     execvp(plan->program, plan->argv);
     const int execErrno = errno;
     struct iovec iov[] = {Piece("*** exec("), Piece(plan->program), Piece("): "),
-                          Piece(strerrordesc_np(execErrno)), Piece("\n")};
+                          Piece(ChildErrorText(execErrno)), Piece("\n")};
     WriteVector(STDOUT_FILENO, iov, 5);
     ExitChild(-1);
     return -1;
@@ -152,7 +152,7 @@ void CommandRunner::RedirectOutput(const char* path) {
     ALOGD("redirect_output: %s\n", path);
     if (!fd.ok()) {
         struct iovec iov[] = {Piece("failed to open "), Piece(path), Piece(": "),
-                              Piece(strerrordesc_np(openErrno)), Piece("\n")};
+                              Piece(ChildErrorText(openErrno)), Piece("\n")};
         WriteVector(STDERR_FILENO, iov, 5);
         ExitChild(1);
         return;

@@ -1,4 +1,4 @@
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 
 #include <sys/stat.h>
 

@@ -8,8 +8,11 @@
 // What only a host run needs, in one place: the root below which every device
 // path resolves, the log's output on a terminal, the property store as files,
 // one daemon per root, and client-side limits for binder calls. On a device
-// init, logd and binder provide these; the daemon's entry point, its tools
-// and the one path table reach them here and nowhere else.
+// init, logd and binder provide these, and platform/seam/device gives the
+// same calls their device meaning; the daemon's entry point, its tools and
+// the one path table reach them here and nowhere else. The calls marked
+// "host only" serve the host's stand-ins and their tests, and a device
+// build has no definition of them.
 namespace platform {
 
 // Sets the root for the whole process. An empty string or "/" means the real
@@ -25,6 +28,7 @@ std::string GetRoot();
 std::string DevicePath(const std::string& absolutePath);
 
 // The tag used when a caller gives none; the program's name unless set.
+// Host only.
 void SetDefaultLogTag(const std::string& tag);
 const char* DefaultLogTag();
 
@@ -34,13 +38,14 @@ void SetStderrLogLevel(int prio);
 
 // Every property with its value, in name order.
 std::map<std::string, std::string> ListProperties();
-// The directory that holds the store for the current root.
+// The directory that holds the store for the current root. Host only.
 std::string PropertyStoreDir();
 // True for names the store accepts: letters, digits and ". _ - : @", not
 // starting with a dot, at most 256 bytes.
 bool IsValidPropertyName(const std::string& key);
 
 // The file-system path of the reserved socket `name` (<root>/dev/socket/NAME).
+// Host only.
 std::string ReservedSocketPath(const std::string& name);
 
 }  // namespace platform

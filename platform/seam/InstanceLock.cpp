@@ -8,19 +8,28 @@
 
 #include <host/Host.h>
 
-#include "platform/Dirs.h"
+#include "platform/seam/Dirs.h"
 
 namespace platform {
 namespace host {
 namespace {
 
-std::string LockPath(const std::string& name) { return DevicePath("/dev/." + name + ".lock"); }
+// A host root's /dev is the sandbox's own. On a device /dev belongs to init
+// and is not the daemon's to write, so the lock lives in the directory init
+// makes for the daemon before starting it.
+#if defined(__ANDROID__)
+constexpr char kLockDir[] = "/data/misc/tarnis";
+#else
+constexpr char kLockDir[] = "/dev";
+#endif
+
+std::string LockPath(const std::string& name) { return DevicePath(std::string(kLockDir) + "/." + name + ".lock"); }
 
 }  // namespace
 
 android::base::unique_fd AcquireInstanceLock(const std::string& name, std::string* why) {
     const std::string path = LockPath(name);
-    MakeDirs(DevicePath("/dev"));
+    MakeDirs(DevicePath(kLockDir));
     android::base::unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
     if (!fd.ok()) {
         *why = "cannot open " + path + ": " + strerror(errno);
