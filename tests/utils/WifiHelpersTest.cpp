@@ -114,10 +114,10 @@ const std::vector<int> kSignalOnly = {-64, 0, 0, 0, 0, -1, -1, -1, -1, -1, -1, -
 TEST(NetlinkUtilsTest, StationReplyFieldsAndWhatIsMissing) {
     const std::tuple<const char*, Bytes, std::vector<int>, Lines> cases[] = {
         {"every field", Message(19, FullStation()), {-52, -50, -55, 0, 0, 7, 9, 11, 13, 5, 8, 10, 12}, {}},
-        {"legacy rates, a chain beyond 3",
-         Message(19, StaInfo({kSignal, Attr(26, Cat({Attr(2, {0xD0}), Attr(5, {0xE0})})),
+        {"legacy rates, the last chain, one beyond",
+         Message(19, StaInfo({kSignal, Attr(26, Cat({Attr(2, {0xD0}), Attr(3, {0xC8}), Attr(5, {0xE0})})),
                               Attr(8, Rates(3)), Attr(14, Rates(4))})),
-         {-64, 0, 0, -48, 0, 3, -1, -1, -1, 4, -1, -1, -1},
+         {-64, 0, 0, -48, -56, 3, -1, -1, -1, 4, -1, -1, -1},
          {"Unexpected chain type:5"}},
         {"wrong command", Message(20, FullStation()), kDefaults,
          {"Wrong command in response to a get station request: 20"}},
