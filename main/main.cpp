@@ -62,7 +62,12 @@ void HardenProcess() {
         limit.rlim_cur = limit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &limit);
     }
+#if defined(M_MMAP_THRESHOLD)
+    // glibc's threshold rises with each large block freed, until such blocks
+    // come from the heap; bionic's allocator maps large blocks by itself and
+    // has no such option.
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
 }
 
 int gStopPipe[2] = {-1, -1};
