@@ -2,11 +2,9 @@
 // the binder driver do what the host's stand-ins do on a host. Only the
 // device build compiles this file.
 
+#include <stdint.h>
 #include <stdlib.h>
 #include <sys/system_properties.h>
-
-#include <android-base/logging.h>
-#include <log/log.h>
 
 #include <host/Host.h>
 
