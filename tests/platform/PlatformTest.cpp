@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <regex>
 #include <set>
@@ -95,7 +94,7 @@ TEST(LogRateLimiterTest, ABurstPerWindowThenTheCountOfWhatWasHeldBack) {
     EXPECT_EQ(platform::LogRateLimiter::Summary(7), " (suppressed 7 such lines)");
 }
 
-TEST_F(PlatformTest, PropertiesStoreAndParse) {
+TEST_F(PlatformTest, PropertiesStoreParseAndRefuseBadNamesLongValuesAndRewritingReadOnly) {
     // An empty value reads as unset.
     EXPECT_TRUE(android::base::SetProperty("tarnis.test.x", "hello"));
     EXPECT_TRUE(android::base::SetProperty("tarnis.test.x", ""));
@@ -123,9 +122,7 @@ TEST_F(PlatformTest, PropertiesStoreAndParse) {
 
     // The store lives below the root.
     EXPECT_TRUE(tarnis_test::Exists(dir_.Sub("dev/__properties__/tarnis.test.c")));
-}
 
-TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly) {
     for (const char* name : {"", "../escape", "a/b", ".hidden"}) {
         EXPECT_FALSE(android::base::SetProperty(name, "x")) << name;
     }
@@ -143,19 +140,13 @@ TEST_F(PlatformTest, PropertyStoreRefusesBadNamesLongValuesAndRewritingReadOnly)
 TEST_F(PlatformTest, TarnisctlSetsAndGetsPropertiesAndWakesWaiters) {
     const std::string ctl = std::string(TARNIS_BUILD_DIR) + "/tarnisctl --root " + dir_.path();
     EXPECT_FALSE(android::base::WaitForProperty("tarnis.test.wait", "go", 50ms));
-    std::atomic<bool> goSet{false};
+    // The wait must not end on another value: one that ended on "nope" would read it for 200 ms more.
     std::thread setter([&] {
-        std::this_thread::sleep_for(100ms);
-        int status = -1;
-        RunShell(ctl + " setprop tarnis.test.wait nope", &status);  // the wait must not end on another value
-        EXPECT_EQ(status, 0);
-        std::this_thread::sleep_for(200ms);
-        goSet = true;
-        RunShell(ctl + " setprop tarnis.test.wait go", &status);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(RunShell("sleep 0.1 && " + ctl + " setprop tarnis.test.wait nope && sleep 0.2 && " + ctl +
+                           " setprop tarnis.test.wait go && echo set"), "set\n");
     });
     EXPECT_TRUE(android::base::WaitForProperty("tarnis.test.wait", "go", 20s));
-    EXPECT_TRUE(goSet.load());  // read before the join: a wait that ended on "nope" ended before it was set
+    EXPECT_EQ(android::base::GetProperty("tarnis.test.wait", ""), "go");
     setter.join();
     EXPECT_TRUE(android::base::WaitForPropertyCreation("tarnis.test.wait", 10ms));
 

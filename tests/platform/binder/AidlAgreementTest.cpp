@@ -344,7 +344,7 @@ protected:
     ProcessCounts before_;
 };
 
-TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
+TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneOrStuckEndsWithAnErrorLineWhileOtherUidsAreServed) {
     // Not ignored: a send to a socket without a reader would kill this process if the relay let SIGPIPE through.
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
     int fds[2];
@@ -356,9 +356,7 @@ TEST_F(HostileClientTest, ADumpWhoseReaderIsGoneEndsWithAnErrorLine) {
     EXPECT_EQ(capture_.Count("binder: dump of " + std::string(ITarnisSsi::descriptor) + who +
                                  ": the reader went away after 0 of 8 bytes", "", ANDROID_LOG_ERROR), 1u);
     EXPECT_TRUE(proxy_->reportSimpleEvent(0, "quiet").isOk());  // the thread is back in the pool
-}
 
-TEST_F(HostileClientTest, ADumpToAFullPipeGivesUpInTimeWhileOtherUidsAreServed) {
     if (geteuid() != 0) GTEST_SKIP() << "skipped: needs root to call as another uid";
     // Two stuck dumps from this uid, more than its share of the pool, each into a full pipe nobody reads.
     int pipes[2][2];
@@ -673,17 +671,13 @@ TEST(ParcelTest, HostileBytesAreRefusedNotTrusted) {
         p.setDataPosition(0);
         EXPECT_EQ(c.read(p), c.refused) << c.words[0];
     }
-    // A descriptor index taken twice, and a wrong interface token.
+    // A descriptor index taken twice. (A wrong interface token is TransportTest's: the service refuses the call.)
     Parcel g;
     g.writeFileDescriptor(STDERR_FILENO);
     g.writeInt32(0);
     g.setDataPosition(0);
     EXPECT_EQ(g.readUniqueFileDescriptor(&fd), android::OK);
     EXPECT_EQ(g.readUniqueFileDescriptor(&fd), android::BAD_VALUE);
-    Parcel token;
-    token.writeInterfaceToken(String16(u"velmar.system.tarnis.common.ITarnisSsiIntl"));
-    token.setDataPosition(0);
-    EXPECT_FALSE(token.enforceInterface(String16(u"velmar.system.tarnis.common.ITarnisSsi")));
 }
 
 std::string Frame(uint32_t code, const std::string& body, uint32_t fds) {
