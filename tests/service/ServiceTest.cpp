@@ -108,13 +108,23 @@ const std::string kText = "say \"hi\" \\ \tthen\x01 end";
 const std::string kProperty = "tarnis.test.odd";
 const std::string kPersist = "/mnt/vendor/persist/stability/odd";
 
+// A root of its own, bare, for faults of the start and of the tool.
+class DaemonAlone : public ::testing::Test {
+protected:
+    void SetUp() override { platform::SetRoot(root.path()); }
+    void TearDown() override { platform::SetRoot("/"); }
+
+    TempDir root;
+    tarnis_test::Daemon daemon{root};
+};
+
 // tarnisd on the sandbox script's root, with a stale socket, a persist file and a property of awkward text.
-class DaemonTest : public ::testing::Test {
+class DaemonTest : public DaemonAlone {
 protected:
     void SetUp() override {
+        DaemonAlone::SetUp();
         const std::string prepare = std::string(TARNIS_SOURCE_DIR) + "/scripts/prepare-sandbox.sh " + root.path();
         ASSERT_EQ(system(("TARNIS_BUILD_DIR=" TARNIS_BUILD_DIR " " + prepare + " >/dev/null").c_str()), 0);
-        platform::SetRoot(root.path());
         ASSERT_TRUE(android::base::SetProperty(kProperty, kText + "\xff"));
         ASSERT_TRUE(WriteFile(root.path() + kPersist, kText));
         // A socket file as a daemon that died leaves it.
@@ -125,7 +135,6 @@ protected:
         const auto loaded = [&] { return daemon.Run("dump ModuleManager dump").find("Stopped") == std::string::npos; };
         ASSERT_TRUE(WaitFor(loaded));  // the service answers before every module is loaded
     }
-    void TearDown() override { platform::SetRoot("/"); }
 
     // tarnisctl with `args`: exit status, standard output, the first line of standard error.
     int Ctl(const std::string& args, std::string* out, std::string* err) {
@@ -146,21 +155,9 @@ protected:
                                           "echo \"${COMPREPLY[*]}\"\n"));
         return RunShell("bash " + script + " 2>&1");
     }
-
-    TempDir root;
-    tarnis_test::Daemon daemon{root};
 };
 using ToolsOutputTest = DaemonTest;
 
-// A root of its own, bare, for faults of the start and of the tool.
-class DaemonAlone : public ::testing::Test {
-protected:
-    void SetUp() override { platform::SetRoot(root.path()); }
-    void TearDown() override { platform::SetRoot("/"); }
-
-    TempDir root;
-    tarnis_test::Daemon daemon{root};
-};
 
 // `capture -p`: BEGIN with the archive, at least `counts` section counts rising to the total, OK with it; returns it.
 std::string FollowedArchive(const std::string& out, size_t counts) {
@@ -187,7 +184,7 @@ std::string FollowedArchive(const std::string& out, size_t counts) {
 
 }  // namespace
 
-TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
+TEST_F(ServiceTest, IntentsFromTheToolAndHostileMessagesFromThePeerReachTheirReceivers) {
     tarnis_test::InternalReceiver receiver("tarnis.test.TOOL");
     EXPECT_EQ(CtlExit("intent tarnis.test.TOOL '{\"extras\":[{\"key\":\"dir\",\"value_type\":2,\"value\":\"/data/x\"},"
                       "{\"key\":\"n\",\"value_type\":6,\"value\":12}]}'"),
@@ -195,17 +192,15 @@ TEST_F(ServiceTest, IntentFromTheToolReachesAReceiverWithItsExtras) {
     ASSERT_TRUE(receiver.Wait(1));
     EXPECT_EQ(receiver.Received()[0].getStringExtra("dir"), "/data/x");
     EXPECT_EQ(receiver.Received()[0].getExtra<int32_t>("n", 0), 12);
-}
 
-// Too deep for the JSON reader, forging a log line: answered OK, logged in one bounded printable line, delivered.
-TEST_F(ServiceTest, HostileMessageFromThePeerIsLoggedPrintablyAndStillDelivered) {
+    // Too deep for the JSON reader, forging a log line: answered OK, logged in one bounded printable line, delivered.
     const std::string action = "tarnis.test.HOSTILE\n11-23 00:00:00.000 1 1 E Tarnis: forged\xff";
-    tarnis_test::InternalReceiver receiver(action);
+    tarnis_test::InternalReceiver hostile(action);
     platform::LogCapture capture;
     EXPECT_TRUE(internal_->transferMessage(action, std::string(1001, '[') + std::string(1001, ']')).isOk());
-    ASSERT_TRUE(receiver.Wait(1));
-    EXPECT_EQ(receiver.Received()[0].action, action);
-    EXPECT_TRUE(receiver.Received()[0].extras.empty());
+    ASSERT_TRUE(hostile.Wait(1));
+    EXPECT_EQ(hostile.Received()[0].action, action);
+    EXPECT_TRUE(hostile.Received()[0].extras.empty());
     EXPECT_EQ(capture.Count("SSI received message"), 1u);
     EXPECT_EQ(tarnis_test::CountExact(capture, "SSI received message: action tarnis.test.HOSTILE\\x0a11-23 "
                                                "00:00:00.000 1 1 E Tarnis: forged\\xff json " + std::string(1001, '[') +
@@ -277,8 +272,9 @@ TEST_F(ServiceTest, BroadcastsGoToTheVendorPeerOnlyWhenAskedAndNeverBack) {
     }
 }
 
-// Refusals reach the client with their messages; the whitelisted half of a batch runs, even a failing tool.
-TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientAndOnlyAcceptedToolsRun) {
+// Refusals reach the client with their messages; the whitelisted half of a batch runs, even a failing tool; the
+// shell user runs none.
+TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientAndOnlyAcceptedToolsRunAndNoneForTheShellUser) {
     platform::LogCapture log;
     const struct {
         const char* args;
@@ -304,11 +300,8 @@ TEST_F(DorvaNativeDaemonTest, RefusalsReachTheClientAndOnlyAcceptedToolsRun) {
     EXPECT_EQ(batch.find("(rm"), std::string::npos) << batch;
     EXPECT_TRUE(Holds(batch, "------ (cat /data/in.txt) in 5s ------\n"));
     EXPECT_NE(access(root_.Sub("data/none.txt").c_str(), F_OK), 0);
-}
 
-// The shell user is told apart by the uid the kernel reports for the caller, whatever the caller claims.
-TEST_F(DorvaNativeDaemonTest, TheShellUserIsRefusedTheTools) {
-    platform::LogCapture log;
+    // The shell user is told apart by the uid the kernel reports for the caller, whatever the caller claims.
     {
         android::IPCThreadState::ScopedIdentity shell(DorvaNativeDaemon::kShellUid, getpid());
         int32_t result = 7;
@@ -634,7 +627,6 @@ TEST_F(ToolsOutputTest, EachCommandsJsonFormAndFailuresStaySentences) {
         EXPECT_TRUE(reader->parse(out.data(), out.data() + out.size(), &document, &err)) << err << "\n" << out;
         return document;
     };
-    EXPECT_EQ(read("getprop --json " + kProperty)["name"], kProperty);
     EXPECT_EQ(read("getprop --json")["properties"]["ro.product.device"], "host");
     const Json::Value modules = read("dump --json")["modules"];
     EXPECT_EQ(modules[0]["module"], "AndroidCrashMonitor");
