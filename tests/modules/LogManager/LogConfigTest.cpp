@@ -32,12 +32,6 @@ bool ReadRecord(const std::string& text, LogConfig& record, std::string* why = n
     return record.TARNIS_CONVER_JSON_TO_OBJECT(json, names, why);
 }
 
-std::vector<std::string> FolderNames(const std::vector<LogConfig>& list) {
-    std::vector<std::string> names;
-    for (const LogConfig& record : list) names.push_back(record.folderName);
-    return names;
-}
-
 TEST(LogConfigTest, MembersReadUpToTheLargestNumbersAndOnesOfTheWrongKindFailTheRecord) {
     // The other keys show where they lead in the module's suite; these and the largest numbers do not.
     LogConfig record;
@@ -139,47 +133,41 @@ TEST(LogConfigTest, LookupGoesRecordByRecordEachBeforeItsChildrenByNameOrFullPat
     EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(copy, false), "/data/nuvilog/bsp/a/b");
 }
 
-// The configuration file's text, as the module reads it.
-class ConfigTextTest : public ::testing::Test {
-protected:
-    bool Read(const std::string& text) {
-        return LogManagerUtil::ParseConfigText(text, "log_config.json", &out_, &json_, &why_);
-    }
-
-    std::vector<LogConfig> out_{LogConfig{}};
-    Json::Value json_{1};
-    std::string why_;
-};
-
-TEST_F(ConfigTextTest, UnusableTextIsNamedWithTheReason) {
-    EXPECT_FALSE(Read("[{\"folderName\":"));
-    EXPECT_TRUE(out_.empty());
-    EXPECT_TRUE(json_.isNull());
+// The configuration file's text, as the module reads it: what cannot be used is named with the reason.
+TEST(LogConfigTest, ConfigTextThatCannotBeUsedIsNamedAndBadRecordsAreSkipped) {
+    std::vector<LogConfig> out{LogConfig{}};
+    Json::Value json{1};
+    std::string why;
+    const auto read = [&](const std::string& text) {
+        return LogManagerUtil::ParseConfigText(text, "log_config.json", &out, &json, &why);
+    };
+    EXPECT_FALSE(read("[{\"folderName\":"));
+    EXPECT_TRUE(out.empty());
+    EXPECT_TRUE(json.isNull());
     // The parser's own words follow the byte; they are the JSON library's.
-    EXPECT_EQ(why_.rfind("log_config.json is not JSON: not valid JSON at byte 15: ", 0), 0u) << why_;
+    EXPECT_EQ(why.rfind("log_config.json is not JSON: not valid JSON at byte 15: ", 0), 0u) << why;
 
     platform::LogCapture log;
-    EXPECT_FALSE(Read(R"({"folderName":"a"})"));
-    EXPECT_EQ(why_, "log_config.json is not an array of records: it is an object");
-    EXPECT_TRUE(json_.isObject());
-    EXPECT_TRUE(log.HasLine("[ReadConfigFile] " + why_, kTag, ANDROID_LOG_ERROR));
-}
+    EXPECT_FALSE(read(R"({"folderName":"a"})"));
+    EXPECT_EQ(why, "log_config.json is not an array of records: it is an object");
+    EXPECT_TRUE(json.isObject());
+    EXPECT_TRUE(log.HasLine("[ReadConfigFile] " + why, kTag, ANDROID_LOG_ERROR));
 
-TEST_F(ConfigTextTest, BadRecordsAreSkippedAndTheGoodOnesKept) {
-    EXPECT_TRUE(Read(R"([{"folderName":"a","children":[{"folderName":"b"}]}])"));
-    EXPECT_EQ(why_, "");
-    ASSERT_EQ(out_.size(), 1u);
-    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out_[0].children.at(0), false), "/data/nuvilog/bsp/a/b");
+    EXPECT_TRUE(read(R"([{"folderName":"a","children":[{"folderName":"b"}]}])"));
+    EXPECT_EQ(why, "");
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out[0].children.at(0), false), "/data/nuvilog/bsp/a/b");
 
-    EXPECT_FALSE(Read(R"([{"folderName":"a"},{"folderName":"b","maxSize":-1},{"compress":true},
+    EXPECT_FALSE(read(R"([{"folderName":"a"},{"folderName":"b","maxSize":-1},{"compress":true},
         {"folderName":"d","children":[{"folderName":"e"},{"maxLogNumber":3}]}])"));
-    EXPECT_EQ(FolderNames(out_), (std::vector<std::string>{"a", "d"}));
-    ASSERT_EQ(out_[1].children.size(), 1u);
-    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out_[1].children[0], false), "/data/nuvilog/bsp/d/e");
-    EXPECT_EQ(why_, "log_config.json: record 1 (folderName \"b\") skipped: member \"maxSize\" has the wrong type: "
-                    "maxSize must be a whole number from 0 to 18446744073709551615, not -1; record 2 skipped: it has "
-                    "no folderName and no folderPath; record 3 (folderName \"d\") children[1] skipped: it has no "
-                    "folderName and no folderPath");
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(out[0].folderName + " " + out[1].folderName, "a d");
+    ASSERT_EQ(out[1].children.size(), 1u);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out[1].children[0], false), "/data/nuvilog/bsp/d/e");
+    EXPECT_EQ(why, "log_config.json: record 1 (folderName \"b\") skipped: member \"maxSize\" has the wrong type: "
+                   "maxSize must be a whole number from 0 to 18446744073709551615, not -1; record 2 skipped: it has "
+                   "no folderName and no folderPath; record 3 (folderName \"d\") children[1] skipped: it has no "
+                   "folderName and no folderPath");
 }
 
 }  // namespace

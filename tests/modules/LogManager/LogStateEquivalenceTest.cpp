@@ -20,6 +20,7 @@
 #include "framework/TarnisHandler.h"
 #include "framework/TarnisHandlerThread.h"
 #include "modules/LogManager/LogManager.h"
+#include "tests/support/FwRecording.h"
 #include "tests/support/ModuleTest.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitFor.h"
@@ -58,31 +59,18 @@ public:
         delete thread_;
     }
     LogManager& manager() { return *manager_; }
+    TarnisHandler& marker() { return *marker_; }
     // Once it returns, the thread has run everything posted before.
     void Drain() {
         auto done = std::make_shared<std::promise<void>>();
         marker_->postDelayed([done] { done->set_value(); }, 0);
         EXPECT_EQ(done->get_future().wait_for(kBound), std::future_status::ready) << "the manager's thread is stuck";
     }
-    // Keeps the thread from running anything until Release() (or the bound).
-    void Hold() {
-        auto entered = std::make_shared<std::promise<void>>();
-        marker_->post([go = release_.get_future().share(), entered] {
-            entered->set_value();
-            go.wait_for(kBound);
-        });
-        EXPECT_EQ(entered->get_future().wait_for(kBound), std::future_status::ready);
-    }
-    void Release() {
-        release_.set_value();
-        release_ = std::promise<void>();
-    }
 
 private:
     TarnisHandlerThread* thread_;
     std::unique_ptr<TarnisHandler> marker_;
     std::unique_ptr<LogManager> manager_;
-    std::promise<void> release_;
 };
 
 // The bytes at or below `path` as the log manager counts them: files and directories only.
@@ -109,10 +97,10 @@ protected:
         return std::make_unique<Manager>(Device("/system_ext/etc/tarnsys/log_config.json"), record, measureFully);
     }
     // Lets the held manager go and waits for the check an entry of `dir` started.
-    void RunCheck(Manager& manager, const std::string& dir) {
+    void RunCheck(Manager& manager, tarnis_test::LooperBlocker& hold, const std::string& dir) {
         const std::string line = "[operator()] CheckAndClean " + dir;
         const size_t before = log_.Count(line, kTag);
-        manager.Release();
+        hold.Release();
         ASSERT_TRUE(tarnis_test::WaitFor([&] { return log_.Count(line, kTag) > before; }));
         manager.Drain();
     }
@@ -222,12 +210,13 @@ TEST_F(LogStateEquivalenceTest, KeptStateDecidesAsAFullReadingWould) {
             addEntry(previous = dated());
             clock_.Advance(15000);
             // Both have the whole step before them when they check.
-            for (auto& manager : managers) manager->Hold();
+            tarnis_test::LooperBlocker holds[2];
+            for (int i = 0; i < 2; ++i) holds[i].Block(managers[i]->marker());
             apply();
             std::vector<std::string> decisions[2];
             for (int i = 0; i < 2; ++i) {
                 platform::LogCapture lines;
-                RunCheck(*managers[i], dirs[i]);
+                RunCheck(*managers[i], holds[i], dirs[i]);
                 decisions[i] = Decisions(lines, dirs[i]);
             }
             EXPECT_EQ(decisions[0], decisions[1]);
@@ -273,9 +262,10 @@ TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
     std::unique_ptr<Manager> manager = Start(dir, "\"maxLogNumber\":50", false);
     // The size map's total at the check of a new entry, less what the entries hold.
     const auto check = [&](int day) {
-        manager->Hold();
+        tarnis_test::LooperBlocker hold;
+        hold.Block(manager->marker());
         EXPECT_EQ(mkdir((Device(dir) + "/2025-12-" + std::to_string(day)).c_str(), 0755), 0);
-        RunCheck(*manager, dir);
+        RunCheck(*manager, hold, dir);
         const std::string prefix = "[updatePathSizeMap] update pathSizeMap for " + dir + ", totalSize: ";
         const std::vector<platform::LogLine> lines = log_.Lines();
         auto last = std::find_if(lines.rbegin(), lines.rend(), [&](auto& l) { return l.text.rfind(prefix, 0) == 0; });
