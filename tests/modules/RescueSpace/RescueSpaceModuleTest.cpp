@@ -185,7 +185,6 @@ TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryReset
 
     used_ = 95;
     LoadModules();
-    // The links themselves are gone; what they pointed to is untouched.
     EXPECT_FALSE(Exists(base_ + "dirlink"));
     EXPECT_FALSE(Exists(base_ + "filelink"));
     EXPECT_FALSE(Exists(base_ + "dumpstateTemporary/dirlink"));
