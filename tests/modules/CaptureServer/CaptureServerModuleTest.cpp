@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -159,8 +158,7 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteLandInTheirBas
     EXPECT_EQ(RunShell("cd '" + root_.path() + "' && find mnt cache data | sort"), before);
     EXPECT_FALSE(log_.Contains("dorvad dump begin"));
 
-    // Clients that stall (connected, silent, never closing) or leave after half
-    // their request do not hold the server.
+    // Clients that stall (connected, silent, never closing) or leave after half their request do not hold the server.
     unique_fd silent(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
     ASSERT_TRUE(silent.ok());
     {

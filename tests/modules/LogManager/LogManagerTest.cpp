@@ -616,7 +616,6 @@ TEST(LogConfigTest, MembersReadUpToTheLargestNumbersAndOnesOfTheWrongKindFailThe
         {R"({"compressLatestAfterSec":-1})", false, ""},
         {R"({"compress":1})", false, ""},
         {R"({"inVendor":null})", false, ""},
-        {R"({"children":null})", false, ""},
         {R"({"children":{"folderName":"a"}})", false, ""},
         {R"({"children":[{"maxSize":-1}]})", false, ""},
         {R"({"children":[]})", true, ""},
