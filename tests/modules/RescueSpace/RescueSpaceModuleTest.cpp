@@ -177,7 +177,9 @@ TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryReset
 
     used_ = 95;
     LoadModules();
-    for (const char* link : {"dirlink", "filelink", "dumpstateTemporary/dirlink"}) EXPECT_FALSE(Exists(base_ + link));
+    for (const char* link : {"dirlink", "filelink", "dumpstateTemporary/dirlink"}) {
+        EXPECT_FALSE(Exists(base_ + link)) << link;
+    }
     EXPECT_EQ(ReadFile(outside + "/precious"), "precious");
     EXPECT_EQ(ModeOf(outside + "/precious"), S_IFREG | 0600u);
     EXPECT_EQ(ModeOf(outside), S_IFDIR | 0700u);
