@@ -915,8 +915,9 @@ TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
         std::shared_future<void> go;
         std::atomic<int> overflows{0};
     };
-    std::promise<void> letGo;
     auto held = std::make_unique<Held>();
+    // Gone before the listener when a step fails, and so lets it go before it is stopped.
+    std::promise<void> letGo;
     held->go = letGo.get_future().share();
     ASSERT_EQ(held->addWatching(root_.path(), IN_CREATE | IN_DELETE), 0);
     // Past the queue's end by more than was read before the first event was handed over.
