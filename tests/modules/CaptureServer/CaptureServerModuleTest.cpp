@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -138,7 +137,6 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteLandInTheirBas
     const std::string vold = Device("/data/nuvilog/stability/reboot/") + "/VoldFailed/VoldFailed_host_7_";
     EXPECT_EQ(LastCapturePath().substr(0, vold.size()), vold);
     EXPECT_TRUE(log_.HasLine("dorvad dump to: " + LastCapturePath() + "\n", kTag, ANDROID_LOG_INFO));
-    EXPECT_EQ(log_.Count("goes beside it"), 0u) << "the request's directory was taken for a foreign one";
     EXPECT_EQ(ModeOf(Device("/data/nuvilog/stability/reboot/VoldFailed")), S_IFDIR | 0775u);
     // Missing secure-world logs cannot be made readable; without their log daemon they are the kernel's.
     EXPECT_TRUE(log_.HasLine("chmod failed: No such file or directory\n", kTag, ANDROID_LOG_ERROR));
@@ -160,8 +158,7 @@ TEST_F(CaptureServerModuleTest, RequestsAreReadByTheLastHeaderByteLandInTheirBas
     EXPECT_EQ(RunShell("cd '" + root_.path() + "' && find mnt cache data | sort"), before);
     EXPECT_FALSE(log_.Contains("dorvad dump begin"));
 
-    // Clients that stall (connected, silent, never closing) or leave after half
-    // their request do not hold the server.
+    // Clients that stall (connected, silent, never closing) or leave after half their request do not hold the server.
     unique_fd silent(socket_local_client("dorvad", ANDROID_SOCKET_NAMESPACE_RESERVED, SOCK_STREAM));
     ASSERT_TRUE(silent.ok());
     {
@@ -192,9 +189,7 @@ TEST_F(CaptureServerModuleTest, ArchiveKeptFromOneKilobyteReplacesItsKindAndEnds
     // Under 1,024 bytes (only the tools' names) the archive goes, and nothing else does.
     ASSERT_EQ(Request("BootFailure"), "finish");
     EXPECT_TRUE(log_.HasLine("log too small, ready to delete.", kTag, ANDROID_LOG_WARN));
-    EXPECT_EQ(ModeOf(LastCapturePath() + ".zip"), 0u);
-    EXPECT_EQ(ModeOf(LastCapturePath()), 0u);  // the text went into the archive
-    EXPECT_EQ(RunShell("cd '" + dir + "' && ls"), planted);
+    EXPECT_EQ(RunShell("cd '" + dir + "' && ls"), planted);  // neither the archive nor the text it took in
 
     log_.Clear();
     RunShell("head -c 6000 /dev/urandom | base64 > '" + Device("/big") + "'");  // an archive well over 1,024 bytes
@@ -259,7 +254,6 @@ TEST_F(CaptureServerModuleTest, SecureWorldLogComesThroughTheVendorServiceInShar
     EXPECT_TRUE(log_.HasLine("koltoReadMtkSecurityLog ReadFromFile" + read, kTag, ANDROID_LOG_INFO));
     EXPECT_EQ(ReadFile(copy), bytes);
     EXPECT_EQ(ReadFile(outside), "untouched");
-    EXPECT_TRUE(S_ISREG(ModeOf(copy)));
 }
 
 }  // namespace

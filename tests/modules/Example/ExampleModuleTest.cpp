@@ -17,7 +17,6 @@ TEST_F(ExampleModuleTest, TicksOnceADayAndReportsEachTick) {
     LoadModules();
     EXPECT_EQ(Dump({"Example"}), "Dumping module Example: \nticks: 0\nExampleWorker: running\nboot completed: no\n\n"
                                  "-------------------------------------\n");
-    // A minute short of a day: nothing yet.
     AdvanceAndSettle(ExampleModule::kPeriodMs - 60 * 1000);
     EXPECT_TRUE(JournalEvents().empty());
     AdvanceAndSettle(60 * 1000);

@@ -133,8 +133,7 @@ TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageE
         {"ext_gc_count", 18}, {"ext_gc_bg_count", 19}, {"ext_gc_fg_count", 20}, {"ext_dirty_ratio", 0},
         {"ext_new_seg_ratio", 0}, {"ext_free_ratio", 5}, {"main2main", 21}, {"ext2ext", 22}, {"main2ext", 23},
         {"ext2main", 24}, {"unspec", 25},
-        // The status file, one family after another.
-        {"MAIN", 29646}, {"MAIN_OverProv", 1092}, {"MAIN_Resv", 576}, {"Current_Time_Sec", 5000},
+            {"MAIN", 29646}, {"MAIN_OverProv", 1092}, {"MAIN_Resv", 576}, {"Current_Time_Sec", 5000},
         {"Utilization", 13}, {"valid_blocks", 1864093}, {"discard_blocks", 7}, {"valid_node_blocks", 8915},
         {"valid_data_blocks", 1855178}, {"COLD_data_dirty_seg", 11}, {"COLD_data_full_seg", 12},
         {"COLD_data_valid_blk", 13}, {"Indir_nodes_dirty_seg", 21}, {"Indir_nodes_full_seg", 22},
@@ -152,7 +151,6 @@ TEST_F(F2fsTrackModuleTest, FirstRunAtLocalMidnightThenDailyWithTheWholeStorageE
     EXPECT_TRUE(log_.HasLine("trelvo_report: trelvo_report_nums: 1", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("IOstat tracking disabled", kTag));  // and so only the one event
 
-    // Then once a day, not sooner.
     AdvanceAndSettle(kDayMs - kMinuteMs);
     EXPECT_EQ(Reports().size(), 1u);
     AdvanceAndSettle(kMinuteMs);

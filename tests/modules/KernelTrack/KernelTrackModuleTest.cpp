@@ -22,9 +22,8 @@ constexpr char kModuleTag[] = "Tarnis-KernelTrackModule";
 constexpr int kI = ANDROID_LOG_INFO;
 constexpr int64_t kMinuteMs = 60 * 1000;
 
-// The tables as users see them, in report order: the event, the kernel's file,
-// how many fields the event carries, and a few of their names as the kernel
-// writes them and the report carries them (a misspelt name drops the value).
+// The tables as users see them, in report order: the event, the kernel's file, how many fields the event carries,
+// and a few of their names as the kernel writes them and the report carries them (a misspelt name drops the value).
 struct UserTable {
     std::string event;
     const char* file;

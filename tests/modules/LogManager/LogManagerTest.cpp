@@ -1,17 +1,21 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <linux/fs.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <algorithm>
-#include <numeric>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <numeric>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,28 +25,42 @@
 #include <android-base/file.h>
 #include <android-base/properties.h>
 #include <android-base/scopeguard.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <android/binder_manager.h>
 #include <dorva/DorvaServiceManager.h>
 #include <log/log.h>
 
+#include "framework/FileEventListener.h"
 #include "framework/Intent.h"
 #include "framework/InternalBroadcastManager.h"
+#include "framework/TarnisHandler.h"
+#include "framework/TarnisHandlerThread.h"
 #include "framework/TarnisLooper.h"
 #include "framework/TarnisLooperManager.h"
+#include "modules/LogManager/LogConfig.h"
 #include "modules/LogManager/LogManager.h"
+#include "modules/LogManager/LogManagerUtil.h"
 #include "platform/binder/ServiceManager.h"
 #include "tests/support/Bytes.h"
+#include "tests/support/FwRecording.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/ModBModuleTest.h"
 #include "tests/support/RecordingPeer.h"
 #include "tests/support/WaitFor.h"
 #include "utils/FileUtil.h"
+#include "utils/JsonUtil.h"
 
 namespace {
 
+using android::base::WriteStringToFile;
 using velmar::kolto::FileUtil;
+using velmar::kolto::JsonUtil;
+using velmar::kolto::LogConfig;
 using velmar::kolto::LogManager;
+using velmar::kolto::LogManagerUtil;
+using velmar::kolto::TarnisHandler;
+using velmar::kolto::TarnisHandlerThread;
 using velmar::kolto::TarnisLooper;
 using velmar::kolto::TarnisLooperManager;
 
@@ -50,6 +68,7 @@ constexpr char kTag[] = "Tarnis-LogManager";
 constexpr char kUtilTag[] = "Tarnis-LogManagerUtil";
 const std::string kBsp = "/data/nuvilog/bsp";
 constexpr int64_t kDayMs = 86400000;
+constexpr std::chrono::seconds kBound(20);
 constexpr int kD = ANDROID_LOG_DEBUG, kI = ANDROID_LOG_INFO, kW = ANDROID_LOG_WARN, kE = ANDROID_LOG_ERROR;
 
 void Write(const std::string& path, const std::string& content) {
@@ -408,20 +427,15 @@ TEST_F(LogManagerTest, CompressionOnAFullDiskKeepsTheEntryAndLeavesNoArchive) {
     const std::string data = tarnis_test::RandomBytes(256 * 1024, 7);
     Write(entry + "/log", data);
     // The archive may not grow past 64 KiB: what a full file system does to a write.
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        alarm(30);
-        signal(SIGXFSZ, SIG_IGN);
-        struct rlimit limit {64 * 1024, 64 * 1024};
-        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(3);
-        _exit(LogManager::Compress("/full/2025-12-01_00-00-00") ? 1 : 0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 3) GTEST_SKIP() << "RLIMIT_FSIZE cannot be set here";
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "the compression claimed success";
+    struct rlimit saved {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const sighandler_t previous = signal(SIGXFSZ, SIG_IGN);
+    const struct rlimit small = {64 * 1024, saved.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const bool packed = LogManager::Compress("/full/2025-12-01_00-00-00");
+    setrlimit(RLIMIT_FSIZE, &saved);
+    signal(SIGXFSZ, previous);
+    EXPECT_FALSE(packed) << "the compression claimed success";
     EXPECT_EQ(tarnis_test::ReadFile(entry + "/log"), data);
     EXPECT_EQ(List(root_.Sub("full")), (Names{"2025-12-01_00-00-00"}));
 
@@ -555,6 +569,392 @@ TEST_F(LogManagerTest, TheDisableSwitchKeepsTheModuleFromLoading) {
     LoadModules();
     EXPECT_TRUE(Logged(kW, "[OnInit] Will not load caused by disableLogMgr is true"));
     EXPECT_EQ(Dump({"LogManager"}), "Module LogManager is not running\n");
+}
+
+Json::Value Parse(const std::string& text) {
+    Json::Value value;
+    EXPECT_TRUE(JsonUtil::ConvertStringToJson(text, value)) << text;
+    return value;
+}
+
+// Reads one record; `why` gets the reason when it fails.
+bool ReadRecord(const std::string& text, LogConfig& record, std::string* why = nullptr) {
+    Json::Value json = Parse(text);
+    std::vector<std::string> names = LogConfig::MemberNames();
+    return record.TARNIS_CONVER_JSON_TO_OBJECT(json, names, why);
+}
+
+TEST(LogConfigTest, MembersReadUpToTheLargestNumbersAndOnesOfTheWrongKindFailTheRecord) {
+    // The other keys show where they lead in the module's suite; these and the largest numbers do not.
+    LogConfig record;
+    std::string why;
+    ASSERT_TRUE(ReadRecord(R"({"delayCompress":true,"maxSize":18446744073709551615,
+        "compressLatestAfterSec":4294967295,"unknown":[1,2]})", record, &why)) << why;
+    EXPECT_TRUE(record.delayCompress);
+    EXPECT_EQ(record.maxSize, UINT64_MAX);
+    EXPECT_EQ(record.compressLatestAfterSec, UINT32_MAX);
+
+    // `strings`: folderName then folderPath as read, when the record is.
+    struct Case {
+        const char* text;
+        bool ok;
+        const char* strings;
+    };
+    const Case cases[] = {
+        {"null", true, ""},
+        {R"({"folderName":null,"other":"x"})", true, ""},
+        {R"({"folderName":12})", true, "12\n"},
+        {R"({"folderName":{ "x" : 1, "y":[true] }})", true, "{\"x\":1,\"y\":[true]}\n"},
+        {R"({"folderPath":-2.5})", true, "-2.5\n"},
+        {R"({"folderName":true})", false, ""},
+        {R"({"maxSize":-1})", false, ""},
+        {R"({"maxSize":null})", false, ""},
+        {R"({"maxSize":2.0})", true, ""},
+        {R"({"reuseMaxSize":18446744073709551616})", false, ""},
+        {R"({"maxValidDay":4294967296})", false, ""},
+        {R"({"maxLogNumber":4294967295})", true, ""},
+        {R"({"compressLatestAfterSec":-1})", false, ""},
+        {R"({"compress":1})", false, ""},
+        {R"({"inVendor":null})", false, ""},
+        {R"({"children":{"folderName":"a"}})", false, ""},
+        {R"({"children":[{"maxSize":-1}]})", false, ""},
+        {R"({"children":[]})", true, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        LogConfig read;
+        EXPECT_EQ(ReadRecord(c.text, read), c.ok);
+        if (c.ok) {
+            EXPECT_EQ(read.folderName + read.folderPath, c.strings);
+        }
+    }
+    EXPECT_FALSE(ReadRecord("[1]", record, &why));
+    EXPECT_EQ(why, "the record is not a JSON object but [1]");
+    EXPECT_FALSE(ReadRecord(R"({"children":[{"folderName":"x"},{"folderName":"y","maxValidDay":1.5}]})", record, &why));
+    EXPECT_EQ(why, "children[1] (folderName \"y\"): member \"maxValidDay\" has the wrong type: maxValidDay must be "
+                   "a whole number from 0 to 4294967295, not 1.5");
+}
+
+TEST(LogConfigTest, LookupGoesRecordByRecordEachBeforeItsChildrenByNameOrFullPath) {
+    std::vector<LogConfig> list = LogManagerUtil::GenerateConfigList(Parse(R"([
+        {"folderName":"/data/nuvilog/bsp/a/b","maxLogNumber":1},
+        {"folderName":"a","maxLogNumber":2,"children":[{"folderName":"b","maxLogNumber":3}]},
+        {"folderName":"/data/nuvilog/bsp/c/d","maxLogNumber":4},
+        {"folderName":"c","maxLogNumber":5,"children":[{"folderName":"d","maxLogNumber":6}]},
+        {"folderName":"/data/nuvilog/bsp/c/d","maxLogNumber":7},
+        {"folderName":"v","inVendor":true,"maxLogNumber":8,"children":[{"folderName":"w","maxLogNumber":9}]},
+        {"folderPath":"/x/y","children":[{"folderName":"q","maxLogNumber":10},{"folderPath":"/z","maxLogNumber":11}]}
+    ])"));
+    ASSERT_EQ(list.size(), 7u);
+    const auto numberOf = [&list](const std::string& name) {
+        const auto found = LogManagerUtil::GetConfigByFolderName(name, list);
+        return found ? found->maxLogNumber : 0u;
+    };
+    // First a top-level folderName that is also a later record's child's full path; a child lives where its
+    // parent does, and a path of its own is taken as it is.
+    const std::pair<std::string, unsigned> lookups[] = {
+        {"/data/nuvilog/bsp/a/b", 1}, {"/data/nuvilog/bsp/a", 2}, {"b", 3}, {"d", 6}, {"/data/vendor/bsplog/v", 8},
+        {"/data/vendor/bsplog/v/w", 9}, {"/x/y/q", 10}, {"/z", 11}};
+    for (const auto& [name, number] : lookups) EXPECT_EQ(numberOf(name), number) << name;
+    // The child of an earlier record comes before a later top-level record.
+    const std::vector<LogConfig> tail(list.begin() + 3, list.end());
+    const auto child = LogManagerUtil::GetConfigByFolderName("/data/nuvilog/bsp/c/d", tail);
+    ASSERT_TRUE(child.has_value());
+    EXPECT_EQ(child->maxLogNumber, 6u);
+    ASSERT_NE(child->parent, nullptr);
+    EXPECT_EQ(child->parent->folderName, "c");
+
+    platform::LogCapture log;
+    EXPECT_FALSE(LogManagerUtil::GetConfigByFolderName("nothing", list).has_value());
+    EXPECT_TRUE(log.HasLine("[GetConfigByFolderName] ERR! config not found for nothing", kUtilTag, ANDROID_LOG_ERROR));
+
+    // Records move when the list grows; the children, and copies of them, must still know their parents.
+    const LogConfig copy = list[1].children[0];
+    list.resize(list.size() + 64);
+    LogManagerUtil::SetParents(list);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(list[1].children[0], false), "/data/nuvilog/bsp/a/b");
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(copy, false), "/data/nuvilog/bsp/a/b");
+}
+
+// The configuration file's text, as the module reads it: what cannot be used is named with the reason.
+TEST(LogConfigTest, ConfigTextThatCannotBeUsedIsNamedAndBadRecordsAreSkipped) {
+    std::vector<LogConfig> out{LogConfig{}};
+    Json::Value json{1};
+    std::string why;
+    const auto read = [&](const std::string& text) {
+        return LogManagerUtil::ParseConfigText(text, "log_config.json", &out, &json, &why);
+    };
+    EXPECT_FALSE(read("[{\"folderName\":"));
+    EXPECT_TRUE(out.empty());
+    EXPECT_TRUE(json.isNull());
+    // The parser's own words follow the byte; they are the JSON library's.
+    EXPECT_EQ(why.rfind("log_config.json is not JSON: not valid JSON at byte 15: ", 0), 0u) << why;
+
+    platform::LogCapture log;
+    EXPECT_FALSE(read(R"({"folderName":"a"})"));
+    EXPECT_EQ(why, "log_config.json is not an array of records: it is an object");
+    EXPECT_TRUE(json.isObject());
+    EXPECT_TRUE(log.HasLine("[ReadConfigFile] " + why, kUtilTag, ANDROID_LOG_ERROR));
+
+    EXPECT_TRUE(read(R"([{"folderName":"a","children":[{"folderName":"b"}]}])"));
+    EXPECT_EQ(why, "");
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out[0].children.at(0), false), "/data/nuvilog/bsp/a/b");
+
+    EXPECT_FALSE(read(R"([{"folderName":"a"},{"folderName":"b","maxSize":-1},{"compress":true},
+        {"folderName":"d","children":[{"folderName":"e"},{"maxLogNumber":3}]}])"));
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(out[0].folderName + " " + out[1].folderName, "a d");
+    ASSERT_EQ(out[1].children.size(), 1u);
+    EXPECT_EQ(LogManagerUtil::GetFullPathByConfig(out[1].children[0], false), "/data/nuvilog/bsp/d/e");
+    EXPECT_EQ(why, "log_config.json: record 1 (folderName \"b\") skipped: member \"maxSize\" has the wrong type: "
+                   "maxSize must be a whole number from 0 to 18446744073709551615, not -1; record 2 skipped: it has "
+                   "no folderName and no folderPath; record 3 (folderName \"d\") children[1] skipped: it has no "
+                   "folderName and no folderPath");
+}
+
+// A log manager on a thread of its own, given a configuration of one record.
+class Manager {
+public:
+    Manager(const std::string& configFile, const std::string& record, bool measureFully)
+        : thread_(TarnisHandlerThread::create("LogManagerEq")),
+          marker_(std::make_unique<TarnisHandler>(thread_->getLooper(), nullptr)),
+          manager_(std::make_unique<LogManager>()) {
+        EXPECT_TRUE(WriteStringToFile("[" + record + "]", configFile));
+        manager_->name = "LogManager";
+        manager_->handlerThread = thread_;
+        manager_->MeasureFullyForTesting(measureFully);
+        manager_->OnAllModulesLoaded();
+        Drain();
+    }
+    ~Manager() {
+        manager_.reset();  // its listener may post here until it is gone
+        Drain();
+        marker_.reset();
+        delete thread_;
+    }
+    LogManager& manager() { return *manager_; }
+    TarnisHandler& marker() { return *marker_; }
+    // Once it returns, the thread has run everything posted before.
+    void Drain() {
+        auto done = std::make_shared<std::promise<void>>();
+        marker_->postDelayed([done] { done->set_value(); }, 0);
+        EXPECT_EQ(done->get_future().wait_for(kBound), std::future_status::ready) << "the manager's thread is stuck";
+    }
+
+private:
+    TarnisHandlerThread* thread_;
+    std::unique_ptr<TarnisHandler> marker_;
+    std::unique_ptr<LogManager> manager_;
+};
+
+// The bytes at or below `path` as the log manager counts them: files and directories only.
+int64_t Bytes(const std::string& path) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) return -1;
+    int64_t sum = S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) ? st.st_size : 0;
+    for (const std::string& name : S_ISDIR(st.st_mode) ? tarnis_test::ListDir(path) : std::vector<std::string>()) {
+        sum += Bytes(path + "/" + name);
+    }
+    return sum;
+}
+
+class LogStateEquivalenceTest : public tarnis_test::ModuleTest {
+protected:
+    void SetUp() override {
+        ModuleTest::SetUp();
+        for (const char* dir : {kBsp.c_str(), "/sdcard", "/system_ext/etc/tarnsys"}) {
+            ASSERT_EQ(system(("mkdir -p '" + Device(dir) + "'").c_str()), 0);
+        }
+    }
+    std::unique_ptr<Manager> Start(const std::string& dir, const std::string& members, bool measureFully) {
+        const std::string record = "{\"folderPath\":\"" + dir + "\"," + members + "}";
+        return std::make_unique<Manager>(Device("/system_ext/etc/tarnsys/log_config.json"), record, measureFully);
+    }
+    // Lets the held manager go and waits for the check an entry of `dir` started.
+    void RunCheck(Manager& manager, tarnis_test::LooperBlocker& hold, const std::string& dir) {
+        const std::string line = "[operator()] CheckAndClean " + dir;
+        const size_t before = log_.Count(line, kTag);
+        hold.Release();
+        ASSERT_TRUE(tarnis_test::WaitFor([&] { return log_.Count(line, kTag) > before; }));
+        manager.Drain();
+    }
+    // Each entry of `dir` as "name bytes".
+    std::vector<std::string> Listing(const std::string& dir) {
+        std::vector<std::string> out;
+        for (const std::string& name : tarnis_test::ListDir(Device(dir))) {
+            out.push_back(name + " " + std::to_string(Bytes(Device(dir) + "/" + name)));
+        }
+        return out;
+    }
+    // What the checks of `dir` decided, as their lines say, and the size reports so far.
+    std::vector<std::string> Decisions(const platform::LogCapture& lines, const std::string& dir) {
+        static const char* kDecisive[] = {"Clean Start", "[DeleteFileUpdateDirConfig]", "Compress",
+                                          "is clean",    "is empty",                    "update pathSizeMap"};
+        std::vector<std::string> out;
+        for (const platform::LogLine& line : lines.Lines()) {
+            if (std::any_of(std::begin(kDecisive), std::end(kDecisive),
+                            [&](const char* piece) { return line.text.find(piece) != std::string::npos; })) {
+                out.push_back(android::base::StringReplace(line.text, dir, "<dir>", true));
+            }
+        }
+        for (const Json::Value& event : JournalEvents()) {
+            const std::string payload = event["args"][2].asString();
+            if (payload.find(dir + "\"") != std::string::npos) {
+                out.push_back(android::base::StringReplace(payload, dir, "<dir>", true));
+            }
+        }
+        return out;
+    }
+};
+
+// One manager going by what it keeps, one reading in full at every check, on the same random histories in two
+// identical directories: the same entries removed and packed for the same reasons, the same trees left.
+TEST_F(LogStateEquivalenceTest, KeptStateDecidesAsAFullReadingWould) {
+    for (unsigned seed = 1; seed <= 12; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(seed);
+        const auto pick = [&rng](int low, int high) { return std::uniform_int_distribution<int>(low, high)(rng); };
+        const auto bytes = [&](int most) { return std::string(pick(0, most), static_cast<char>('a' + pick(0, 25))); };
+        // Within the two months before the test clock's 2026-01-01, in no order.
+        const auto dated = [&] {
+            char name[32];
+            snprintf(name, sizeof(name), "2025-%02d-%02d_%02d-%02d-%02d", pick(11, 12), pick(1, 30), pick(0, 23),
+                     pick(0, 59), pick(0, 59));
+            return std::string(name);
+        };
+        const int count = pick(0, 1) ? pick(4, 10) : 0, size = pick(0, 1) ? pick(20, 60) : 0;
+        const int days = pick(0, 1) ? pick(15, 40) : 0;
+        const std::string members = std::string("\"compress\":") + (pick(0, 1) ? "true" : "false") +
+                                    ",\"maxLogNumber\":" + std::to_string(count + size + days == 0 ? 6 : count) +
+                                    ",\"maxSize\":" + std::to_string(size) + ",\"maxValidDay\":" + std::to_string(days);
+        const std::string dirs[2] = {kBsp + "/eq_kept_" + std::to_string(seed),
+                                     kBsp + "/eq_full_" + std::to_string(seed)};
+        // Each step is done alike in both directories.
+        std::vector<std::function<void(const std::string&)>> steps;
+        const auto apply = [&] {
+            for (const auto& step : steps) {
+                for (const std::string& dir : dirs) step(Device(dir));
+            }
+            steps.clear();
+        };
+        const auto addEntry = [&](const std::string& name) {
+            const int kind = pick(0, 19);
+            const std::string a = bytes(5000), b = pick(0, 1) ? bytes(3000) : "";
+            steps.push_back([=](const std::string& dir) {
+                const std::string path = dir + "/" + name;
+                if (kind < 13) {
+                    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+                    ASSERT_TRUE(WriteStringToFile(a, path + "/main.log"));
+                    ASSERT_TRUE(b.empty() || WriteStringToFile(b, path + "/kernel.log"));
+                } else if (kind < 17) {
+                    ASSERT_TRUE(WriteStringToFile(a, path));
+                } else {
+                    ASSERT_EQ(kind < 19 ? mkfifo(path.c_str(), 0644) : symlink("../../elsewhere", path.c_str()), 0);
+                }
+            });
+        };
+        for (int i = pick(2, 5); i > 0; --i) addEntry(dated());
+        for (const std::string& dir : dirs) ASSERT_EQ(mkdir(Device(dir).c_str(), 0777), 0);
+        apply();
+        std::unique_ptr<Manager> managers[2] = {Start(dirs[0], members, false), Start(dirs[1], members, true)};
+        std::string previous;
+        for (int round = 0; round < 12; ++round) {
+            SCOPED_TRACE("round " + std::to_string(round));
+            const std::vector<std::string> listing = Listing(dirs[0]);
+            ASSERT_EQ(listing, Listing(dirs[1]));
+            std::vector<std::string> entries;
+            for (const std::string& line : listing) entries.push_back(line.substr(0, line.find(' ')));
+            // Another process removes an entry, grows the two newest and the last made, drops an archive in.
+            if (!entries.empty() && pick(0, 3) == 0) {
+                const std::string gone = entries[static_cast<size_t>(pick(0, static_cast<int>(entries.size()) - 1))];
+                steps.push_back([=](const std::string& dir) { FileUtil::DeleteDirectoryOrFile(dir + "/" + gone, 0); });
+            }
+            std::vector<std::string> growing(entries.end() - std::min<size_t>(2, entries.size()), entries.end());
+            if (!previous.empty()) growing.push_back(previous);
+            for (const std::string& name : growing) {
+                const std::string more = bytes(4000), file = name + "/more" + std::to_string(round) + ".log";
+                steps.push_back([=](const std::string& dir) {
+                    if (FileUtil::IsDirectory(dir + "/" + name)) WriteStringToFile(more, dir + "/" + file);
+                });
+            }
+            if (pick(0, 4) == 0) {
+                const std::string zip = dated() + ".zip", content = bytes(3000);
+                steps.push_back([=](const std::string& dir) { WriteStringToFile(content, dir + "/" + zip); });
+            }
+            addEntry(previous = dated());
+            clock_.Advance(15000);
+            // Both have the whole step before them when they check.
+            tarnis_test::LooperBlocker holds[2];
+            for (int i = 0; i < 2; ++i) holds[i].Block(managers[i]->marker());
+            apply();
+            std::vector<std::string> decisions[2];
+            for (int i = 0; i < 2; ++i) {
+                platform::LogCapture lines;
+                RunCheck(*managers[i], holds[i], dirs[i]);
+                decisions[i] = Decisions(lines, dirs[i]);
+            }
+            EXPECT_EQ(decisions[0], decisions[1]);
+        }
+        ASSERT_EQ(Listing(dirs[0]), Listing(dirs[1]));
+    }
+}
+
+// A listener held while the kernel's queue overflows hears of it once; told of lost events, the log manager reads
+// in full at its next check and so sees what no event reported (a file added to an old entry).
+TEST_F(LogStateEquivalenceTest, LostEventsLeadToAFullReading) {
+    std::string text;
+    ASSERT_TRUE(android::base::ReadFileToString("/proc/sys/fs/inotify/max_queued_events", &text));
+    const int queue = std::stoi(text);
+    if (queue > 200000) GTEST_SKIP() << "a queue of " << queue << " events takes too long to fill";
+    struct Held : velmar::kolto::FileEventListener {
+        Held() : FileEventListener("HeldListener", {}, 0) {}
+        ~Held() override { stop(); }
+        void OnFileEvent(uint32_t, std::optional<std::string>, const std::string&) override { go.wait(); }
+        void OnQueueOverflow() override { ++overflows; }
+        std::shared_future<void> go;
+        std::atomic<int> overflows{0};
+    };
+    auto held = std::make_unique<Held>();
+    // Gone before the listener when a step fails, and so lets it go before it is stopped.
+    std::promise<void> letGo;
+    held->go = letGo.get_future().share();
+    ASSERT_EQ(held->addWatching(root_.path(), IN_CREATE | IN_DELETE), 0);
+    // Past the queue's end by more than was read before the first event was handed over.
+    for (int i = 0; i < queue / 2 + 100; ++i) {
+        ASSERT_TRUE(WriteStringToFile("", root_.Sub("f")));
+        ASSERT_EQ(unlink(root_.Sub("f").c_str()), 0);
+    }
+    letGo.set_value();
+    EXPECT_TRUE(tarnis_test::WaitFor([&] { return held->overflows.load() == 1; }));
+    held.reset();
+
+    const std::string dir = kBsp + "/lost";
+    for (int day = 1; day <= 4; ++day) {
+        const std::string entry = Device(dir) + "/2025-12-0" + std::to_string(day);
+        ASSERT_EQ(system(("mkdir -p " + entry).c_str()), 0);
+        ASSERT_TRUE(WriteStringToFile("x", entry + "/log"));
+    }
+    std::unique_ptr<Manager> manager = Start(dir, "\"maxLogNumber\":50", false);
+    // The size map's total at the check of a new entry, less what the entries hold.
+    const auto check = [&](int day) {
+        tarnis_test::LooperBlocker hold;
+        hold.Block(manager->marker());
+        EXPECT_EQ(mkdir((Device(dir) + "/2025-12-" + std::to_string(day)).c_str(), 0755), 0);
+        RunCheck(*manager, hold, dir);
+        const std::vector<long> totals = tarnis_test::NumbersInLines(
+                log_, "[updatePathSizeMap] update pathSizeMap for " + dir + ", totalSize: ", "", kTag, kD);
+        int64_t difference = totals.empty() ? -1 : totals.back();
+        for (const std::string& name : tarnis_test::ListDir(Device(dir))) {
+            difference -= Bytes(Device(dir) + "/" + name);
+        }
+        return difference;
+    };
+    EXPECT_EQ(check(10), 0);  // the first check after the watch is a full reading
+    ASSERT_TRUE(WriteStringToFile(std::string(10000, 'o'), Device(dir) + "/2025-12-01/late.log"));
+    EXPECT_EQ(check(11), -10000);
+    manager->manager().OnEventsLost();
+    EXPECT_EQ(check(12), 0);
 }
 
 }  // namespace

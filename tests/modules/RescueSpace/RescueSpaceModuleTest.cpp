@@ -68,14 +68,12 @@ protected:
 };
 
 TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles) {
-    const std::string junk = Plant("junk.txt");
-    const std::string bootFlag = Plant("boot_flag");
-    const std::string dorvaFile = Plant("dorva/loose.txt");
-    const std::string bootFailure = Plant("dorva/BootFailure/report", "abc");
-    ASSERT_EQ(chmod(bootFailure.c_str(), 0644), 0);
-    // Only level 3 reaches it, and spares it by name.
-    const std::string failkeeper = Plant("dorva/BootFailure/failkeeper.db");
-    const std::string recovery = Plant("recovery/last_safemode");
+    // Each file, and whether it outlasts all three levels: level 3 reaches the boot failure's directory, and spares
+    // only its database there, by name.
+    const std::pair<std::string, bool> files[] = {
+        {"junk.txt", false}, {"dorva/loose.txt", false}, {"dorva/BootFailure/report", false},
+        {"boot_flag", true}, {"dorva/BootFailure/failkeeper.db", true}, {"recovery/last_safemode", true}};
+    for (const auto& [file, kept] : files) ASSERT_EQ(chmod(Plant(file, "abc").c_str(), 0644), 0) << file;
 
     // A partition that cannot be measured is not taken for full.
     used_ = -1;
@@ -87,7 +85,7 @@ TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles)
     AdvanceMinutes(20);
     EXPECT_TRUE(log_.HasLine("Rescue Partition space is enough, This diskrate is 89\n", kTag, ANDROID_LOG_INFO));
     EXPECT_FALSE(log_.Contains("Level 1:", kTag));
-    EXPECT_TRUE(Exists(junk));
+    EXPECT_TRUE(Exists(base_ + "junk.txt"));
 
     // 90 % and staying there: all three levels, one after the other.
     used_ = 90;
@@ -96,13 +94,7 @@ TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles)
     EXPECT_TRUE(log_.HasLine("Level 1: Insufficient partition space, GradeSpace is first stage\n", kTag, kW));
     EXPECT_TRUE(log_.HasLine("Level 2: Insufficient partition space, GradeSpace is second stage\n", kTag, kW));
     EXPECT_TRUE(log_.HasLine("Level 3: Insufficient partition space, GradeSpace is third stage\n", kTag, kW));
-    EXPECT_FALSE(Exists(junk));
-    EXPECT_FALSE(Exists(dorvaFile));
-    EXPECT_FALSE(Exists(bootFailure));  // spared by levels 1 and 2, not by level 3
-    EXPECT_TRUE(Exists(bootFlag));
-    EXPECT_TRUE(Exists(failkeeper));
-    EXPECT_TRUE(Exists(recovery));
-    EXPECT_TRUE(Exists(base_ + "dorva/BootFailure"));  // directories stay
+    for (const auto& [file, kept] : files) EXPECT_EQ(Exists(base_ + file), kept) << file;
     EXPECT_TRUE(log_.HasLine("Skip save path(" + base_ + "boot_flag)\n", kTag, kW));
 
     // The list taken before level 3 names what it deleted.
@@ -111,7 +103,7 @@ TEST_F(RescueSpaceModuleTest, LevelsStartAtNinetyPercentAndEachSparesFewerFiles)
             << list;
     EXPECT_EQ(ModeOf(base_ + "/dorva/rescue_info.log"), S_IFREG | 0660u);
     const std::string oplog = ReadFile(base_ + "/recovery/last_rescue_space_monitor_log");
-    EXPECT_NE(oplog.find(": Unlink file: " + junk + ", size: 4\n"), std::string::npos) << oplog;
+    EXPECT_NE(oplog.find(": Unlink file: " + base_ + "junk.txt, size: 3\n"), std::string::npos) << oplog;
 }
 
 TEST_F(RescueSpaceModuleTest, CoreDumpsOlderThanAnHourGoAndTheSizeLimitIsFiftyMebibytesExactly) {
@@ -127,12 +119,11 @@ TEST_F(RescueSpaceModuleTest, CoreDumpsOlderThanAnHourGoAndTheSizeLimitIsFiftyMe
     EXPECT_FALSE(log_.Contains("Ready to delete", kTag));
 
     // Twenty minutes later the young core is past the hour as well, and one byte more is over the limit.
-    const std::string extra = Plant("dumpstateTemporary/sub/one", "x");
+    Plant("dumpstateTemporary/sub/one", "x");
     AdvanceMinutes(20);
     EXPECT_FALSE(Exists(young));
     EXPECT_TRUE(log_.HasLine("Ready to delete " + base_ + "dumpstateTemporary/ file, size = 52428801 \n", kTag, kW));
     EXPECT_FALSE(Exists(big));
-    EXPECT_FALSE(Exists(extra));
     EXPECT_FALSE(Exists(base_ + "dumpstateTemporary/sub"));
     EXPECT_TRUE(Exists(base_ + "dumpstateTemporary"));
     EXPECT_TRUE(log_.HasLine("Delete file :" + big + " success\n", kTag, ANDROID_LOG_INFO));
@@ -178,19 +169,17 @@ TEST_F(RescueSpaceModuleTest, PlantedLinksNeverLeadOutsideNorDoesTheFactoryReset
     ASSERT_TRUE(tarnis_test::WriteFile(outside + "/precious", "precious"));
     ASSERT_EQ(chmod((outside + "/precious").c_str(), 0600), 0);
     Plant("recovery/keep");
-    ASSERT_EQ(symlink(outside.c_str(), (base_ + "dirlink").c_str()), 0);
-    ASSERT_EQ(symlink((outside + "/precious").c_str(), (base_ + "filelink").c_str()), 0);
     ASSERT_EQ(truncate(Plant("dumpstateTemporary/big").c_str(), 52428801), 0);
-    ASSERT_EQ(symlink(outside.c_str(), (base_ + "dumpstateTemporary/dirlink").c_str()), 0);
-    ASSERT_EQ(symlink((outside + "/precious").c_str(), (base_ + "recovery/last_rescue_space_monitor_log").c_str()),
-              0);
+    const std::pair<const char*, std::string> links[] = {
+        {"dirlink", outside}, {"filelink", outside + "/precious"}, {"dumpstateTemporary/dirlink", outside},
+        {"recovery/last_rescue_space_monitor_log", outside + "/precious"}};
+    for (const auto& [link, target] : links) ASSERT_EQ(symlink(target.c_str(), (base_ + link).c_str()), 0) << link;
 
     used_ = 95;
     LoadModules();
-    // The links themselves are gone; what they pointed to is untouched.
-    EXPECT_FALSE(Exists(base_ + "dirlink"));
-    EXPECT_FALSE(Exists(base_ + "filelink"));
-    EXPECT_FALSE(Exists(base_ + "dumpstateTemporary/dirlink"));
+    for (const char* link : {"dirlink", "filelink", "dumpstateTemporary/dirlink"}) {
+        EXPECT_FALSE(Exists(base_ + link)) << link;
+    }
     EXPECT_EQ(ReadFile(outside + "/precious"), "precious");
     EXPECT_EQ(ModeOf(outside + "/precious"), S_IFREG | 0600u);
     EXPECT_EQ(ModeOf(outside), S_IFDIR | 0700u);
