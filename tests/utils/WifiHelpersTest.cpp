@@ -90,7 +90,6 @@ Bytes FullStation() {
                     Attr(14, Rates(5, 8, 10, 12))});
 }
 
-// The error lines of the netlink tag, in order.
 Lines Errors(const platform::LogCapture& capture) {
     Lines out;
     for (const platform::LogLine& line : capture.Lines()) {

@@ -208,7 +208,6 @@ TEST_F(ZipFileTest, ManyFilesOfManyBlocksKeepTheirOrderAndBytes) {
         EXPECT_EQ(entries_[i].name, "f" + std::to_string(i));
         EXPECT_TRUE(entries_[i].content == contents[i]) << i;
     }
-    EXPECT_EQ(entries_[0].info.uncompressed_size, mixed.size());
     EXPECT_LT(entries_[0].info.compressed_size, mixed.size() / 2);  // deflated, not stored
 }
 
