@@ -69,6 +69,7 @@ TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
     InternalReceiver receiver("tarnis.test.PEER");
     platform::LogCapture capture;
     const std::string bodies[] = {
+        "",
         "{not json",
         "{\"extras\":5}",
         "[1,2]",
@@ -80,11 +81,14 @@ TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
             {"key":[],"value_type":2,"value":"v"},
             {"key":"i","value_type":6,"value":-2147483648},
             {"key":"t","value_type":"x","value":1},
+            {"key":"u","value_type":1e30,"value":1},
             {"key":"o32","value_type":6,"value":2147483648},
             {"key":"l","value_type":5,"value":9007199254740993},
             {"key":"of","value_type":4,"value":1e39},
             {"key":"f","value_type":4,"value":1e30},
+            {"key":"fr","value_type":6,"value":1.5},
             {"key":"b","value_type":1,"value":true},
+            {"key":"mv","value_type":6},
             7,
             {"key":"unk","value_type":9,"value":1},
             {"key":"j","value_type":0,"value":{"x":[1]}},
@@ -112,9 +116,9 @@ TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
     EXPECT_EQ(typed.getExtra<std::string>("c", ""), "cs");
     EXPECT_EQ(typed.extras.size(), 7u);
 
-    // "{not json" and the deep one are not JSON.
+    // The empty body, "{not json" and the deep one are not JSON.
     EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] ConvertStringToJson failed!", kInternalTag, ANDROID_LOG_ERROR),
-              2u);
+              3u);
     EXPECT_EQ(CountExact(capture, "[jsonStrToIntent] extras is null or not the valid array! intent will no extra info",
                          kInternalTag, ANDROID_LOG_DEBUG),
               2u);
@@ -122,9 +126,12 @@ TEST(BroadcastTest, PeerJsonThatIsMalformedOrIllTypedStillDeliversTheAction) {
         "[putExtraByJson] Skipped extra #1 (key k): value \"abc\" does not fit type 6",
         "[putExtraByJson] Skipped extra #2: key [] is not a string",
         "[putExtraByJson] Skipped extra #4: value_type \"x\" is not a type code",
-        "[putExtraByJson] Skipped extra #5 (key o32): value 2147483648 does not fit type 6",
-        "[putExtraByJson] Skipped extra #7 (key of): value 9.9999999999999994e+38 does not fit type 4",
-        "[putExtraByJson] Skipped extra #10: not an object",
+        "[putExtraByJson] Skipped extra #5: value_type 1e+30 is not a type code",
+        "[putExtraByJson] Skipped extra #6 (key o32): value 2147483648 does not fit type 6",
+        "[putExtraByJson] Skipped extra #8 (key of): value 9.9999999999999994e+38 does not fit type 4",
+        "[putExtraByJson] Skipped extra #10 (key fr): value 1.5 does not fit type 6",
+        "[putExtraByJson] Skipped extra #12 (key mv): value null does not fit type 6",
+        "[putExtraByJson] Skipped extra #13: not an object",
         "[putExtraByJson] Unknown Type! value is not the supported type. Supported type: int boot string "
         "float int64_t Json::Value, current type is 9",
     };
@@ -172,6 +179,7 @@ TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregister
         }
         // The whole burst queued one wake-up message on the manager thread.
         EXPECT_EQ(queue.size(), queued + 1);
+        EXPECT_TRUE(queue.hasMessages(1));
         InternalBroadcastManager::unregisterReceiver(&dropped);
     }
     ASSERT_TRUE(kept.Wait(100));
@@ -180,6 +188,7 @@ TEST(BroadcastTest, BurstWhileBusyIsOneWakeUpInSendingOrderAndSkipsTheUnregister
     ASSERT_EQ(got.size(), 100u);
     for (int i = 0; i < 100; ++i) EXPECT_EQ(got[i].getExtra<int32_t>("i", -1), i);
     EXPECT_TRUE(dropped.Received().empty());
+    // A single delivery pass served the whole burst.
     EXPECT_EQ(NumbersInLines(*capture, "[executePendingBroadcasts] Called all onReceive callback tooked ", " ms",
                              kLocalTag, ANDROID_LOG_VERBOSE)
                   .size(),

@@ -127,6 +127,7 @@ int SignalAfterThePidWasReused() {
     ChildWait wait(first);
     kill(first, SIGKILL);
     waitpid(first, nullptr, 0);  // someone else reaps it
+    // The next child gets the number just freed.
     const std::string last = std::to_string(first - 1);
     const int sysctl = open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
     if (sysctl < 0 || write(sysctl, last.data(), last.size()) != static_cast<ssize_t>(last.size())) return 2;
