@@ -59,7 +59,8 @@ TEST_F(BootLogDumperModuleTest, ArchivesTheBootLogsKeepingTheNewestTen) {
     EXPECT_TRUE(log_.HasLine("current_time: 2026_0101_070509", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("directory: " + aee_ + " has been synced to disk\n", kTag, ANDROID_LOG_INFO));
     EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] Mtk BootLopDumper done~", kModuleTag));
-    EXPECT_TRUE(log_.HasLine("[OnAllModulesLoaded] quited!!", kModuleTag));
+    // Logged after the module asked for its removal, so perhaps after it shows as stopped.
+    EXPECT_TRUE(tarnis_test::WaitFor([&] { return log_.HasLine("[OnAllModulesLoaded] quited!!", kModuleTag); }));
 
     // The nine newest planted and the new one; no staging directory (bootlog), no partial archive left.
     const std::string archive = "boot_log_2026_0101_070509.gz";
