@@ -48,27 +48,26 @@ run_suite() {  # NAME DIR [cmake options...]
   [ "$rc" -ne 0 ] && status=1
 }
 
+# A check that is no test program, counted as one suite.
+run_check() {
+  local name=$1; shift
+  echo "=== $name"
+  if "$@"; then
+    passed=$((passed + 1))
+  else
+    echo "=== $name FAILED"
+    failed=$((failed + 1))
+    status=1
+  fi
+}
+
 # The device build files and the frozen interfaces cannot be built here;
-# scripts/check.sh checks them, counted as one suite.
-echo "=== checks"
-if scripts/check.sh; then
-  passed=$((passed + 1))
-else
-  echo "=== checks FAILED"
-  failed=$((failed + 1))
-  status=1
-fi
+# scripts/check.sh checks them.
+run_check checks scripts/check.sh
 
 run_suite plain build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 # The device build's link against the seam, read from the plain build's objects.
-echo "=== seam"
-if scripts/seam-check.sh build; then
-  passed=$((passed + 1))
-else
-  echo "=== seam FAILED"
-  failed=$((failed + 1))
-  status=1
-fi
+run_check seam scripts/seam-check.sh build
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite asan-ubsan build-asan -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=-O1 \
